@@ -1,0 +1,28 @@
+// The seam between the process and the operating system's idea of an application. Each platform folder defines
+// all of it; which one is used is decided at link time.
+#pragma once
+
+#include <QString>
+
+#include <optional>
+
+namespace platform {
+
+/// Called before the application object exists. Where Qt's default needs a display that may be missing, chooses a Qt
+/// platform that needs none, unless the environment names one. Main thread.
+void chooseGuiPlatform();
+
+/// Makes the process an accessory: no Dock icon, no menu bar. Does nothing where the system has no such thing.
+void becomeAccessory();
+
+/// The main bundle's property of that selector name ("bundleIdentifier", "bundlePath", "executablePath") as text;
+/// empty when there is no bundle, no such property, or the platform knows no bundles.
+QString mainBundleString(const char* selectorName);
+
+/// The user id of the process at the other end of a connected local socket, or nothing when it cannot be told.
+std::optional<quint32> peerUserId(qintptr socketDescriptor);
+
+/// The user id that this process acts with (the effective one).
+quint32 ownUserId();
+
+}

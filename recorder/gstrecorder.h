@@ -1,0 +1,230 @@
+// GstRecorder: one recording of one window, from the launcher's arguments to the closed file.
+//
+//   Constructed --worker starts--> Recording --stop requested--> Finalising --> Finished --> Acknowledged
+//   (workerStarted)    warm-up, ready delay, clock runs    (drain, trailer)  (finalized)  (stopAcknowledged)
+//
+// Threads: the MAIN thread owns the object, the control socket and every slot. One WORKER thread runs
+// runRecordingLoop() and with it all capture, composition and FFmpeg work. They share only the atomics below, the
+// click map under clickMutex, and durationMs, which the main thread reads after the worker has finished.
+//
+// The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
+// -> composeFrame() -> encodeImage() -> packet in the file.
+//
+// Clocks: names ending in AtMs are wall-clock milliseconds since the epoch; elapsedMs, ptsMs, click keys and
+// frame times are recording milliseconds, counted from the first recorded frame.
+// Coordinates: bounds, pointer and clicks are global screen points (origin top left of the main display, y down);
+// images and the canvas are in pixels (framegeometry.h maps one to the other).
+#pragma once
+
+#include "avhandles.h"
+#include "clickkeys.h"
+#include "framegeometry.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QFuture>
+#include <QImage>
+#include <QList>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QRect>
+#include <QString>
+
+#include <atomic>
+#include <chrono>
+
+class MacWindowCapture;
+class QLocalSocket;
+class QPainter;
+
+class GstRecorder : public QObject {
+    Q_OBJECT
+
+public:
+    /// One sample of the window. A null image means "no frame"; the other fields then hold their defaults.
+    struct CapturedFrame {
+        QImage image; ///< QImage::Format_ARGB32 (straight alpha), pixels
+        QRect windowBounds; ///< global screen points
+        qint64 capturedAtMs = 0; ///< wall clock
+        double cursorX = 0.0; ///< pointer, global screen points
+        double cursorY = 0.0;
+        bool hasCursor = false; ///< cursorX and cursorY hold a real sample
+    };
+
+    /// An entry of the delay queue.
+    struct QueuedFrame {
+        CapturedFrame frame;
+        qint64 elapsedMs = 0; ///< recording time; becomes the frame's presentation time
+    };
+
+    /// A click that the launcher reported.
+    struct MouseClick {
+        double globalX = 0.0; ///< global screen points
+        double globalY = 0.0;
+        double normalizedX = 0.0; ///< fraction of the window, 0.0 to 1.0; 0.0 when absent
+        double normalizedY = 0.0;
+        bool hasNormalized = false;
+    };
+
+    // ==== gstrecorder.cpp: life (main thread) ================================================================
+
+    /**
+     * Normalises the parameters, connects to the launcher (waits about 5 s at most when nobody listens), opens the
+     * window capture and starts the worker. Never fails: a capture that cannot be set up ends the event loop with
+     * exit code 2. The parameters are those of the command line, in its order; canvas sizes are in pixels.
+     */
+    GstRecorder(const QString& command, const QString& output, const QString& window, const int& screenOriginX,
+                const int& screenOriginY, const double& canvasWidth, const double& canvasHeight,
+                const double& scale, const QString& audioSource, QObject* parent);
+    ~GstRecorder() override;
+
+    /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file.
+    /// Defers itself in steps of 10 ms while the worker has not started.
+    void stop();
+
+    /// What the destructor does to the file, with a bound: requests the end, waits for the worker, closes the
+    /// output. False when the worker did not end within the limit; the output is then left alone.
+    bool finishRecording(std::chrono::milliseconds limit);
+
+    // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
+
+    /// Adds a click at a global position; the normalised pair counts only when both lie in 0.0 to 1.0.
+    /// timestampMs is the click's wall-clock time, or below 1 when unknown (the time of arrival then counts).
+    void addClick(double globalX, double globalY, double normalizedX, double normalizedY, long long timestampMs);
+
+Q_SIGNALS:
+    /// Emitted once per run from the worker: the recording is about to begin (or holds only its black frame).
+    void frameCome();
+
+public Q_SLOTS:
+    // ==== controlsocket.cpp: the launcher's line (main thread) ===============================================
+
+    /// Tells the launcher, with the byte "1", that the recording is about to begin.
+    void onFrameCome();
+    /// Reads what the launcher sent and obeys every complete line. (The name is part of the meta-object.)
+    void proceessData();
+
+private:
+    friend struct RecorderProbe; // tests look inside
+
+    void connectControlSocket();
+    bool serverIsOurs();
+    void handleControlLine(const QByteArray& line);
+    void handleClickLine(const QByteArray& line);
+    void handleLegacyClicks(const QList<QByteArray>& fields);
+    void handleAction(const QByteArray& line);
+    void sendReply(const QByteArray& bytes);
+    void sendDuration();
+
+    // ==== gstrecorder.cpp: life (main thread) ================================================================
+
+    void openWindowCapture();
+    void retryStopLater();
+
+    // ==== capturedframe.cpp: one sample of the window (worker) ===============================================
+
+    CapturedFrame captureWindowFrame() const;
+
+    // ==== recordingloop.cpp: pacing, warm-up, delay queue, the end (worker) ==================================
+
+    struct LoopState;
+    void runRecordingLoop();
+    void recordUntilStopped(LoopState& loop);
+    bool warmingUp(LoopState& loop) const;
+    bool waitingAfterReadiness(LoopState& loop);
+    void recordFrame(LoopState& loop, CapturedFrame&& frame);
+    void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
+    void encodeBlackFrame();
+    void finalizeRecording(LoopState& loop);
+    void announceFrameCome();
+
+    // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
+
+    QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
+
+    // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
+
+    QMap<qint64, MouseClick> takeLiveClicks(long long timestampMs);
+    void drawClicks(QPainter& painter, const FrameGeometry& geometry, long long timestampMs);
+
+    // ==== outputcontainer.cpp: file, container, video encoder (worker) =======================================
+
+    QString normalizedOutputPath(const QString& path) const;
+    bool openOutput();
+    bool allocateContainer();
+    void openPreferredVideoEncoder();
+    bool tryVideoEncoder(const QString& name);
+    bool openFallbackVideoEncoder();
+    void applyVideoSettings(AVCodecContext* context, const AVCodec* codec, AVPixelFormat pixelFormat) const;
+    bool createVideoStream();
+    bool openFileAndWriteHeader();
+    bool allocateVideoFrame();
+    QByteArray outputFileName() const;
+
+    // ==== audiooutput.cpp: the file's audio stream (worker) ==================================================
+
+    bool openAudioOutput();
+
+    // ==== videoencoding.cpp: picture to packet (worker) ======================================================
+
+    bool encodeImage(const QImage& image, long long ptsMs);
+    bool drainEncoder();
+    bool transferPixels(const QImage& image);
+    bool writeVideoPackets(const char* receiveError, const char* writeError);
+
+    // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
+
+    void closeOutput();
+
+    // ==== data, in the order of construction =================================================================
+
+    // Parameters: constant after the constructor, except outputPath (changed by the fallback in
+    // outputcontainer.cpp, on the worker).
+    QString outputPath; // normalised path of the file
+    QString command; // requested capture command, trimmed
+    QString window; // window selector as given
+    int canvasWidth; // pixels, even, at least 16
+    int canvasHeight;
+    int screenOriginX; // screen points; only logged
+    int screenOriginY;
+    double scale; // only logged
+    QString audioSource; // audio source selector, trimmed
+
+    // Control socket: main thread, controlsocket.cpp.
+    QLocalSocket* controlSocket = nullptr; // child of this object
+    QByteArray controlBuffer; // received and not yet consumed; bounded
+    bool discardingLongLine = false; // the rest of an over-long line is still to come
+
+    // Worker and clock.
+    QFuture<void> worker; // main thread
+    QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) before it stores recordingStartedAtMs
+    quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
+
+    // Flags between the threads: release stores, acquire loads; each is written by one side only.
+    std::atomic<bool> stopRequested {false}; // main; only ever set
+    std::atomic<bool> paused {false}; // main, controlsocket.cpp; remembered, acted upon by nothing
+    std::atomic<bool> frameComeSent {false}; // worker; the exchange that finds false emits frameCome()
+    std::atomic<bool> workerStarted {false}; // worker
+    std::atomic<bool> finalized {false}; // worker; the file is closed
+    std::atomic<qint64> recordingStartedAtMs {0}; // worker; wall clock at which recordingClock was started
+    bool stopAcknowledged = false; // main; the duration reply was sent
+
+    // Clicks: guarded by clickMutex, clickoverlay.cpp.
+    QMutex clickMutex;
+    QMap<qint64, MouseClick> clicks; // keyed by recording milliseconds
+    FreeKeyHint freeClickKey; // makes a flood of clicks at one time cheap
+    bool clickLimitLogged = false;
+
+    // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
+    AVFormatContext* formatContext = nullptr; // also holds the file handle
+    AVCodecContext* videoCodecContext = nullptr;
+    AVStream* videoStream = nullptr; // owned by formatContext
+    AVFrame* videoFrame = nullptr; // the one frame, reused for every picture
+    SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
+    QString videoEncoderName; // FFmpeg's name of the opened encoder
+    bool headerWritten = false; // decides the trailer, and only that
+    qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
+
+    MacWindowCapture* windowCapture = nullptr; // owned; null when set-up failed; constant after the constructor
+};

@@ -1,0 +1,39 @@
+// A platform whose every answer the test sets. One state for the whole process; reset() between tests.
+#pragma once
+
+#include <QImage>
+#include <QPointF>
+#include <QRectF>
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+namespace fakeplatform {
+
+/// What the fake answers, and what it was asked. Set it before the recorder is made; the functions run on whatever
+/// thread asks.
+struct State {
+    std::vector<bool> preflightAnswers {true}; ///< one an ask, the last one repeats
+    bool requestAnswer = true;
+    int preflightCalls = 0;
+    int requestCalls = 0;
+
+    /// The window's image; called with the number of images asked for before (0 first).
+    std::function<QImage(int)> image;
+    std::function<std::optional<QRectF>()> bounds;
+    std::function<std::optional<QPointF>()> pointer;
+    std::vector<quint32> openedWindows; ///< ids, in the order of opening
+    int openWindows = 0; ///< sources made and not yet destroyed
+
+    std::optional<quint32> peerUserId = 1000;
+    quint32 ownUserId = 1000;
+};
+
+State& state();
+void reset();
+
+/// An opaque image in the seam's format for opaque windows.
+QImage solidImage(int width, int height, QRgb colour);
+
+}
