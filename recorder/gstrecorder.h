@@ -75,8 +75,8 @@ public:
      * exit code 2. The parameters are those of the command line, in its order; canvas sizes are in pixels.
      */
     GstRecorder(const QString& command, const QString& output, const QString& window, const int& screenOriginX,
-                const int& screenOriginY, const double& canvasWidth, const double& canvasHeight,
-                const double& scale, const QString& audioSource, QObject* parent);
+        const int& screenOriginY, const double& canvasWidth, const double& canvasHeight, const double& scale,
+        const QString& audioSource, QObject* parent);
     ~GstRecorder() override;
 
     /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file.
@@ -202,12 +202,12 @@ private:
     quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
 
     // Flags between the threads: release stores, acquire loads; each is written by one side only.
-    std::atomic<bool> stopRequested {false}; // main; only ever set
-    std::atomic<bool> paused {false}; // main, controlsocket.cpp; remembered, acted upon by nothing
-    std::atomic<bool> frameComeSent {false}; // worker; the exchange that finds false emits frameCome()
-    std::atomic<bool> workerStarted {false}; // worker
-    std::atomic<bool> finalized {false}; // worker; the file is closed
-    std::atomic<qint64> recordingStartedAtMs {0}; // worker; wall clock at which recordingClock was started
+    std::atomic<bool> stopRequested{false}; // main; only ever set
+    std::atomic<bool> paused{false}; // main, controlsocket.cpp; remembered, acted upon by nothing
+    std::atomic<bool> frameComeSent{false}; // worker; the exchange that finds false emits frameCome()
+    std::atomic<bool> workerStarted{false}; // worker
+    std::atomic<bool> finalized{false}; // worker; the file is closed
+    std::atomic<qint64> recordingStartedAtMs{0}; // worker; wall clock at which recordingClock was started
     bool stopAcknowledged = false; // main; the duration reply was sent
 
     // Clicks: guarded by clickMutex, clickoverlay.cpp.

@@ -75,9 +75,9 @@ std::optional<QPointF> WindowSource::pointerLocation()
     return state().pointer ? state().pointer() : std::nullopt;
 }
 
-void chooseGuiPlatform() {}
+void chooseGuiPlatform() { }
 
-void becomeAccessory() {}
+void becomeAccessory() { }
 
 QString mainBundleString(const char*)
 {

@@ -14,7 +14,7 @@ namespace fakeplatform {
 /// What the fake answers, and what it was asked. Set it before the recorder is made; the functions run on whatever
 /// thread asks.
 struct State {
-    std::vector<bool> preflightAnswers {true}; ///< one an ask, the last one repeats
+    std::vector<bool> preflightAnswers{true}; ///< one an ask, the last one repeats
     bool requestAnswer = true;
     int preflightCalls = 0;
     int requestCalls = 0;

@@ -1,0 +1,67 @@
+// Start-up order and the two modes: recording (ten arguments) and permission mode ("--request-permissions").
+#include "gstrecorder.h"
+#include "platform/application.h"
+#include "startup.h"
+#include "terminationsignals.h"
+
+#include <QDebug>
+#include <QGuiApplication>
+
+#include <chrono>
+#include <cstdlib>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int neededArgumentCount = 11; // the executable and ten arguments
+constexpr auto finishLimit = 60s; // three seconds of queued frames on a slow machine, several times over
+
+QString argument(char** argv, int position)
+{
+    return QString::fromUtf8(argv[position]);
+}
+
+/// Made from the command line. Without a parent; nobody deletes it, it lives until the process ends.
+GstRecorder* makeRecorder(char** argv)
+{
+    return new GstRecorder(argument(argv, 2), argument(argv, 3), argument(argv, 4), argument(argv, 5).toInt(),
+        argument(argv, 6).toInt(), argument(argv, 7).toInt(), argument(argv, 8).toInt(), argument(argv, 9).toDouble(),
+        argument(argv, 10), nullptr);
+}
+
+int record(QGuiApplication& application, int argc, char** argv)
+{
+    startup::startLogging(argc > 1 ? argv[1] : nullptr);
+    startup::logIdentity(argc, argv);
+    if (argc < neededArgumentCount) {
+        qDebug() << "invalid param count";
+        return 0;
+    }
+    const TerminationSignals signalsAsExit;
+    static GstRecorder* const recorder = makeRecorder(argv);
+    const int exitCode = application.exec();
+
+    // However the loop ended, the file is whole before the process goes.
+    if (!recorder->finishRecording(finishLimit)) {
+        qCritical() << "recorder worker did not end in time; leaving the output as it is";
+        std::_Exit(exitCode);
+    }
+    qDebug() << "recorder exiting" << exitCode;
+    return exitCode;
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    startup::extendPluginPath(argv[0]);
+    platform::chooseGuiPlatform();
+    QGuiApplication application(argc, argv);
+    platform::becomeAccessory();
+    QCoreApplication::setOrganizationName(QStringLiteral("PEMLO"));
+
+    if (QCoreApplication::arguments().contains(QLatin1String("--request-permissions")))
+        return startup::requestPermissions();
+    return record(application, argc, argv);
+}

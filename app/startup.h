@@ -1,0 +1,27 @@
+// The steps of main() that stand for themselves: plug-in path, log file, identity lines, permission mode.
+#pragma once
+
+#include <QString>
+
+namespace startup {
+
+/// Puts the application's own plug-in directory ("../PlugIns" beside the executable's directory, else
+/// "../../../../PlugIns" for an executable deeper in a bundle) in front of QT_PLUGIN_PATH; leaves the
+/// variable alone when neither exists. Before the application object exists.
+void extendPluginPath(const char* executable);
+
+/// The name of this run's log file in a directory (argument 1, UTF-8; may be null for a missing argument).
+QString logFilePath(const char* directory);
+
+/// Opens the log file and sends every message there and to stderr from now on. When the file cannot be
+/// opened, the run goes on with stderr alone and says so there.
+void startLogging(const char* directory);
+
+/// Logs the arguments, the process identity, the environment and the library paths.
+void logIdentity(int argc, char** argv);
+
+/// Checks, and if need be requests, the screen-recording permission; the exit code of permission mode: 0 when
+/// it is held, 2 when not.
+int requestPermissions();
+
+}

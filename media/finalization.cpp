@@ -1,0 +1,35 @@
+// The one teardown of the media output. Idempotent and driven by the pointers: whatever openOutput() left,
+// whole or half made, is finished and released; a second call finds nothing.
+#include "gstrecorder.h"
+
+#include "averror.h"
+
+#include <QDebug>
+
+void GstRecorder::closeOutput()
+{
+    // 1. Converter.
+    sws_freeContext(swsContext);
+    swsContext = nullptr;
+
+    // 2. Trailer, exactly when there is a header; then the file.
+    if (formatContext) {
+        if (headerWritten) {
+            const int status = av_write_trailer(formatContext);
+            if (status < 0)
+                qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
+        }
+        if (!(formatContext->oformat->flags & AVFMT_NOFILE) && formatContext->pb)
+            avio_closep(&formatContext->pb);
+    }
+
+    // 3. Picture, encoder, container with its streams. The calls null what they are given, except the last.
+    av_frame_free(&videoFrame);
+    avcodec_free_context(&videoCodecContext);
+    avformat_free_context(formatContext);
+    formatContext = nullptr;
+    videoStream = nullptr;
+
+    // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
+    headerWritten = false;
+}

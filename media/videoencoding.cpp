@@ -1,0 +1,101 @@
+// Composed pictures to packets in the file. Worker thread. A failure is logged and costs one frame, not the
+// recording.
+#include "gstrecorder.h"
+
+#include "averror.h"
+#include "encoderchoice.h"
+#include "pacing.h"
+
+#include <QDebug>
+
+#include <algorithm>
+#include <cstring>
+
+bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
+{
+    if (!videoCodecContext || !formatContext || !videoFrame)
+        return false;
+    const QImage picture = image.convertToFormat(QImage::Format_ARGB32); // bytes in BGRA order
+    if (picture.width() != canvasWidth || picture.height() != canvasHeight) {
+        qWarning() << "Skipping frame with unexpected size" << picture.size();
+        return false;
+    }
+    int status = av_frame_make_writable(videoFrame);
+    if (status < 0) {
+        qCritical() << "FFmpeg frame is not writable:" << avErrorString(status);
+        return false;
+    }
+    if (!transferPixels(picture))
+        return false;
+
+    videoFrame->pts = ptsMs;
+    status = avcodec_send_frame(videoCodecContext, videoFrame);
+    if (status < 0) {
+        qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
+        return false;
+    }
+    return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
+}
+
+bool GstRecorder::transferPixels(const QImage& image)
+{
+    if (videoCodecContext->pix_fmt == AV_PIX_FMT_BGRA) {
+        for (int y = 0; y < canvasHeight; ++y) {
+            std::memcpy(videoFrame->data[0] + std::ptrdiff_t(y) * videoFrame->linesize[0], image.constScanLine(y),
+                std::size_t(canvasWidth) * 4);
+        }
+        return true;
+    }
+    if (!swsContext) {
+        qCritical() << "FFmpeg pixel conversion context is unavailable.";
+        return false;
+    }
+    const uint8_t* const planes[] = {image.constBits()};
+    const int strides[] = {int(image.bytesPerLine())};
+    sws_scale(swsContext, planes, strides, 0, canvasHeight, videoFrame->data, videoFrame->linesize);
+    return true;
+}
+
+bool GstRecorder::drainEncoder()
+{
+    if (!videoCodecContext || !formatContext)
+        return true;
+    const int status = avcodec_send_frame(videoCodecContext, nullptr);
+    if (status < 0 && status != AVERROR_EOF) {
+        qCritical() << "Unable to flush FFmpeg encoder:" << avErrorString(status);
+        return false;
+    }
+    return writeVideoPackets("Unable to receive flushed FFmpeg packet:", "Unable to write flushed FFmpeg packet:");
+}
+
+/// Writes every packet that the encoder has ready. The two texts open the log line of a failure.
+bool GstRecorder::writeVideoPackets(const char* receiveError, const char* writeError)
+{
+    const AvPacketHandle packet(av_packet_alloc());
+    if (!packet)
+        return false;
+    for (;;) {
+        int status = avcodec_receive_packet(videoCodecContext, packet.get());
+        if (status == AVERROR(EAGAIN) || status == AVERROR_EOF)
+            return true;
+        if (status < 0) {
+            qCritical() << receiveError << avErrorString(status);
+            return false;
+        }
+        packet->stream_index = videoStream->index;
+        av_packet_rescale_ts(packet.get(), videoCodecContext->time_base, videoStream->time_base);
+        if (packet->duration < 1) {
+            const int64_t oneFrame
+                = av_rescale_q(pacing::frameIntervalMs, encoderchoice::codecTimeBase, videoStream->time_base);
+            packet->duration = std::max<int64_t>(oneFrame, 1);
+        }
+        status = av_interleaved_write_frame(formatContext, packet.get());
+        if (formatContext->pb)
+            avio_flush(formatContext->pb); // the file on disk stays current while the recording runs
+        av_packet_unref(packet.get());
+        if (status < 0) {
+            qCritical() << writeError << avErrorString(status);
+            return false;
+        }
+    }
+}

@@ -1,0 +1,96 @@
+// Clicks: keyed by recording time as they are reported (main thread), drawn as fading discs on the frames of
+// that time (worker thread). clickMutex is the only lock between the two and is never held while painting.
+#include "gstrecorder.h"
+
+#include "clickmarker.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QMutexLocker>
+#include <QPainter>
+#include <QPointF>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int overlayDelayMs = 0; // a marker sits at the click's own time; only logged
+constexpr qsizetype mostPendingClicks = 250000; // about 25 MB; frames prune what is older than 2 s
+
+bool isFraction(double value)
+{
+    return value >= 0.0 && value <= 1.0; // false for NaN
+}
+
+std::optional<QPointF> clickInImage(const GstRecorder::MouseClick& click, const FrameGeometry& geometry)
+{
+    if (const auto inside = geometry.insideImage(click.globalX, click.globalY))
+        return inside;
+    if (click.hasNormalized)
+        return geometry.normalizedToImage(click.normalizedX, click.normalizedY);
+    return std::nullopt;
+}
+
+}
+
+void GstRecorder::addClick(
+    double globalX, double globalY, double normalizedX, double normalizedY, long long timestampMs)
+{
+    const QMutexLocker lock(&clickMutex);
+    if (clicks.size() >= mostPendingClicks) {
+        if (!clickLimitLogged)
+            qWarning() << "Recorder ignores further mouse clicks while as many are pending:" << clicks.size();
+        clickLimitLogged = true;
+        return;
+    }
+    MouseClick click{globalX, globalY, 0.0, 0.0, false};
+    if (isFraction(normalizedX) && isFraction(normalizedY)) {
+        click.normalizedX = normalizedX;
+        click.normalizedY = normalizedY;
+        click.hasNormalized = true;
+    }
+
+    const qint64 nowAtMs = QDateTime::currentMSecsSinceEpoch();
+    const qint64 receiveDelayMs = timestampMs >= 1 ? nowAtMs - timestampMs : 0;
+    // The worker starts the clock before it stores this, so the clock may be read once this is set.
+    const qint64 startedAtMs = recordingStartedAtMs.load(std::memory_order_acquire);
+    qint64 rawMs = 0;
+    if (startedAtMs >= 1)
+        rawMs = std::max<qint64>(timestampMs >= 1 ? timestampMs - startedAtMs : recordingClock.elapsed(), 0);
+
+    const qint64 key = freeClickKey.take(clicks, rawMs);
+    clicks.insert(key, click);
+    qDebug() << "Recorder mouse click received"
+             << "global" << QPointF(globalX, globalY) << "normalized" << QPointF(click.normalizedX, click.normalizedY)
+             << "has normalized" << click.hasNormalized << "timestamp" << timestampMs << "receive delay ms"
+             << receiveDelayMs << "raw recording ms" << rawMs << "overlay delay ms" << overlayDelayMs
+             << "display recording ms" << key;
+}
+
+QMap<qint64, GstRecorder::MouseClick> GstRecorder::takeLiveClicks(long long timestampMs)
+{
+    const QMutexLocker lock(&clickMutex);
+    const auto expired = [timestampMs](const QMap<qint64, MouseClick>::iterator& entry) {
+        return clickmarker::expired(timestampMs, entry.key());
+    };
+    if (clicks.removeIf(expired) > 0)
+        freeClickKey.forget();
+    return clicks; // shared, not copied: a click that arrives meanwhile waits for the next frame
+}
+
+void GstRecorder::drawClicks(QPainter& painter, const FrameGeometry& geometry, long long timestampMs)
+{
+    const QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
+    painter.setPen(Qt::NoPen);
+    for (auto entry = live.cbegin(); entry != live.cend(); ++entry) {
+        if (entry.key() > timestampMs)
+            break; // keys ascend: this click and all behind it are still to come
+        const auto inImage = clickInImage(*entry, geometry);
+        if (!inImage)
+            continue;
+        const double fade = clickmarker::fade(timestampMs - entry.key());
+        const double radius = clickmarker::radius(fade);
+        painter.setBrush(QColor(230, 0, 25, clickmarker::alpha(fade)));
+        painter.drawEllipse(geometry.toCanvas(*inImage), radius, radius);
+    }
+}

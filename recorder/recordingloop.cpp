@@ -1,0 +1,141 @@
+// The worker's loop: pacing, warm-up, readiness, delay queue and the end of the recording. Worker thread.
+#include "gstrecorder.h"
+
+#include "macwindowcapture.h"
+#include "pacing.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QThread>
+
+#include <limits>
+
+using namespace pacing;
+
+/// What lives as long as the loop. Times are milliseconds on the loop timer.
+struct GstRecorder::LoopState {
+    QElapsedTimer timer; ///< started when the output is open
+    qint64 nextDueMs = 0;
+    int warmupLeft = warmupCaptures;
+    bool warmupLogged = false;
+    QElapsedTimer settle; ///< started at the first image
+    QElapsedTimer ready; ///< started when readiness is announced
+    QList<QueuedFrame> queue; ///< first in, first out
+
+    void advance(qint64 nowMs) { nextDueMs = nextDue(nextDueMs, nowMs); }
+};
+
+void GstRecorder::runRecordingLoop()
+{
+    workerStarted.store(true, std::memory_order_release);
+    if (!windowCapture || !windowCapture->isValid()) {
+        qCritical() << "macOS window capture is not available.";
+        finalized.store(true, std::memory_order_release);
+        return;
+    }
+    if (!openOutput()) {
+        finalized.store(true, std::memory_order_release);
+        return;
+    }
+    LoopState loop;
+    loop.timer.start();
+    recordingClock.invalidate();
+    loop.queue.reserve(queueReserve);
+    recordUntilStopped(loop);
+    finalizeRecording(loop);
+}
+
+void GstRecorder::recordUntilStopped(LoopState& loop)
+{
+    while (!stopRequested.load(std::memory_order_acquire)) {
+        const qint64 nowMs = loop.timer.elapsed();
+        if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
+            QThread::msleep(ulong(sleepMs));
+            continue;
+        }
+        CapturedFrame frame = captureWindowFrame();
+        if (frame.image.isNull()) {
+            QThread::msleep(ulong(sleepAfterNoImageMs));
+            continue;
+        }
+        if (!loop.settle.isValid())
+            loop.settle.start();
+        if (!warmingUp(loop) && !waitingAfterReadiness(loop))
+            recordFrame(loop, std::move(frame));
+        loop.advance(nowMs);
+    }
+}
+
+bool GstRecorder::warmingUp(LoopState& loop) const
+{
+    if (loop.warmupLeft <= 0 && loop.settle.elapsed() >= settleMs)
+        return false;
+    if (!loop.warmupLogged) {
+        loop.warmupLogged = true;
+        qDebug() << "Skipping initial window capture warmup frames"
+                 << "frames" << warmupCaptures << "settle ms" << settleMs;
+    }
+    loop.warmupLeft = std::max(loop.warmupLeft - 1, 0);
+    return true;
+}
+
+bool GstRecorder::waitingAfterReadiness(LoopState& loop)
+{
+    if (!frameComeSent.load(std::memory_order_acquire)) {
+        announceFrameCome();
+        loop.ready.start();
+        qDebug() << "Recorder ready; delaying first encoded frame" << readyDelayMs << "ms";
+        return true;
+    }
+    return loop.ready.isValid() && loop.ready.elapsed() < readyDelayMs;
+}
+
+void GstRecorder::announceFrameCome()
+{
+    if (!frameComeSent.exchange(true, std::memory_order_acq_rel))
+        Q_EMIT frameCome();
+}
+
+void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
+{
+    if (!recordingClock.isValid()) {
+        recordingClock.start();
+        recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
+    }
+    const qint64 elapsedMs = recordingClock.elapsed();
+    loop.queue.append({std::move(frame), elapsedMs});
+    drainQueue(loop.queue, elapsedMs - holdMs, false);
+}
+
+void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
+{
+    while (!queue.isEmpty() && (flushAll || queue.constFirst().elapsedMs <= limitMs)) {
+        const QueuedFrame queued = queue.takeFirst();
+        const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
+        if (!composed.isNull() && encodeImage(composed, queued.elapsedMs))
+            ++encodedFrameCount;
+    }
+}
+
+void GstRecorder::finalizeRecording(LoopState& loop)
+{
+    durationMs = recordingClock.isValid() ? quint32(recordingClock.elapsed()) : 0;
+    drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true);
+    if (encodedFrameCount == 0)
+        encodeBlackFrame();
+    drainEncoder();
+    closeOutput();
+    finalized.store(true, std::memory_order_release);
+    qDebug() << "FFmpeg recorder finalized output" << outputPath << "duration" << durationMs;
+}
+
+void GstRecorder::encodeBlackFrame()
+{
+    QImage black(canvasWidth, canvasHeight, QImage::Format_ARGB32);
+    black.fill(Qt::black);
+    if (!encodeImage(black, 0))
+        return;
+    ++encodedFrameCount;
+    durationMs = std::max(durationMs, blackFrameDurationMs);
+    announceFrameCome();
+}
