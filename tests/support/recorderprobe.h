@@ -1,0 +1,64 @@
+// RecorderProbe: the private side of GstRecorder, for tests. Header only; include it where the recorder is linked.
+#pragma once
+
+#include "gstrecorder.h"
+#include "launcherserver.h"
+#include "macwindowcapture.h"
+#include "privatetempdir.h"
+
+/// Each accessor names the member that it opens. The caller keeps to the member's thread: touch what the worker owns
+/// only when the worker has finished.
+struct RecorderProbe {
+    explicit RecorderProbe(GstRecorder& recorderToOpen) : recorder(recorderToOpen) {}
+
+    using CapturedFrame = GstRecorder::CapturedFrame;
+    using QueuedFrame = GstRecorder::QueuedFrame;
+    using MouseClick = GstRecorder::MouseClick;
+
+    CapturedFrame captureWindowFrame() { return recorder.captureWindowFrame(); }
+    QImage composeFrame(const CapturedFrame& frame, long long timestampMs)
+    {
+        return recorder.composeFrame(frame, timestampMs);
+    }
+    void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
+    {
+        recorder.drainQueue(queue, limitMs, flushAll);
+    }
+    QString normalizedOutputPath(const QString& path) { return recorder.normalizedOutputPath(path); }
+    bool openOutput() { return recorder.openOutput(); }
+    bool tryVideoEncoder(const QString& name) { return recorder.tryVideoEncoder(name); }
+    bool allocateContainer() { return recorder.allocateContainer(); }
+    bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
+    bool drainEncoder() { return recorder.drainEncoder(); }
+    void closeOutput() { recorder.closeOutput(); }
+    void waitForWorker() { recorder.worker.waitForFinished(); }
+
+    QString& outputPath() { return recorder.outputPath; }
+    QString& command() { return recorder.command; }
+    int& canvasWidth() { return recorder.canvasWidth; }
+    int& canvasHeight() { return recorder.canvasHeight; }
+    QString& audioSource() { return recorder.audioSource; }
+    QLocalSocket* controlSocket() { return recorder.controlSocket; }
+    QByteArray& controlBuffer() { return recorder.controlBuffer; }
+    QElapsedTimer& recordingClock() { return recorder.recordingClock; }
+    quint32& durationMs() { return recorder.durationMs; }
+    std::atomic<bool>& stopRequested() { return recorder.stopRequested; }
+    std::atomic<bool>& paused() { return recorder.paused; }
+    std::atomic<bool>& frameComeSent() { return recorder.frameComeSent; }
+    std::atomic<bool>& workerStarted() { return recorder.workerStarted; }
+    std::atomic<bool>& finalized() { return recorder.finalized; }
+    std::atomic<qint64>& recordingStartedAtMs() { return recorder.recordingStartedAtMs; }
+    bool& stopAcknowledged() { return recorder.stopAcknowledged; }
+    QMap<qint64, MouseClick>& clicks() { return recorder.clicks; }
+    AVFormatContext*& formatContext() { return recorder.formatContext; }
+    AVCodecContext*& videoCodecContext() { return recorder.videoCodecContext; }
+    AVStream*& videoStream() { return recorder.videoStream; }
+    AVFrame*& videoFrame() { return recorder.videoFrame; }
+    SwsContext*& swsContext() { return recorder.swsContext; }
+    QString& videoEncoderName() { return recorder.videoEncoderName; }
+    bool& headerWritten() { return recorder.headerWritten; }
+    qint64& encodedFrameCount() { return recorder.encodedFrameCount; }
+    MacWindowCapture*& windowCapture() { return recorder.windowCapture; }
+
+    GstRecorder& recorder;
+};
