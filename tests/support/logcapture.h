@@ -35,5 +35,5 @@ private:
 
     QtMessageHandler previousHandler_ = nullptr;
     LogCapture* outer_ = nullptr; ///< the capture that this one hides
-    QList<Message> messages_;     ///< guarded by the lock in logcapture.cpp
+    QList<Message> messages_; ///< guarded by the lock in logcapture.cpp
 };

@@ -71,8 +71,7 @@ PrivateXServer::PrivateXServer(QSize screen, int depth, const QStringList& extra
 {
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC) < 0) {
-        error_ = QStringLiteral("No pipe for the X server: %1")
-                     .arg(QString::fromLocal8Bit(std::strerror(errno)));
+        error_ = QStringLiteral("No pipe for the X server: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         return;
     }
     const Descriptor reader(ends[0]);

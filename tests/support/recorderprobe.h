@@ -9,7 +9,7 @@
 /// Each accessor names the member that it opens. The caller keeps to the member's thread: touch what the worker owns
 /// only when the worker has finished.
 struct RecorderProbe {
-    explicit RecorderProbe(GstRecorder& recorderToOpen) : recorder(recorderToOpen) {}
+    explicit RecorderProbe(GstRecorder& recorderToOpen) : recorder(recorderToOpen) { }
 
     using CapturedFrame = GstRecorder::CapturedFrame;
     using QueuedFrame = GstRecorder::QueuedFrame;

@@ -1,0 +1,176 @@
+// truthwindow: an X11 window that says in its own picture when it was painted, with colours and a plain field
+// to measure on. Prints its window id, then "ready" once all of it is on the screen. Ends with 0 on SIGTERM
+// or SIGINT, or when the window is destroyed or closed; with 1 and a line on stderr when something fails;
+// with 2 for a wrong command line.
+#include "truthscene.h"
+#include "xcbwindow.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QElapsedTimer>
+#include <QRegularExpression>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+struct Options {
+    QRect geometry; // pixels of the screen
+    int fps = 0; // 0: one painting
+    QRgb field = truthscene::fieldColour;
+};
+
+std::optional<Options> readOptions(const QCommandLineParser& parser)
+{
+    Options options;
+    const QRegularExpressionMatch geometry
+        = QRegularExpression(QStringLiteral("^(\\d+)x(\\d+)\\+(-?\\d+)\\+(-?\\d+)$"))
+              .match(parser.value(QStringLiteral("geometry")));
+    options.geometry = QRect(geometry.captured(3).toInt(), geometry.captured(4).toInt(), geometry.captured(1).toInt(),
+        geometry.captured(2).toInt());
+    bool fpsRight = false;
+    bool fieldRight = false;
+    options.fps = parser.value(QStringLiteral("fps")).toInt(&fpsRight);
+    options.field = 0xff000000u | parser.value(QStringLiteral("background")).toUInt(&fieldRight, 16);
+    if (!geometry.hasMatch() || !truthscene::fits(options.geometry.size()) || !fpsRight || options.fps < 0
+        || options.fps > 1000 || !fieldRight || !parser.positionalArguments().isEmpty())
+        return std::nullopt;
+    return options;
+}
+
+/// SIGTERM and SIGINT as a readable descriptor instead of an interruption.
+class EndSignals {
+public:
+    EndSignals()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
+        descriptor_ = signalfd(-1, &signals, SFD_CLOEXEC);
+    }
+    ~EndSignals() { close(descriptor_); }
+    EndSignals(const EndSignals&) = delete;
+    EndSignals& operator=(const EndSignals&) = delete;
+
+    int descriptor() const { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+/// The window's contents, painted anew when the window's size changes.
+class Painting {
+public:
+    Painting(XcbWindow& window, QRgb field) : window_(window), field_(field) { }
+
+    void paintAll()
+    {
+        QImage& image = window_.image();
+        const QImage still = truthscene::paintStill(image.size(), field_);
+        for (int y = 0; y < image.height(); ++y)
+            std::copy_n(still.constScanLine(y), still.bytesPerLine(), image.scanLine(y));
+        paintStamp();
+        window_.show(image.rect());
+    }
+
+    void paintNext()
+    {
+        ++counter_;
+        paintStamp();
+        window_.show(truthscene::layout(window_.image().size()).animated);
+    }
+
+private:
+    void paintStamp()
+    {
+        truthscene::paintAnimated(
+            window_.image(), {counter_ & 0xffffff, quint32(QDateTime::currentMSecsSinceEpoch())});
+    }
+
+    XcbWindow& window_;
+    const QRgb field_;
+    quint32 counter_ = 0;
+};
+
+/// Paints at the given rate and answers the window's events until the end. False when the connection is lost.
+bool run(XcbWindow& window, Painting& painting, int fps)
+{
+    const EndSignals endSignals;
+    QElapsedTimer timer;
+    timer.start();
+    qint64 paintings = 0;
+    const auto nextPaintingMs = [&] { return (paintings + 1) * 1000 / fps; };
+    for (;;) {
+        // Until nothing is left: showing a picture reads from the connection too, and what it read makes no
+        // descriptor readable.
+        const XcbWindow::State state = window.handleEvents();
+        if (state == XcbWindow::State::Gone)
+            return true;
+        if (state == XcbWindow::State::ConnectionLost)
+            return false;
+        if (state == XcbWindow::State::NeedsPainting) {
+            painting.paintAll();
+            continue;
+        }
+        const int waitMs = fps == 0 ? -1 : int(std::max<qint64>(nextPaintingMs() - timer.elapsed(), 0));
+        pollfd sources[] = {{endSignals.descriptor(), POLLIN, 0}, {window.descriptor(), POLLIN, 0}};
+        if (poll(sources, 2, waitMs) < 0 && errno != EINTR)
+            return false;
+        if (sources[0].revents)
+            return true;
+        if (fps > 0 && timer.elapsed() >= nextPaintingMs()) {
+            painting.paintNext();
+            // A late painting takes the place of those that were due before it.
+            paintings = std::max(paintings + 1, timer.elapsed() * fps / 1000);
+        }
+    }
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Shows a window whose recording can be measured."));
+    parser.addHelpOption();
+    parser.addOptions({
+        {QStringLiteral("geometry"), QStringLiteral("Size and place, pixels. At least 640 wide."),
+            QStringLiteral("WxH+X+Y"), QStringLiteral("1280x720+0+0")},
+        {QStringLiteral("fps"), QStringLiteral("Paintings a second; 0 paints once."), QStringLiteral("N"),
+            QStringLiteral("120")},
+        {QStringLiteral("background"),
+            QStringLiteral("Colour of the field. Pointer and markers are measured on the default only."),
+            QStringLiteral("RRGGBB"), QStringLiteral("808080")},
+    });
+    parser.process(application);
+    const std::optional<Options> options = readOptions(parser);
+    if (!options) {
+        std::fputs(qUtf8Printable(parser.helpText()), stderr);
+        return 2;
+    }
+
+    XcbWindow window(options->geometry, "truth window");
+    if (!window.errorString().isEmpty()) {
+        std::fprintf(stderr, "truthwindow: %s\n", qUtf8Printable(window.errorString()));
+        return 1;
+    }
+    Painting painting(window, options->field);
+    painting.paintAll();
+    std::printf("0x%x\nready\n", window.id());
+    std::fflush(stdout);
+    if (!run(window, painting, options->fps)) {
+        std::fputs("truthwindow: the connection to the X server is lost\n", stderr);
+        return 1;
+    }
+    return 0;
+}
