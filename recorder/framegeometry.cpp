@@ -28,8 +28,9 @@ std::optional<QPointF> FrameGeometry::insideImage(double screenX, double screenY
         return std::nullopt;
     const double boundsWidth = double(bounds_.right()) - bounds_.left() + 1.0;
     const double boundsHeight = double(bounds_.bottom()) - bounds_.top() + 1.0;
-    const double x = (imageSize_.width() / boundsWidth) * (screenX - bounds_.left());
-    const double y = (imageSize_.height() / boundsHeight) * (screenY - bounds_.top());
+    // Multiplied before divided: the far edges then come out exact, and count as inside, for every size.
+    const double x = imageSize_.width() * (screenX - bounds_.left()) / boundsWidth;
+    const double y = imageSize_.height() * (screenY - bounds_.top()) / boundsHeight;
     const bool inside = x >= 0.0 && x <= imageSize_.width() && y >= 0.0 && y <= imageSize_.height();
     return inside ? std::optional(QPointF(x, y)) : std::nullopt;
 }
