@@ -75,7 +75,10 @@ void LauncherServer::takeConnection()
         if (client_)
             client_->abort();
         client_ = socket;
-        const auto readAll = [this, socket] { received_ += socket->readAll(); };
+        const auto readAll = [this, socket] {
+            if (socket->bytesAvailable() > 0)
+                received_ += socket->readAll();
+        };
         connect(socket, &QLocalSocket::readyRead, this, readAll);
         connect(socket, &QLocalSocket::disconnected, this, [this, socket, readAll] {
             readAll();

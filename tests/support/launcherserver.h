@@ -43,7 +43,7 @@ public:
 private:
     void takeConnection();
 
-    QLocalServer server_;
     QLocalSocket* client_ = nullptr; // child of server_; null when nobody is connected
     QByteArray received_;
+    QLocalServer server_; // last: its sockets report their end to the members above
 };
