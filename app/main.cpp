@@ -1,13 +1,14 @@
 // Start-up order and the two modes: recording (ten arguments) and permission mode ("--request-permissions").
 #include "gstrecorder.h"
 #include "platform/application.h"
+#include "signalnotifier.h"
 #include "startup.h"
-#include "terminationsignals.h"
 
 #include <QDebug>
 #include <QGuiApplication>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 
 using namespace std::chrono_literals;
@@ -32,13 +33,19 @@ GstRecorder* makeRecorder(char** argv)
 
 int record(QGuiApplication& application, int argc, char** argv)
 {
+    // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
+    SignalNotifier::ignore(SIGPIPE);
+    SignalNotifier::ignore(SIGXFSZ);
     startup::startLogging(argc > 1 ? argv[1] : nullptr);
     startup::logIdentity(argc, argv);
     if (argc < neededArgumentCount) {
         qDebug() << "invalid param count";
         return 0;
     }
-    const TerminationSignals signalsAsExit;
+    const SignalNotifier signalsAsExit({SIGTERM, SIGINT, SIGHUP}, SignalNotifier::Repeated::EndsProcess);
+    QObject::connect(&signalsAsExit, &SignalNotifier::received,
+        [](int number) { QCoreApplication::exit(SignalNotifier::exitCode(number)); });
+
     static GstRecorder* const recorder = makeRecorder(argv);
     const int exitCode = application.exec();
 

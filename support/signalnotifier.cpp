@@ -1,7 +1,6 @@
 // A self-pipe carries the signal from its handler to the event loop.
-#include "terminationsignals.h"
+#include "signalnotifier.h"
 
-#include <QCoreApplication>
 #include <QSocketNotifier>
 
 #include <array>
@@ -12,18 +11,18 @@
 
 namespace {
 
-constexpr std::array endingSignals{SIGTERM, SIGINT, SIGHUP};
-constexpr int exitCodeBase = 128;
-
 std::atomic<int> writeEnd{-1};
-std::atomic<bool> endRequested{false};
+std::atomic<bool> repetitionEnds{false};
+std::atomic<bool> reportedBefore{false};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
 void handleSignal(int number)
 {
     const auto byte = static_cast<unsigned char>(number);
-    if (endRequested.exchange(true) || ::write(writeEnd.load(), &byte, 1) != 1)
-        ::_exit(exitCodeBase + number);
+    if (reportedBefore.exchange(true) && repetitionEnds.load())
+        ::_exit(SignalNotifier::exitCode(number));
+    if (::write(writeEnd.load(), &byte, 1) != 1)
+        ::_exit(SignalNotifier::exitCode(number));
 }
 
 void setHandler(int number, void (*handler)(int))
@@ -52,38 +51,43 @@ bool openPipe(std::array<int, 2>& ends)
 
 }
 
-TerminationSignals::TerminationSignals()
+SignalNotifier::SignalNotifier(std::initializer_list<int> numbers, Repeated repeated)
 {
-    setHandler(SIGPIPE, SIG_IGN);
-    setHandler(SIGXFSZ, SIG_IGN);
     std::array<int, 2> ends{};
     if (!openPipe(ends))
         return;
     writeEnd.store(ends[1]);
+    reportedBefore.store(false);
+    repetitionEnds.store(repeated == Repeated::EndsProcess);
     notifier = new QSocketNotifier(ends[0], QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &TerminationSignals::onSignal);
-    for (const int number : endingSignals) {
-        if (!isIgnored(number))
-            setHandler(number, handleSignal);
+    connect(notifier, &QSocketNotifier::activated, this, &SignalNotifier::readSignal);
+    for (const int number : numbers) {
+        if (isIgnored(number))
+            continue;
+        setHandler(number, handleSignal);
+        handled.append(number);
     }
 }
 
-TerminationSignals::~TerminationSignals()
+SignalNotifier::~SignalNotifier()
 {
+    for (const int number : std::as_const(handled))
+        setHandler(number, SIG_DFL);
     if (!notifier)
         return;
-    for (const int number : endingSignals) {
-        if (!isIgnored(number))
-            setHandler(number, SIG_DFL);
-    }
     notifier->setEnabled(false);
     ::close(int(notifier->socket()));
     ::close(writeEnd.exchange(-1));
 }
 
-void TerminationSignals::onSignal()
+void SignalNotifier::ignore(int number)
+{
+    setHandler(number, SIG_IGN);
+}
+
+void SignalNotifier::readSignal()
 {
     unsigned char number = 0;
     if (::read(int(notifier->socket()), &number, 1) == 1)
-        QCoreApplication::exit(exitCodeBase + number);
+        Q_EMIT received(number);
 }
