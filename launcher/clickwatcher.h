@@ -1,0 +1,35 @@
+// ClickWatcher: the real mouse clicks over one window. One definition set for each system, chosen by CMake.
+#pragma once
+
+#include "click.h"
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+/// Signals every press of buttons 1 to 3 over a part of the window that nothing covers. Main thread.
+class ClickWatcher : public QObject {
+    Q_OBJECT
+
+public:
+    /// window: the system's id. When clicks cannot be watched, isWatching() is false and errorString() says why.
+    explicit ClickWatcher(quint32 window, QObject* parent = nullptr);
+    ~ClickWatcher() override;
+
+    bool isWatching() const { return errorString_.isEmpty(); }
+    QString errorString() const { return errorString_; }
+
+Q_SIGNALS:
+    void clicked(const Click& click);
+    void clickedElsewhere(); ///< a press that is not the window's: beside it, or on what covers it
+    void failed(); ///< no further clicks will be seen; errorString() says why
+
+private:
+    struct Impl;
+
+    void readEvents();
+
+    QString errorString_;
+    std::unique_ptr<Impl> impl_;
+};

@@ -1,0 +1,13 @@
+// How record-window ends, as its callers see it. options.cpp puts these codes into words for --help.
+#pragma once
+
+enum class ExitCode {
+    Recorded = 0,
+    BadUsage = 2,
+    NotStarted = 3, ///< no socket, or no recorder process
+    EndedBeforeReady = 4, ///< the recorder ended by itself before its window gave an image
+    NoImage = 5, ///< the recording was stopped before its window gave an image
+    NoDuration = 6, ///< the recorder never confirmed the end of the recording
+    BadEnd = 7, ///< confirmed, but there is no file or the recorder's exit code is not 0
+    Killed = 130, ///< interrupted a second time
+};

@@ -1,0 +1,63 @@
+// record-window: plays the launcher's part for people and tests.
+#include "options.h"
+#include "recordingsession.h"
+#include "signalnotifier.h"
+
+#include <QCoreApplication>
+
+#include <csignal>
+#include <cstdio>
+
+namespace {
+
+void print(FILE* stream, const QByteArray& text)
+{
+    std::fwrite(text.constData(), 1, size_t(text.size()), stream);
+    std::fflush(stream);
+}
+
+void printError(const QString& error)
+{
+    print(stderr, "record-window: " + error.toLocal8Bit() + '\n');
+}
+
+int record(const Options& options)
+{
+    SignalNotifier::ignore(SIGPIPE); // a reader of our output that goes away is no reason to lose the recording
+    const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Repeated::IsReported);
+    RecordingSession session(options);
+    QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);
+    QObject::connect(
+        &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
+    session.start();
+    QCoreApplication::exec();
+
+    const Outcome& outcome = session.outcome();
+    if (!outcome.error.isEmpty())
+        printError(outcome.error);
+    if (options.json)
+        print(stdout, outcome.toJson());
+    else if (!options.quiet)
+        print(stdout, outcome.toText());
+    return int(outcome.code);
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("record-window"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(ORVANTIS_VERSION));
+
+    const CommandLine commandLine = readCommandLine(QCoreApplication::arguments());
+    if (!commandLine.error.isEmpty()) {
+        printError(commandLine.error + QLatin1String("\n(--help shows what is possible)"));
+        return int(ExitCode::BadUsage);
+    }
+    if (!commandLine.options) {
+        print(stdout, commandLine.text.toLocal8Bit());
+        return 0;
+    }
+    return record(*commandLine.options);
+}

@@ -1,0 +1,21 @@
+// Outcome: what became of a recording, as record-window reports it.
+#pragma once
+
+#include "exitcode.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+struct Outcome {
+    ExitCode code = ExitCode::Recorded;
+    QString error; ///< one sentence; empty when recorded
+    QString file; ///< as the recorder named it; empty when there is none
+    std::optional<qint64> durationMs; ///< as the recorder said
+    QString logFile; ///< empty when the recorder made none
+    std::optional<int> recorderExitCode; ///< 128 + n: ended by signal n; nothing: it never started
+
+    QByteArray toJson() const; ///< one line with its line feed
+    QByteArray toText() const; ///< for people, several lines
+};

@@ -1,0 +1,73 @@
+// Progress on a terminal, or as plain lines.
+#include "progress.h"
+
+#include <QLocale>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+bool standardErrorIsCapableTerminal()
+{
+    const QByteArray terminal = qgetenv("TERM");
+    return ::isatty(STDERR_FILENO) == 1 && !terminal.isEmpty() && terminal != "dumb";
+}
+
+/// "1:02:03", or "02:03" in the first hour
+QString timeText(qint64 elapsedMs)
+{
+    const qint64 seconds = elapsedMs / 1000;
+    const auto twoDigits = [](qint64 number) { return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0')); };
+    const QString minutesAndSeconds = twoDigits(seconds / 60 % 60) + QLatin1Char(':') + twoDigits(seconds % 60);
+    const qint64 hours = seconds / 3600;
+    return hours > 0 ? QStringLiteral("%1:%2").arg(hours).arg(minutesAndSeconds) : minutesAndSeconds;
+}
+
+void print(const char* before, const QString& text, const char* after)
+{
+    std::fprintf(stderr, "%s%s%s", before, text.toLocal8Bit().constData(), after);
+    std::fflush(stderr);
+}
+
+}
+
+Progress::Progress(bool quiet) : quiet_(quiet), changesOneLine_(standardErrorIsCapableTerminal()) { }
+
+void Progress::step(const QString& text)
+{
+    if (quiet_)
+        return;
+    closeLine();
+    print("", text, "\n");
+}
+
+void Progress::warn(const QString& text)
+{
+    closeLine();
+    print("record-window: ", text, "\n");
+}
+
+void Progress::recorded(qint64 elapsedMs, qint64 fileSize)
+{
+    if (quiet_)
+        return;
+    const QString size = fileSize < 0 ? QString() : QLatin1String("  ") + sizeText(fileSize);
+    if (changesOneLine_)
+        print("\r\033[K", timeText(elapsedMs) + size, "");
+    else
+        print("", timeText(elapsedMs) + size, "\n");
+    lineIsOpen_ = changesOneLine_;
+}
+
+void Progress::closeLine()
+{
+    if (lineIsOpen_)
+        print("", QString(), "\n");
+    lineIsOpen_ = false;
+}
+
+QString sizeText(qint64 bytes)
+{
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
+}

@@ -1,0 +1,31 @@
+// Progress: what record-window tells people while it works. Everything goes to standard error.
+#pragma once
+
+#include <QString>
+
+class Progress {
+public:
+    /// quiet: warnings only. On a terminal that can do it the progress is one line that changes, elsewhere one
+    /// line after another.
+    explicit Progress(bool quiet);
+    ~Progress() { closeLine(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /// A step that happened.
+    void step(const QString& text);
+    /// Something that people should know, even when they asked for quiet.
+    void warn(const QString& text);
+    /// Where the recording stands. fileSize in bytes; below 0: not known yet.
+    void recorded(qint64 elapsedMs, qint64 fileSize);
+
+private:
+    void closeLine();
+
+    bool quiet_;
+    bool changesOneLine_;
+    bool lineIsOpen_ = false;
+};
+
+/// "4.2 MB"
+QString sizeText(qint64 bytes);

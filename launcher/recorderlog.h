@@ -1,0 +1,30 @@
+// RecorderLog: what record-window reads in the log file of the recorder that it started.
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+
+class RecorderLog {
+public:
+    /// startedAt: a moment before the recorder with this process id was started; older files are another's.
+    RecorderLog(const QString& directory, qint64 recorderPid, const QDateTime& startedAt)
+        : directory_(directory), recorderPid_(recorderPid), startedAt_(startedAt)
+    {
+    }
+
+    /// The log file, empty as long as there is none.
+    QString path();
+
+    /// The file that the recorder writes, as far as the log tells: another suffix than was asked for, above all.
+    /// Empty as long as it tells nothing.
+    QString outputInUse();
+
+    /// The file that the recorder has closed; empty when it closed none.
+    QString finalizedOutput();
+
+private:
+    QString directory_;
+    qint64 recorderPid_;
+    QDateTime startedAt_;
+    QString path_;
+};
