@@ -1,0 +1,355 @@
+// The click map: keys, log line, pruning, and what a flood of clicks does to it.
+#include "privatetempdir.h"
+#include "recorderbench.h"
+
+#include <QDateTime>
+#include <QThread>
+
+#include <limits>
+
+namespace {
+
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+
+/// A black window in pixels that are its points, drawn 1:1 on the canvas that the tests use.
+RecorderProbe::CapturedFrame blackFrame()
+{
+    RecorderProbe::CapturedFrame frame;
+    frame.image = QImage(160, 96, QImage::Format_ARGB32);
+    frame.image.fill(Qt::black);
+    frame.windowBounds = QRect(0, 0, 160, 96);
+    return frame;
+}
+
+void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
+
+}
+
+class ClickMapTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void keyIsTheTimeSinceTheStart();
+    void keyOfAClickBeforeTheStartIsZero();
+    void keyWithoutATimestampIsTheTimeOfArrival();
+    void keyBeforeTheRecordingStartsIsZero_data();
+    void keyBeforeTheRecordingStartsIsZero();
+    void clicksOfOneTimeGetFollowingKeys();
+    void clicksBeforeTheStartGetFollowingKeys();
+    void timestampThatFillsSixtyFourBits();
+    void normalizedPairIsKeptWhenInRange_data();
+    void normalizedPairIsKeptWhenInRange();
+    void logLine_data();
+    void logLine();
+    void receiveDelay_data();
+    void receiveDelay();
+    void pruningWalksTheWholeMap();
+    void neverDrawnClickIsPrunedByAge();
+    void keyIsFreeAgainAfterPruning();
+    void floodOfOneTimeGetsAllKeys();
+    void pendingClicksAreLimited();
+    void clicksArriveWhileFramesAreComposed();
+
+private:
+    RecorderProbe probe() { return RecorderProbe(*recorder_); }
+    void startRecordingAt(qint64 wallClockMs);
+    QList<qint64> keys() { return probe().clicks().keys(); }
+    void compose(long long timestampMs) { probe().composeFrame(blackFrame(), timestampMs); }
+
+    PrivateTempDir directory_;
+    std::optional<RecorderBench> bench_;
+    std::unique_ptr<GstRecorder> recorder_;
+};
+
+void ClickMapTest::init()
+{
+    bench_.emplace();
+    recorder_ = bench_->makeIdleRecorder();
+}
+
+void ClickMapTest::cleanup()
+{
+    recorder_.reset();
+    bench_.reset();
+}
+
+void ClickMapTest::startRecordingAt(qint64 wallClockMs)
+{
+    probe().recordingClock().start();
+    probe().recordingStartedAtMs().store(wallClockMs);
+}
+
+void ClickMapTest::keyIsTheTimeSinceTheStart()
+{
+    startRecordingAt(1000000);
+    recorder_->addClick(10, 20, -1, -1, 1000500);
+    QCOMPARE(keys(), QList<qint64>{500});
+    const RecorderProbe::MouseClick click = probe().clicks().first();
+    QCOMPARE(click.globalX, 10.0);
+    QCOMPARE(click.globalY, 20.0);
+}
+
+void ClickMapTest::keyOfAClickBeforeTheStartIsZero()
+{
+    startRecordingAt(1000000);
+    recorder_->addClick(10, 20, -1, -1, 999000);
+    QCOMPARE(keys(), QList<qint64>{0});
+}
+
+void ClickMapTest::keyWithoutATimestampIsTheTimeOfArrival()
+{
+    startRecordingAt(1000000);
+    QThread::msleep(3);
+    for (const long long unknown : {0LL, -1LL, std::numeric_limits<long long>::min()}) {
+        probe().clicks().clear();
+        const qint64 before = probe().recordingClock().elapsed();
+        recorder_->addClick(10, 20, -1, -1, unknown);
+        const qint64 after = probe().recordingClock().elapsed();
+        QCOMPARE(keys().size(), 1);
+        QVERIFY(before <= keys().first());
+        QVERIFY(keys().first() <= after + 2); // the keys of the rounds before may be stepped over
+        QVERIFY(keys().first() >= 3);
+    }
+}
+
+void ClickMapTest::keyBeforeTheRecordingStartsIsZero_data()
+{
+    QTest::addColumn<qint64>("timestampMs");
+    QTest::newRow("no timestamp") << qint64(0);
+    QTest::newRow("a timestamp, but no start to count from") << qint64(1000500);
+}
+
+void ClickMapTest::keyBeforeTheRecordingStartsIsZero()
+{
+    QFETCH(qint64, timestampMs);
+    recorder_->addClick(10, 20, -1, -1, timestampMs);
+    QCOMPARE(keys(), QList<qint64>{0});
+}
+
+void ClickMapTest::clicksOfOneTimeGetFollowingKeys()
+{
+    startRecordingAt(1000000);
+    for (int i = 0; i < 3; ++i)
+        recorder_->addClick(i, 20, -1, -1, 1000500);
+    QCOMPARE(keys(), (QList<qint64>{500, 501, 502}));
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(probe().clicks().value(500 + i).globalX, double(i));
+    recorder_->addClick(7, 20, -1, -1, 1000501);
+    QCOMPARE(keys().last(), qint64(503));
+}
+
+void ClickMapTest::clicksBeforeTheStartGetFollowingKeys()
+{
+    for (int i = 0; i < 3; ++i)
+        recorder_->addClick(i, 20, -1, -1, 0);
+    QCOMPARE(keys(), (QList<qint64>{0, 1, 2}));
+}
+
+void ClickMapTest::timestampThatFillsSixtyFourBits()
+{
+    constexpr qint64 most = std::numeric_limits<qint64>::max();
+    startRecordingAt(1000000);
+    recorder_->addClick(10, 20, -1, -1, most);
+    QCOMPARE(keys(), QList<qint64>{most - 1000000});
+    compose(0);
+    QCOMPARE(keys().size(), 1);
+}
+
+void ClickMapTest::normalizedPairIsKeptWhenInRange_data()
+{
+    QTest::addColumn<QPointF>("pair");
+    QTest::addColumn<bool>("kept");
+    QTest::newRow("(1, 0)") << QPointF(1.0, 0.0) << true;
+    QTest::newRow("(0, 1)") << QPointF(0.0, 1.0) << true;
+    QTest::newRow("(0.25, 0.75)") << QPointF(0.25, 0.75) << true;
+    QTest::newRow("x just above") << QPointF(1.0000001, 0.5) << false;
+    QTest::newRow("y just above") << QPointF(0.5, 1.0000001) << false;
+    QTest::newRow("x negative") << QPointF(-0.1, 0.5) << false;
+    QTest::newRow("y negative") << QPointF(0.5, -0.1) << false;
+    QTest::newRow("x not a number") << QPointF(notANumber, 0.5) << false;
+    QTest::newRow("y not a number") << QPointF(0.5, notANumber) << false;
+    QTest::newRow("infinite") << QPointF(qInf(), 0.5) << false;
+    QTest::newRow("absent") << QPointF(-1.0, -1.0) << false;
+}
+
+void ClickMapTest::normalizedPairIsKeptWhenInRange()
+{
+    QFETCH(QPointF, pair);
+    QFETCH(bool, kept);
+    recorder_->addClick(10, 20, pair.x(), pair.y(), 0);
+    const RecorderProbe::MouseClick click = probe().clicks().first();
+    QCOMPARE(click.hasNormalized, kept);
+    QCOMPARE(click.normalizedX, kept ? pair.x() : 0.0);
+    QCOMPARE(click.normalizedY, kept ? pair.y() : 0.0);
+}
+
+void ClickMapTest::logLine_data()
+{
+    QTest::addColumn<QPointF>("normalized");
+    QTest::addColumn<int>("earlierClicks");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("with normalised position")
+        << QPointF(0.5, 0.25) << 0
+        << QStringLiteral("Recorder mouse click received global QPointF(10.5,-20) normalized QPointF(0.5,0.25) has "
+                          "normalized true timestamp 0 receive delay ms 0 raw recording ms 0 overlay delay ms 0 "
+                          "display recording ms 0");
+    QTest::newRow("rejected pair is logged as zero")
+        << QPointF(1.5, 0.25) << 0
+        << QStringLiteral("Recorder mouse click received global QPointF(10.5,-20) normalized QPointF(0,0) has "
+                          "normalized false timestamp 0 receive delay ms 0 raw recording ms 0 overlay delay ms 0 "
+                          "display recording ms 0");
+    QTest::newRow("third of one time")
+        << QPointF(-1, -1) << 2
+        << QStringLiteral("Recorder mouse click received global QPointF(10.5,-20) normalized QPointF(0,0) has "
+                          "normalized false timestamp 0 receive delay ms 0 raw recording ms 0 overlay delay ms 0 "
+                          "display recording ms 2");
+}
+
+void ClickMapTest::logLine()
+{
+    QFETCH(QPointF, normalized);
+    QFETCH(int, earlierClicks);
+    QFETCH(QString, expected);
+    for (int i = 0; i < earlierClicks; ++i)
+        recorder_->addClick(0, 0, -1, -1, 0);
+    bench_->log.clear();
+    recorder_->addClick(10.5, -20, normalized.x(), normalized.y(), 0);
+    QCOMPARE(bench_->log.messages(QtDebugMsg), QStringList{expected});
+    QCOMPARE(bench_->log.messages(), QStringList{expected});
+}
+
+void ClickMapTest::receiveDelay_data()
+{
+    QTest::addColumn<qint64>("startedAtMs");
+    QTest::addColumn<qint64>("timestampMs");
+    QTest::addColumn<QString>("raw");
+    QTest::newRow("after the start") << qint64(1000000) << qint64(1000500) << QStringLiteral("500");
+    QTest::newRow("before the start") << qint64(1000000) << qint64(999000) << QStringLiteral("0");
+    QTest::newRow("no start yet") << qint64(0) << qint64(1000500) << QStringLiteral("0");
+}
+
+void ClickMapTest::receiveDelay()
+{
+    QFETCH(qint64, startedAtMs);
+    QFETCH(qint64, timestampMs);
+    QFETCH(QString, raw);
+    if (startedAtMs > 0)
+        startRecordingAt(startedAtMs);
+    const qint64 beforeMs = QDateTime::currentMSecsSinceEpoch();
+    recorder_->addClick(1, 2, -1, -1, timestampMs);
+    const qint64 afterMs = QDateTime::currentMSecsSinceEpoch();
+    const QString opening
+        = QStringLiteral("Recorder mouse click received global QPointF(1,2) normalized QPointF(0,0) "
+                         "has normalized false timestamp %1 receive delay ms ")
+              .arg(timestampMs);
+    const QString ending = QStringLiteral(" raw recording ms %1 overlay delay ms 0 display recording ms %1").arg(raw);
+    QCOMPARE(bench_->log.messages().size(), 1);
+    const QString line = bench_->log.messages().first();
+    QVERIFY2(line.startsWith(opening) && line.endsWith(ending), qPrintable(line));
+    bool isNumber = false;
+    const QString middle = line.mid(opening.size(), line.size() - opening.size() - ending.size());
+    const qint64 delayMs = middle.toLongLong(&isNumber);
+    QVERIFY(isNumber);
+    QVERIFY(beforeMs - timestampMs <= delayMs && delayMs <= afterMs - timestampMs);
+}
+
+void ClickMapTest::pruningWalksTheWholeMap()
+{
+    startRecordingAt(1000000);
+    for (const qint64 key : {0, 100, 2998, 2999, 3000, 5000, 9000})
+        recorder_->addClick(80, 48, -1, -1, 1000000 + key);
+    compose(5000);
+    QCOMPARE(keys(), (QList<qint64>{3000, 5000, 9000}));
+}
+
+void ClickMapTest::neverDrawnClickIsPrunedByAge()
+{
+    startRecordingAt(1000000);
+    recorder_->addClick(-500, -500, -1, -1, 1000500);
+    compose(2500);
+    QCOMPARE(keys(), QList<qint64>{500});
+    compose(2501);
+    QCOMPARE(keys(), QList<qint64>());
+}
+
+void ClickMapTest::keyIsFreeAgainAfterPruning()
+{
+    startRecordingAt(1000000);
+    for (int i = 0; i < 4; ++i)
+        recorder_->addClick(80, 48, -1, -1, 1000500);
+    compose(2502);
+    QCOMPARE(keys(), (QList<qint64>{502, 503}));
+    recorder_->addClick(80, 48, -1, -1, 1000500);
+    QCOMPARE(keys(), (QList<qint64>{500, 502, 503}));
+    recorder_->addClick(80, 48, -1, -1, 1000502);
+    QCOMPARE(keys(), (QList<qint64>{500, 502, 503, 504}));
+}
+
+void ClickMapTest::floodOfOneTimeGetsAllKeys()
+{
+    constexpr int count = 100000;
+    startRecordingAt(1000000);
+    const QtMessageHandler before = qInstallMessageHandler(dropMessage);
+    for (int i = 0; i < count; ++i)
+        recorder_->addClick(i, 0, -1, -1, 1000500);
+    qInstallMessageHandler(before);
+    const auto& clicks = probe().clicks();
+    QCOMPARE(clicks.size(), count);
+    int index = 0;
+    for (auto entry = clicks.cbegin(); entry != clicks.cend(); ++entry, ++index) {
+        QCOMPARE(entry.key(), qint64(500 + index));
+        QCOMPARE(entry->globalX, double(index));
+    }
+}
+
+void ClickMapTest::pendingClicksAreLimited()
+{
+    constexpr int limit = 250000;
+    startRecordingAt(1000000);
+    auto& clicks = probe().clicks();
+    for (int key = 0; key < limit - 1; ++key)
+        clicks.insert(clicks.cend(), key, RecorderProbe::MouseClick());
+    recorder_->addClick(1, 2, -1, -1, 1900000);
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.lastKey(), qint64(900000));
+    bench_->log.clear();
+
+    for (int i = 0; i < 3; ++i)
+        recorder_->addClick(9, 9, -1, -1, 1000000);
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.firstKey(), qint64(0));
+    QCOMPARE(clicks.lastKey(), qint64(900000));
+    const QString warning = QStringLiteral("Recorder ignores further mouse clicks while as many are pending: 250000");
+    QCOMPARE(bench_->log.messages(), QStringList{warning});
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{warning});
+
+    compose(900000); // prunes all but the last
+    QCOMPARE(clicks.size(), 1);
+    recorder_->addClick(3, 4, -1, -1, 1900000);
+    QCOMPARE(clicks.keys(), (QList<qint64>{900000, 900001}));
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{warning});
+}
+
+void ClickMapTest::clicksArriveWhileFramesAreComposed()
+{
+    // The worker's part on another thread: every click is either pruned or still in the map, none is lost.
+    startRecordingAt(1000000);
+    constexpr int count = 3000;
+    std::unique_ptr<QThread> worker(QThread::create([this] {
+        const RecorderProbe::CapturedFrame frame = blackFrame();
+        for (int i = 0; i < 60; ++i)
+            RecorderProbe(*recorder_).composeFrame(frame, 0);
+    }));
+    worker->start();
+    for (int i = 0; i < count; ++i)
+        recorder_->addClick(80, 48, -1, -1, 1000000 + i);
+    QVERIFY(worker->wait());
+    QCOMPARE(probe().clicks().size(), count);
+    QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")), count);
+}
+
+QTEST_GUILESS_MAIN(ClickMapTest)
+#include "clickmap_test.moc"

@@ -1,0 +1,54 @@
+// RecorderBench: what a recorder under test needs around it, and makers of recorders.
+#pragma once
+
+#include "fakeplatform.h"
+#include "launcherserver.h"
+#include "logcapture.h"
+#include "recorderprobe.h"
+
+#include <QTest>
+
+#include <memory>
+
+/// The command line's values, filled with ones that work. Window "42" is the fake's, "0" none.
+struct RecorderArguments {
+    QString command = QStringLiteral("qt-window-capture");
+    QString output;
+    QString window = QStringLiteral("42");
+    int screenOriginX = 0;
+    int screenOriginY = 0;
+    double canvasWidth = 160;
+    double canvasHeight = 96;
+    double scale = 1.0;
+    QString audioSource;
+};
+
+inline std::unique_ptr<GstRecorder> makeRecorder(const RecorderArguments& arguments)
+{
+    return std::make_unique<GstRecorder>(arguments.command, arguments.output, arguments.window,
+        arguments.screenOriginX, arguments.screenOriginY, arguments.canvasWidth, arguments.canvasHeight,
+        arguments.scale, arguments.audioSource, nullptr);
+}
+
+/// A reset fake platform, a launcher that listens, and a log. It needs a PrivateTempDir before it, and recorders
+/// go before it does.
+struct RecorderBench {
+    RecorderBench() { fakeplatform::reset(); }
+
+    /// A recorder without a window: its worker has ended and it has no file, so that the test's own thread may use
+    /// every part of it. Its lines are cleared from the log.
+    std::unique_ptr<GstRecorder> makeIdleRecorder(RecorderArguments arguments = {})
+    {
+        arguments.window = QStringLiteral("0");
+        auto recorder = makeRecorder(arguments);
+        RecorderProbe(*recorder).waitForWorker();
+        log.clear();
+        return recorder;
+    }
+
+    LogCapture log;
+    LauncherServer launcher;
+};
+
+/// Generous bound for conditions that hold within milliseconds on an idle machine.
+inline constexpr int patienceMs = 20000;
