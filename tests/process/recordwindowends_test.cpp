@@ -1,0 +1,271 @@
+// record-window when something goes wrong: every exit code, and what is left behind.
+#include "recordwindowprocess.h"
+
+#include <QFileInfo>
+#include <QTest>
+
+#include <cerrno>
+#include <csignal>
+
+class RecordWindowEndsTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void badUsageIsRefused_data();
+    void badUsageIsRefused();
+    void unusableDirectoryIsRefused_data();
+    void unusableDirectoryIsRefused();
+    void helpAndVersionAreGiven();
+    void missingRecorderIsReported();
+    void recorderEndingBeforeItIsReady_data();
+    void recorderEndingBeforeItIsReady();
+    void interruptBeforeTheFirstImage();
+    void readyTimeout();
+    void badRepliesAreReported_data();
+    void badRepliesAreReported();
+    void lostRecorderIsEnded_data();
+    void lostRecorderIsEnded();
+    void secondInterruptKillsTheRecorder_data();
+    void secondInterruptKillsTheRecorder();
+    void killedLauncherTakesItsRecorderAlong();
+};
+
+namespace {
+
+const QStringList window{"--window", "77"};
+const QStringList brief = window + QStringList{"--seconds", "0.1"};
+
+bool isRunning(qint64 pid)
+{
+    return ::kill(pid_t(pid), 0) == 0 || errno != ESRCH;
+}
+
+}
+
+void RecordWindowEndsTest::badUsageIsRefused_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("complaint");
+    const auto row = [](const char* name, const QStringList& arguments, const char* complaint) {
+        QTest::newRow(name) << arguments << QByteArray(complaint);
+    };
+    const auto windowRow = [&](const char* id) {
+        row(qPrintable(QStringLiteral("window '%1'").arg(QLatin1String(id))), {"--window", QString::fromUtf8(id)},
+            "is no window id");
+    };
+    const auto valueRow = [&](const char* option, const char* text, const char* complaint) {
+        row(qPrintable(QStringLiteral("%1 '%2'").arg(QLatin1String(option), QLatin1String(text))),
+            window + QStringList{QLatin1String(option), QString::fromUtf8(text)}, complaint);
+    };
+    row("nothing", {}, "--window is missing");
+    row("unknown option", window + QStringList{"--wat"}, "wat");
+    row("value missing", {"--window"}, "Missing value");
+    row("stray argument", window + QStringList{"clip.mp4"}, "unexpected argument 'clip.mp4'");
+    for (const char* id : {"0", "0x0", "", "abc", "-1", "+5", " 5", "5.0", "0x", "0xg", "4294967296", "0x100000000",
+             "99999999999999999999999"})
+        windowRow(id);
+    for (const char* size : {"0x0", "0x720", "1280x0", "-5x7", "5x-7", "abc", "", "1280", "1280x", "1280X720",
+             "1280.5x720", "99999999999x720"})
+        valueRow("--canvas", size, "is no size");
+    for (const char* seconds : {"0", "-1", "x", "", "nan", "inf", "1e9", "0.0001"})
+        valueRow("--seconds", seconds, "is no number of seconds");
+    valueRow("--ready-timeout", "0", "is no number of seconds");
+    for (const char* click : {"", "1,2", "1@2", "1,2@", "1,2@-1", "1,2@3+", "1,2@3-1", "1,2,3@4", "a,b@1", "1,2@1e3",
+             "1,2@99999999999", "1,2@1+99999999999"})
+        valueRow("--click", click, "is no click");
+    valueRow("--output", "", "is no file name");
+    valueRow("--output", "clips/", "is no file name");
+    valueRow("--output", ".", "is no file name");
+}
+
+void RecordWindowEndsTest::badUsageIsRefused()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, complaint);
+    RecordWindowProcess launcher;
+    launcher.startWithout(QStringList{"--recorder", FAKE_RECORDER} + arguments);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 2);
+    QVERIFY2(launcher.standardError().contains(complaint), launcher.standardError());
+    QCOMPARE(launcher.standardOutput(), QByteArray());
+    QCOMPARE(launcher.note("process"), QByteArray()); // nothing was started
+}
+
+void RecordWindowEndsTest::unusableDirectoryIsRefused_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::addColumn<QString>("path");
+    QTest::newRow("output below a file") << "--output"
+                                         << "file/clip.mp4";
+    QTest::newRow("output in a place without files") << "--output"
+                                                     << "/proc/clip.mp4";
+    QTest::newRow("log directory is a file") << "--log-dir"
+                                             << "file";
+}
+
+void RecordWindowEndsTest::unusableDirectoryIsRefused()
+{
+    QFETCH(QString, option);
+    QFETCH(QString, path);
+    RecordWindowProcess launcher;
+    QFile file(launcher.path("file"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(launcher.run(brief + QStringList{option, path}), 2);
+    QVERIFY2(launcher.standardError().contains("cannot write into the directory /"), launcher.standardError());
+    QCOMPARE(launcher.note("process"), QByteArray());
+}
+
+void RecordWindowEndsTest::helpAndVersionAreGiven()
+{
+    for (const char* option : {"--help", "-h"}) {
+        RecordWindowProcess launcher;
+        launcher.startWithout({QLatin1String(option)});
+        QVERIFY(launcher.waitForEnd());
+        QCOMPARE(launcher.process().exitCode(), 0);
+        const QByteArray help = launcher.standardOutput();
+        for (const char* part :
+            {"--window", "--output", "--canvas", "--seconds", "--ready-timeout", "--audio", "--recorder", "--log-dir",
+                "--click", "--no-watch-clicks", "--quiet", "--json", "--verbose", "--version", "Exit codes:\n  0 ",
+                "\n  2 ", "\n  3 ", "\n  4 ", "\n  5 ", "\n  6 ", "\n  7 ", "\n  130 "})
+            QVERIFY2(help.contains(part), part);
+    }
+    RecordWindowProcess launcher;
+    launcher.startWithout({"--version"});
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 0);
+    QVERIFY(launcher.standardOutput().startsWith("record-window 0."));
+}
+
+void RecordWindowEndsTest::missingRecorderIsReported()
+{
+    RecordWindowProcess launcher;
+    launcher.startWithout(brief + QStringList{"--recorder", "no/such recorder"});
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 3);
+    const QByteArray error = launcher.standardError();
+    QVERIFY2(error.contains("cannot start the recorder /") && error.contains("no/such recorder"), error);
+}
+
+void RecordWindowEndsTest::recorderEndingBeforeItIsReady_data()
+{
+    QTest::addColumn<QByteArray>("mode");
+    QTest::addColumn<QByteArray>("reason");
+    QTest::newRow("set-up") << QByteArray("setupfails")
+                            << QByteArray("exit code 2: the window capture could not be set up");
+    QTest::newRow("crash") << QByteArray("crashes") << QByteArray("ended by signal 9");
+}
+
+void RecordWindowEndsTest::recorderEndingBeforeItIsReady()
+{
+    QFETCH(QByteArray, mode);
+    QFETCH(QByteArray, reason);
+    RecordWindowProcess launcher(mode);
+    QCOMPARE(launcher.run(window), 4);
+    const QByteArray error = launcher.standardError();
+    QVERIFY2(error.contains("the recorder ended before it was ready (" + reason + "); its log: /"), error);
+    QVERIFY2(error.contains("20260101T000000.000Z-orvantis-recorder-log.txt"), error);
+}
+
+void RecordWindowEndsTest::interruptBeforeTheFirstImage()
+{
+    RecordWindowProcess launcher("noimage");
+    launcher.start(window);
+    QTRY_VERIFY_WITH_TIMEOUT(launcher.recorderGroup() > 0, 60'000);
+    launcher.interrupt(SIGINT); // maybe before it is connected
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 5);
+    QVERIFY2(launcher.standardError().contains("window 0x4d never gave an image"), launcher.standardError());
+    // What there is, is named all the same.
+    QVERIFY2(launcher.standardOutput().contains("recording.mp4\nduration  0.041 s\n"), launcher.standardOutput());
+}
+
+void RecordWindowEndsTest::readyTimeout()
+{
+    RecordWindowProcess launcher("noimage");
+    QCOMPARE(launcher.run(window + QStringList{"--ready-timeout", "0.2"}), 5);
+    QVERIFY2(launcher.standardError().contains("window 0x4d gave no image in time"), launcher.standardError());
+    RecordWindowProcess inTime;
+    QCOMPARE(inTime.run(brief + QStringList{"--ready-timeout", "60"}), 0);
+}
+
+void RecordWindowEndsTest::badRepliesAreReported_data()
+{
+    QTest::addColumn<QByteArray>("mode");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("complaint");
+    QTest::newRow("no reply") << QByteArray("noreply") << 6
+                              << QByteArray("ended without confirming the recording (exit code 3)");
+    QTest::newRow("nonsense") << QByteArray("nonsense") << 6
+                              << QByteArray("did not answer with a duration but with: what do you mean?");
+    QTest::newRow("no file") << QByteArray("nofile") << 7 << QByteArray("the recorder left no file");
+    QTest::newRow("bad exit") << QByteArray("badexit") << 7 << QByteArray("did not end well (exit code 9)");
+}
+
+void RecordWindowEndsTest::badRepliesAreReported()
+{
+    QFETCH(QByteArray, mode);
+    QFETCH(int, code);
+    QFETCH(QByteArray, complaint);
+    RecordWindowProcess launcher(mode);
+    QCOMPARE(launcher.run(brief), code);
+    QVERIFY2(launcher.standardError().contains(complaint), launcher.standardError());
+}
+
+void RecordWindowEndsTest::lostRecorderIsEnded_data()
+{
+    QTest::addColumn<QByteArray>("mode");
+    QTest::newRow("hangs up") << QByteArray("hangsup");
+    QTest::newRow("does not connect") << QByteArray("nobody");
+}
+
+void RecordWindowEndsTest::lostRecorderIsEnded()
+{
+    QFETCH(QByteArray, mode);
+    RecordWindowProcess launcher(mode);
+    launcher.start(window);
+    QTRY_VERIFY_WITH_TIMEOUT(launcher.recorderGroup() > 0, 60'000);
+    if (mode == "nobody")
+        launcher.interrupt(SIGINT);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 6);
+    QVERIFY2(launcher.standardError().contains("cannot be reached"), launcher.standardError());
+    QVERIFY(QFileInfo::exists(launcher.path("notes/terminated")));
+}
+
+void RecordWindowEndsTest::secondInterruptKillsTheRecorder_data()
+{
+    QTest::addColumn<QByteArray>("mode");
+    QTest::newRow("before the first image") << QByteArray("notready");
+    QTest::newRow("while recording") << QByteArray("deaf");
+}
+
+void RecordWindowEndsTest::secondInterruptKillsTheRecorder()
+{
+    QFETCH(QByteArray, mode);
+    RecordWindowProcess launcher(mode);
+    launcher.start(window);
+    if (mode == "deaf")
+        QVERIFY2(launcher.waitForRecording(), launcher.standardError());
+    QTRY_VERIFY_WITH_TIMEOUT(launcher.recorderGroup() > 0, 60'000);
+    launcher.interrupt(SIGINT);
+    QTRY_COMPARE_WITH_TIMEOUT(launcher.lines().size(), 1, 60'000); // the stop, which nobody answers
+    QVERIFY(isRunning(launcher.recorderPid()));
+    launcher.interrupt(SIGINT);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 130);
+    QVERIFY(!isRunning(launcher.recorderPid()));
+    QVERIFY(!QFileInfo::exists(launcher.path("notes/terminated"))); // killed, not asked
+    QVERIFY2(launcher.standardError().contains("the recorder was killed"), launcher.standardError());
+}
+
+void RecordWindowEndsTest::killedLauncherTakesItsRecorderAlong()
+{
+    RecordWindowProcess launcher("deaf");
+    launcher.start(window);
+    QVERIFY2(launcher.waitForRecording(), launcher.standardError());
+    launcher.interrupt(SIGKILL);
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(launcher.path("notes/terminated")), 60'000);
+}
+
+QTEST_GUILESS_MAIN(RecordWindowEndsTest)
+#include "recordwindowends_test.moc"
