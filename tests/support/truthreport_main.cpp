@@ -69,7 +69,6 @@ int main(int argc, char** argv)
     const QCoreApplication application(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Measures a recording of the truth window."));
-    parser.addHelpOption();
     parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("The recording."));
     parser.addOptions({
         {QStringLiteral("window"), QStringLiteral("Size of the truth window, pixels."), QStringLiteral("WxH")},
@@ -82,9 +81,8 @@ int main(int argc, char** argv)
             QStringLiteral("X,Y")},
         {QStringLiteral("json"), QStringLiteral("Print JSON instead of the table.")},
     });
-    parser.process(application);
     TruthQuery query;
-    if (!readQuery(parser, query)) {
+    if (!parser.parse(QCoreApplication::arguments()) || !readQuery(parser, query)) {
         std::fputs(qUtf8Printable(parser.helpText()), stderr);
         return 2;
     }

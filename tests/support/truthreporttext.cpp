@@ -89,6 +89,8 @@ QString truthReportTable(const TruthReport& report)
     QString text;
     if (!report.error.isEmpty())
         text += row(QStringLiteral("ERROR"), report.error);
+    if (report.framesInFile == 0)
+        return text + row(QStringLiteral("frames in the file"), QStringLiteral("0"));
     text += row(QStringLiteral("canvas"),
         QStringLiteral("%1 x %2, window %3 x %4 at %5")
             .arg(report.canvas.width())

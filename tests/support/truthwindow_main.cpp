@@ -142,7 +142,6 @@ int main(int argc, char** argv)
     const QCoreApplication application(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Shows a window whose recording can be measured."));
-    parser.addHelpOption();
     parser.addOptions({
         {QStringLiteral("geometry"), QStringLiteral("Size and place, pixels. At least 640 wide."),
             QStringLiteral("WxH+X+Y"), QStringLiteral("1280x720+0+0")},
@@ -152,8 +151,8 @@ int main(int argc, char** argv)
             QStringLiteral("Colour of the field. Pointer and markers are measured on the default only."),
             QStringLiteral("RRGGBB"), QStringLiteral("808080")},
     });
-    parser.process(application);
-    const std::optional<Options> options = readOptions(parser);
+    const bool understood = parser.parse(QCoreApplication::arguments());
+    const std::optional<Options> options = understood ? readOptions(parser) : std::nullopt;
     if (!options) {
         std::fputs(qUtf8Printable(parser.helpText()), stderr);
         return 2;
