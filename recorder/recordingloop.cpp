@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QThread>
 
+#include <algorithm>
 #include <limits>
 
 using namespace pacing;
@@ -21,6 +22,7 @@ struct GstRecorder::LoopState {
     QElapsedTimer settle; ///< started at the first image
     QElapsedTimer ready; ///< started when readiness is announced
     QList<QueuedFrame> queue; ///< first in, first out
+    qint64 lastElapsedMs = -1; ///< recording time of the newest queued frame; -1 before the first
 
     void advance(qint64 nowMs) { nextDueMs = nextDue(nextDueMs, nowMs); }
 };
@@ -102,7 +104,10 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
         recordingClock.start();
         recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
     }
-    const qint64 elapsedMs = recordingClock.elapsed();
+    // The capture after one that stalled comes at once, maybe in the same millisecond; the encoder refuses a time
+    // that does not rise, and the frame would be lost.
+    const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
+    loop.lastElapsedMs = elapsedMs;
     loop.queue.append({std::move(frame), elapsedMs});
     drainQueue(loop.queue, elapsedMs - holdMs, false);
 }
