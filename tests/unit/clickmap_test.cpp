@@ -21,8 +21,6 @@ RecorderProbe::CapturedFrame blackFrame()
     return frame;
 }
 
-void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
-
 }
 
 class ClickMapTest : public QObject {

@@ -50,5 +50,18 @@ struct RecorderBench {
     LauncherServer launcher;
 };
 
+/// What stop() answers, and what it logs.
+inline QByteArray durationReply(quint32 durationMs)
+{
+    return "{\"duration\":" + QByteArray::number(durationMs) + "}\n";
+}
+inline QString stoppedLine(quint32 durationMs)
+{
+    return QStringLiteral("FFmpeg recorder stopped, duration %1").arg(durationMs);
+}
+
+/// A message handler for floods that a LogCapture need not keep.
+inline void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
+
 /// Generous bound for conditions that hold within milliseconds on an idle machine.
 inline constexpr int patienceMs = 20000;

@@ -1,0 +1,295 @@
+// The recording loop with windows that stall, vanish, change or never show, and with every early stop.
+#include "numberedwindow.h"
+#include "privatetempdir.h"
+#include "recordedframes.h"
+#include "recorderbench.h"
+
+#include <QThread>
+
+namespace {
+
+const QString warmupLine = QStringLiteral("Skipping initial window capture warmup frames frames 3 settle ms 0");
+const QString readyLine = QStringLiteral("Recorder ready; delaying first encoded frame 500 ms");
+
+}
+
+class RecordingLoopTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void neverAnImageGivesABlackFrame();
+    void stopDuringWarmup();
+    void stopDuringReadyDelay();
+    void stopAfterASecondKeepsEveryFrame();
+    void stallIsNotCaughtUpInABurst();
+    void vanishedWindowIsWaitedFor();
+    void changingSizesAreLetterboxed();
+    void unchangedWindowIsRecordedAllTheSame();
+    void pointerIsRecorded();
+    void drainStopsAtTheLimit_data();
+    void drainStopsAtTheLimit();
+    void frameThatCannotBeEncodedIsNotCounted();
+
+private:
+    /// A recorder of the numbered window, with its file in out.mp4.
+    void make(const RecorderArguments& arguments = {});
+    void waitForRecordedImages(int count);
+    void stopAndRead(const QRectF& part = QRectF(0, 0, 160, 96));
+    void verifyBlackFrameRecording(const QByteArray& sentBefore);
+    RecorderProbe probe() { return RecorderProbe(*recorder_); }
+
+    PrivateTempDir directory_;
+    std::optional<RecorderBench> bench_;
+    std::optional<NumberedWindow> window_;
+    std::unique_ptr<GstRecorder> recorder_;
+    QList<RecordedFrame> frames_;
+};
+
+void RecordingLoopTest::init()
+{
+    bench_.emplace();
+    window_.emplace();
+    frames_.clear();
+}
+
+void RecordingLoopTest::cleanup()
+{
+    recorder_.reset();
+    window_.reset();
+    bench_.reset();
+}
+
+void RecordingLoopTest::make(const RecorderArguments& arguments)
+{
+    RecorderArguments filled = arguments;
+    filled.output = directory_.filePath(QStringLiteral("out.mp4"));
+    recorder_ = makeRecorder(filled);
+}
+
+void RecordingLoopTest::waitForRecordedImages(int count)
+{
+    QTRY_VERIFY_WITH_TIMEOUT(probe().recordingStartedAtMs().load() > 0, patienceMs);
+    const int asked = window_->asked();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() >= asked + count, patienceMs);
+}
+
+void RecordingLoopTest::stopAndRead(const QRectF& part)
+{
+    recorder_->stop();
+    QVERIFY(probe().finalized().load());
+    frames_ = readFrames(probe().outputPath(), part);
+}
+
+void RecordingLoopTest::verifyBlackFrameRecording(const QByteArray& sentBefore)
+{
+    QCOMPARE(bench_->launcher.received(), sentBefore);
+    recorder_->stop();
+    QCOMPARE(probe().durationMs(), 41u);
+    QCOMPARE(probe().encodedFrameCount(), 1);
+    QVERIFY(probe().frameComeSent().load());
+    // Readiness that the stop brought about comes after the reply: it is queued while stop() blocks.
+    const QByteArray sentAfter = QByteArray("{\"duration\":41}\n") + (sentBefore.isEmpty() ? "1" : "");
+    QVERIFY(bench_->launcher.waitForReceived(sentBefore.size() + sentAfter.size(), patienceMs));
+    QCOMPARE(bench_->launcher.received(), sentBefore + sentAfter);
+    QCOMPARE(bench_->log.count(QStringLiteral("sending frame come")), 1);
+
+    MediaFile file(probe().outputPath());
+    const QList<MediaPacket> packets = file.packets();
+    QCOMPARE(packets.size(), 1);
+    QCOMPARE(packets.first().ptsMs, 0.0);
+    QCOMPARE(packets.first().durationMs, 41.0);
+    const QList<MediaFrame> frames = file.frames();
+    QCOMPARE(frames.size(), 1);
+    QCOMPARE(frames.first().image.size(), QSize(160, 96));
+    QVERIFY(isBlack(frames.first().image));
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+}
+
+void RecordingLoopTest::neverAnImageGivesABlackFrame()
+{
+    window_->beforeImage = [](int) { return false; };
+    make();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() >= 4, patienceMs);
+    QVERIFY(!probe().frameComeSent().load());
+    QCOMPARE(bench_->log.count(warmupLine), 0);
+    const QList<qint64> asked = window_->askedAtMs();
+    for (int i = 1; i < 4; ++i)
+        QVERIFY2(asked[i] - asked[i - 1] >= 49, "an absent image is asked for again after 50 ms");
+    verifyBlackFrameRecording(QByteArray());
+    QCOMPARE(bench_->log.count(QStringLiteral("macOS CoreGraphics capture returned no image for window 42")), 1);
+}
+
+void RecordingLoopTest::stopDuringWarmup()
+{
+    window_->beforeImage = [](int number) { return number < 3; };
+    make();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() >= 5, patienceMs);
+    QCOMPARE(bench_->log.count(warmupLine), 1);
+    QCOMPARE(bench_->log.count(readyLine), 0);
+    verifyBlackFrameRecording(QByteArray());
+}
+
+void RecordingLoopTest::stopDuringReadyDelay()
+{
+    window_->beforeImage = [](int number) { return number < 4; }; // the fourth announces readiness
+    make();
+    QVERIFY(bench_->launcher.waitForReceived(1, patienceMs));
+    QTRY_COMPARE_WITH_TIMEOUT(bench_->log.count(readyLine), 1, patienceMs);
+    QVERIFY(!probe().recordingClock().isValid());
+    verifyBlackFrameRecording("1");
+}
+
+void RecordingLoopTest::stopAfterASecondKeepsEveryFrame()
+{
+    make();
+    waitForRecordedImages(24);
+    QVERIFY(!probe().finalized().load());
+    stopAndRead();
+    QVERIFY(frames_.size() >= 24);
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
+    QCOMPARE(probe().encodedFrameCount(), qint64(frames_.size()));
+    for (qsizetype i = 1; i < frames_.size(); ++i)
+        QVERIFY(frames_[i].ptsMs > frames_[i - 1].ptsMs);
+}
+
+void RecordingLoopTest::stallIsNotCaughtUpInABurst()
+{
+    constexpr int stalled = 20; // well inside the recording: it starts with image 16 or so
+    window_->beforeImage = [](int number) {
+        if (number == stalled)
+            QThread::msleep(200);
+        return true;
+    };
+    make();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > stalled + 6, patienceMs);
+    stopAndRead();
+    // One capture at once after the stall, the following ones at the usual pace: a loop that caught up would take
+    // the four that it missed within a few milliseconds.
+    const QList<qint64> asked = window_->askedAtMs();
+    const qint64 fourOnMs = asked[stalled + 5] - asked[stalled + 1];
+    QVERIFY2(fourOnMs >= 125, qPrintable(QString::number(fourOnMs)));
+    QVERIFY(numbersOf(frames_).contains(stalled));
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
+}
+
+void RecordingLoopTest::vanishedWindowIsWaitedFor()
+{
+    window_->beforeImage = [](int number) { return number < 20 || number > 22; };
+    make();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > 27, patienceMs);
+    stopAndRead();
+    const int first = frames_.first().number;
+    QList<int> expected = sequence(first, window_->asked() - first);
+    expected.removeIf([](int number) { return number >= 20 && number <= 22; });
+    QCOMPARE(text(numbersOf(frames_)), text(expected));
+    QCOMPARE(bench_->log.count(QStringLiteral("macOS CoreGraphics capture returned no image for window 42")), 1);
+    const QList<qint64> asked = window_->askedAtMs();
+    QVERIFY(asked[22] - asked[21] >= 49);
+}
+
+void RecordingLoopTest::changingSizesAreLetterboxed()
+{
+    // All of the window's own shape, so that the number lies at the same place of the canvas.
+    window_->sizeOf = [](int number) { return QSize(160, 96) * (number % 3 + 1); };
+    RecorderArguments arguments;
+    arguments.canvasWidth = 320;
+    arguments.canvasHeight = 256;
+    make(arguments);
+    waitForRecordedImages(9);
+    stopAndRead(QRectF(0, 32, 320, 192));
+    QVERIFY(frames_.size() >= 9);
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
+    for (const RecordedFrame& frame : std::as_const(frames_)) {
+        QCOMPARE(frame.image.size(), QSize(320, 256));
+        QVERIFY(isBlack(frame.image.copy(0, 0, 320, 30)));
+        QVERIFY(isBlack(frame.image.copy(0, 226, 320, 30)));
+    }
+}
+
+void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
+{
+    const QImage still = fakeplatform::solidImage(160, 96, qRgb(255, 255, 255));
+    std::atomic<int> asked{0};
+    fakeplatform::state().image = [&](int) {
+        ++asked;
+        return still;
+    };
+    make();
+    QTRY_VERIFY_WITH_TIMEOUT(probe().recordingStartedAtMs().load() > 0, patienceMs);
+    const int before = asked;
+    QTRY_VERIFY_WITH_TIMEOUT(asked > before + 5, patienceMs);
+    stopAndRead();
+    QVERIFY(frames_.size() > 5);
+    for (const RecordedFrame& frame : std::as_const(frames_))
+        QCOMPARE(frame.number, 255);
+}
+
+void RecordingLoopTest::pointerIsRecorded()
+{
+    fakeplatform::state().bounds = [] { return QRectF(1000, 500, 80, 48); }; // two pixels to the point
+    fakeplatform::state().pointer = [] { return QPointF(1040, 535); }; // (80, 70) on the canvas
+    make();
+    waitForRecordedImages(2);
+    stopAndRead();
+    QVERIFY(!frames_.isEmpty());
+    for (const RecordedFrame& frame : std::as_const(frames_)) {
+        QVERIFY(qGray(frame.image.pixel(84, 82)) > 220); // inside the arrow
+        QVERIFY(qAbs(qGray(frame.image.pixel(120, 82)) - 128) < 20);
+    }
+}
+
+void RecordingLoopTest::drainStopsAtTheLimit_data()
+{
+    QTest::addColumn<qint64>("limitMs");
+    QTest::addColumn<bool>("flushAll");
+    QTest::addColumn<int>("encoded");
+    QTest::newRow("none is old enough") << qint64(-1) << false << 0;
+    QTest::newRow("the first, exactly at the limit") << qint64(0) << false << 1;
+    QTest::newRow("just before the second") << qint64(40) << false << 1;
+    QTest::newRow("two") << qint64(41) << false << 2;
+    QTest::newRow("all by the limit") << qint64(82) << false << 3;
+    QTest::newRow("all by the flush") << qint64(-1) << true << 3;
+}
+
+void RecordingLoopTest::drainStopsAtTheLimit()
+{
+    QFETCH(qint64, limitMs);
+    QFETCH(bool, flushAll);
+    QFETCH(int, encoded);
+    RecorderArguments arguments;
+    arguments.output = directory_.filePath(QStringLiteral("drain.mp4"));
+    recorder_ = bench_->makeIdleRecorder(arguments);
+    QVERIFY(probe().openOutput());
+    QList<RecorderProbe::QueuedFrame> queue;
+    for (const qint64 elapsedMs : {0, 41, 82}) {
+        RecorderProbe::CapturedFrame frame;
+        frame.image = fakeplatform::solidImage(160, 96, qRgb(9, 9, 9)).convertToFormat(QImage::Format_ARGB32);
+        queue.append({frame, elapsedMs});
+    }
+    probe().drainQueue(queue, limitMs, flushAll);
+    QCOMPARE(probe().encodedFrameCount(), encoded);
+    QCOMPARE(queue.size(), 3 - encoded);
+    if (!queue.isEmpty())
+        QCOMPARE(queue.first().elapsedMs, qint64(41 * encoded));
+}
+
+void RecordingLoopTest::frameThatCannotBeEncodedIsNotCounted()
+{
+    recorder_ = bench_->makeIdleRecorder(); // without an output
+    RecorderProbe::CapturedFrame frame;
+    frame.image = fakeplatform::solidImage(160, 96, qRgb(9, 9, 9)).convertToFormat(QImage::Format_ARGB32);
+    QList<RecorderProbe::QueuedFrame> queue{{frame, 0}, {frame, 41}};
+    probe().drainQueue(queue, 41, false);
+    QCOMPARE(probe().encodedFrameCount(), 0);
+    QVERIFY(queue.isEmpty());
+    QCOMPARE(bench_->log.messages(), QStringList());
+}
+
+QTEST_GUILESS_MAIN(RecordingLoopTest)
+#include "recordingloop_test.moc"

@@ -1,0 +1,250 @@
+// Window images: the one-time warning, bounds, formats, shared pixels, the pointer.
+#include "macwindowcapture.h"
+
+#include "fakeplatform.h"
+#include "logcapture.h"
+
+#include <QTest>
+
+class WindowImageTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { fakeplatform::reset(); }
+
+    void vanishedWindowIsWarnedOfOnce();
+    void eachCaptureWarnsForItself();
+    void noImageLeavesTheBoundsAlone();
+    void imageWithoutSizeIsNoImage();
+
+    void boundsAreRounded_data();
+    void boundsAreRounded();
+    void unknownBoundsBecomeTheImageRectangle_data();
+    void unknownBoundsBecomeTheImageRectangle();
+    void boundsAreNotAskedForWithoutAPlaceForThem();
+
+    void opaqueImageSharesItsPixels();
+    void opaqueImageOutlivesItsSource();
+    void translucentImageGetsStraightAlpha();
+    void unchangedImageIsSharedNotConverted_data();
+    void unchangedImageIsSharedNotConverted();
+    void changedImageIsTakenAnew();
+    void imageAfterAGapIsTakenAnew();
+
+    void pointerLocation();
+};
+
+void WindowImageTest::vanishedWindowIsWarnedOfOnce()
+{
+    fakeplatform::state().image
+        = [](int index) { return index == 5 ? fakeplatform::solidImage(4, 4, qRgb(1, 2, 3)) : QImage(); };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    for (int i = 0; i < 10; ++i)
+        QCOMPARE(capture.capture(nullptr).isNull(), i != 5);
+    const QString warning = QStringLiteral("macOS CoreGraphics capture returned no image for window 42");
+    QCOMPARE(log.messages(), QStringList{warning});
+    QCOMPARE(log.messages(QtWarningMsg), QStringList{warning});
+}
+
+void WindowImageTest::eachCaptureWarnsForItself()
+{
+    const MacWindowCapture first(QStringLiteral("1"));
+    const MacWindowCapture second(QStringLiteral("2"));
+    const LogCapture log;
+    for (int i = 0; i < 2; ++i) {
+        QVERIFY(first.capture(nullptr).isNull());
+        QVERIFY(second.capture(nullptr).isNull());
+    }
+    QCOMPARE(log.messages(),
+        (QStringList{QStringLiteral("macOS CoreGraphics capture returned no image for window 1"),
+            QStringLiteral("macOS CoreGraphics capture returned no image for window 2")}));
+}
+
+void WindowImageTest::noImageLeavesTheBoundsAlone()
+{
+    fakeplatform::state().bounds = [] { return QRectF(7, 7, 7, 7); };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    QRect bounds(1, 2, 3, 4);
+    QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(bounds, QRect(1, 2, 3, 4));
+}
+
+void WindowImageTest::imageWithoutSizeIsNoImage()
+{
+    fakeplatform::state().image = [](int index) {
+        return index == 0 ? QImage(0, 8, QImage::Format_RGB32) : QImage(8, 0, QImage::Format_RGB32);
+    };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    QRect bounds(1, 2, 3, 4);
+    QVERIFY(capture.capture(&bounds).isNull());
+    QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(bounds, QRect(1, 2, 3, 4));
+}
+
+void WindowImageTest::boundsAreRounded_data()
+{
+    QTest::addColumn<QRectF>("rect");
+    QTest::addColumn<QRect>("expected");
+    QTest::newRow("whole") << QRectF(100, 50, 640, 480) << QRect(100, 50, 640, 480);
+    QTest::newRow("x -0.5, width 99.5") << QRectF(-0.5, 10, 99.5, 20) << QRect(-1, 10, 100, 20);
+    QTest::newRow("x 0.5, height 99.5") << QRectF(0.5, 10, 20, 99.5) << QRect(1, 10, 20, 100);
+    QTest::newRow("another display") << QRectF(-1280.4, -720.6, 300.2, 200.7) << QRect(-1280, -721, 300, 201);
+}
+
+void WindowImageTest::boundsAreRounded()
+{
+    QFETCH(QRectF, rect);
+    fakeplatform::state().image = [](int) { return fakeplatform::solidImage(8, 6, qRgb(1, 2, 3)); };
+    fakeplatform::state().bounds = [rect] { return rect; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QRect bounds;
+    QVERIFY(!capture.capture(&bounds).isNull());
+    QTEST(bounds, "expected");
+}
+
+void WindowImageTest::unknownBoundsBecomeTheImageRectangle_data()
+{
+    QTest::addColumn<bool>("known");
+    QTest::addColumn<QRectF>("rect");
+    QTest::newRow("none told") << false << QRectF();
+    QTest::newRow("empty") << true << QRectF(30, 40, 0, 0);
+    QTest::newRow("width rounds to nothing") << true << QRectF(30, 40, 0.4, 100);
+    QTest::newRow("negative height") << true << QRectF(30, 40, 100, -1);
+    QTest::newRow("the null rectangle of the system") << true << QRectF(qInf(), qInf(), 0, 0);
+    QTest::newRow("not a number") << true << QRectF(qQNaN(), qQNaN(), qQNaN(), qQNaN());
+}
+
+void WindowImageTest::unknownBoundsBecomeTheImageRectangle()
+{
+    QFETCH(bool, known);
+    QFETCH(QRectF, rect);
+    fakeplatform::state().image = [](int) { return fakeplatform::solidImage(8, 6, qRgb(1, 2, 3)); };
+    fakeplatform::state().bounds = [known, rect] { return known ? std::optional(rect) : std::nullopt; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    QRect bounds(1, 2, 3, 4);
+    QCOMPARE(capture.capture(&bounds).size(), QSize(8, 6));
+    QCOMPARE(bounds, QRect(0, 0, 8, 6));
+    QCOMPARE(log.messages(), QStringList());
+}
+
+void WindowImageTest::boundsAreNotAskedForWithoutAPlaceForThem()
+{
+    int asked = 0;
+    fakeplatform::state().image = [](int) { return fakeplatform::solidImage(8, 6, qRgb(1, 2, 3)); };
+    fakeplatform::state().bounds = [&asked] { return ++asked, QRectF(0, 0, 8, 6); };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QVERIFY(!capture.capture(nullptr).isNull());
+    QCOMPARE(asked, 0);
+    QRect bounds;
+    QVERIFY(!capture.capture(&bounds).isNull());
+    QCOMPARE(asked, 1);
+}
+
+void WindowImageTest::opaqueImageSharesItsPixels()
+{
+    const QImage source = fakeplatform::solidImage(8, 6, qRgb(10, 200, 30));
+    fakeplatform::state().image = [source](int) { return source; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const QImage image = capture.capture(nullptr);
+    QCOMPARE(image.format(), QImage::Format_ARGB32);
+    QCOMPARE(image.size(), QSize(8, 6));
+    QCOMPARE(image.pixel(7, 5), qRgba(10, 200, 30, 255));
+    QCOMPARE(image.constBits(), source.constBits());
+}
+
+void WindowImageTest::opaqueImageOutlivesItsSource()
+{
+    QImage image;
+    {
+        QImage source = fakeplatform::solidImage(8, 6, qRgb(10, 200, 30));
+        fakeplatform::state().image = [&source](int) { return source; };
+        const MacWindowCapture capture(QStringLiteral("42"));
+        image = capture.capture(nullptr);
+        source.fill(Qt::red); // the source takes new pixels; the image keeps the old ones
+    }
+    fakeplatform::reset();
+    QCOMPARE(image, QImage(fakeplatform::solidImage(8, 6, qRgb(10, 200, 30))).convertToFormat(image.format()));
+    image.setPixel(0, 0, qRgba(1, 2, 3, 4)); // and may be written to
+    QCOMPARE(image.pixel(0, 0), qRgba(1, 2, 3, 4));
+}
+
+void WindowImageTest::translucentImageGetsStraightAlpha()
+{
+    QImage source(3, 1, QImage::Format_ARGB32_Premultiplied);
+    source.setPixel(0, 0, qRgba(0, 0, 0, 0));
+    source.setPixel(1, 0, qRgba(255, 0, 0, 255));
+    reinterpret_cast<QRgb*>(source.scanLine(0))[2] = qRgba(100, 50, 0, 100); // half-way green under full red
+    fakeplatform::state().image = [source](int) { return source; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const QImage image = capture.capture(nullptr);
+    QCOMPARE(image.format(), QImage::Format_ARGB32);
+    const auto* pixels = reinterpret_cast<const QRgb*>(image.constScanLine(0));
+    QCOMPARE(pixels[0], qRgba(0, 0, 0, 0));
+    QCOMPARE(pixels[1], qRgba(255, 0, 0, 255));
+    QCOMPARE(qAlpha(pixels[2]), 100);
+    QCOMPARE(qRed(pixels[2]), 255);
+    QVERIFY(qAbs(qGreen(pixels[2]) - 128) <= 1);
+    QCOMPARE(qBlue(pixels[2]), 0);
+}
+
+void WindowImageTest::unchangedImageIsSharedNotConverted_data()
+{
+    QTest::addColumn<QImage::Format>("format");
+    QTest::newRow("opaque") << QImage::Format_RGB32;
+    QTest::newRow("translucent") << QImage::Format_ARGB32_Premultiplied;
+}
+
+void WindowImageTest::unchangedImageIsSharedNotConverted()
+{
+    QFETCH(QImage::Format, format);
+    const QImage source = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7)).convertToFormat(format);
+    fakeplatform::state().image = [source](int) { return source; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const QImage first = capture.capture(nullptr);
+    const QImage second = capture.capture(nullptr);
+    QCOMPARE(second.constBits(), first.constBits());
+    QCOMPARE(second.cacheKey(), first.cacheKey());
+    QCOMPARE(second.pixel(3, 3), qRgba(9, 8, 7, 255));
+}
+
+void WindowImageTest::changedImageIsTakenAnew()
+{
+    QImage source = fakeplatform::solidImage(8, 6, qRgb(0, 0, 0));
+    fakeplatform::state().image = [&source](int index) {
+        source.fill(qRgb(index, 0, 0)); // the same object, other pixels
+        return source;
+    };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QList<QImage> images;
+    for (int i = 0; i < 3; ++i)
+        images.append(capture.capture(nullptr));
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(images[i].pixel(0, 0), qRgba(i, 0, 0, 255));
+}
+
+void WindowImageTest::imageAfterAGapIsTakenAnew()
+{
+    const QImage source = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7));
+    fakeplatform::state().image = [source](int index) { return index == 1 ? QImage() : source; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    QVERIFY(!capture.capture(nullptr).isNull());
+    QVERIFY(capture.capture(nullptr).isNull());
+    QCOMPARE(capture.capture(nullptr).pixel(0, 0), qRgba(9, 8, 7, 255));
+}
+
+void WindowImageTest::pointerLocation()
+{
+    fakeplatform::state().pointer = [] { return QPointF(-3.5, 1200.25); };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QCOMPARE(capture.pointerLocation(), std::optional(QPointF(-3.5, 1200.25)));
+    fakeplatform::state().pointer = nullptr;
+    QVERIFY(!capture.pointerLocation());
+}
+
+QTEST_GUILESS_MAIN(WindowImageTest)
+#include "windowimage_test.moc"
