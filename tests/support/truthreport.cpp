@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <vector>
 
 namespace {
@@ -40,31 +41,44 @@ struct Stamped {
     quint32 counter;
 };
 
+/// The mean of the middle half of the values, which neither late frames nor a beat move.
+double middleMean(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const auto quarter = std::ptrdiff_t(values.size() / 4);
+    const double sum = std::accumulate(values.begin() + quarter, values.end() - quarter, 0.0);
+    return sum / double(std::ptrdiff_t(values.size()) - 2 * quarter);
+}
+
+/// How the differences change from the first third of the frames to the last, per millisecond of the clock.
+double slopeOf(const std::vector<Stamped>& frames, const std::vector<double>& differences)
+{
+    const auto third = std::ptrdiff_t(frames.size() / 3);
+    if (third == 0)
+        return 0.0;
+    std::vector<double> clocks;
+    for (const Stamped& frame : frames)
+        clocks.push_back(frame.clockMs);
+    const auto change = [third](const std::vector<double>& values) {
+        return middleMean({values.end() - third, values.end()})
+            - middleMean({values.begin(), values.begin() + third});
+    };
+    const double time = change(clocks);
+    return time > 0.0 ? change(differences) / time : 0.0;
+}
+
 TruthTiming timingOf(const std::vector<Stamped>& frames)
 {
     std::vector<double> differences;
     for (const Stamped& frame : frames)
         differences.push_back(frame.ptsMs - frame.clockMs);
     const double offset = percentile(differences, 0.5);
-
     std::vector<double> errors;
-    double meanTime = 0.0;
-    double meanDifference = 0.0;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        errors.push_back(std::abs(differences[i] - offset));
-        meanTime += frames[i].clockMs / double(frames.size());
-        meanDifference += differences[i] / double(frames.size());
-    }
-    double covariance = 0.0;
-    double variance = 0.0;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        const double time = frames[i].clockMs - meanTime;
-        covariance += time * (differences[i] - meanDifference);
-        variance += time * time;
-    }
+    for (const double difference : differences)
+        errors.push_back(std::abs(difference - offset));
     constexpr double msPerMinute = 60'000.0;
     return {percentile(errors, 0.5), percentile(errors, 0.95), percentile(errors, 1.0),
-        variance > 0.0 ? covariance / variance * msPerMinute : 0.0};
+        slopeOf(frames, differences) * msPerMinute};
 }
 
 /// One patch's errors, summed up.

@@ -28,7 +28,9 @@ struct TruthTiming {
     double medianMs = 0.0; ///< of the absolute errors, as are the two below
     double p95Ms = 0.0;
     double worstMs = 0.0;
-    double driftMsPerMinute = 0.0; ///< slope of a straight line through the errors; positive: the file runs slow
+    /// How fast the errors grow; positive: the file runs slow. Painting and capture beat against each other by
+    /// several milliseconds, so only a recording of minutes tells a drift from that.
+    double driftMsPerMinute = 0.0;
 };
 
 /// One colour patch over all frames and the middle of its pixels: absolute error of red, green, blue, 0 to

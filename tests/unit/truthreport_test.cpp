@@ -40,7 +40,7 @@ QList<Frame> steadyFrames(int count, quint32 firstClockMs = 1'000'000)
 {
     QList<Frame> frames;
     for (int i = 0; i < count; ++i)
-        frames.append(Frame {i * 41.0, {quint32(i * 41 / 8), firstClockMs + quint32(i) * 41}});
+        frames.append(Frame{i * 41.0, {quint32(i * 41 / 8), firstClockMs + quint32(i) * 41}});
     return frames;
 }
 
@@ -245,12 +245,17 @@ void TruthReportTest::driftIsASlope_data()
 void TruthReportTest::driftIsASlope()
 {
     QFETCH(double, share);
-    QList<Frame> frames = steadyFrames(30);
+    QList<Frame> frames = steadyFrames(240);
     for (Frame& frame : frames)
         frame.ptsMs *= 1.0 + share;
-    const TruthReport report = measured(frames);
-    QVERIFY(report.timing);
-    QVERIFY(about(report.timing->driftMsPerMinute, share * 60'000, 1e-6));
+    const TruthReport steady = measured(frames);
+    QVERIFY(steady.timing);
+    QVERIFY(about(steady.timing->driftMsPerMinute, share * 60'000, 1e-6));
+
+    frames.last().ptsMs += 500; // one very late frame is no drift
+    const TruthReport disturbed = measured(frames);
+    QVERIFY(disturbed.timing);
+    QVERIFY(about(disturbed.timing->driftMsPerMinute, share * 60'000, 2.0));
 }
 
 void TruthReportTest::clockMayWrapAround()
