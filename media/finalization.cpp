@@ -15,7 +15,9 @@ void GstRecorder::closeOutput()
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
         if (headerWritten) {
-            const int status = av_write_trailer(formatContext);
+            int status = av_write_trailer(formatContext);
+            if (status >= 0 && formatContext->pb)
+                status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
             if (status < 0)
                 qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
         }
