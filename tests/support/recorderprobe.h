@@ -28,6 +28,11 @@ struct RecorderProbe {
     bool openOutput() { return recorder.openOutput(); }
     bool tryVideoEncoder(const QString& name) { return recorder.tryVideoEncoder(name); }
     bool allocateContainer() { return recorder.allocateContainer(); }
+    bool openFallbackVideoEncoder() { return recorder.openFallbackVideoEncoder(); }
+    bool createVideoStream() { return recorder.createVideoStream(); }
+    bool openFileAndWriteHeader() { return recorder.openFileAndWriteHeader(); }
+    bool allocateVideoFrame() { return recorder.allocateVideoFrame(); }
+    bool transferPixels(const QImage& image) { return recorder.transferPixels(image); }
     bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
     bool drainEncoder() { return recorder.drainEncoder(); }
     void closeOutput() { recorder.closeOutput(); }

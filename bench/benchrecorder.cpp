@@ -1,0 +1,49 @@
+#include "benchrecorder.h"
+
+#include "logcapture.h"
+#include "pacing.h"
+#include "truthscene.h"
+
+namespace {
+
+/// Its worker, told to capture no window, says so and ends at once.
+std::unique_ptr<GstRecorder> makeWindowlessRecorder(const QString& output, QSize canvas)
+{
+    const LogCapture hidden; // these complaints are wanted
+    auto recorder = std::make_unique<GstRecorder>(QStringLiteral("qt-window-capture"), output, QStringLiteral("0"), 0,
+        0, canvas.width(), canvas.height(), 1.0, QString(), nullptr);
+    RecorderProbe(*recorder).waitForWorker();
+    return recorder;
+}
+
+}
+
+BenchRecorder::BenchRecorder(QSize canvas)
+    : recorder_(makeWindowlessRecorder(directory_.filePath(QStringLiteral("bench.mp4")), canvas)), probe_(*recorder_)
+{
+}
+
+bool BenchRecorder::openFallbackOutput()
+{
+    return probe_.allocateContainer() && probe_.openFallbackVideoEncoder() && probe_.createVideoStream()
+        && probe_.openFileAndWriteHeader() && probe_.allocateVideoFrame();
+}
+
+qint64 frameTimeMs(int frameIndex)
+{
+    return frameIndex * pacing::frameIntervalMs;
+}
+
+WindowPictures::WindowPictures(QSize window, int repaintsPerSecond)
+    : painting_(truthscene::paintStill(window)), repaintsPerSecond_(repaintsPerSecond)
+{
+}
+
+QImage WindowPictures::at(int frameIndex)
+{
+    const qint64 timeMs = repaintsPerSecond_ > 0 ? frameTimeMs(frameIndex) : 0;
+    const qint64 startedAtMs = 1'700'000'000'000; // some clock: the barcode shows it
+    truthscene::paintAnimated(
+        painting_, {quint32(timeMs * repaintsPerSecond_ / 1000) & 0xffffff, quint32(startedAtMs + timeMs)});
+    return painting_.convertToFormat(QImage::Format_ARGB32);
+}

@@ -1,0 +1,72 @@
+"""The stage of a side-by-side run: a private X server, the truth window on it, and what the kernel says of a
+process."""
+import contextlib
+import os
+import pathlib
+import subprocess
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
+START_LIMIT_S = 30
+
+
+def processor_ms(pid):
+    """Processor time of a running process and of the children that it has waited for, milliseconds."""
+    stat = pathlib.Path(f"/proc/{pid}/stat").read_text()
+    fields = stat.rpartition(")")[2].split()
+    return sum(int(field) for field in fields[11:15]) * 1000 / TICKS_PER_SECOND
+
+
+def peak_memory_mib(pid):
+    """The most memory that a running process ever held at once (resident), MiB."""
+    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("VmHWM:"):
+            return int(line.split()[1]) / 1024
+    raise RuntimeError(f"process {pid} has ended")
+
+
+def with_parent(command):
+    """The command, to be ended by the kernel when this process ends, however that happens."""
+    return ["setpriv", "--pdeathsig", "TERM", *command]
+
+
+def end(process):
+    process.terminate()
+    try:
+        process.wait(START_LIMIT_S)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+
+
+@contextlib.contextmanager
+def private_x_server(width, height):
+    """An Xvfb of that size in pixels; gives (display, process id)."""
+    read_end, write_end = os.pipe()
+    command = ["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{width}x{height}x24", "-nolisten", "tcp",
+               "-noreset"]
+    server = subprocess.Popen(with_parent(command), pass_fds=[write_end], stderr=subprocess.DEVNULL)
+    os.close(write_end)
+    try:
+        with os.fdopen(read_end) as number:
+            display = number.readline().strip()
+        if not display:
+            raise RuntimeError("Xvfb did not start")
+        yield f":{display}", server.pid
+    finally:
+        end(server)
+
+
+@contextlib.contextmanager
+def truth_window(binaries, display, width, height, repaints_per_second):
+    """A window that shows when it was painted; gives its id. 0 repaints: it never changes."""
+    command = [binaries / "truthwindow", "--geometry", f"{width}x{height}+0+0", "--fps", str(repaints_per_second)]
+    window = subprocess.Popen(with_parent(command), stdout=subprocess.PIPE, text=True,
+                              env={**os.environ, "DISPLAY": display})
+    try:
+        window_id = window.stdout.readline().strip()
+        if window.stdout.readline().strip() != "ready":
+            raise RuntimeError("the truth window did not appear")
+        yield int(window_id, 16)
+    finally:
+        end(window)
