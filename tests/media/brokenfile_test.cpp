@@ -1,0 +1,249 @@
+// What a recording that did not come to its end is still good for.
+#include "idlerecorder.h"
+#include "mediafile.h"
+#include "mp4boxes.h"
+
+#include <QFile>
+#include <QTest>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int picturesPerFragment = 24;
+
+QByteArray contentOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool write(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+/// How many of the first packets are as they should be: whole, 41 ms apart, a key frame each second.
+int soundPackets(const QList<MediaPacket>& packets)
+{
+    int count = 0;
+    while (count < packets.size() && !packets[count].corrupt && packets[count].size > 0
+        && packets[count].ptsMs == count * 41.0 && packets[count].key == (count % picturesPerFragment == 0))
+        ++count;
+    return count;
+}
+
+/// The pictures that lie before a byte of an MP4 file in fragments that end there or earlier.
+int wholeFragmentPictures(const QList<Mp4Box>& boxes, qsizetype bytes)
+{
+    return picturesPerFragment * int(std::count_if(boxes.cbegin(), boxes.cend(), [bytes](const Mp4Box& box) {
+        return box.type == "mdat" && box.end() <= bytes;
+    }));
+}
+
+/// FFmpeg's demuxer gives up a file that ends inside the list of a fragment's pictures, where players that read on as
+/// they play stop. A killed process leaves no such end: the list is written in one piece with the first pictures.
+bool endsInsideFragmentHeader(const QList<Mp4Box>& boxes, qsizetype bytes)
+{
+    return std::any_of(boxes.cbegin(), boxes.cend(),
+        [bytes](const Mp4Box& box) { return box.type == "moof" && box.offset < bytes && bytes < box.end(); });
+}
+
+/// Empty when the first pictures are there and show what was recorded.
+QString judgePictures(const QString& path, int atLeast)
+{
+    MediaFile file(path);
+    const QList<MediaFrame> frames = file.frames();
+    if (frames.size() < atLeast)
+        return QStringLiteral("%1 of %2 pictures").arg(frames.size()).arg(atLeast);
+    for (int i = 0; i < atLeast; ++i) {
+        const QRgb square = frames[i].image.pixel(i * 2 + 15, 120);
+        if (frames[i].ptsMs != i * 41.0 || testpictures::channelError(square, qRgb(200, 190, 120)) > 10)
+            return QStringLiteral("picture %1 at %2").arg(i).arg(frames[i].ptsMs);
+    }
+    return QString();
+}
+
+}
+
+class BrokenFileTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void cutAnywherePlaysToTheLastWholeFragment();
+    void cutInTheHeaderIsRefused();
+    void fragmentThatEndsIsPlayed();
+    void copyOfAnOpenFilePlays();
+    void headerIsOnTheDiskWithTheFirstPicture();
+    void headerOnlyFileOpens();
+    void fallbackCutAnywherePlaysToTheLastWholeCluster();
+    void fallbackCopyOfAnOpenFilePlays();
+};
+
+void BrokenFileTest::cutAnywherePlaysToTheLastWholeFragment()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(3 * picturesPerFragment)));
+    const QByteArray bytes = contentOf(recorder->outputPath());
+    const QList<Mp4Box> boxes = mp4boxes::parse(bytes);
+    const qsizetype headerEnd = mp4boxes::find(boxes, "moov")->end();
+    const QString cutPath = recorder.filePath(QStringLiteral("cut.mp4"));
+
+    QList<qsizetype> cuts;
+    for (qsizetype at = headerEnd; at < bytes.size(); at += 401)
+        cuts.append(at);
+    for (const Mp4Box& box : boxes) {
+        for (const qsizetype around : {-1, 0, 1, 8}) {
+            if (box.end() + around >= headerEnd && box.end() + around <= bytes.size())
+                cuts.append(box.end() + around);
+        }
+    }
+    int fewest = 1000;
+    int most = 0;
+    for (const qsizetype cut : cuts) {
+        if (endsInsideFragmentHeader(boxes, cut))
+            continue;
+        QVERIFY(write(cutPath, bytes.left(cut)));
+        MediaFile file(cutPath);
+        const int expected = wholeFragmentPictures(boxes, cut);
+        QVERIFY2(expected == 0 || (file.isValid() && file.videoStream()), qPrintable(QString::number(cut)));
+        const int sound = soundPackets(file.packets());
+        QVERIFY2(sound >= expected, qPrintable(QStringLiteral("%1: %2 of %3").arg(cut).arg(sound).arg(expected)));
+        const QString judgement = judgePictures(cutPath, expected);
+        QVERIFY2(judgement.isEmpty(), qPrintable(QStringLiteral("%1: %2").arg(cut).arg(judgement)));
+        fewest = std::min(fewest, expected);
+        most = std::max(most, expected);
+    }
+    QCOMPARE(fewest, 0);
+    QCOMPARE(most, 3 * picturesPerFragment);
+}
+
+/// No crash, no made-up pictures.
+void BrokenFileTest::cutInTheHeaderIsRefused()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(3)));
+    const QByteArray bytes = contentOf(recorder->outputPath());
+    const qsizetype headerEnd = mp4boxes::find(mp4boxes::parse(bytes), "moov")->end();
+    const QString cutPath = recorder.filePath(QStringLiteral("cut.mp4"));
+    for (qsizetype cut = 0; cut < headerEnd - 8; cut += 7) {
+        QVERIFY(write(cutPath, bytes.left(cut)));
+        QVERIFY(MediaFile(cutPath).frames().isEmpty());
+    }
+}
+
+void BrokenFileTest::fragmentThatEndsIsPlayed()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(2 * picturesPerFragment)));
+    const QByteArray bytes = contentOf(recorder->outputPath());
+    const Mp4Box* const firstPictures = mp4boxes::find(mp4boxes::parse(bytes), "mdat");
+    QVERIFY(firstPictures);
+    const QString cutPath = recorder.filePath(QStringLiteral("cut.mp4"));
+    QVERIFY(write(cutPath, bytes.left(mp4boxes::find(mp4boxes::parse(bytes), "mdat")->end())));
+    MediaFile file(cutPath);
+    QCOMPARE(file.packets().size(), picturesPerFragment);
+    QCOMPARE(judgePictures(cutPath, picturesPerFragment), QString());
+    QCOMPARE(file.durationMs(), picturesPerFragment * 41.0);
+}
+
+/// What a killed process leaves behind: no end was written, nothing was closed.
+void BrokenFileTest::copyOfAnOpenFilePlays()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    const QString copy = recorder.filePath(QStringLiteral("copy.mp4"));
+    for (int i = 0; i < 60; ++i) {
+        QVERIFY(recorder.encode({i * 41}, i));
+        if (i % 4 != 0)
+            continue;
+        QVERIFY(write(copy, contentOf(recorder->outputPath())));
+        // A key frame completes the fragment before it.
+        const int expected = i / picturesPerFragment * picturesPerFragment;
+        QCOMPARE(judgePictures(copy, expected), QString());
+        QVERIFY(mp4boxes::types(mp4boxes::parseFile(copy)).first(2) == (QList<QByteArray>{"ftyp", "moov"}));
+    }
+}
+
+void BrokenFileTest::headerIsOnTheDiskWithTheFirstPicture()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder.encode({0}));
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+    QCOMPARE(mp4boxes::types(boxes), (QList<QByteArray>{"ftyp", "moov"}));
+    QVERIFY(boxes.constLast().whole);
+}
+
+void BrokenFileTest::headerOnlyFileOpens()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder.finish());
+    QVERIFY(recorder.wasQuiet());
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+    QCOMPARE(mp4boxes::types(boxes), (QList<QByteArray>{"ftyp", "moov", "mfra"}));
+    const Mp4Box* const picture = mp4boxes::find(boxes, "moov/trak/mdia/minf/stbl/stsd/mp4v");
+    QVERIFY(picture);
+    QCOMPARE(mp4boxes::number32(*picture, 24), 320u << 16 | 240u);
+
+    MediaFile file(recorder->outputPath());
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QVERIFY(file.videoStream());
+    QCOMPARE(file.videoStream()->codecId, AV_CODEC_ID_MPEG4);
+    QVERIFY(file.packets().isEmpty());
+    QVERIFY(file.isValid());
+}
+
+/// A canvas that MPEG-4 cannot state is recorded in Matroska. Its key frames complete clusters as those of MPEG-4
+/// complete fragments.
+void BrokenFileTest::fallbackCutAnywherePlaysToTheLastWholeCluster()
+{
+    constexpr int pictures = 2 * picturesPerFragment + 5;
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QVERIFY(recorder->openOutput());
+    QList<qsizetype> wholeAt; // the size of the file when that many clusters were on the disk
+    for (int i = 0; i < pictures; ++i) {
+        QVERIFY(recorder.encode({i * 41}, i));
+        if (i % picturesPerFragment == 0)
+            wholeAt.append(contentOf(recorder->outputPath()).size());
+    }
+    QVERIFY(recorder.finish());
+    const QByteArray bytes = contentOf(recorder->outputPath());
+    wholeAt.append(bytes.size());
+    const QString cutPath = recorder.filePath(QStringLiteral("cut.mkv"));
+    QList<qsizetype> cuts = wholeAt;
+    for (int tenth = 0; tenth < 10; ++tenth)
+        cuts.append(bytes.size() * tenth / 10);
+    for (const qsizetype cut : cuts) {
+        QVERIFY(write(cutPath, bytes.left(cut)));
+        const auto clusters
+            = std::count_if(wholeAt.cbegin() + 1, wholeAt.cend(), [cut](qsizetype size) { return size <= cut; });
+        const qsizetype expected = std::min<qsizetype>(clusters * picturesPerFragment, pictures);
+        const QList<MediaFrame> frames = MediaFile(cutPath).frames();
+        QVERIFY2(frames.size() >= expected, qPrintable(QStringLiteral("%1: %2").arg(cut).arg(frames.size())));
+        for (qsizetype i = 0; i < expected; ++i) {
+            QCOMPARE(frames[i].image,
+                testpictures::walking(recorder.canvas(), int(i)).convertToFormat(QImage::Format_RGB32));
+        }
+    }
+}
+
+void BrokenFileTest::fallbackCopyOfAnOpenFilePlays()
+{
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QVERIFY(recorder->openOutput());
+    const QString copy = recorder.filePath(QStringLiteral("copy.mkv"));
+    for (int i = 0; i < 50; ++i) {
+        QVERIFY(recorder.encode({i * 41}, i));
+        if (i % 8 != 0)
+            continue;
+        QVERIFY(write(copy, contentOf(recorder->outputPath())));
+        const QList<MediaFrame> frames = MediaFile(copy).frames();
+        QVERIFY(frames.size() >= i / picturesPerFragment * picturesPerFragment);
+    }
+}
+
+QTEST_GUILESS_MAIN(BrokenFileTest)
+#include "brokenfile_test.moc"

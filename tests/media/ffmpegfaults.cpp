@@ -1,0 +1,220 @@
+// The functions that stand in the place of FFmpeg's, and what they are told to do.
+#include "ffmpegfaults.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+
+namespace ffmpegfaults {
+
+namespace {
+
+constexpr int never = std::numeric_limits<int>::max();
+
+struct Plan {
+    int calls = 0;
+    int firstFailure = never; ///< counted as calls are
+    int lastFailure = never;
+    int status = 0;
+};
+
+std::array<Plan, std::size_t(Call::Last) + 1> plans;
+
+Plan& planOf(Call call)
+{
+    return plans[std::size_t(call)];
+}
+
+/// Counts a call. The plan to fail by, or null when the call goes on to FFmpeg.
+const Plan* failing(Call call)
+{
+    Plan& plan = planOf(call);
+    ++plan.calls;
+    return plan.calls >= plan.firstFailure && plan.calls <= plan.lastFailure ? &plan : nullptr;
+}
+
+}
+
+void reset()
+{
+    plans.fill(Plan());
+    surroundings() = Surroundings();
+}
+
+void failOnce(Call call, int status, int nth)
+{
+    Plan& plan = planOf(call);
+    plan.firstFailure = plan.lastFailure = plan.calls + nth;
+    plan.status = status;
+}
+
+void failFrom(Call call, int status, int nth)
+{
+    failOnce(call, status, nth);
+    planOf(call).lastFailure = never;
+}
+
+void heal(Call call)
+{
+    planOf(call).firstFailure = never;
+}
+
+int calls(Call call)
+{
+    return planOf(call).calls;
+}
+
+Surroundings& surroundings()
+{
+    static Surroundings instance;
+    return instance;
+}
+
+}
+
+using ffmpegfaults::Call;
+using ffmpegfaults::failing;
+using ffmpegfaults::surroundings;
+
+// The linker calls FFmpeg's own function __real_NAME and this file's __wrap_NAME.
+// Each macro defines one of a kind; PARAMETERS and ARGUMENTS come in parentheses.
+#define ORVANTIS_STATUS_CALL(CALL, NAME, PARAMETERS, ARGUMENTS)                                                      \
+    int __real_##NAME PARAMETERS;                                                                                    \
+    int __wrap_##NAME PARAMETERS                                                                                     \
+    {                                                                                                                \
+        if (const auto* plan = failing(Call::CALL))                                                                  \
+            return plan->status;                                                                                     \
+        return __real_##NAME ARGUMENTS;                                                                              \
+    }
+#define ORVANTIS_POINTER_CALL(CALL, TYPE, NAME, PARAMETERS, ARGUMENTS)                                               \
+    TYPE* __real_##NAME PARAMETERS;                                                                                  \
+    TYPE* __wrap_##NAME PARAMETERS                                                                                   \
+    {                                                                                                                \
+        return failing(Call::CALL) ? nullptr : __real_##NAME ARGUMENTS;                                              \
+    }
+
+extern "C" {
+
+ORVANTIS_STATUS_CALL(CopyParameters, avcodec_parameters_from_context,
+    (AVCodecParameters * parameters, const AVCodecContext* context), (parameters, context))
+ORVANTIS_STATUS_CALL(
+    OpenFile, avio_open, (AVIOContext * *context, const char* name, int flags), (context, name, flags))
+ORVANTIS_STATUS_CALL(GetFrameBuffer, av_frame_get_buffer, (AVFrame * frame, int alignment), (frame, alignment))
+ORVANTIS_STATUS_CALL(MakeWritable, av_frame_make_writable, (AVFrame * frame), (frame))
+ORVANTIS_STATUS_CALL(
+    SendFrame, avcodec_send_frame, (AVCodecContext * context, const AVFrame* frame), (context, frame))
+ORVANTIS_STATUS_CALL(WriteTrailer, av_write_trailer, (AVFormatContext * context), (context))
+
+ORVANTIS_POINTER_CALL(FindEncoderById, const AVCodec, avcodec_find_encoder, (AVCodecID id), (id))
+ORVANTIS_POINTER_CALL(AllocCodecContext, AVCodecContext, avcodec_alloc_context3, (const AVCodec* codec), (codec))
+ORVANTIS_POINTER_CALL(
+    NewStream, AVStream, avformat_new_stream, (AVFormatContext * context, const AVCodec* codec), (context, codec))
+ORVANTIS_POINTER_CALL(AllocFrame, AVFrame, av_frame_alloc, (), ())
+ORVANTIS_POINTER_CALL(AllocPacket, AVPacket, av_packet_alloc, (), ())
+ORVANTIS_POINTER_CALL(GetConverter, SwsContext, sws_getContext,
+    (int fromWidth, int fromHeight, AVPixelFormat from, int toWidth, int toHeight, AVPixelFormat to, int flags,
+        SwsFilter* fromFilter, SwsFilter* toFilter, const double* parameters),
+    (fromWidth, fromHeight, from, toWidth, toHeight, to, flags, fromFilter, toFilter, parameters))
+
+int __real_avformat_alloc_output_context2(
+    AVFormatContext** context, const AVOutputFormat* format, const char* formatName, const char* fileName);
+int __wrap_avformat_alloc_output_context2(
+    AVFormatContext** context, const AVOutputFormat* format, const char* formatName, const char* fileName)
+{
+    if (const auto* plan = failing(Call::AllocOutputContext)) {
+        *context = nullptr;
+        return plan->status;
+    }
+    const char* const muxer = surroundings().muxer;
+    return __real_avformat_alloc_output_context2(context, format, muxer ? muxer : formatName, fileName);
+}
+
+const AVCodec* __real_avcodec_find_encoder_by_name(const char* name);
+const AVCodec* __wrap_avcodec_find_encoder_by_name(const char* name)
+{
+    if (failing(Call::FindEncoderByName) || surroundings().hiddenEncoders.contains(name))
+        return nullptr;
+    return surroundings().replacedEncoder == name ? surroundings().replacement
+                                                  : __real_avcodec_find_encoder_by_name(name);
+}
+
+int __real_avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options);
+int __wrap_avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options)
+{
+    if (surroundings().atOpenCodec)
+        surroundings().atOpenCodec(*context, options ? *options : nullptr);
+    if (const auto* plan = failing(Call::OpenCodec))
+        return plan->status;
+    return __real_avcodec_open2(context, codec, options);
+}
+
+int __real_avformat_write_header(AVFormatContext* context, AVDictionary** options);
+int __wrap_avformat_write_header(AVFormatContext* context, AVDictionary** options)
+{
+    if (surroundings().atWriteHeader)
+        surroundings().atWriteHeader(*context, options ? *options : nullptr);
+    if (const auto* plan = failing(Call::WriteHeader))
+        return plan->status;
+    return __real_avformat_write_header(context, options);
+}
+
+int __real_avcodec_receive_packet(AVCodecContext* context, AVPacket* packet);
+int __wrap_avcodec_receive_packet(AVCodecContext* context, AVPacket* packet)
+{
+    if (const auto* plan = failing(Call::ReceivePacket))
+        return plan->status;
+    const int status = __real_avcodec_receive_packet(context, packet);
+    if (status >= 0 && surroundings().afterReceivePacket)
+        surroundings().afterReceivePacket(*packet);
+    return status;
+}
+
+int __real_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet);
+int __wrap_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet)
+{
+    if (surroundings().atWritePacket)
+        surroundings().atWritePacket(*packet);
+    if (const auto* plan = failing(Call::WritePacket))
+        return plan->status;
+    return __real_av_interleaved_write_frame(context, packet);
+}
+
+void __real_avio_flush(AVIOContext* context);
+void __wrap_avio_flush(AVIOContext* context)
+{
+    failing(Call::FlushFile); // only counted: it has no status
+    __real_avio_flush(context);
+}
+
+const AVPixFmtDescriptor* __real_av_pix_fmt_desc_get(AVPixelFormat format);
+const AVPixFmtDescriptor* __wrap_av_pix_fmt_desc_get(AVPixelFormat format)
+{
+    const AVPixFmtDescriptor* const description = __real_av_pix_fmt_desc_get(format);
+    if (!description || !surroundings().hardwareFormatsOnly)
+        return description;
+    static AVPixFmtDescriptor hardware;
+    hardware = *description;
+    hardware.flags |= AV_PIX_FMT_FLAG_HWACCEL;
+    return &hardware;
+}
+
+int __real_av_strerror(int status, char* text, std::size_t size);
+int __wrap_av_strerror(int status, char* text, std::size_t size)
+{
+    const QByteArray& instead = surroundings().errorText;
+    if (instead.isEmpty())
+        return __real_av_strerror(status, text, size);
+    std::memcpy(text, instead.constData(), std::min(size, std::size_t(instead.size()) + 1));
+    return 0;
+}
+
+// QThread::idealThreadCount(), a static member function without parameters, under its name for the linker.
+int __real__ZN7QThread16idealThreadCountEv();
+int __wrap__ZN7QThread16idealThreadCountEv();
+int __wrap__ZN7QThread16idealThreadCountEv()
+{
+    const int processors = surroundings().processors;
+    return processors ? processors : __real__ZN7QThread16idealThreadCountEv();
+}
+}

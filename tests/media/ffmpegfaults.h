@@ -1,0 +1,69 @@
+// FFmpeg's calls under the test's control: the executable links this file's functions in their place
+// (FFMPEG_CALLS in CMakeLists.txt), and each one goes on to FFmpeg unless the test told it to fail.
+#pragma once
+
+#include "avhandles.h"
+
+#include <QByteArray>
+#include <QSet>
+
+#include <functional>
+
+namespace ffmpegfaults {
+
+enum class Call {
+    AllocOutputContext,
+    FindEncoderByName,
+    FindEncoderById,
+    AllocCodecContext,
+    OpenCodec,
+    NewStream,
+    CopyParameters,
+    OpenFile,
+    WriteHeader,
+    AllocFrame,
+    GetFrameBuffer,
+    GetConverter,
+    MakeWritable,
+    SendFrame,
+    ReceivePacket,
+    AllocPacket,
+    WritePacket,
+    FlushFile,
+    WriteTrailer,
+    Last = WriteTrailer
+};
+
+/// Back to FFmpeg as it is, and all counters to 0.
+void reset();
+
+/// The nth call from now on (1: the next one) fails with the status; so do, for ever, those after it in failFrom().
+/// What gives a pointer gives null instead. Status 0 makes AllocOutputContext succeed without a result.
+void failOnce(Call call, int status, int nth = 1);
+void failFrom(Call call, int status, int nth = 1);
+/// Stops failing and keeps the counter.
+void heal(Call call);
+
+/// How often the call was made since the start or reset(), failures included.
+int calls(Call call);
+
+/// What else can be other than it is. Set it before the call.
+struct Surroundings {
+    QSet<QByteArray> hiddenEncoders; ///< names that this FFmpeg does not know
+    QByteArray replacedEncoder; ///< the name that finds this one instead
+    const AVCodec* replacement = nullptr;
+    const char* muxer = nullptr; ///< the muxer that every container gets, null: the one asked for
+    bool hardwareFormatsOnly = false; ///< every pixel format counts as a hardware format
+    QByteArray errorText; ///< FFmpeg's text for every status, copied without its end when it does not fit
+    int processors = 0; ///< what QThread::idealThreadCount() answers, 0: the truth
+
+    /// Called with what FFmpeg is about to get.
+    std::function<void(const AVCodecContext&, const AVDictionary*)> atOpenCodec;
+    std::function<void(const AVFormatContext&, const AVDictionary*)> atWriteHeader;
+    std::function<void(const AVPacket&)> atWritePacket;
+    /// Called with what FFmpeg gave; it may be changed.
+    std::function<void(AVPacket&)> afterReceivePacket;
+};
+Surroundings& surroundings();
+
+}

@@ -1,0 +1,271 @@
+// The file system says no: names that cannot be written, and a disk that fills up while the recording runs.
+#include "idlerecorder.h"
+#include "mediafile.h"
+#include "mp4boxes.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+
+namespace {
+
+/// No file of this process grows beyond the size: the system refuses the bytes that do not fit, as it does on a full
+/// disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : oldHandler_(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        if (getrlimit(RLIMIT_FSIZE, &old_) != 0)
+            qFatal("No limit of the file size");
+        rlimit limit = old_;
+        limit.rlim_cur = bytes;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            qFatal("The limit of the file size cannot be set");
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &old_);
+        std::signal(SIGXFSZ, oldHandler_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    void (*oldHandler_)(int);
+    rlimit old_{};
+};
+
+/// Encodes that many walking pictures, the results in their order.
+QList<bool> encodeEach(IdleRecorder& recorder, int count)
+{
+    QList<bool> results;
+    for (int i = 0; i < count; ++i)
+        results.append(recorder.encode({i * 41}, i));
+    return results;
+}
+
+bool touch(const QString& path)
+{
+    return QFile(path).open(QIODevice::WriteOnly);
+}
+
+}
+
+class FileSystemTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void parentIsAFile();
+    void pathIsADirectory();
+    void linkLeadsNowhere();
+    void linkLeadsToItself();
+    void nameIsTooLong();
+    void fallbackPathIsADirectory();
+
+    void fullDeviceRefusesTheHeader();
+    void fullDiskBeforeTheHeader();
+    void fullDiskBehindTheFirstBytes();
+    void fullDiskWhileRecording_data();
+    void fullDiskWhileRecording();
+    void fullDiskAtTheEnd();
+    void fullDiskInTheFallback();
+
+private:
+    void expectNotOpened(IdleRecorder& recorder, const char* text);
+};
+
+/// The output is refused with the system's reason, and nothing stays open.
+void FileSystemTest::expectNotOpened(IdleRecorder& recorder, const char* text)
+{
+    const qsizetype descriptors = openDescriptors();
+    QVERIFY(!recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Unable to open video output file \"%1\" : \"%2\"")
+                        .arg(recorder->outputPath(), QLatin1String(text))});
+    recorder->closeOutput();
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(openDescriptors(), descriptors);
+}
+
+void FileSystemTest::parentIsAFile()
+{
+    IdleRecorder recorder(QStringLiteral("file/clip.mp4"));
+    QVERIFY(touch(recorder.filePath(QStringLiteral("file"))));
+    expectNotOpened(recorder, "Not a directory");
+}
+
+void FileSystemTest::pathIsADirectory()
+{
+    IdleRecorder recorder;
+    QVERIFY(QDir().mkdir(recorder->outputPath()));
+    expectNotOpened(recorder, "Is a directory");
+    QVERIFY(QFileInfo(recorder->outputPath()).isDir());
+}
+
+void FileSystemTest::linkLeadsNowhere()
+{
+    IdleRecorder recorder;
+    QVERIFY(QFile::link(recorder.filePath(QStringLiteral("missing/clip.mp4")), recorder->outputPath()));
+    expectNotOpened(recorder, "No such file or directory");
+}
+
+void FileSystemTest::linkLeadsToItself()
+{
+    IdleRecorder recorder;
+    QVERIFY(QFile::link(recorder->outputPath(), recorder->outputPath()));
+    expectNotOpened(recorder, "Too many levels of symbolic links");
+}
+
+void FileSystemTest::nameIsTooLong()
+{
+    IdleRecorder recorder(QString(300, QLatin1Char('n')) + QStringLiteral(".mp4"));
+    expectNotOpened(recorder, "File name too long");
+}
+
+void FileSystemTest::fallbackPathIsADirectory()
+{
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QVERIFY(QDir().mkdir(recorder.filePath(QStringLiteral("clip.mkv"))));
+    expectNotOpened(recorder, "Is a directory");
+    QCOMPARE(recorder->outputPath(), recorder.filePath(QStringLiteral("clip.mkv")));
+}
+
+/// A device without room, under an innocent name.
+void FileSystemTest::fullDeviceRefusesTheHeader()
+{
+    IdleRecorder recorder;
+    QVERIFY(QFile::link(QStringLiteral("/dev/full"), recorder->outputPath()));
+    const qsizetype descriptors = openDescriptors();
+    QVERIFY(!recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output header: \"No space left on device\"")});
+    recorder->closeOutput();
+    QVERIFY(recorder.warnings().isEmpty()); // no header, no trailer
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(openDescriptors(), descriptors);
+}
+
+void FileSystemTest::fullDiskBeforeTheHeader()
+{
+    IdleRecorder recorder;
+    const FileSizeLimit limit(0);
+    QVERIFY(!recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output header: \"File too large\"")});
+    recorder->closeOutput();
+    QVERIFY(recorder.isClosed());
+}
+
+/// The rest of the header is still on its way when the first picture comes, so that one is told.
+void FileSystemTest::fullDiskBehindTheFirstBytes()
+{
+    IdleRecorder recorder;
+    const FileSizeLimit limit(100);
+    QVERIFY(recorder->openOutput());
+    encodeEach(recorder, 5);
+    QVERIFY(recorder.criticals().size() >= 4);
+    for (const QString& line : recorder.criticals())
+        QCOMPARE(line, QStringLiteral("Unable to write FFmpeg packet: \"File too large\""));
+    recorder.finish();
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+}
+
+void FileSystemTest::fullDiskWhileRecording_data()
+{
+    QTest::addColumn<int>("limit"); // bytes
+    QTest::newRow("in the second fragment") << 5000;
+    QTest::newRow("in the third fragment") << 8000;
+    QTest::newRow("at a block's end") << 8192;
+}
+
+/// Every picture that cannot be written says so, the rest is tried all the same, and what was written stays.
+void FileSystemTest::fullDiskWhileRecording()
+{
+    QFETCH(const int, limit);
+    constexpr int pictures = 24 * 6;
+    IdleRecorder recorder;
+    const QString path = recorder->outputPath();
+    const qsizetype descriptors = openDescriptors();
+    QList<bool> results;
+    {
+        const FileSizeLimit fileSizeLimit{rlim_t(limit)};
+        QVERIFY(recorder->openOutput());
+        results = encodeEach(recorder, pictures);
+        QVERIFY(recorder.finish());
+    }
+    const qsizetype firstFailure = results.indexOf(false);
+    QVERIFY2(firstFailure > 24, qPrintable(QString::number(firstFailure)));
+    QVERIFY2(!results.mid(firstFailure).contains(true), "the disk is full and a picture was written");
+    QCOMPARE(recorder.criticals(),
+        QStringList(pictures - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(openDescriptors(), descriptors);
+
+    QVERIFY(QFileInfo(path).size() <= limit);
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(path);
+    const auto wholeFragments = std::count_if(
+        boxes.cbegin(), boxes.cend(), [](const Mp4Box& box) { return box.type == "mdat" && box.whole; });
+    QVERIFY(wholeFragments >= 1);
+    const QList<MediaFrame> frames = MediaFile(path).frames();
+    QVERIFY2(frames.size() >= wholeFragments * 24, qPrintable(QString::number(frames.size())));
+    for (int i = 0; i < wholeFragments * 24; ++i) {
+        QCOMPARE(frames[i].ptsMs, i * 41.0);
+        QVERIFY(testpictures::channelError(frames[i].image.pixel(i * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    }
+}
+
+/// Every picture was taken, and the last ones do not reach the disk: that is not silent.
+void FileSystemTest::fullDiskAtTheEnd()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder.encode(IdleRecorder::steadyTimes(30)));
+    {
+        const FileSizeLimit limit(rlim_t(QFileInfo(recorder->outputPath()).size()) + 50);
+        QVERIFY(recorder.finish());
+    }
+    QVERIFY(recorder.criticals().isEmpty());
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+    // The first fragment is whole; of the second one there is but a stump.
+    QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
+        (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof"}));
+}
+
+void FileSystemTest::fullDiskInTheFallback()
+{
+    constexpr int pictures = 24 * 5;
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QList<bool> results;
+    {
+        const FileSizeLimit limit(400000);
+        QVERIFY(recorder->openOutput());
+        results = encodeEach(recorder, pictures);
+        QVERIFY(recorder.finish());
+    }
+    const qsizetype firstFailure = results.indexOf(false);
+    QVERIFY2(firstFailure > 24, qPrintable(QString::number(firstFailure)));
+    QVERIFY(!results.mid(firstFailure).contains(true));
+    QCOMPARE(recorder.criticals(),
+        QStringList(pictures - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+    QVERIFY(
+        recorder.warnings().contains(QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")));
+    QVERIFY(recorder.isClosed());
+    const QList<MediaFrame> frames = MediaFile(recorder.filePath(QStringLiteral("clip.mkv"))).frames();
+    QVERIFY2(frames.size() >= 24, qPrintable(QString::number(frames.size())));
+    QCOMPARE(frames[23].image, testpictures::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
+}
+
+QTEST_GUILESS_MAIN(FileSystemTest)
+#include "filesystem_test.moc"
