@@ -1,0 +1,70 @@
+// A control socket that belongs to another user is not obeyed. To have another user takes root.
+#include "privatexserver.h"
+#include "recordedfile.h"
+#include "recordingscene.h"
+#include "truthwindowprocess.h"
+
+#include <QTest>
+
+#include <csignal>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+constexpr uid_t anotherUser = 65534;
+const auto refusal = QStringLiteral("Browser recorder control socket belongs to another user; not obeying it.");
+
+/// A scene whose directory was made, and whose server was opened, by another user; the recorder is started by root.
+std::unique_ptr<RecordingScene> makeForeignScene(const QByteArray& display, quint32 window)
+{
+    if (::seteuid(anotherUser) != 0)
+        return nullptr;
+    auto scene = std::make_unique<RecordingScene>(display, window);
+    return ::seteuid(0) == 0 ? std::move(scene) : nullptr;
+}
+
+}
+
+class ForeignServerTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void notObeyed();
+};
+
+void ForeignServerTest::notObeyed()
+{
+    PrivateXServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    TruthWindowProcess window(server.display());
+    const auto scene = makeForeignScene(server.display(), window.id());
+    QVERIFY2(scene, "this test has to be run by root");
+    QVERIFY(scene->recorder.start(scene->command.arguments()));
+
+    // It tries again, for its own launcher may come late; then it records without one.
+    int connections = 0;
+    const auto isReady = [&] {
+        if (scene->launcher.isConnected()) {
+            ++connections;
+            scene->launcher.send("click|1|2|0.5|0.5\n{\"action\":\"exit\"}\n{\"action\":\"stop\"}\n");
+            scene->launcher.waitForDisconnected(hangLimitMs);
+        }
+        return countLines(scene->log(), QStringLiteral("sending frame come")) == 1;
+    };
+    QVERIFY2(QTest::qWaitFor(isReady, hangLimitMs), scene->story());
+    QVERIFY2(connections > 0, scene->story());
+    QCOMPARE(countLines(scene->log(), refusal), 1);
+    QCOMPARE(countLines(scene->log(), QStringLiteral("Unable to connect to browser recorder control socket:")), 1);
+    QCOMPARE(countLines(scene->log(), QStringLiteral("Recorder mouse click received")), 0);
+    QCOMPARE(scene->launcher.received(), "");
+
+    QVERIFY(scene->recorder.isRunning());
+    scene->recorder.send(SIGTERM);
+    QVERIFY(scene->recorder.waitForEnd());
+    QCOMPARE(scene->recorder.exitCode(), 143);
+    QVERIFY2(playBack(scene->command.output).isWhole(), playBack(scene->command.output).description());
+}
+
+QTEST_GUILESS_MAIN(ForeignServerTest)
+#include "foreignserver_test.moc"

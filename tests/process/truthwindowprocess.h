@@ -1,0 +1,27 @@
+// TruthWindowProcess: the truth window, in a process of its own.
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QRect>
+#include <QString>
+
+/// On the screen when the constructor returns, gone when the object is. When it cannot be had, id() is 0 and
+/// errorString() says why.
+class TruthWindowProcess {
+public:
+    /// Geometry in pixels of the screen; paintings a second, 0 for one painting.
+    explicit TruthWindowProcess(
+        const QByteArray& display, const QRect& geometry = QRect(40, 30, 640, 360), int fps = 60);
+    ~TruthWindowProcess();
+    TruthWindowProcess(const TruthWindowProcess&) = delete;
+    TruthWindowProcess& operator=(const TruthWindowProcess&) = delete;
+
+    quint32 id() const { return id_; }
+    QString errorString() const { return error_; }
+
+private:
+    QProcess process_;
+    quint32 id_ = 0;
+    QString error_;
+};
