@@ -15,6 +15,7 @@ struct RecorderProbe {
     using QueuedFrame = GstRecorder::QueuedFrame;
     using MouseClick = GstRecorder::MouseClick;
 
+    bool serverIsOurs() { return recorder.serverIsOurs(); }
     CapturedFrame captureWindowFrame() { return recorder.captureWindowFrame(); }
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs)
     {

@@ -29,6 +29,7 @@ private Q_SLOTS:
     void durationReply_data();
     void durationReply();
     void stopIsAnsweredOnce();
+    void onlyAServerOfTheSameUserIsOurs();
     void onlyASocketIsRead();
     void lastLinesOfALauncherThatHangsUpAreObeyed();
     void launcherGoneInMidRecording();
@@ -169,6 +170,17 @@ void ControlSocketTest::stopIsAnsweredOnce()
     Q_EMIT bench_->recorder->frameCome(); // what comes last shows that nothing else is on its way
     QVERIFY(bench_->launcher.waitForReceived(16, patienceMs));
     QCOMPARE(bench_->launcher.received(), QByteArray("{\"duration\":0}\n1"));
+}
+
+void ControlSocketTest::onlyAServerOfTheSameUserIsOurs()
+{
+    fakeplatform::state().ownUserId = 1000;
+    fakeplatform::state().peerUserId = 1000;
+    QVERIFY(probe().serverIsOurs());
+    fakeplatform::state().peerUserId = 0;
+    QVERIFY(!probe().serverIsOurs());
+    fakeplatform::state().peerUserId = std::nullopt; // it cannot be told
+    QVERIFY(!probe().serverIsOurs());
 }
 
 void ControlSocketTest::onlyASocketIsRead()
