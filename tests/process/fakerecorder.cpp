@@ -28,6 +28,7 @@
 namespace {
 
 constexpr int usageExitCode = 99;
+constexpr unsigned longestLifeSeconds = 600; // whatever becomes of the launcher
 QByteArray terminatedNote;
 
 void onTerminate(int)
@@ -57,6 +58,7 @@ public:
         note("process", QByteArray::number(::getpid()) + ' ' + QByteArray::number(::getpgrp()));
         terminatedNote = (notes_ + QLatin1String("terminated")).toUtf8();
         std::signal(SIGTERM, onTerminate);
+        ::alarm(longestLifeSeconds);
         if (mode_ == "fallback")
             output_.replace(QLatin1String(".mp4"), QLatin1String(".mkv"));
     }
@@ -150,7 +152,7 @@ private:
         for (;;) {
             const ssize_t size = ::read(socket_, bytes, sizeof(bytes));
             if (size <= 0)
-                return usageExitCode; // the launcher went first
+                waitForTheEnd(); // the launcher went first
             buffer.append(bytes, size);
             for (qsizetype end = buffer.indexOf('\n'); end >= 0; end = buffer.indexOf('\n')) {
                 const QByteArray line = buffer.left(end);
