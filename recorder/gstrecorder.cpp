@@ -94,7 +94,8 @@ void GstRecorder::retryStopLater()
 bool GstRecorder::finishRecording(std::chrono::milliseconds limit)
 {
     stopRequested.store(true, std::memory_order_release);
-    for (const QDeadlineTimer deadline(limit); !worker.isFinished(); QThread::msleep(5)) {
+    const auto over = [this] { return finalized.load(std::memory_order_acquire) && worker.isFinished(); };
+    for (const QDeadlineTimer deadline(limit); !over(); QThread::msleep(5)) {
         if (deadline.hasExpired())
             return false;
     }
