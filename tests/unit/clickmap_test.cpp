@@ -6,6 +6,7 @@
 #include <QThread>
 
 #include <limits>
+#include <thread>
 
 namespace {
 
@@ -336,15 +337,14 @@ void ClickMapTest::clicksArriveWhileFramesAreComposed()
     // The worker's part on another thread: every click is either pruned or still in the map, none is lost.
     startRecordingAt(1000000);
     constexpr int count = 3000;
-    std::unique_ptr<QThread> worker(QThread::create([this] {
+    std::thread worker([this] {
         const RecorderProbe::CapturedFrame frame = blackFrame();
         for (int i = 0; i < 60; ++i)
             RecorderProbe(*recorder_).composeFrame(frame, 0);
-    }));
-    worker->start();
+    });
     for (int i = 0; i < count; ++i)
         recorder_->addClick(80, 48, -1, -1, 1000000 + i);
-    QVERIFY(worker->wait());
+    worker.join();
     QCOMPARE(probe().clicks().size(), count);
     QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")), count);
 }

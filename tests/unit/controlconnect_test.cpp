@@ -5,6 +5,8 @@
 #include <QLocalSocket>
 #include <QThread>
 
+#include <atomic>
+
 class ControlConnectTest : public QObject {
     Q_OBJECT
 
@@ -69,6 +71,7 @@ void ControlConnectTest::lateLauncherIsMet()
     QByteArray received;
     bool listening = false;
     bool met = false;
+    std::atomic<bool> done{false}; // what is above belongs to the launcher's thread until then
     // The constructor blocks this thread, so the launcher needs one of its own.
     std::unique_ptr<QThread> thread(QThread::create([&] {
         QThread::msleep(300);
@@ -78,6 +81,7 @@ void ControlConnectTest::lateLauncherIsMet()
         launcher.send("{\"action\":\"pause\"}\n");
         launcher.waitForReceived(1, patienceMs);
         received = launcher.received();
+        done.store(true, std::memory_order_release);
     }));
     thread->start();
     RecorderArguments arguments;
@@ -87,7 +91,8 @@ void ControlConnectTest::lateLauncherIsMet()
     QCOMPARE(probe.controlSocket()->state(), QLocalSocket::LocalSocketState::ConnectedState);
     QTRY_VERIFY_WITH_TIMEOUT(probe.paused().load(), patienceMs); // sent at once after the connection
     Q_EMIT recorder->frameCome();
-    QTRY_VERIFY_WITH_TIMEOUT(thread->isFinished(), 2 * patienceMs);
+    QTRY_VERIFY_WITH_TIMEOUT(done.load(std::memory_order_acquire), 2 * patienceMs);
+    QVERIFY(thread->wait());
     QVERIFY(listening);
     QVERIFY(met);
     QCOMPARE(received, QByteArray("1"));

@@ -7,6 +7,7 @@
 #include "recorderprobe.h"
 
 #include <QTest>
+#include <QThreadPool>
 
 #include <memory>
 
@@ -23,8 +24,12 @@ struct RecorderArguments {
     QString audioSource;
 };
 
+/// With a worker thread that is new, as in a process that makes one recorder: the threads of earlier ones end first,
+/// unless they are still busy after the limit.
 inline std::unique_ptr<GstRecorder> makeRecorder(const RecorderArguments& arguments)
 {
+    constexpr int limitMs = 200;
+    QThreadPool::globalInstance()->waitForDone(limitMs);
     return std::make_unique<GstRecorder>(arguments.command, arguments.output, arguments.window,
         arguments.screenOriginX, arguments.screenOriginY, arguments.canvasWidth, arguments.canvasHeight,
         arguments.scale, arguments.audioSource, nullptr);
