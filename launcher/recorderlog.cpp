@@ -26,7 +26,7 @@ QByteArray lineWith(const QString& path, const QByteArray& label)
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
     while (!file.atEnd()) {
-        const QByteArray line = file.readLine();
+        QByteArray line = file.readLine();
         if (line.contains(label))
             return line;
     }
