@@ -1,9 +1,9 @@
-// Opening, flushing and waiting, each with a bound.
+// Opening and waiting, each with a bound.
 //
-// libxcb waits for ever in several places; this file avoids them all. xcb_wait_for_reply() and xcb_request_check()
-// are replaced by poll() and xcb_poll_for_reply(). xcb_get_extension_data(), which every request of an extension
-// calls, is harmless once the extension was prefetched and a later answer has arrived. xcb_connect() has no bounded
-// form and runs on a thread of its own.
+// Where libxcb would wait for ever by itself, this file goes round it. Reading and writing go through the ServerLine.
+// xcb_wait_for_reply() and xcb_request_check() are replaced by xcb_poll_for_reply() and a wait of our own.
+// xcb_get_extension_data(), which every request of an extension calls, is harmless once the extension was prefetched
+// and a later answer has arrived. xcb_connect() has no bounded form and runs on a thread of its own.
 #include "x11connection.h"
 
 #include <QByteArray>
@@ -13,54 +13,14 @@
 #include <xcb/shm.h>
 #include <xcb/xcbext.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <future>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <system_error>
 #include <thread>
 
 namespace x11 {
 
 namespace {
-
-/// Keeps a write to a server that has just died from ending the process: libxcb writes without MSG_NOSIGNAL. Holds
-/// SIGPIPE back on this thread and takes away the one that appeared meanwhile.
-class BrokenPipeGuard {
-public:
-    BrokenPipeGuard()
-    {
-        sigemptyset(&brokenPipe_);
-        sigaddset(&brokenPipe_, SIGPIPE);
-        wasPending_ = isPending();
-        pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
-    }
-    ~BrokenPipeGuard()
-    {
-        const timespec noTime{};
-        if (!wasPending_ && isPending())
-            sigtimedwait(&brokenPipe_, nullptr, &noTime);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    BrokenPipeGuard(const BrokenPipeGuard&) = delete;
-    BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
-
-private:
-    static bool isPending()
-    {
-        sigset_t pending;
-        sigemptyset(&pending);
-        sigpending(&pending);
-        return sigismember(&pending, SIGPIPE) == 1;
-    }
-
-    sigset_t brokenPipe_;
-    sigset_t before_;
-    bool wasPending_ = false;
-};
 
 /// Null when the display refuses, or takes longer than the limit. In the latter case the thread stays until the
 /// server answers or goes, and then closes the connection that nobody waits for any more.
@@ -69,7 +29,10 @@ ConnectionHandle connectToDisplay(const QByteArray& display)
     std::promise<ConnectionHandle> promise;
     std::future<ConnectionHandle> connecting = promise.get_future();
     std::thread thread([display, promise = std::move(promise)]() mutable {
-        const BrokenPipeGuard guard;
+        sigset_t brokenPipe; // libxcb may write to a server that has just died
+        sigemptyset(&brokenPipe);
+        sigaddset(&brokenPipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
         promise.set_value(ConnectionHandle(xcb_connect(display.constData(), nullptr)));
     });
     if (connecting.wait_for(answerLimit) != std::future_status::ready) {
@@ -83,30 +46,6 @@ ConnectionHandle connectToDisplay(const QByteArray& display)
     return handle;
 }
 
-/// What an answer or event takes in the stream, told by its first 32 bytes.
-size_t packetSize(const uchar* start)
-{
-    static constexpr size_t unit = 32;
-    const int type = start[0] & 0x7f;
-    if (type != 1 && type != XCB_GE_GENERIC) // neither a reply nor an event of any length
-        return unit;
-    quint32 furtherWords = 0;
-    std::memcpy(&furtherWords, start + 4, sizeof(furtherWords));
-    return unit + size_t(furtherWords) * 4;
-}
-
-bool waitForDescriptor(int descriptor, short events, QDeadlineTimer deadline)
-{
-    for (;;) {
-        pollfd waiting{descriptor, events, 0};
-        const int ready = ::poll(&waiting, 1, int(deadline.remainingTime()));
-        if (ready > 0)
-            return true; // also when the connection broke: libxcb then finds out
-        if (ready == 0 || errno != EINTR)
-            return false;
-    }
-}
-
 }
 
 std::unique_ptr<Connection> Connection::open()
@@ -116,9 +55,10 @@ std::unique_ptr<Connection> Connection::open()
         return nullptr;
     try {
         ConnectionHandle handle = connectToDisplay(display);
-        if (!handle)
+        std::unique_ptr<ServerLine> line = handle ? ServerLine::insert(handle.get()) : nullptr;
+        if (!line)
             return nullptr;
-        std::unique_ptr<Connection> connection(new Connection(std::move(handle)));
+        std::unique_ptr<Connection> connection(new Connection(std::move(handle), std::move(line)));
         return connection->queryExtensions() ? std::move(connection) : nullptr;
     } catch (const std::system_error&) { // the system has no thread left
         return nullptr;
@@ -157,19 +97,10 @@ bool Connection::queryExtensions()
     return isResponsive();
 }
 
-bool Connection::isLocal() const
-{
-    sockaddr_storage peer{};
-    socklen_t size = sizeof(peer);
-    return ::getpeername(xcb_get_file_descriptor(xcb()), reinterpret_cast<sockaddr*>(&peer), &size) == 0
-        && peer.ss_family == AF_UNIX;
-}
-
 bool Connection::recover()
 {
-    const QDeadlineTimer now(0);
-    if (overdue_ && flush(now) && waitForWholePackets(now)) {
-        readAvailable();
+    if (overdue_) {
+        exchange();
         Answer late;
         if (pollAnswer(*overdue_, late))
             overdue_.reset();
@@ -189,15 +120,15 @@ Connection::Answer Connection::awaitAnswer(unsigned sequence)
         return answer;
 
     const QDeadlineTimer deadline(answerLimit);
-    bool inTime = flush(deadline);
-    while (inTime && !pollAnswer(sequence, answer)) {
-        inTime = waitForDescriptor(xcb_get_file_descriptor(xcb()), POLLIN, deadline) && waitForWholePackets(deadline);
-        if (inTime)
-            readAvailable();
-    }
-    if (!inTime) {
-        overdue_ = sequence;
-        answer.state = Answer::State::Overdue;
+    xcb_flush(xcb()); // into the line, which always has room
+    exchange();
+    while (!pollAnswer(sequence, answer)) {
+        if (!line_->wait(deadline)) {
+            overdue_ = sequence;
+            answer.state = Answer::State::Overdue;
+            break;
+        }
+        exchange();
     }
     return answer;
 }
@@ -209,54 +140,16 @@ std::vector<Allocated<xcb_generic_event_t>> Connection::takeEvents()
     return std::exchange(events_, {});
 }
 
-/// A socket reports itself writable only while it has room for much more than one round of requests, so that
-/// xcb_flush(), which would wait without a bound, does not have to wait.
-bool Connection::flush(QDeadlineTimer deadline)
+void Connection::exchange()
 {
-    if (!waitForDescriptor(xcb_get_file_descriptor(xcb()), POLLOUT, deadline) || !waitForWholePackets(deadline))
-        return false;
-    const BrokenPipeGuard guard;
-    xcb_flush(xcb());
-    return true;
-}
-
-/// Servers write the header and the body of a long answer apart, and can stop in between.
-bool Connection::waitForWholePackets(QDeadlineTimer deadline)
-{
-    static constexpr int impatientLooks = 100; // the body follows at once, when the server does not stop
-    for (int looks = 0; !onlyWholePacketsWait(); ++looks) {
-        if (deadline.hasExpired())
-            return false;
-        if (looks < impatientLooks)
-            std::this_thread::yield();
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-/// True, too, when nothing waits or the connection is broken: libxcb then reads without waiting.
-bool Connection::onlyWholePacketsWait()
-{
-    const int descriptor = xcb_get_file_descriptor(xcb());
-    int available = 0;
-    if (::ioctl(descriptor, FIONREAD, &available) != 0 || available <= 0)
-        return true;
-    peeked_.resize(size_t(available));
-    const ssize_t count = ::recv(descriptor, peeked_.data(), peeked_.size(), MSG_PEEK | MSG_DONTWAIT);
-    if (count <= 0)
-        return true;
-    size_t end = 0;
-    while (end + 32 <= size_t(count))
-        end += packetSize(peeked_.data() + end);
-    return end == size_t(count);
-}
-
-/// libxcb reads from the socket only when it is asked for an event and has none left.
-void Connection::readAvailable()
-{
-    while (xcb_generic_event_t* event = xcb_poll_for_event(xcb()))
-        events_.emplace_back(event);
+    line_->exchange();
+    bool handedOver = false;
+    do {
+        handedOver = line_->handOverPackets();
+        // libxcb reads only when it is asked for an event and has none left.
+        while (xcb_generic_event_t* event = xcb_poll_for_event(xcb()))
+            events_.emplace_back(event);
+    } while (handedOver);
 }
 
 bool Connection::pollAnswer(unsigned sequence, Answer& answer)

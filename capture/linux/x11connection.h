@@ -2,7 +2,8 @@
 // requests made on it.
 #pragma once
 
-#include <QDeadlineTimer>
+#include "x11serverline.h"
+
 #include <QtGlobal>
 
 #include <xcb/xcb.h>
@@ -43,7 +44,7 @@ struct Extensions {
  * Made on one thread, then used from one thread at a time. Everything that was made on the server through it goes
  * with it. After the server has failed to answer in time the connection is unresponsive: it sends nothing and waits
  * for nothing until recover() finds the overdue answer. So at most one round of requests is ever unanswered, and
- * these are too small to fill the socket.
+ * these are small.
  */
 class Connection {
 public:
@@ -53,7 +54,7 @@ public:
     xcb_connection_t* xcb() const { return handle_.get(); }
     const Extensions& extensions() const { return extensions_; }
     /// The server is on this machine, behind a Unix socket.
-    bool isLocal() const;
+    bool isLocal() const { return line_->isLocal(); }
 
     /// The server answers, as far as is known; false for ever when the connection is lost.
     bool isResponsive() const { return !overdue_ && !xcb_connection_has_error(xcb()); }
@@ -81,20 +82,20 @@ public:
     std::vector<Allocated<xcb_generic_event_t>> takeEvents();
 
 private:
-    explicit Connection(ConnectionHandle handle) : handle_(std::move(handle)) { }
+    Connection(ConnectionHandle handle, std::unique_ptr<ServerLine> line)
+        : handle_(std::move(handle)), line_(std::move(line))
+    {
+    }
 
     bool queryExtensions();
-    bool flush(QDeadlineTimer deadline);
-    bool waitForWholePackets(QDeadlineTimer deadline);
-    bool onlyWholePacketsWait();
-    void readAvailable();
+    void exchange();
     bool pollAnswer(unsigned sequence, Answer& answer);
 
     ConnectionHandle handle_;
+    std::unique_ptr<ServerLine> line_;
     Extensions extensions_;
     std::optional<unsigned> overdue_; ///< sequence number of the request whose answer did not come in time
     std::vector<Allocated<xcb_generic_event_t>> events_;
-    std::vector<uchar> peeked_; ///< what waits in the socket
 };
 
 /// A request with a reply of type T, or (void) a checked one without. An answer that nobody took is thrown away, so

@@ -11,9 +11,8 @@ namespace {
 /// No larger area is read: 16384 x 16384 pixels. A window can be 65535 pixels wide and high.
 constexpr qsizetype largestByteCount = qsizetype(1) << 30;
 
-/// The pixels of one answer of the plain way. An answer has to fit into a socket whole (see Connection); where the
-/// system does not say otherwise, a TCP socket takes 64 KiB at first, and a Unix socket more.
-constexpr qsizetype tileByteCount = 32 * 1024;
+/// The pixels of one answer of the plain way; has to fit into a socket whole (see ServerLine).
+constexpr qsizetype tileByteCount = 64 * 1024;
 
 /// Segments grow in steps, so that dragging a window larger does not make a new one for every pixel.
 constexpr size_t segmentStep = size_t(1) << 20;

@@ -1,0 +1,55 @@
+// Where the pointer is.
+#include "x11fixture.h"
+
+#include <QTest>
+
+using platform::WindowSource;
+
+class X11PointerTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void pointerIsInRootCoordinates();
+    void pointerOnAnotherScreenIsNowhere();
+    void pointerNeedsNoImage();
+};
+
+void X11PointerTest::pointerIsInRootCoordinates()
+{
+    DisplayForTest display;
+    WindowProcess window;
+    QVERIFY2(window.id(), qPrintable(window.errorString()));
+    WindowSource source(window.id());
+    for (const QPoint place : {QPoint(0, 0), QPoint(150, 100), QPoint(1023, 767)}) {
+        QVERIFY(window.send("warp 0 " + QByteArray::number(place.x()) + ' ' + QByteArray::number(place.y())));
+        QCOMPARE(source.pointerLocation(), QPointF(place));
+    }
+}
+
+void X11PointerTest::pointerOnAnotherScreenIsNowhere()
+{
+    DisplayForTest display(
+        QSize(640, 480), 24, {QStringLiteral("-screen"), QStringLiteral("1"), QStringLiteral("640x480x24")});
+    WindowProcess window;
+    QVERIFY2(window.id(), qPrintable(window.errorString()));
+    WindowSource source(window.id());
+    QVERIFY(window.send("warp 0 20 30"));
+    QCOMPARE(source.pointerLocation(), QPointF(20, 30));
+    QVERIFY(window.send("warp 1 40 50"));
+    QCOMPARE(source.pointerLocation(), std::nullopt);
+    QVERIFY(window.send("warp 0 60 70"));
+    QCOMPARE(source.pointerLocation(), QPointF(60, 70));
+}
+
+void X11PointerTest::pointerNeedsNoImage()
+{
+    DisplayForTest display;
+    WindowProcess window({.mapped = false});
+    WindowSource source(window.id());
+    QVERIFY(source.image().isNull());
+    QVERIFY(window.send("warp 0 11 12"));
+    QCOMPARE(source.pointerLocation(), QPointF(11, 12));
+}
+
+QTEST_GUILESS_MAIN(X11PointerTest)
+#include "x11pointer_test.moc"
