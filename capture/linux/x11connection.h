@@ -65,14 +65,14 @@ public:
     bool synchronise();
 
     struct Answer {
-        Allocated<void> reply; ///< null for a request without reply, and when there is no answer
-        quint8 errorCode = 0; ///< 0 when the server reported no error
         enum class State {
             Arrived,
             Overdue, ///< it did not come in time; recover() will take it
             NotAwaited, ///< the connection is unresponsive or lost
-        } state
-            = State::NotAwaited;
+        };
+        State state = State::NotAwaited;
+        Allocated<void> reply; ///< null for a request without reply, and when there is no answer
+        quint8 errorCode = 0; ///< 0 when the server reported no error
     };
     /// Sends what is queued and waits for the answer to one request. A request without a reply is answered as soon
     /// as the answer to a later one is there, and must not be waited for earlier.

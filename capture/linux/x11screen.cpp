@@ -189,7 +189,7 @@ QImage WindowSource::Impl::image()
             shown_->placement = *now;
             return shown_->image;
         }
-        const QImage image = readPixels(*now);
+        QImage image = readPixels(*now);
         if (!image.isNull()) {
             shown_ = Shown{image, *now};
             return image;
@@ -297,7 +297,7 @@ QImage WindowSource::Impl::readPixels(const Placement& placement)
     const auto geometry = geometryRequest.reply();
     if (!pixels || !geometry || QSize(geometry->width, geometry->height) != placement.pixmapSize())
         return QImage();
-    const QImage image = x11::imageFromPixels(pixels, visible.size(), layout_);
+    QImage image = x11::imageFromPixels(pixels, visible.size(), layout_);
     changed_ = damage_ == XCB_NONE || image.isNull();
     return image;
 }

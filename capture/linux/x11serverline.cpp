@@ -111,14 +111,15 @@ bool ServerLine::isLocal() const
 bool ServerLine::wait(QDeadlineTimer deadline) const
 {
     const short events = requests_.empty() ? POLLIN : POLLIN | POLLOUT;
-    for (;;) {
+    while (!deadline.hasExpired()) { // asked for each time: a flood of events is no answer
         pollfd waiting{server_.number(), events, 0};
         const int ready = ::poll(&waiting, 1, int(deadline.remainingTime()));
         if (ready > 0)
             return true; // also when the server has gone: receive() then finds out
-        if (ready == 0 || errno != EINTR)
+        if (ready < 0 && errno != EINTR)
             return false;
     }
+    return false;
 }
 
 void ServerLine::exchange()

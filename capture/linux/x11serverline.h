@@ -63,7 +63,7 @@ private:
     Descriptor server_;
     Descriptor library_; ///< the other end of libxcb's
     std::vector<uchar> requests_; ///< not yet sent
-    std::vector<Descriptor> attached_; ///< go with them
+    std::vector<Descriptor> attached_; ///< go with them; one at most, as nothing more is sent before it has gone
     std::vector<uchar> packets_; ///< received and not yet handed over; begins with the beginning of a packet
     bool serverGone_ = false;
 };

@@ -257,11 +257,11 @@ void X11ServerTest::stoppedAtAnyMoment()
     QVERIFY2(display.server.isRunning(), qPrintable(display.server.errorString()));
     WindowProcess window({.geometry = QRect(0, 0, 1920, 1080), .pixel = blue});
     WindowSource source(window.id());
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         QTRY_VERIFY(isFilled(source.image(), blue));
         const auto pid = pid_t(display.server.pid());
         std::thread stopper([pid, i] {
-            std::this_thread::sleep_for(std::chrono::microseconds(300 * i)); // a moment, not a duration to keep
+            std::this_thread::sleep_for(std::chrono::microseconds(700 * i)); // a moment, not a duration to keep
             ::kill(pid, SIGSTOP);
         });
         while (!source.image().isNull()) { }

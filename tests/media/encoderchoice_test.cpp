@@ -17,7 +17,7 @@ namespace {
 using Formats = std::vector<AVPixelFormat>;
 
 constexpr auto noFormat = AV_PIX_FMT_NONE;
-constexpr auto noSuchFormat = AVPixelFormat(100000);
+constexpr auto noSuchFormat = AV_PIX_FMT_NB; // one behind the last
 
 /// The choice for an encoder with this list; noFormat for a refusal.
 AVPixelFormat chosen(const Formats& list)

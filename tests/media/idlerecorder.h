@@ -16,12 +16,19 @@
 #include <QString>
 #include <QStringList>
 
+#include <algorithm>
 #include <memory>
+#include <sys/stat.h>
 
-/// How many file descriptors this process has open (one more than that, while it counts).
+/// How many files this process has open. Pipes and sockets do not count: Qt's threads come and go with theirs.
 inline qsizetype openDescriptors()
 {
-    return QDir(QStringLiteral("/dev/fd")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
+    const auto names
+        = QDir(QStringLiteral("/dev/fd")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    return std::count_if(names.begin(), names.end(), [](const QString& name) {
+        struct stat entry = {};
+        return ::fstat(name.toInt(), &entry) == 0 && S_ISREG(entry.st_mode);
+    });
 }
 
 /// The platform refuses the capture, so the worker has nothing to record; the launcher listens, so the constructor

@@ -244,7 +244,7 @@ void EndingsTest::killed()
     QCOMPARE(scene.recorder.exitCode(), -SIGKILL);
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.plays() && !file.finished, file.description());
-    QVERIFY2(file.ptsMs.size() >= 2 * 24, file.description()); // each fragment up to the next key picture
+    QVERIFY2(file.ptsMs.last() >= 1500.0, file.description()); // two fragments, of 24 pictures or a second each
 }
 
 QTEST_GUILESS_MAIN(EndingsTest)

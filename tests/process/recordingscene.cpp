@@ -59,7 +59,7 @@ bool RecordingScene::waitUntilRecorded(int recordingMs)
 
 bool RecordingScene::waitForFragments(int count)
 {
-    return QTest::qWaitFor([&] { return topLevelBoxes(command.output).count("moof") >= count; }, hangLimitMs);
+    return QTest::qWaitFor([&] { return topLevelBoxes(command.output).count("mdat") >= count; }, hangLimitMs);
 }
 
 std::optional<qint64> RecordingScene::stop()
