@@ -132,7 +132,8 @@ private:
     void runRecordingLoop();
     void recordUntilStopped(LoopState& loop);
     bool warmingUp(LoopState& loop) const;
-    bool waitingAfterReadiness(LoopState& loop);
+    bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
+    QImage rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
     void encodeBlackFrame();

@@ -21,6 +21,7 @@ struct GstRecorder::LoopState {
     bool warmupLogged = false;
     QElapsedTimer settle; ///< started at the first image
     QElapsedTimer ready; ///< started when readiness is announced
+    QImage rehearsed; ///< a canvas that gives its memory to the first one that is encoded
     QList<QueuedFrame> queue; ///< first in, first out
     qint64 lastElapsedMs = -1; ///< recording time of the newest queued frame; -1 before the first
 
@@ -62,7 +63,7 @@ void GstRecorder::recordUntilStopped(LoopState& loop)
         }
         if (!loop.settle.isValid())
             loop.settle.start();
-        if (!warmingUp(loop) && !waitingAfterReadiness(loop))
+        if (!warmingUp(loop) && !waitingAfterReadiness(loop, frame))
             recordFrame(loop, std::move(frame));
         loop.advance(nowMs);
     }
@@ -81,15 +82,27 @@ bool GstRecorder::warmingUp(LoopState& loop) const
     return true;
 }
 
-bool GstRecorder::waitingAfterReadiness(LoopState& loop)
+bool GstRecorder::waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame)
 {
     if (!frameComeSent.load(std::memory_order_acquire)) {
         announceFrameCome();
         loop.ready.start();
+        loop.rehearsed = rehearse(frame);
         qDebug() << "Recorder ready; delaying first encoded frame" << readyDelayMs << "ms";
         return true;
     }
     return loop.ready.isValid() && loop.ready.elapsed() < readyDelayMs;
+}
+
+/// The first picture costs several times what later ones do: its memory was never touched. Without this that time
+/// falls into the recording, when the delay queue begins to drain. The picture that is returned keeps the memory
+/// until then; the encoder's copy is overwritten.
+QImage GstRecorder::rehearse(const CapturedFrame& frame)
+{
+    const QImage composed = composeFrame(frame, 0);
+    if (!composed.isNull())
+        transferPixels(composed);
+    return composed;
 }
 
 void GstRecorder::announceFrameCome()
@@ -109,6 +122,8 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
     loop.lastElapsedMs = elapsedMs;
     loop.queue.append({std::move(frame), elapsedMs});
+    if (elapsedMs >= holdMs)
+        loop.rehearsed = QImage();
     drainQueue(loop.queue, elapsedMs - holdMs, false);
 }
 
