@@ -33,8 +33,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 
 class MacWindowCapture;
+class RecorderAudioCapture;
 class QLocalSocket;
 class QPainter;
 
@@ -167,6 +169,15 @@ private:
 
     bool openAudioOutput();
 
+    // ==== audioencoding.cpp: sound to packet, in step with the recording clock (worker) ======================
+
+    bool encodePendingAudio();
+    bool padAudioToElapsedClock(qint64 elapsedMs);
+    bool padAudioFifoWithSilence(int samples);
+    bool encodeAudioSamples(int samples);
+    bool drainAudioEncoder();
+    void stopAudioCapture();
+
     // ==== videoencoding.cpp: picture to packet (worker) ======================================================
 
     bool encodeImage(const QImage& image, long long ptsMs);
@@ -226,6 +237,17 @@ private:
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
     qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
+
+    // Its sound, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
+    AVCodecContext* audioCodecContext = nullptr; // set only when the whole set-up succeeded
+    AVStream* audioStream = nullptr; // owned by formatContext
+    AVAudioFifo* audioFifo = nullptr; // samples in the encoder's format that wait for a full frame
+    SwrContext* audioResampler = nullptr; // from the capture's format to the encoder's
+    QString audioEncoderName; // FFmpeg's name of the opened encoder
+    bool audioStarted = false; // the capture was started (recordingloop.cpp) and not yet stopped
+    bool audioPcmLogged = false; // the first chunk was logged
+    qint64 audioSamplesWritten = 0; // a channel, at the encoder's rate; the next frame's presentation time
+    std::unique_ptr<RecorderAudioCapture> audioCapture; // null: video only
 
     MacWindowCapture* windowCapture = nullptr; // owned; null when set-up failed; constant after the constructor
 };

@@ -1,0 +1,197 @@
+// The seam between the audio capture and the operating system's sound. Each platform folder (capture/linux, ...)
+// defines all of it; which one is used is decided at link time. An adapter holds no rule: matching, time limits,
+// conversion, states and log texts live in recorderaudiocapture.cpp and audiosampleintake.cpp.
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace platform {
+
+// ---- what can be captured ------------------------------------------------------------------------------------
+
+/// An application that runs now.
+struct AudioApplication {
+    qint32 processId = 0;
+    QString bundleIdentifier; ///< the application's id where the system knows one; may be empty
+    QString applicationName; ///< for people; may be empty
+};
+
+/// A snapshot of what the system would let us capture.
+struct AudioContent {
+    std::size_t displays = 0; ///< how many displays can be captured; they are named by index
+    std::vector<AudioApplication> applications; ///< in the system's order; named by index in AudioFilter
+    std::shared_ptr<const void> native; ///< what the platform needs to make a filter from indices; null in fakes
+};
+
+/// Exactly one of the two is set. The error is the system's text for people, and may be empty.
+using AudioContentCompletion
+    = std::function<void(std::shared_ptr<const AudioContent> content, std::optional<QString> error)>;
+
+/// Looks up the content; returns at once, or nearly. The completion is called exactly once, on a thread of the
+/// platform's or before the call returns, or never when the system does not answer. Any thread.
+void requestAudioContent(bool excludeDesktopWindows, bool onScreenWindowsOnly, AudioContentCompletion completion);
+
+/// The full path of a process's executable; empty when there is no such process or the path cannot be told.
+QString executablePath(qint64 processId);
+
+// ---- waiting with a bound --------------------------------------------------------------------------------------
+
+/// A counting semaphore, 0 at first. signal() may be called on any thread.
+class Semaphore {
+public:
+    Semaphore();
+    ~Semaphore();
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+
+    void signal();
+    /// Waits for a signal at most this long (nanoseconds from now). False when the time ran out.
+    bool wait(qint64 nanoseconds);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// ---- sound -----------------------------------------------------------------------------------------------------
+
+inline constexpr quint32 linearPcm = 0x6c70636d; ///< AudioStreamDescription::formatId: 'lpcm'
+inline constexpr quint32 pcmIsFloat = 1; ///< AudioStreamDescription::formatFlags
+inline constexpr quint32 pcmIsSignedInteger = 4;
+inline constexpr quint32 pcmIsNonInterleaved = 32; ///< one buffer a channel
+
+/// How the samples of a buffer lie in memory. Samples are in the machine's byte order.
+struct AudioStreamDescription {
+    quint32 formatId = linearPcm;
+    quint32 formatFlags = 0;
+    quint32 bytesPerFrame = 0; ///< of one buffer
+    quint32 channelsPerFrame = 0;
+    quint32 bitsPerChannel = 0;
+};
+
+struct AudioBuffer {
+    const void* data = nullptr; ///< may be null
+    std::size_t bytes = 0; ///< readable at data
+};
+
+struct AudioBufferList {
+    std::vector<AudioBuffer> buffers;
+    std::shared_ptr<const void> owner; ///< keeps the memory of the buffers; null when that outlives the call anyway
+};
+
+/// One block of sound as the platform delivers it. Lives as long as the call that delivers it.
+struct AudioSampleBuffer {
+    bool valid = true;
+    std::optional<AudioStreamDescription> description; ///< nothing when the platform cannot tell
+    qint64 frames = 0; ///< one sample of every channel each
+    /// Fetches the samples; nothing when the platform fails to hand them out.
+    std::function<std::optional<AudioBufferList>()> bufferList;
+};
+
+/// Which sound: that of one display, or that of the display without some applications.
+struct AudioFilter {
+    std::shared_ptr<const AudioContent> content;
+    std::size_t display = 0; ///< index
+    /// Indices into content->applications; nothing for the sound of the whole display.
+    std::optional<std::vector<std::size_t>> excludedApplications;
+};
+
+/// How to deliver it. The picture that some platforms tie to the sound is never read.
+struct AudioStreamConfiguration {
+    int width = 0; ///< of the picture, pixels
+    int height = 0;
+    int minimumFrameIntervalNumerator = 0; ///< seconds: numerator / denominator
+    int minimumFrameIntervalDenominator = 1;
+    int queueDepth = 0;
+    bool showsCursor = false;
+    bool capturesAudio = false;
+    int sampleRate = 0; ///< hertz
+    int channelCount = 0;
+    bool excludesCurrentProcessAudio = false;
+};
+
+/// Who receives what a stream delivers. Both are called on the stream's queue or another thread of the platform's,
+/// the first one never by two threads at once; neither after the AudioStream has been destroyed.
+struct AudioReceiver {
+    std::function<void(const AudioSampleBuffer* buffer)> handleSampleBuffer;
+    /// The stream ended by itself. The error is nothing when the system gives none.
+    std::function<void(const std::optional<QString>& error)> streamStopped;
+};
+
+/// The object that the system calls: receives the sound and the news of a stream. Calls nobody after its destructor.
+class AudioOutput {
+public:
+    explicit AudioOutput(AudioReceiver owner);
+    ~AudioOutput();
+    AudioOutput(const AudioOutput&) = delete;
+    AudioOutput& operator=(const AudioOutput&) = delete;
+
+    struct Impl;
+    Impl& impl() { return *impl_; }
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+/// A serial queue: what runs on it runs one at a time.
+class AudioQueue {
+public:
+    explicit AudioQueue(const char* label);
+    ~AudioQueue();
+    AudioQueue(const AudioQueue&) = delete;
+    AudioQueue& operator=(const AudioQueue&) = delete;
+
+    struct Impl;
+    Impl& impl() { return *impl_; }
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Nothing for success, else the system's text for people (may be empty). Called exactly once, on a thread of the
+/// platform's or before the call returns, or never when the system does not answer.
+using AudioCompletion = std::function<void(std::optional<QString> error)>;
+
+/**
+ * A stream of sound. Made, started, stopped and destroyed on one thread (another than the platform's own). Making it
+ * never fails; what fails is told by addStreamOutput() or startCapture(). The output (and delegate) and the queue
+ * outlive it.
+ */
+class AudioStream {
+public:
+    AudioStream(const AudioFilter& filter, const AudioStreamConfiguration& configuration, AudioOutput& delegate);
+    /// When it returns, no callback runs and none will.
+    ~AudioStream();
+    AudioStream(const AudioStream&) = delete;
+    AudioStream& operator=(const AudioStream&) = delete;
+
+    /// Asks for the sound to be delivered to output, on queue. False on failure; error is then the system's text, or
+    /// nothing when the system gives no error.
+    bool addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error);
+
+    void startCapture(AudioCompletion completion);
+    void stopCapture(AudioCompletion completion);
+
+    /**
+     * For a platform whose sound the reader's clock meters out: delivers, before it returns and on the caller's
+     * thread, the sound from the end of the last delivery (at first: from the start of the capture) up to this
+     * instant, in whole milliseconds, so that the reader finds exactly as much sound as its clock has advanced. It
+     * delivers nothing while sound of that time is still on its way. A platform that delivers on its own does
+     * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock, the
+     * reference of QElapsedTimer::msecsSinceReference()).
+     */
+    void deliverUntil(qint64 monotonicMs);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}

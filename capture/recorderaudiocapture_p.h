@@ -1,0 +1,57 @@
+// RecorderAudioCapturePrivate: the state behind RecorderAudioCapture. Internal to capture/ and its tests.
+#pragma once
+
+#include "platform/audio.h"
+#include "recorderaudiocapture.h"
+
+#include <QMutex>
+#include <QStringView>
+
+#include <memory>
+#include <vector>
+
+/**
+ * Threads: everything belongs to the thread that made it, except chunks (under mutex) and unsupportedFormatLogged
+ * (only touched by handleAudioSampleBuffer(), which the platform calls from one thread at a time).
+ */
+class RecorderAudioCapturePrivate {
+public:
+    /// Parses the device string and configures the stream.
+    explicit RecorderAudioCapturePrivate(const QString& deviceText);
+    /// Stops the stream if it is started; drops what is queued.
+    ~RecorderAudioCapturePrivate();
+    RecorderAudioCapturePrivate(const RecorderAudioCapturePrivate&) = delete;
+    RecorderAudioCapturePrivate& operator=(const RecorderAudioCapturePrivate&) = delete;
+
+    bool start();
+    void stop();
+
+    /// Converts one delivered buffer and queues the chunk (audiosampleintake.cpp). null is ignored.
+    void handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer);
+    /// The platform ended the stream: a warning, when there is an error. No state changes.
+    static void handleStreamStopped(const std::optional<QString>& error);
+
+    QString device; ///< trimmed
+    bool appOnly = false; ///< device begins with "app-pid:"
+    qint64 appPid = 0; ///< 0 when not app-only or not a number above 0
+
+    QMutex mutex; ///< guards chunks; held for an append or a move only
+    QList<RecorderAudioCapture::Chunk> chunks;
+
+    std::unique_ptr<platform::AudioStream> stream; ///< null until configured
+    std::unique_ptr<platform::AudioOutput> output;
+    std::unique_ptr<platform::AudioQueue> queue;
+    bool valid = false; ///< the configuration succeeded
+    bool started = false; ///< between a successful start and the next stop
+    bool unsupportedFormatLogged = false;
+
+private:
+    bool configure();
+    std::shared_ptr<const platform::AudioContent> lookUpContent() const;
+    std::optional<platform::AudioFilter> filterFor(
+        const std::shared_ptr<const platform::AudioContent>& content) const;
+    std::optional<platform::AudioFilter> applicationFilter(
+        const std::shared_ptr<const platform::AudioContent>& content) const;
+    void logCandidates(const std::vector<platform::AudioApplication>& applications) const;
+    bool makeStream(const platform::AudioFilter& filter);
+};
