@@ -2,6 +2,7 @@
 #include "gstrecorder.h"
 
 #include "macwindowcapture.h"
+#include "recorderaudiocapture.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -51,6 +52,7 @@ GstRecorder::~GstRecorder()
     worker.waitForFinished();
     closeOutput();
     delete windowCapture;
+    audioCapture.reset();
 }
 
 void GstRecorder::openWindowCapture()

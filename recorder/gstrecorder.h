@@ -137,6 +137,8 @@ private:
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
     QImage rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
+    void startAudio();
+    void takeAudio();
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
     void encodeBlackFrame();
     void finalizeRecording(LoopState& loop);

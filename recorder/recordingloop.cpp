@@ -1,8 +1,10 @@
-// The worker's loop: pacing, warm-up, readiness, delay queue and the end of the recording. Worker thread.
+// The worker's loop: pacing, warm-up, readiness, delay queue, the turns of the sound, and the end of the recording.
+// Worker thread.
 #include "gstrecorder.h"
 
 #include "macwindowcapture.h"
 #include "pacing.h"
+#include "recorderaudiocapture.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -53,11 +55,13 @@ void GstRecorder::recordUntilStopped(LoopState& loop)
     while (!stopRequested.load(std::memory_order_acquire)) {
         const qint64 nowMs = loop.timer.elapsed();
         if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
+            takeAudio();
             QThread::msleep(ulong(sleepMs));
             continue;
         }
         CapturedFrame frame = captureWindowFrame();
         if (frame.image.isNull()) {
+            takeAudio();
             QThread::msleep(ulong(sleepAfterNoImageMs));
             continue;
         }
@@ -116,7 +120,9 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     if (!recordingClock.isValid()) {
         recordingClock.start();
         recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
+        startAudio();
     }
+    takeAudio();
     // The capture after one that stalled comes at once, maybe in the same millisecond; the encoder refuses a time
     // that does not rise, and the frame would be lost.
     const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
@@ -125,6 +131,26 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     if (elapsedMs >= holdMs)
         loop.rehearsed = QImage();
     drainQueue(loop.queue, elapsedMs - holdMs, false);
+    takeAudio();
+}
+
+/// Sound begins with the recording clock: its first sample belongs to the first recorded frame.
+void GstRecorder::startAudio()
+{
+    if (!audioCapture || !audioCapture->isValid())
+        return;
+    audioStarted = audioCapture->start();
+    if (audioStarted)
+        return;
+    qWarning() << "Audio capture did not start; recording video only.";
+    audioCapture.reset();
+}
+
+/// What fails costs sound, never the picture.
+void GstRecorder::takeAudio()
+{
+    if (audioStarted)
+        encodePendingAudio();
 }
 
 void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
@@ -140,9 +166,12 @@ void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool 
 void GstRecorder::finalizeRecording(LoopState& loop)
 {
     durationMs = recordingClock.isValid() ? quint32(recordingClock.elapsed()) : 0;
+    takeAudio();
     drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true);
     if (encodedFrameCount == 0)
         encodeBlackFrame();
+    stopAudioCapture();
+    drainAudioEncoder();
     drainEncoder();
     closeOutput();
     finalized.store(true, std::memory_order_release);

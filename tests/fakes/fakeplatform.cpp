@@ -1,5 +1,6 @@
 #include "fakeplatform.h"
 
+#include "fakeaudio.h"
 #include "platform/application.h"
 #include "platform/screen.h"
 
@@ -16,6 +17,7 @@ State& state()
 void reset()
 {
     state() = State();
+    sound() = SoundState();
 }
 
 QImage solidImage(int width, int height, QRgb colour)
