@@ -12,44 +12,72 @@ namespace avcompat {
 /// libavutil (158 in major 59 and 60), so it is named.
 inline constexpr AVPixelFormat thirdInputFormat = AV_PIX_FMT_P010LE;
 
-// The supported formats of an encoder are a list in AVCodec that ends with AV_PIX_FMT_NONE up to libavcodec 61.12,
-// and the answer of avcodec_get_supported_config() from 61.13 on. Both functions are templates so that each of the
-// two is compiled against whatever declares the members it needs (tests build both on every FFmpeg).
+/// What an encoder supports, or nothing when it does not say, which means any.
+template <typename Item>
+using Supported = std::optional<std::span<const Item>>;
 
-/// From the list in the codec; nothing when the encoder states no list.
-template <typename Codec>
-std::optional<std::span<const AVPixelFormat>> pixelFormatsFromList(const Codec* codec)
-{
-    if (!codec->pix_fmts)
-        return std::nullopt;
-    const AVPixelFormat* end = codec->pix_fmts;
-    while (*end != AV_PIX_FMT_NONE)
-        ++end;
-    return std::span<const AVPixelFormat>(codec->pix_fmts, end);
-}
+// What an encoder supports stands in lists in AVCodec up to libavcodec 61.12, and is the answer of
+// avcodec_get_supported_config() from 61.13 on. Each version sees its own half only (tests build both on every
+// FFmpeg).
 
-/// From the query function: called as query(codec, &formats, &count), it returns a status code. Nothing when the
-/// encoder accepts any format, or does not answer.
-template <typename Codec, typename Query>
-std::optional<std::span<const AVPixelFormat>> pixelFormatsFromQuery(const Codec* codec, Query query)
-{
-    const void* formats = nullptr;
-    int count = 0;
-    if (query(codec, &formats, &count) < 0 || !formats || count < 0)
-        return std::nullopt;
-    return std::span<const AVPixelFormat>(static_cast<const AVPixelFormat*>(formats), std::size_t(count));
-}
-
-/// The input pixel formats that an encoder lists, or nothing when it has no list.
-inline std::optional<std::span<const AVPixelFormat>> pixelFormats(const AVCodec* codec)
-{
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
-    return pixelFormatsFromQuery(codec, [](const AVCodec* asked, const void** formats, int* count) {
-        return avcodec_get_supported_config(nullptr, asked, AV_CODEC_CONFIG_PIX_FORMAT, 0, formats, count);
-    });
-#else
-    return pixelFormatsFromList(codec);
-#endif
+
+/// `config` says what is asked for; the answer's type follows from it.
+template <typename Item, typename Config>
+Supported<Item> askedFor(const AVCodec* codec, Config config)
+{
+    const void* items = nullptr;
+    int count = 0;
+    if (avcodec_get_supported_config(nullptr, codec, config, 0, &items, &count) < 0 || !items || count < 0)
+        return std::nullopt;
+    return std::span<const Item>(static_cast<const Item*>(items), std::size_t(count));
 }
+
+inline Supported<AVPixelFormat> pixelFormats(const AVCodec* codec)
+{
+    return askedFor<AVPixelFormat>(codec, AV_CODEC_CONFIG_PIX_FORMAT);
+}
+
+inline Supported<AVSampleFormat> sampleFormats(const AVCodec* codec)
+{
+    return askedFor<AVSampleFormat>(codec, AV_CODEC_CONFIG_SAMPLE_FORMAT);
+}
+
+inline Supported<int> sampleRates(const AVCodec* codec)
+{
+    return askedFor<int>(codec, AV_CODEC_CONFIG_SAMPLE_RATE);
+}
+
+#else
+
+/// The list up to its end mark; nothing when there is no list.
+template <typename Item>
+Supported<Item> listed(const Item* list, Item endMark)
+{
+    if (!list)
+        return std::nullopt;
+    const Item* end = list;
+    while (*end != endMark)
+        ++end;
+    return std::span<const Item>(list, end);
+}
+
+inline Supported<AVPixelFormat> pixelFormats(const AVCodec* codec)
+{
+    return listed(codec->pix_fmts, AV_PIX_FMT_NONE);
+}
+
+inline Supported<AVSampleFormat> sampleFormats(const AVCodec* codec)
+{
+    return listed(codec->sample_fmts, AV_SAMPLE_FMT_NONE);
+}
+
+/// Hertz.
+inline Supported<int> sampleRates(const AVCodec* codec)
+{
+    return listed(codec->supported_samplerates, 0);
+}
+
+#endif
 
 }

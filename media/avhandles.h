@@ -27,6 +27,59 @@ struct AvCodecContextDeleter {
 };
 using AvCodecContextHandle = std::unique_ptr<AVCodecContext, AvCodecContextDeleter>;
 
+struct AvFrameDeleter {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+using AvFrameHandle = std::unique_ptr<AVFrame, AvFrameDeleter>;
+
+struct AvResamplerDeleter {
+    void operator()(SwrContext* context) const { swr_free(&context); }
+};
+using AvResamplerHandle = std::unique_ptr<SwrContext, AvResamplerDeleter>;
+
+struct AvAudioFifoDeleter {
+    void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+};
+using AvAudioFifoHandle = std::unique_ptr<AVAudioFifo, AvAudioFifoDeleter>;
+
+/// FFmpeg's usual layout of so many channels.
+class AvChannelLayout {
+public:
+    explicit AvChannelLayout(int channels) { av_channel_layout_default(&layout_, channels); }
+    ~AvChannelLayout() { av_channel_layout_uninit(&layout_); }
+    AvChannelLayout(const AvChannelLayout&) = delete;
+    AvChannelLayout& operator=(const AvChannelLayout&) = delete;
+
+    AVChannelLayout* get() { return &layout_; }
+
+private:
+    AVChannelLayout layout_{};
+};
+
+/// Sound in memory: one plane a channel for a planar format, else one plane.
+class AvSampleBuffer {
+public:
+    AvSampleBuffer() = default;
+    ~AvSampleBuffer()
+    {
+        if (planes_)
+            av_freep(&planes_[0]); // all planes are one block
+        av_freep(&planes_);
+    }
+    AvSampleBuffer(const AvSampleBuffer&) = delete;
+    AvSampleBuffer& operator=(const AvSampleBuffer&) = delete;
+
+    /// Once, with room for so many samples a channel. FFmpeg's status; the samples are not set.
+    int allocate(int channels, int samples, AVSampleFormat format)
+    {
+        return av_samples_alloc_array_and_samples(&planes_, nullptr, channels, samples, format, 0);
+    }
+    uint8_t** planes() { return planes_; }
+
+private:
+    uint8_t** planes_ = nullptr;
+};
+
 /// An options dictionary for the calls that take and replace one; what they leave is freed.
 class AvOptions {
 public:

@@ -3,14 +3,17 @@
 #include "gstrecorder.h"
 
 #include "averror.h"
+#include "recorderaudiocapture.h"
 
 #include <QDebug>
 
 void GstRecorder::closeOutput()
 {
-    // 1. Converter.
+    // 1. No more sound, no more conversions.
+    stopAudioCapture();
     sws_freeContext(swsContext);
     swsContext = nullptr;
+    swr_free(&audioResampler);
 
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
@@ -25,13 +28,20 @@ void GstRecorder::closeOutput()
             avio_closep(&formatContext->pb);
     }
 
-    // 3. Picture, encoder, container with its streams. The calls null what they are given, except the last.
+    // 3. Picture, encoders, sample queue, container with its streams. The calls null what they are given by address.
     av_frame_free(&videoFrame);
     avcodec_free_context(&videoCodecContext);
+    avcodec_free_context(&audioCodecContext);
+    av_audio_fifo_free(audioFifo);
+    audioFifo = nullptr;
     avformat_free_context(formatContext);
     formatContext = nullptr;
     videoStream = nullptr;
+    audioStream = nullptr;
+    audioCapture.reset();
 
     // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
+    audioSamplesWritten = 0;
+    audioPcmLogged = false;
     headerWritten = false;
 }

@@ -170,6 +170,8 @@ private:
     // ==== audiooutput.cpp: the file's audio stream (worker) ==================================================
 
     bool openAudioOutput();
+    AvCodecContextHandle openAudioEncoder() const;
+    bool createAudioStream(AVCodecContext& encoder);
 
     // ==== audioencoding.cpp: sound to packet, in step with the recording clock (worker) ======================
 
@@ -179,6 +181,11 @@ private:
     bool encodeAudioSamples(int samples);
     bool drainAudioEncoder();
     void stopAudioCapture();
+    bool queueAudioChunk(const QByteArray& pcm, int frames, qint64& cursorMs);
+    bool queueAudioSamples(uint8_t** planes, int first, int count);
+    qint64 audioSamplesPresent() const;
+    AvFrameHandle takeAudioFrame(int samples);
+    bool writeAudioPackets(const char* receiveError, const char* writeError, int missingDuration);
 
     // ==== videoencoding.cpp: picture to packet (worker) ======================================================
 

@@ -21,13 +21,25 @@ int inventedQuery(const AVCodecContext* context, const InventedCodec* codec, int
 #define LIBAVCODEC_VERSION_INT AV_VERSION_INT(61, 13, 100)
 #define AVCodec InventedCodec
 #define AV_CODEC_CONFIG_PIX_FORMAT inventedPixelFormatConfig
+#define AV_CODEC_CONFIG_SAMPLE_RATE inventedSampleRateConfig
+#define AV_CODEC_CONFIG_SAMPLE_FORMAT inventedSampleFormatConfig
 #define avcodec_get_supported_config inventedQuery
 #define avcompat avcompatNewer
 #include "avcompat.h"
 
-InventedFormats formatsSinceTheChange(const InventedCodec* codec)
+Invented<AVPixelFormat> pixelFormatsSinceTheChange(const InventedCodec* codec)
 {
     return avcompatNewer::pixelFormats(codec);
+}
+
+Invented<AVSampleFormat> sampleFormatsSinceTheChange(const InventedCodec* codec)
+{
+    return avcompatNewer::sampleFormats(codec);
+}
+
+Invented<int> sampleRatesSinceTheChange(const InventedCodec* codec)
+{
+    return avcompatNewer::sampleRates(codec);
 }
 
 InventedQuery lastQuery()

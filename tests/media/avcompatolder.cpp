@@ -7,7 +7,17 @@
 #define avcompat avcompatOlder
 #include "avcompat.h"
 
-InventedFormats formatsBeforeTheChange(const InventedCodec* codec)
+Invented<AVPixelFormat> pixelFormatsBeforeTheChange(const InventedCodec* codec)
 {
     return avcompatOlder::pixelFormats(codec);
+}
+
+Invented<AVSampleFormat> sampleFormatsBeforeTheChange(const InventedCodec* codec)
+{
+    return avcompatOlder::sampleFormats(codec);
+}
+
+Invented<int> sampleRatesBeforeTheChange(const InventedCodec* codec)
+{
+    return avcompatOlder::sampleRates(codec);
 }

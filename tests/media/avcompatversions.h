@@ -9,19 +9,29 @@
 
 /// Stands in AVCodec's place. It answers in both ways, so that it shows which one was used.
 struct InventedCodec {
-    const AVPixelFormat* pix_fmts = nullptr; ///< the older way: ends with AV_PIX_FMT_NONE
-    const AVPixelFormat* queried = nullptr; ///< what the newer way gives
+    // The older way: lists with an end mark.
+    const AVPixelFormat* pix_fmts = nullptr;
+    const AVSampleFormat* sample_fmts = nullptr;
+    const int* supported_samplerates = nullptr; ///< hertz
+
+    // The newer way: what the query gives, whatever it asks for.
+    const void* queried = nullptr;
     int queriedCount = 0;
     int queryStatus = 0;
 };
 
-using InventedFormats = std::optional<std::span<const AVPixelFormat>>;
+template <typename Item>
+using Invented = std::optional<std::span<const Item>>;
 
-/// libavcodec 61.12.100, the last one with the list alone.
-InventedFormats formatsBeforeTheChange(const InventedCodec* codec);
+/// libavcodec 61.12.100, the last one with the lists alone.
+Invented<AVPixelFormat> pixelFormatsBeforeTheChange(const InventedCodec* codec);
+Invented<AVSampleFormat> sampleFormatsBeforeTheChange(const InventedCodec* codec);
+Invented<int> sampleRatesBeforeTheChange(const InventedCodec* codec);
 
 /// libavcodec 61.13.100, the first one with the query.
-InventedFormats formatsSinceTheChange(const InventedCodec* codec);
+Invented<AVPixelFormat> pixelFormatsSinceTheChange(const InventedCodec* codec);
+Invented<AVSampleFormat> sampleFormatsSinceTheChange(const InventedCodec* codec);
+Invented<int> sampleRatesSinceTheChange(const InventedCodec* codec);
 
 /// The arguments that the last query came with.
 struct InventedQuery {
@@ -31,3 +41,5 @@ struct InventedQuery {
 };
 InventedQuery lastQuery();
 constexpr int inventedPixelFormatConfig = 77;
+constexpr int inventedSampleRateConfig = 78;
+constexpr int inventedSampleFormatConfig = 79;

@@ -5,6 +5,7 @@
 #include "launcherserver.h"
 #include "macwindowcapture.h"
 #include "privatetempdir.h"
+#include "recorderaudiocapture.h"
 
 /// Each accessor names the member that it opens. The caller keeps to the member's thread: touch what the worker owns
 /// only when the worker has finished.
@@ -36,6 +37,13 @@ struct RecorderProbe {
     bool transferPixels(const QImage& image) { return recorder.transferPixels(image); }
     bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
     bool drainEncoder() { return recorder.drainEncoder(); }
+    bool openAudioOutput() { return recorder.openAudioOutput(); }
+    bool encodePendingAudio() { return recorder.encodePendingAudio(); }
+    bool padAudioToElapsedClock(qint64 elapsedMs) { return recorder.padAudioToElapsedClock(elapsedMs); }
+    bool padAudioFifoWithSilence(int samples) { return recorder.padAudioFifoWithSilence(samples); }
+    bool encodeAudioSamples(int samples) { return recorder.encodeAudioSamples(samples); }
+    bool drainAudioEncoder() { return recorder.drainAudioEncoder(); }
+    void stopAudioCapture() { recorder.stopAudioCapture(); }
     void closeOutput() { recorder.closeOutput(); }
     void waitForWorker() { recorder.worker.waitForFinished(); }
 
@@ -64,6 +72,15 @@ struct RecorderProbe {
     QString& videoEncoderName() { return recorder.videoEncoderName; }
     bool& headerWritten() { return recorder.headerWritten; }
     qint64& encodedFrameCount() { return recorder.encodedFrameCount; }
+    AVCodecContext*& audioCodecContext() { return recorder.audioCodecContext; }
+    AVStream*& audioStream() { return recorder.audioStream; }
+    AVAudioFifo*& audioFifo() { return recorder.audioFifo; }
+    SwrContext*& audioResampler() { return recorder.audioResampler; }
+    QString& audioEncoderName() { return recorder.audioEncoderName; }
+    bool& audioStarted() { return recorder.audioStarted; }
+    bool& audioPcmLogged() { return recorder.audioPcmLogged; }
+    qint64& audioSamplesWritten() { return recorder.audioSamplesWritten; }
+    std::unique_ptr<RecorderAudioCapture>& audioCapture() { return recorder.audioCapture; }
     MacWindowCapture*& windowCapture() { return recorder.windowCapture; }
 
     GstRecorder& recorder;
