@@ -117,6 +117,42 @@ ORVANTIS_POINTER_CALL(GetConverter, SwsContext, sws_getContext,
         SwsFilter* fromFilter, SwsFilter* toFilter, const double* parameters),
     (fromWidth, fromHeight, from, toWidth, toHeight, to, flags, fromFilter, toFilter, parameters))
 
+ORVANTIS_STATUS_CALL(InitResampler, swr_init, (SwrContext * context), (context))
+ORVANTIS_STATUS_CALL(Resample, swr_convert,
+    (SwrContext * context, uint8_t** to, int toCount, const uint8_t** from, int fromCount),
+    (context, to, toCount, from, fromCount))
+ORVANTIS_STATUS_CALL(GrowFifo, av_audio_fifo_realloc, (AVAudioFifo * fifo, int samples), (fifo, samples))
+ORVANTIS_STATUS_CALL(
+    WriteFifo, av_audio_fifo_write, (AVAudioFifo * fifo, void** planes, int samples), (fifo, planes, samples))
+ORVANTIS_STATUS_CALL(
+    ReadFifo, av_audio_fifo_read, (AVAudioFifo * fifo, void** planes, int samples), (fifo, planes, samples))
+ORVANTIS_STATUS_CALL(AllocSamples, av_samples_alloc_array_and_samples,
+    (uint8_t * **planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment),
+    (planes, lineSize, channels, samples, format, alignment))
+ORVANTIS_STATUS_CALL(SetSilence, av_samples_set_silence,
+    (uint8_t* const* planes, int offset, int samples, int channels, AVSampleFormat format),
+    (planes, offset, samples, channels, format))
+ORVANTIS_STATUS_CALL(
+    CopyLayout, av_channel_layout_copy, (AVChannelLayout * to, const AVChannelLayout* from), (to, from))
+
+ORVANTIS_POINTER_CALL(AllocFifo, AVAudioFifo, av_audio_fifo_alloc, (AVSampleFormat format, int channels, int samples),
+    (format, channels, samples))
+
+int __real_swr_alloc_set_opts2(SwrContext** context, const AVChannelLayout* toLayout, AVSampleFormat toFormat,
+    int toRate, const AVChannelLayout* fromLayout, AVSampleFormat fromFormat, int fromRate, int logOffset,
+    void* logContext);
+int __wrap_swr_alloc_set_opts2(SwrContext** context, const AVChannelLayout* toLayout, AVSampleFormat toFormat,
+    int toRate, const AVChannelLayout* fromLayout, AVSampleFormat fromFormat, int fromRate, int logOffset,
+    void* logContext)
+{
+    if (const auto* plan = failing(Call::AllocResampler)) {
+        *context = nullptr;
+        return plan->status;
+    }
+    return __real_swr_alloc_set_opts2(
+        context, toLayout, toFormat, toRate, fromLayout, fromFormat, fromRate, logOffset, logContext);
+}
+
 int __real_avformat_alloc_output_context2(
     AVFormatContext** context, const AVOutputFormat* format, const char* formatName, const char* fileName);
 int __wrap_avformat_alloc_output_context2(

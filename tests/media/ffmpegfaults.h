@@ -31,14 +31,25 @@ enum class Call {
     WritePacket,
     FlushFile,
     WriteTrailer,
-    Last = WriteTrailer
+    AllocResampler,
+    InitResampler,
+    AllocFifo,
+    GrowFifo,
+    WriteFifo,
+    ReadFifo,
+    AllocSamples,
+    SetSilence,
+    Resample,
+    CopyLayout,
+    Last = CopyLayout
 };
 
 /// Back to FFmpeg as it is, and all counters to 0.
 void reset();
 
 /// The nth call from now on (1: the next one) fails with the status; so do, for ever, those after it in failFrom().
-/// What gives a pointer gives null instead. Status 0 makes AllocOutputContext succeed without a result.
+/// What gives a pointer gives null instead. Status 0 makes AllocOutputContext and AllocResampler succeed without a
+/// result; of WriteFifo and ReadFifo it is the number of samples.
 void failOnce(Call call, int status, int nth = 1);
 void failFrom(Call call, int status, int nth = 1);
 /// Stops failing and keeps the counter.

@@ -2,6 +2,7 @@
 // itself, on its own thread, through the probe.
 #pragma once
 
+#include "fakeaudio.h"
 #include "fakeplatform.h"
 #include "launcherserver.h"
 #include "logcapture.h"
@@ -53,10 +54,12 @@ public:
 
     QSize canvas() { return QSize(probe_.canvasWidth(), probe_.canvasHeight()); }
 
-    /// The warnings in their order, without the one of a recording that has no sound (it is no part of the picture).
+    /// The warnings in their order, without those of a platform that has no sound (they are no part of the picture).
     QStringList warnings() const
     {
         QStringList list = log_.messages(QtWarningMsg);
+        list.removeAll(QStringLiteral("macOS ScreenCaptureKit shareable content lookup failed: \"%1\"")
+                           .arg(fakeplatform::noSoundError));
         list.removeAll(QStringLiteral("Continuing video recording without audio."));
         return list;
     }
@@ -65,11 +68,19 @@ public:
     /// Neither a warning nor an error so far.
     bool wasQuiet() const { return warnings().isEmpty() && criticals().isEmpty(); }
 
-    /// Every FFmpeg object is gone and no header waits for its trailer.
+    /// Every FFmpeg object and the sound are gone and no header waits for its trailer.
     bool isClosed()
     {
         return !probe_.formatContext() && !probe_.videoCodecContext() && !probe_.videoStream() && !probe_.videoFrame()
-            && !probe_.swsContext() && !probe_.headerWritten();
+            && !probe_.swsContext() && !probe_.headerWritten() && isSilent();
+    }
+
+    /// Nothing is left of the sound.
+    bool isSilent()
+    {
+        return !probe_.audioCapture() && !probe_.audioCodecContext() && !probe_.audioStream() && !probe_.audioFifo()
+            && !probe_.audioResampler() && !probe_.audioStarted() && !probe_.audioPcmLogged()
+            && probe_.audioSamplesWritten() == 0;
     }
 
     /// One walking picture for each time (recording milliseconds), the first one being number `first`. False when one
