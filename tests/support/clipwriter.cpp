@@ -1,10 +1,11 @@
-// ClipWriter: short recordings from generated pictures.
+// ClipWriter: short recordings from generated pictures and sound.
 #include "clipwriter.h"
 
 #include "avhandles.h"
 
 #include <QFile>
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -17,16 +18,16 @@ struct OutputDeleter {
     }
 };
 
-struct PictureDeleter {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-
 struct ConverterDeleter {
     void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
 
 constexpr AVRational milliseconds{1, 1000};
 constexpr qint64 frameMs = 41;
+constexpr int sampleRate = 48000;
+constexpr AVRational sampleTime{1, sampleRate};
+constexpr int videoIndex = 0; // places of the streams in the file
+constexpr int soundIndex = 1;
 
 }
 
@@ -34,14 +35,19 @@ struct ClipWriter::Impl {
     QString error;
     std::unique_ptr<AVFormatContext, OutputDeleter> output;
     AvCodecContextHandle encoder;
-    std::unique_ptr<AVFrame, PictureDeleter> frame;
+    AvCodecContextHandle soundEncoder; // null without sound
+    AvFrameHandle frame;
     std::unique_ptr<SwsContext, ConverterDeleter> converter;
 
     bool succeeded(int status, const char* what);
     void open(const QByteArray& path, QSize size, const ClipOptions& options);
     bool openEncoder(QSize size, const ClipOptions& options);
     bool openFile(const QByteArray& path);
-    bool encode(const AVFrame* picture);
+    bool openSoundEncoder();
+    bool addStream(const AVCodecContext& source);
+    bool encodePicture(const AVFrame* picture);
+    bool encodeSound(const AVFrame* block);
+    bool encode(AVCodecContext& with, const AVFrame* input, int streamIndex, qint64 duration);
 };
 
 bool ClipWriter::Impl::succeeded(int status, const char* what)
@@ -60,7 +66,7 @@ void ClipWriter::Impl::open(const QByteArray& path, QSize size, const ClipOption
     if (!succeeded(avformat_alloc_output_context2(&context, nullptr, "mp4", path.constData()), "container"))
         return;
     output.reset(context);
-    if (!openEncoder(size, options) || !openFile(path))
+    if (!openEncoder(size, options) || (options.withSound && !openSoundEncoder()) || !openFile(path))
         return;
     frame.reset(av_frame_alloc());
     converter.reset(sws_getContext(size.width(), size.height(), AV_PIX_FMT_BGRA, size.width(), size.height(),
@@ -98,34 +104,70 @@ bool ClipWriter::Impl::openEncoder(QSize size, const ClipOptions& options)
     return succeeded(avcodec_open2(encoder.get(), codec, nullptr), "encoder");
 }
 
-bool ClipWriter::Impl::openFile(const QByteArray& path)
+bool ClipWriter::Impl::openSoundEncoder()
+{
+    const AVCodec* const codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    soundEncoder.reset(codec ? avcodec_alloc_context3(codec) : nullptr);
+    if (!soundEncoder)
+        return succeeded(AVERROR_ENCODER_NOT_FOUND, "sound encoder");
+    soundEncoder->sample_rate = sampleRate;
+    soundEncoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    soundEncoder->time_base = sampleTime;
+    soundEncoder->bit_rate = 128'000;
+    soundEncoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    av_channel_layout_default(&soundEncoder->ch_layout, 2);
+    return succeeded(avcodec_open2(soundEncoder.get(), codec, nullptr), "sound encoder");
+}
+
+bool ClipWriter::Impl::addStream(const AVCodecContext& source)
 {
     AVStream* const stream = avformat_new_stream(output.get(), nullptr);
     if (!stream)
         return succeeded(AVERROR(ENOMEM), "stream");
-    stream->time_base = milliseconds;
+    stream->time_base = source.time_base;
+    return succeeded(avcodec_parameters_from_context(stream->codecpar, &source), "stream");
+}
+
+bool ClipWriter::Impl::openFile(const QByteArray& path)
+{
+    // An AAC encoder starts with a block before time 0, which only an edit list keeps there: it takes the delayed
+    // index.
     AvOptions muxing;
-    muxing.set("movflags", "+empty_moov+default_base_moof+frag_keyframe");
-    return succeeded(avcodec_parameters_from_context(stream->codecpar, encoder.get()), "stream")
+    muxing.set("movflags",
+        soundEncoder ? "+empty_moov+delay_moov+default_base_moof+frag_keyframe"
+                     : "+empty_moov+default_base_moof+frag_keyframe");
+    return addStream(*encoder) && (!soundEncoder || addStream(*soundEncoder))
         && succeeded(avio_open(&output->pb, path.constData(), AVIO_FLAG_WRITE), "file")
         && succeeded(avformat_write_header(output.get(), muxing.out()), "header");
 }
 
-bool ClipWriter::Impl::encode(const AVFrame* picture)
+bool ClipWriter::Impl::encodePicture(const AVFrame* picture)
+{
+    return encode(*encoder, picture, videoIndex, frameMs);
+}
+
+bool ClipWriter::Impl::encodeSound(const AVFrame* block)
+{
+    return encode(*soundEncoder, block, soundIndex, soundEncoder->frame_size);
+}
+
+/// A null frame ends the stream. The duration of each packet is in units of the encoder's time base.
+bool ClipWriter::Impl::encode(AVCodecContext& with, const AVFrame* input, int streamIndex, qint64 duration)
 {
     const AvPacketHandle packet(av_packet_alloc());
     if (!packet)
         return succeeded(AVERROR(ENOMEM), "packet");
-    if (!succeeded(avcodec_send_frame(encoder.get(), picture), "encoding"))
+    if (!succeeded(avcodec_send_frame(&with, input), "encoding"))
         return false;
     for (;;) {
-        const int status = avcodec_receive_packet(encoder.get(), packet.get());
+        const int status = avcodec_receive_packet(&with, packet.get());
         if (status == AVERROR(EAGAIN) || status == AVERROR_EOF)
             return true;
         if (!succeeded(status, "encoding"))
             return false;
-        packet->duration = frameMs;
-        av_packet_rescale_ts(packet.get(), milliseconds, output->streams[0]->time_base);
+        packet->stream_index = streamIndex;
+        packet->duration = duration;
+        av_packet_rescale_ts(packet.get(), with.time_base, output->streams[streamIndex]->time_base);
         if (!succeeded(av_interleaved_write_frame(output.get(), packet.get()), "writing"))
             return false;
     }
@@ -154,11 +196,36 @@ bool ClipWriter::add(const QImage& picture, qint64 ptsMs)
     const int strides[] = {int(bgra.bytesPerLine()), 0, 0, 0};
     sws_scale(impl_->converter.get(), planes, strides, 0, bgra.height(), impl_->frame->data, impl_->frame->linesize);
     impl_->frame->pts = ptsMs;
-    return impl_->encode(impl_->frame.get());
+    return impl_->encodePicture(impl_->frame.get());
+}
+
+bool ClipWriter::addSound(std::span<const float> samples)
+{
+    if (!impl_->error.isEmpty() || !impl_->soundEncoder)
+        return false;
+    const std::size_t blockSize = std::size_t(impl_->soundEncoder->frame_size);
+    for (std::size_t first = 0; first < samples.size(); first += blockSize) {
+        const std::span<const float> part = samples.subspan(first, std::min(blockSize, samples.size() - first));
+        const AvFrameHandle block(av_frame_alloc());
+        if (!block)
+            return impl_->succeeded(AVERROR(ENOMEM), "sound");
+        block->format = AV_SAMPLE_FMT_FLTP;
+        block->nb_samples = int(part.size());
+        block->sample_rate = sampleRate;
+        block->pts = qint64(first);
+        av_channel_layout_default(&block->ch_layout, 2);
+        if (!impl_->succeeded(av_frame_get_buffer(block.get(), 0), "sound"))
+            return false;
+        for (int channel = 0; channel < 2; ++channel)
+            std::copy(part.begin(), part.end(), reinterpret_cast<float*>(block->data[channel]));
+        if (!impl_->encodeSound(block.get()))
+            return false;
+    }
+    return impl_->encodeSound(nullptr);
 }
 
 bool ClipWriter::finish()
 {
-    return impl_->error.isEmpty() && impl_->encode(nullptr)
+    return impl_->error.isEmpty() && impl_->encodePicture(nullptr)
         && impl_->succeeded(av_write_trailer(impl_->output.get()), "trailer");
 }

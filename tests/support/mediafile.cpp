@@ -8,6 +8,7 @@
 #include <QFile>
 
 #include <array>
+#include <cmath>
 #include <limits>
 #include <memory>
 
@@ -17,11 +18,6 @@ struct InputDeleter {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
 using InputHandle = std::unique_ptr<AVFormatContext, InputDeleter>;
-
-struct DecodedFrameDeleter {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-using DecodedFrameHandle = std::unique_ptr<AVFrame, DecodedFrameDeleter>;
 
 /// Opens the file and looks into its streams. Null with a negative status when that fails.
 InputHandle openInput(const QString& path, int& status)
@@ -103,6 +99,37 @@ int decodePacket(
     return status;
 }
 
+/// Notes the rate and makes the channels and their converter, which changes the sample format only.
+int startSound(const AVFrame& first, MediaSound& sound, AvResamplerHandle& converter)
+{
+    SwrContext* context = nullptr;
+    AvChannelLayout layout(first.ch_layout.nb_channels);
+    const int status = swr_alloc_set_opts2(&context, layout.get(), AV_SAMPLE_FMT_FLTP, first.sample_rate,
+        layout.get(), AVSampleFormat(first.format), first.sample_rate, 0, nullptr);
+    converter.reset(context);
+    if (status < 0)
+        return status;
+    sound.sampleRate = first.sample_rate;
+    sound.channels.resize(first.ch_layout.nb_channels);
+    return swr_init(converter.get());
+}
+
+int appendSound(const AVFrame& frame, MediaSound& sound, SwrContext& converter)
+{
+    if (frame.sample_rate != sound.sampleRate || frame.ch_layout.nb_channels != int(sound.channels.size()))
+        return AVERROR_INPUT_CHANGED;
+    std::vector<quint8*> places;
+    for (std::vector<float>& channel : sound.channels) {
+        channel.resize(channel.size() + std::size_t(frame.nb_samples));
+        places.push_back(reinterpret_cast<quint8*>(channel.data() + channel.size() - frame.nb_samples));
+    }
+    std::vector<const quint8*> planes(frame.extended_data,
+        frame.extended_data
+            + (av_sample_fmt_is_planar(AVSampleFormat(frame.format)) ? frame.ch_layout.nb_channels : 1));
+    const int converted = swr_convert(&converter, places.data(), frame.nb_samples, planes.data(), frame.nb_samples);
+    return converted == frame.nb_samples || converted < 0 ? converted : AVERROR_BUG;
+}
+
 }
 
 MediaFile::MediaFile(const QString& path) : path_(path)
@@ -173,27 +200,42 @@ QList<MediaPacket> MediaFile::packets()
     return list;
 }
 
+bool MediaFile::decodeStream(int index, const std::function<int(const AVFrame&, const AVStream&)>& visit)
+{
+    int status = 0;
+    const InputHandle input = openInput(path_, status);
+    if (!input)
+        return fail(QStringLiteral("cannot open"), status);
+    const AVStream& stream = *input->streams[index];
+    const AvCodecContextHandle decoder = openDecoder(stream, status);
+    if (!decoder)
+        return fail(QStringLiteral("cannot decode"), status);
+    const AvPacketHandle packet(av_packet_alloc());
+    const AvFrameHandle decoded(av_frame_alloc());
+    if (!packet || !decoded)
+        return fail(QStringLiteral("cannot decode"), AVERROR(ENOMEM));
+    const auto visitFrame = [&](const AVFrame& frame) { return visit(frame, stream); };
+
+    while (status >= 0 && (status = av_read_frame(input.get(), packet.get())) >= 0) {
+        if (packet->stream_index == index)
+            status = decodePacket(*decoder, packet.get(), *decoded, visitFrame);
+        av_packet_unref(packet.get());
+    }
+    if (status == AVERROR_EOF)
+        status = decodePacket(*decoder, nullptr, *decoded, visitFrame);
+    if (status < 0 && status != AVERROR_EXIT)
+        return fail(QStringLiteral("cannot decode"), status);
+    return true;
+}
+
 bool MediaFile::forEachFrame(const std::function<bool(const MediaFrame&)>& visit)
 {
     const MediaStream* const video = videoStream();
     if (!video)
         return fail(QStringLiteral("no video stream"), AVERROR_STREAM_NOT_FOUND);
-    int status = 0;
-    const InputHandle input = openInput(path_, status);
-    if (!input)
-        return fail(QStringLiteral("cannot open"), status);
-    const AVStream& stream = *input->streams[video->index];
-    const AvCodecContextHandle decoder = openDecoder(stream, status);
-    if (!decoder)
-        return fail(QStringLiteral("cannot decode"), status);
-    const AvPacketHandle packet(av_packet_alloc());
-    const DecodedFrameHandle decoded(av_frame_alloc());
-    if (!packet || !decoded)
-        return fail(QStringLiteral("cannot decode"), AVERROR(ENOMEM));
-
     PictureConverter converter;
     MediaFrame picture;
-    const auto convertAndVisit = [&](const AVFrame& frame) {
+    return decodeStream(video->index, [&](const AVFrame& frame, const AVStream& stream) {
         const int converted = converter.convert(frame, video->matrix, video->range, picture.image);
         if (converted < 0)
             return converted;
@@ -201,18 +243,29 @@ bool MediaFile::forEachFrame(const std::function<bool(const MediaFrame&)>& visit
         picture.ptsMs = toMs(frame.pts, stream.time_base);
         picture.key = frame.pict_type == AV_PICTURE_TYPE_I;
         return visit(picture) ? 0 : AVERROR_EXIT;
-    };
+    });
+}
 
-    while (status >= 0 && (status = av_read_frame(input.get(), packet.get())) >= 0) {
-        if (packet->stream_index == video->index)
-            status = decodePacket(*decoder, packet.get(), *decoded, convertAndVisit);
-        av_packet_unref(packet.get());
-    }
-    if (status == AVERROR_EOF)
-        status = decodePacket(*decoder, nullptr, *decoded, convertAndVisit);
-    if (status < 0 && status != AVERROR_EXIT)
-        return fail(QStringLiteral("cannot decode"), status);
-    return true;
+std::optional<MediaSound> MediaFile::sound()
+{
+    const MediaStream* const audio = audioStream();
+    if (!audio)
+        return std::nullopt;
+    MediaSound sound;
+    AvResamplerHandle converter;
+    const bool whole = decodeStream(audio->index, [&](const AVFrame& frame, const AVStream& stream) {
+        const double ptsMs = toMs(frame.pts, stream.time_base);
+        if (!converter) {
+            const int status = startSound(frame, sound, converter);
+            if (status < 0)
+                return status;
+            sound.startMs = ptsMs;
+        }
+        const double joinMs = std::abs(ptsMs - (sound.startMs + sound.durationMs()));
+        sound.worstJoinMs = joinMs <= sound.worstJoinMs ? sound.worstJoinMs : joinMs; // a missing time stays
+        return appendSound(frame, sound, *converter);
+    });
+    return whole && sound.durationMs() > 0.0 ? std::optional(std::move(sound)) : std::nullopt;
 }
 
 QList<MediaFrame> MediaFile::frames()

@@ -1,4 +1,4 @@
-// MediaFile: a finished (or cut-off) recording, read back with FFmpeg: streams, packets and pictures.
+// MediaFile: a finished (or cut-off) recording, read back with FFmpeg: streams, packets, pictures and sound.
 #pragma once
 
 #include <QImage>
@@ -14,6 +14,11 @@ extern "C" {
 }
 
 #include <functional>
+#include <optional>
+#include <vector>
+
+struct AVFrame;
+struct AVStream;
 
 /// One stream as the demuxer describes it. The fields of the other kind hold their defaults.
 struct MediaStream {
@@ -60,6 +65,21 @@ struct MediaFrame {
     bool coloursTagged = false;
 };
 
+/// The decoded sound of the first audio stream.
+struct MediaSound {
+    int sampleRate = 0; ///< Hz
+    double startMs = 0.0; ///< presentation time of the first sample, on the same time line as the pictures' times
+    QList<std::vector<float>> channels; ///< of equal length; full scale is 1
+    /// How far a block's own presentation time ever was from where the samples before it end: a player would
+    /// leave a hole there, or drop sound.
+    double worstJoinMs = 0.0;
+
+    double durationMs() const
+    {
+        return channels.isEmpty() ? 0.0 : double(channels.first().size()) * 1000.0 / sampleRate;
+    }
+};
+
 /// Every reading method goes through the file from its start, on its own handles. A failure makes isValid()
 /// false and stands in errorString(); what was read before it is delivered all the same, so that a cut-off
 /// file can be judged. One thread at a time.
@@ -87,7 +107,14 @@ public:
     /// All pictures at once: for short recordings.
     QList<MediaFrame> frames();
 
+    /// The whole sound, at its own rate. Nothing on a failure, and when there is no audio stream or no sample in
+    /// it (the error text is empty then).
+    std::optional<MediaSound> sound();
+
 private:
+    /// Decodes one stream and hands out its frames until the visitor returns something negative, which becomes the
+    /// error unless it is AVERROR_EXIT.
+    bool decodeStream(int index, const std::function<int(const AVFrame&, const AVStream&)>& visit);
     const MediaStream* firstStream(AVMediaType type) const;
     bool fail(const QString& what, int status);
 

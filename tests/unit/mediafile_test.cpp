@@ -7,7 +7,9 @@
 #include <QPainter>
 #include <QTest>
 
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace {
 
@@ -60,6 +62,8 @@ private Q_SLOTS:
     void packetsKeepTheirTimes();
     void framesKeepTimesAndColours();
     void framesCanBeKeptAndStopped();
+    void soundKeepsTimeAndSamples();
+    void fileWithoutSoundHasNone();
     void cutOffFileIsReadToTheCut();
     void damagedPacketIsAFailure();
     void noRecordingIsAnError();
@@ -164,6 +168,54 @@ void MediaFileTest::framesCanBeKeptAndStopped()
     QVERIFY(file.forEachFrame([&](const MediaFrame&) { return ++seen < 5; }));
     QCOMPARE(seen, 5);
     QVERIFY(file.isValid());
+}
+
+/// A step in the sound and the picture of the same time are at the same time when they are read.
+void MediaFileTest::soundKeepsTimeAndSamples()
+{
+    constexpr int rate = 48000;
+    const QString path = directory_.filePath(QStringLiteral("sound.mp4"));
+    ClipOptions options;
+    options.withSound = true;
+    ClipWriter clip(path, size, options);
+    for (int i = 0; i < frameCount; ++i)
+        QVERIFY(clip.add(picture(i), i * 41));
+    std::vector<float> samples(rate * 5 / 4);
+    for (std::size_t i = rate / 2; i < samples.size(); ++i)
+        samples[i] = 0.5f * float(std::sin(0.1 * double(i)));
+    QVERIFY(clip.addSound(samples));
+    QVERIFY2(clip.finish(), qPrintable(clip.errorString()));
+
+    MediaFile file(path);
+    QVERIFY(file.audioStream());
+    QCOMPARE(file.audioStream()->codecId, AV_CODEC_ID_AAC);
+    QCOMPARE(file.audioStream()->sampleRate, rate);
+    QCOMPARE(file.audioStream()->channels, 2);
+    const std::optional<MediaSound> sound = file.sound();
+    QVERIFY2(sound, qPrintable(file.errorString()));
+    QCOMPARE(sound->sampleRate, rate);
+    QCOMPARE(sound->channels.size(), 2);
+    QVERIFY(sound->startMs > -25.0 && sound->startMs <= 0.0); // what the encoder puts before the sound may be there
+    const double endMs = sound->startMs + sound->durationMs();
+    QVERIFY2(endMs >= 1250.0 && endMs < 1272.0, qPrintable(QString::number(endMs)));
+    QVERIFY2(sound->worstJoinMs < 0.1, qPrintable(QString::number(sound->worstJoinMs)));
+    for (const std::vector<float>& channel : sound->channels) {
+        const auto loud = std::find_if(channel.begin(), channel.end(), [](float sample) { return sample > 0.25f; });
+        const double atMs = sound->startMs + double(loud - channel.begin()) * 1000.0 / rate;
+        QVERIFY2(std::abs(atMs - 500.0) < 1.0, qPrintable(QString::number(atMs)));
+    }
+    const QList<MediaFrame> frames = file.frames();
+    QCOMPARE(frames.size(), frameCount);
+    for (int i = 0; i < frameCount; ++i)
+        QCOMPARE(frames[i].ptsMs, i * 41.0);
+}
+
+void MediaFileTest::fileWithoutSoundHasNone()
+{
+    MediaFile file(path_);
+    QVERIFY(!file.sound());
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QVERIFY(!MediaFile(directory_.filePath(QStringLiteral("missing.mp4"))).sound());
 }
 
 void MediaFileTest::cutOffFileIsReadToTheCut()
