@@ -1,0 +1,121 @@
+// Connecting, and questions and answers.
+#include "pipewireconnection.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace pipewire {
+
+namespace {
+
+/// The library stays initialised until the process ends: other threads may still use it then.
+void initialiseLibrary()
+{
+    static const bool initialised = [] {
+        pw_init(nullptr, nullptr);
+        return true;
+    }();
+    static_cast<void>(initialised);
+}
+
+QString errorText(int number)
+{
+    return QString::fromLocal8Bit(std::strerror(number));
+}
+
+}
+
+const pw_core_events Connection::events = [] {
+    pw_core_events table{};
+    table.version = PW_VERSION_CORE_EVENTS;
+    table.done = &Connection::onDone;
+    table.error = &Connection::onError;
+    return table;
+}();
+
+std::unique_ptr<Connection> Connection::open(QString* error)
+{
+    initialiseLibrary();
+    auto connection = std::unique_ptr<Connection>(new Connection);
+    errno = 0;
+    if (connection->connect())
+        return connection;
+    *error = QStringLiteral("PipeWire cannot be reached: ") + errorText(errno);
+    return nullptr;
+}
+
+/// Leaves the reason of a failure in errno.
+bool Connection::connect()
+{
+    loop_.reset(pw_thread_loop_new("pipewire", nullptr));
+    if (!loop_)
+        return false;
+    context_.reset(pw_context_new(pw_thread_loop_get_loop(loop_.get()), nullptr, 0));
+    if (!context_)
+        return false;
+    core_.reset(pw_context_connect(context_.get(), nullptr, 0));
+    if (!core_)
+        return false;
+    listen(core_.get(), coreHook_, events, this);
+    const int result = pw_thread_loop_start(loop_.get());
+    if (result < 0)
+        errno = -result;
+    return result >= 0;
+}
+
+Connection::~Connection()
+{
+    stop();
+}
+
+void Connection::stop()
+{
+    if (loop_)
+        pw_thread_loop_stop(loop_.get());
+}
+
+void Connection::synchronise(Answer answer)
+{
+    if (lost_) {
+        answer(lost_);
+        return;
+    }
+    const int sequence = askForSync(core_.get());
+    if (sequence < 0)
+        answer(errorText(-sequence));
+    else
+        awaited_[sequence] = std::move(answer);
+}
+
+void Connection::onDone(void* data, uint32_t id, int sequence)
+{
+    if (id == PW_ID_CORE)
+        static_cast<Connection*>(data)->handleDone(sequence);
+}
+
+void Connection::handleDone(int sequence)
+{
+    if (auto answered = awaited_.extract(sequence))
+        answered.mapped()(std::nullopt);
+}
+
+void Connection::onError(void* data, uint32_t id, int /*sequence*/, int result, const char* /*message*/)
+{
+    if (id == PW_ID_CORE && result == -EPIPE) // any other is about one object, and told to its proxy
+        static_cast<Connection*>(data)->handleLoss(
+            QStringLiteral("The connection to PipeWire is lost: ") + errorText(-result));
+}
+
+void Connection::handleLoss(const QString& error)
+{
+    if (lost_)
+        return;
+    lost_ = error;
+    for (const auto& [sequence, answer] : std::exchange(awaited_, {}))
+        answer(error);
+    if (lostHandler_)
+        lostHandler_(error);
+}
+
+}

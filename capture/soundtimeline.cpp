@@ -1,0 +1,139 @@
+// Placing blocks in time, and metering them out.
+#include "soundtimeline.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr qint64 framesPerMs = 48;
+constexpr qint64 nsPerMs = 1000000;
+
+constexpr qint64 toleranceFrames = 12 * framesPerMs; ///< by which a time stamp may be wrong
+constexpr qint64 mostFrames = 10000 * framesPerMs; ///< queued, and in one delivery
+constexpr qint64 leastStallNs = 300 * nsPerMs;
+constexpr qint64 patienceMs = 500; ///< with a reader that always comes when the sound is just not there yet
+constexpr qint64 spareMs = 2; ///< beyond what would just have sufficed
+
+}
+
+SoundTimeline::SoundTimeline(int holdBackMs) : holdBackMs_(holdBackMs) { }
+
+void SoundTimeline::start(qint64 startMs)
+{
+    startMs_ = startMs;
+    delivered_ = 0;
+    queue_.clear();
+    stretch_.reset();
+    running_ = false;
+    arrivedNs_ = startMs * nsPerMs;
+    stallNs_ = leastStallNs;
+    waitingSinceMs_.reset();
+}
+
+/// The place of an instant in the stream, in frames from its start.
+double SoundTimeline::frameAt(qint64 ns) const
+{
+    const qint64 sinceStartNs = ns - (startMs_ - holdBackMs_) * nsPerMs;
+    return double(sinceStartNs) * double(framesPerMs) / double(nsPerMs);
+}
+
+void SoundTimeline::append(const Block& block, std::span<const float> stereo)
+{
+    const auto frames = qint64(stereo.size() / 2);
+    const double startFrame = frameAt(block.startNs);
+    if (frames == 0 || startFrame + double(frames) > double(delivered_ + mostFrames))
+        return;
+    arrivedNs_ = std::max(arrivedNs_, block.arrivedNs);
+    stallNs_ = std::max(leastStallNs, 3 * frames * nsPerMs / framesPerMs);
+
+    double step = 1;
+    const double ahead = startFrame - (double(delivered_ + queuedFrames()) + stretch_.heldFrames());
+    if (running_ && std::abs(ahead) <= double(toleranceFrames))
+        step = drift_.step(ahead / double(framesPerMs), double(frames) / double(framesPerMs));
+    else
+        beginRun(startFrame, stereo);
+    stretch_.process(stereo, step, queue_);
+}
+
+/// Puts silence before the block, or cuts off its beginning.
+void SoundTimeline::beginRun(double startFrame, std::span<const float>& stereo)
+{
+    endRun();
+    const qint64 gap = std::llround(startFrame) - (delivered_ + queuedFrames());
+    const auto frames = qint64(stereo.size() / 2);
+    if (gap > 0)
+        queue_.resize(queue_.size() + size_t(gap) * 2);
+    else
+        stereo = stereo.subspan(size_t(std::min(-gap, frames)) * 2);
+    running_ = !stereo.empty();
+}
+
+void SoundTimeline::endRun()
+{
+    if (running_)
+        stretch_.flush(queue_);
+    stretch_.reset();
+    drift_.restart();
+    running_ = false;
+}
+
+std::optional<std::vector<float>> SoundTimeline::deliver(qint64 untilMs)
+{
+    const qint64 wanted = (untilMs - startMs_) * framesPerMs - delivered_;
+    if (wanted <= 0)
+        return std::nullopt;
+    if (wanted > queuedFrames()) {
+        if (!isStalled(untilMs)) {
+            waitForMore(untilMs, wanted - queuedFrames());
+            return std::nullopt;
+        }
+        endRun();
+    }
+    waitingSinceMs_.reset();
+    const qint64 tooMany = wanted - mostFrames;
+    if (tooMany > 0)
+        skip(tooMany);
+    return take(std::min(wanted, mostFrames));
+}
+
+bool SoundTimeline::isStalled(qint64 untilMs) const
+{
+    return untilMs * nsPerMs - arrivedNs_ > stallNs_;
+}
+
+/// The reader that never finds the sound there, although it comes, gets it a little later from then on.
+void SoundTimeline::waitForMore(qint64 untilMs, qint64 missingFrames)
+{
+    if (!waitingSinceMs_) {
+        waitingSinceMs_ = untilMs;
+        leastMissing_ = missingFrames;
+    }
+    leastMissing_ = std::min(leastMissing_, missingFrames);
+    if (untilMs - *waitingSinceMs_ <= patienceMs || !running_)
+        return;
+    growHoldBack((leastMissing_ + framesPerMs - 1) / framesPerMs + spareMs);
+    waitingSinceMs_.reset();
+}
+
+void SoundTimeline::growHoldBack(qint64 milliseconds)
+{
+    endRun();
+    holdBackMs_ += int(milliseconds);
+    queue_.resize(queue_.size() + size_t(milliseconds * framesPerMs) * 2);
+}
+
+void SoundTimeline::skip(qint64 frames)
+{
+    queue_.erase(queue_.begin(), queue_.begin() + std::min(frames, queuedFrames()) * 2);
+    delivered_ += frames;
+}
+
+/// What the queue lacks is silence.
+std::vector<float> SoundTimeline::take(qint64 frames)
+{
+    std::vector<float> taken(queue_.begin(), queue_.begin() + std::min(frames, queuedFrames()) * 2);
+    taken.resize(size_t(frames) * 2);
+    skip(frames);
+    return taken;
+}
