@@ -1,0 +1,633 @@
+// Captured sound against the recording clock, turn by turn, through FFmpeg and back out of the file. FLAC in Matroska
+// gives every sample back as it was.
+#include "ffmpegfaults.h"
+#include "mediafile.h"
+#include "recorderaudiocapture_p.h"
+#include "soundingrecorder.h"
+
+#include <QTest>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+using namespace ffmpegfaults;
+
+namespace {
+
+using Chunk = RecorderAudioCapture::Chunk;
+
+const auto pcmLine = QStringLiteral("Unix audio capture received PCM");
+
+Chunk chunkOf(const std::vector<qint16>& samples)
+{
+    return {QByteArray(reinterpret_cast<const char*>(samples.data()), qsizetype(samples.size() * 2)),
+        qint32(samples.size() / 2)};
+}
+
+/// The left channel of a lossless 16-bit file; the right one is the same or the list is empty.
+std::vector<qint16> exactSamples(const QString& path)
+{
+    MediaFile file(path);
+    const std::optional<MediaSound> sound = file.sound();
+    if (!sound || sound->channels.size() != 2 || sound->channels[0] != sound->channels[1])
+        return {};
+    std::vector<qint16> samples;
+    for (const float value : sound->channels[0])
+        samples.push_back(qint16(std::lround(value * 32768.0F)));
+    return samples;
+}
+
+/// What the test expects of the whole sound: these samples, then silence.
+bool holdsThenSilence(const std::vector<qint16>& seen, const std::vector<qint16>& expected)
+{
+    return seen.size() >= expected.size() && std::equal(expected.begin(), expected.end(), seen.begin())
+        && std::all_of(seen.begin() + std::ptrdiff_t(expected.size()), seen.end(), [](qint16 v) { return v == 0; });
+}
+
+std::vector<qint16> silence(qint64 count)
+{
+    return std::vector<qint16>(std::size_t(count), 0);
+}
+
+void appendNoise(std::vector<qint16>& samples, qint64 first, qint64 count)
+{
+    for (qint64 i = first; i < first + count; ++i)
+        samples.push_back(testsound::noiseAt(i));
+}
+
+/// Lossless sound from now on.
+bool useExactEncoder()
+{
+    surroundings().hiddenEncoders = {"mpeg4"};
+    return SoundingRecorder::useEncoder("flac");
+}
+
+}
+
+class AudioEncodingTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { reset(); }
+    void cleanup() { reset(); }
+
+    void nothingIsDoneWithoutItsObjects();
+    void nothingIsDoneUntilTheSoundIsStarted();
+    void metersTheSoundByTheClock();
+    void withoutAClockNothingIsMeteredOrAligned();
+
+    void lateBurstIsPlacedBackFromNow();
+    void soundFasterThanTheClockIsDroppedWhereItOverlaps();
+    void soundAheadOfTheClockStays();
+    void gapBetweenBatchesIsSilent();
+    void batchIsFilledUpToTheClock();
+    void chunksOfABatchFollowEachOther();
+    void continuousSoundIsExact();
+    void resampledSoundKeepsUpWithTheClock();
+
+    void withoutAChunkNothingIsPadded();
+    void fullFramesAreEncodedWithoutAChunk();
+    void emptyChunksAreSkipped();
+    void firstChunkIsLoggedOnce();
+    void firstFrameIsAtZero();
+
+    void paddingStopsAtTheClock_data();
+    void paddingStopsAtTheClock();
+    void paddingThatIsTooLarge();
+    void nothingIsPaddedWithoutItsObjects();
+
+    void drainingFillsTheLastFrame();
+    void drainingGivesAShortFrameToAnEncoderThatTakesIt();
+    void drainingAnEmptyQueue();
+    void drainingBeforeOpeningAndAfterClosing();
+    void stoppingTheCapture();
+
+    void closingReleasesTheSound();
+    void destructorReleasesTheSound();
+    void soundAfterClosingIsIgnored();
+};
+
+void AudioEncodingTest::nothingIsDoneWithoutItsObjects()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    int metered = 0;
+    fakeplatform::sound().deliverUntil = [&](qint64) { ++metered; };
+    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
+    const auto idleWithout = [&](auto& member) {
+        auto taken = std::exchange(member, {});
+        const bool idle = recorder.turn(100) && metered == 0;
+        member = std::move(taken);
+        return idle;
+    };
+    QVERIFY(idleWithout(recorder->audioCodecContext()));
+    QVERIFY(idleWithout(recorder->audioResampler()));
+    QVERIFY(idleWithout(recorder->audioFifo()));
+    QVERIFY(idleWithout(recorder->audioCapture()));
+    QVERIFY(idleWithout(recorder->audioStarted()));
+    QCOMPARE(recorder.present(), 0);
+
+    AVStream* const stream = std::exchange(recorder->audioStream(), nullptr);
+    QVERIFY(recorder->encodeAudioSamples(1024));
+    recorder->audioStream() = stream;
+    QVERIFY(recorder->encodeAudioSamples(0));
+    QVERIFY(recorder->encodeAudioSamples(-1));
+    QCOMPARE(recorder->audioSamplesWritten(), 0);
+
+    QVERIFY(recorder.turn(100)); // all was still there
+    QCOMPARE(recorder.present(), 4800);
+    QVERIFY(recorder.wasQuiet());
+}
+
+void AudioEncodingTest::nothingIsDoneUntilTheSoundIsStarted()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openSound());
+    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
+    QVERIFY(recorder->encodePendingAudio());
+    QCOMPARE(recorder.present(), 0);
+    QCOMPARE(recorder->audioCapture()->readAvailable().size(), 1);
+}
+
+/// The platform is asked for the sound before this instant, and what it then delivers belongs to this turn.
+void AudioEncodingTest::metersTheSoundByTheClock()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QList<qint64> instants;
+    fakeplatform::sound().deliverUntil = [&](qint64 instant) {
+        instants.append(instant);
+        fakeplatform::deliverStereo(testsound::noise(0, 480));
+    };
+    QVERIFY(recorder.turn(10));
+    QCOMPARE(recorder.present(), 480);
+    QVERIFY(recorder.turn(20));
+    QCOMPARE(recorder.present(), 960);
+    QCOMPARE(instants, (QList<qint64>{setclock::referenceMs + 10, setclock::referenceMs + 20}));
+}
+
+void AudioEncodingTest::withoutAClockNothingIsMeteredOrAligned()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    recorder->recordingClock().invalidate();
+    int metered = 0;
+    fakeplatform::sound().deliverUntil = [&](qint64) { ++metered; };
+    QVERIFY(recorder.turn(5000, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(5000, testsound::noise(480, 1000)));
+    QCOMPARE(metered, 0);
+    QCOMPARE(recorder.present(), 1480);
+}
+
+/// Half a second's sound in ten blocks at once: it ended now, so it began half a second ago.
+void AudioEncodingTest::lateBurstIsPlacedBackFromNow()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    for (int i = 0; i < 10; ++i)
+        QVERIFY(fakeplatform::deliverStereo(testsound::noise(i * 2400, 2400)));
+    QVERIFY(recorder.turn(800));
+    QCOMPARE(recorder.present(), 800 * 48);
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected = silence(300 * 48);
+    appendNoise(expected, 0, 24000);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+/// Twice as fast as the clock: of every chunk the part is left out whose time has sound already.
+void AudioEncodingTest::soundFasterThanTheClockIsDroppedWhereItOverlaps()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, 480);
+    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    for (qint64 i = 1; i < 200; ++i) {
+        QVERIFY(recorder.turn(10 + i * 5, testsound::noise(i * 480, 480)));
+        QCOMPARE(recorder.present(), 480 + i * 240);
+        appendNoise(expected, i * 480 + 240, 240);
+    }
+    QVERIFY(recorder.finishSound());
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+/// A block that is longer than the recording is kept whole, and what comes next waits for the clock.
+void AudioEncodingTest::soundAheadOfTheClockStays()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(10, testsound::noise(0, 14400)));
+    QCOMPARE(recorder.present(), 14400);
+    QVERIFY(recorder.turn(100, testsound::noise(20000, 4320)));
+    QCOMPARE(recorder.present(), 14400);
+    QVERIFY(recorder.turn(310, testsound::noise(30000, 960))); // 290 to 310 ms
+    QCOMPARE(recorder.present(), 310 * 48);
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, 14400);
+    appendNoise(expected, 30480, 480);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+void AudioEncodingTest::gapBetweenBatchesIsSilent()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(500));
+    QVERIFY(recorder.turn(1010, testsound::noise(480, 480)));
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, 480);
+    expected.resize(1000 * 48, 0);
+    appendNoise(expected, 480, 480);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+/// 470 frames last 10 ms when rounded; the 10 samples that they lack are silence at the end.
+void AudioEncodingTest::batchIsFilledUpToTheClock()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(10, testsound::noise(0, 470)));
+    QCOMPARE(recorder.present(), 480);
+    QVERIFY(recorder.turn(20, testsound::noise(470, 480)));
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, 470);
+    expected.resize(480, 0);
+    appendNoise(expected, 470, 480);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+void AudioEncodingTest::chunksOfABatchFollowEachOther()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    qint64 at = 0;
+    for (const qint64 frames : {480, 96, 1440, 48, 2736}) {
+        QVERIFY(fakeplatform::deliverStereo(testsound::noise(at, frames)));
+        at += frames;
+    }
+    QVERIFY(recorder.turn(at / 48));
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, at);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+}
+
+/// A minute of sound that the clock meters out, with turns as irregular as the loop's: every sample is in the file,
+/// in its place, and the queue stays short.
+void AudioEncodingTest::continuousSoundIsExact()
+{
+    QVERIFY(useExactEncoder());
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    qint64 delivered = 0;
+    fakeplatform::sound().deliverUntil = [&](qint64 instant) {
+        const qint64 end = (instant - setclock::referenceMs) * 48;
+        fakeplatform::deliverStereo(testsound::noise(delivered, end - delivered));
+        delivered = end;
+    };
+    quint32 state = 5;
+    qint64 now = 0;
+    qint64 nextPicture = 0;
+    while (now < 60000) {
+        state = state * 1664525u + 1013904223u;
+        now += (state >> 8) % 52; // sometimes not at all
+        QVERIFY(recorder.turn(now));
+        QCOMPARE(recorder.present(), now * 48);
+        QVERIFY(recorder.queued() < recorder->audioCodecContext()->frame_size);
+        if (now >= nextPicture) {
+            QVERIFY(recorder.encode({now}, int(now / 40)));
+            nextPicture = now + 1000;
+        }
+    }
+    QVERIFY(recorder.finishSound());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, now * 48);
+    const std::vector<qint16> seen = exactSamples(recorder->outputPath());
+    QVERIFY(holdsThenSilence(seen, expected));
+    QVERIFY(seen.size() < expected.size() + 4608);
+}
+
+/// Eight thousand samples a second for every second of the clock, however they are rounded.
+void AudioEncodingTest::resampledSoundKeepsUpWithTheClock()
+{
+    surroundings().hiddenEncoders = {"mpeg4"};
+    QVERIFY(SoundingRecorder::useEncoder("libspeex"));
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QCOMPARE(recorder->audioCodecContext()->sample_rate, 8000);
+    const int frameSize = recorder->audioCodecContext()->frame_size;
+    for (qint64 now = 10; now <= 3000; now += 10) {
+        QVERIFY(recorder.turn(now, testsound::noise(now * 48, 480)));
+        QVERIFY(std::abs(recorder.present() - now * 8) <= 1);
+        QCOMPARE(recorder->audioSamplesWritten() % frameSize, 0);
+    }
+    QVERIFY(recorder.finishSound());
+    const MediaFile file(recorder->outputPath());
+    QCOMPARE(file.audioStream()->sampleRate, 8000);
+}
+
+void AudioEncodingTest::withoutAChunkNothingIsPadded()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(5000));
+    QCOMPARE(recorder.present(), 0);
+    QVERIFY(recorder.turn(5010, testsound::noise(0, 480)));
+    QCOMPARE(recorder.present(), 5010 * 48);
+    QVERIFY(recorder.turn(9000));
+    QCOMPARE(recorder.present(), 5010 * 48);
+}
+
+void AudioEncodingTest::fullFramesAreEncodedWithoutAChunk()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QCOMPARE(recorder->audioCodecContext()->frame_size, 1024);
+    QVERIFY(recorder->padAudioFifoWithSilence(1500));
+    QVERIFY(recorder.turn(1));
+    QCOMPARE(recorder->audioSamplesWritten(), 1024);
+    QCOMPARE(recorder.queued(), 476);
+    QVERIFY(recorder.turn(2));
+    QCOMPARE(recorder.queued(), 476);
+    QVERIFY(recorder->padAudioFifoWithSilence(3 * 1024 - 476));
+    QVERIFY(recorder.turn(3));
+    QCOMPARE(recorder->audioSamplesWritten(), 4096);
+    QCOMPARE(recorder.queued(), 0);
+}
+
+/// A chunk with frames and no samples still counts in the length of its batch.
+void AudioEncodingTest::emptyChunksAreSkipped()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    auto privateObject = std::make_unique<RecorderAudioCapturePrivate>(QString());
+    privateObject->chunks
+        = {Chunk{QByteArray(40, 'x'), 0}, Chunk{QByteArray(40, 'x'), -10}, Chunk{QByteArray(), 960}};
+    RecorderAudioCapturePrivate* const inside = privateObject.get();
+    recorder->audioCapture() = std::make_unique<RecorderAudioCapture>(std::move(privateObject));
+    QVERIFY(recorder.turn(30));
+    QCOMPARE(recorder.log().countStartingWith(pcmLine), 0);
+    QCOMPARE(recorder.present(), 30 * 48); // padded to the clock: chunks were taken
+
+    inside->chunks = {Chunk{QByteArray(), 960}, chunkOf(testsound::noise(0, 480))};
+    QVERIFY(recorder.turn(100)); // begins at 70 ms, not at 90
+    QCOMPARE(recorder.present(), 100 * 48);
+    QCOMPARE(recorder.log().countStartingWith(pcmLine), 1);
+    QVERIFY(recorder.wasQuiet());
+}
+
+void AudioEncodingTest::firstChunkIsLoggedOnce()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(5));
+    QCOMPARE(recorder.log().countStartingWith(pcmLine), 0);
+    std::vector<qint16> samples = testsound::constant(480, 100);
+    samples[301] = -32768;
+    QVERIFY(fakeplatform::deliverStereo(samples));
+    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(20, testsound::noise(0, 480)));
+    QCOMPARE(recorder.log().countStartingWith(pcmLine), 1);
+    QCOMPARE(
+        recorder.log().count(QStringLiteral("Unix audio capture received PCM 1920 bytes 480 frames peak 32767")), 1);
+    QVERIFY(recorder->audioPcmLogged());
+}
+
+void AudioEncodingTest::firstFrameIsAtZero()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QList<qint64> times;
+    surroundings().afterReceivePacket = [&](AVPacket& packet) { times.append(packet.pts); };
+    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(200, testsound::noise(0, 4800)));
+    QVERIFY(recorder->drainAudioEncoder());
+    const int priming = recorder->audioCodecContext()->initial_padding;
+    QCOMPARE(times.size(), 11); // 9600 samples and the priming
+    for (qsizetype i = 0; i < times.size(); ++i)
+        QCOMPARE(times[i], i * 1024 - priming);
+}
+
+void AudioEncodingTest::paddingStopsAtTheClock_data()
+{
+    QTest::addColumn<qint64>("elapsed");
+    QTest::addColumn<int>("before");
+    QTest::addColumn<int>("after");
+    QTest::newRow("clock below zero") << qint64(-1) << 0 << 0;
+    QTest::newRow("clock at zero") << qint64(0) << 0 << 0;
+    QTest::newRow("from nothing") << qint64(100) << 0 << 4800;
+    QTest::newRow("some") << qint64(100) << 4000 << 4800;
+    QTest::newRow("level") << qint64(100) << 4800 << 4800;
+    QTest::newRow("ahead: nothing is removed") << qint64(100) << 6000 << 6000;
+}
+
+void AudioEncodingTest::paddingStopsAtTheClock()
+{
+    QFETCH(const qint64, elapsed);
+    QFETCH(const int, before);
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder->padAudioFifoWithSilence(before));
+    QCOMPARE(recorder.queued(), before);
+    QVERIFY(recorder->padAudioToElapsedClock(elapsed));
+    QTEST(recorder.queued(), "after");
+    QVERIFY(recorder.turn(1)); // what the encoder has counts as well
+    const qint64 present = recorder.present();
+    QVERIFY(recorder->padAudioToElapsedClock(elapsed));
+    QCOMPARE(recorder.present(), present);
+}
+
+/// More samples than 32 bits count. The last gap that they do count fails further on, for want of memory.
+void AudioEncodingTest::paddingThatIsTooLarge()
+{
+    constexpr qint64 lastMs = 44739243; // 2147483664 samples
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    recorder->audioSamplesWritten() = 16;
+    QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
+    QCOMPARE(recorder.warnings(), QStringList{QStringLiteral("Audio clock gap is too large to pad: 2147483648")});
+    recorder->audioSamplesWritten() = 17;
+    recorder.log().clear();
+    QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Invalid argument\"")});
+
+    recorder.log().clear();
+    QVERIFY(!recorder.turn(lastMs + 1000, testsound::noise(0, 480)));
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Audio clock gap is too large to pad: %1").arg((lastMs + 990) * 48 - 17)});
+    QCOMPARE(recorder.queued(), 0); // the chunk is not written
+    recorder->audioSamplesWritten() = 0;
+    QVERIFY(recorder.turn(10, testsound::noise(0, 480))); // and later ones are
+    QCOMPARE(recorder.queued(), 480);
+}
+
+void AudioEncodingTest::nothingIsPaddedWithoutItsObjects()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder->padAudioToElapsedClock(1000));
+    QVERIFY(recorder->padAudioFifoWithSilence(1000));
+    QVERIFY(recorder->encodeAudioSamples(1000));
+    QVERIFY(recorder->encodePendingAudio());
+    QVERIFY(recorder.openSound());
+    AVCodecContext* const encoder = std::exchange(recorder->audioCodecContext(), nullptr);
+    QVERIFY(recorder->padAudioToElapsedClock(1000));
+    QVERIFY(recorder->padAudioFifoWithSilence(1000));
+    recorder->audioCodecContext() = encoder;
+    QCOMPARE(recorder.queued(), 0);
+    AVAudioFifo* const queue = std::exchange(recorder->audioFifo(), nullptr);
+    QVERIFY(recorder->padAudioToElapsedClock(1000));
+    QVERIFY(recorder->padAudioFifoWithSilence(1000));
+    QVERIFY(recorder->encodeAudioSamples(1000));
+    recorder->audioFifo() = queue;
+    QVERIFY(recorder->padAudioFifoWithSilence(0));
+    QVERIFY(recorder->padAudioFifoWithSilence(-1));
+    QCOMPARE(recorder.present(), 0);
+    QVERIFY(recorder.wasQuiet());
+}
+
+/// 300 samples and 724 of silence, for an encoder that takes whole frames only.
+void AudioEncodingTest::drainingFillsTheLastFrame()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    recorder->recordingClock().invalidate();
+    QVERIFY(recorder.turn(0, testsound::constant(300, 8000)));
+    QVERIFY(!(recorder->audioCodecContext()->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE));
+    recorder->stopAudioCapture();
+    QVERIFY(recorder->drainAudioEncoder());
+    QCOMPARE(recorder->audioSamplesWritten(), 1024);
+    QCOMPARE(recorder.queued(), 0);
+    QVERIFY(recorder.finish());
+    MediaFile file(recorder->outputPath());
+    QCOMPARE(file.packets().size(), 2); // the priming's and the frame's
+    const auto sound = file.sound();
+    QVERIFY(sound);
+    QCOMPARE(sound->channels[0].size(), std::size_t(2048));
+    QVERIFY(std::abs(sound->channels[0][1024 + 150]) > 0.1F);
+    QVERIFY(std::abs(sound->channels[0][1024 + 1000]) < 0.02F);
+}
+
+void AudioEncodingTest::drainingGivesAShortFrameToAnEncoderThatTakesIt()
+{
+    surroundings().hiddenEncoders = {"mpeg4"};
+    QVERIFY(SoundingRecorder::useEncoder("pcm_s32le"));
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    recorder->recordingClock().invalidate();
+    QVERIFY(recorder.turn(0, testsound::noise(0, 2048 + 300)));
+    QCOMPARE(recorder->audioSamplesWritten(), 2048);
+    QVERIFY(recorder->drainAudioEncoder());
+    QCOMPARE(recorder->audioSamplesWritten(), 2348);
+    recorder->closeOutput();
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, 2348);
+    QCOMPARE(exactSamples(recorder->outputPath()), expected);
+}
+
+void AudioEncodingTest::drainingAnEmptyQueue()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.encode({0}));
+    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.wasQuiet());
+    MediaFile file(recorder->outputPath());
+    QVERIFY(file.audioStream());
+    QVERIFY(!file.sound());
+    QCOMPARE(file.frames().size(), 1);
+}
+
+void AudioEncodingTest::drainingBeforeOpeningAndAfterClosing()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder->drainAudioEncoder());
+    QVERIFY(recorder.openAndStart());
+    AVStream* const stream = std::exchange(recorder->audioStream(), nullptr);
+    QVERIFY(recorder->drainAudioEncoder());
+    recorder->audioStream() = stream;
+    QVERIFY(recorder.turn(100, testsound::noise(0, 4800))); // not drained: the encoder still takes sound
+    QVERIFY(recorder->drainAudioEncoder());
+    QVERIFY(recorder->drainAudioEncoder()); // already at its end
+    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder->drainAudioEncoder());
+    QVERIFY(recorder.wasQuiet());
+}
+
+void AudioEncodingTest::stoppingTheCapture()
+{
+    SoundingRecorder recorder;
+    recorder->stopAudioCapture(); // there is none
+    QVERIFY(recorder.openAndStart());
+    QCOMPARE(fakeplatform::sound().stops, 0);
+    recorder->stopAudioCapture();
+    QCOMPARE(fakeplatform::sound().stops, 1);
+    QVERIFY(!recorder->audioStarted());
+    QVERIFY(recorder->audioCapture());
+    recorder->stopAudioCapture();
+    QCOMPARE(fakeplatform::sound().stops, 1);
+}
+
+void AudioEncodingTest::closingReleasesTheSound()
+{
+    SoundingRecorder recorder;
+    const qsizetype descriptors = openDescriptors();
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.encode({0}));
+    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder->audioSamplesWritten() > 0);
+    recorder->closeOutput(); // drains nothing
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(fakeplatform::sound().stops, 1);
+    QCOMPARE(fakeplatform::sound().liveStreams, 0);
+    QCOMPARE(openDescriptors(), descriptors);
+    QCOMPARE(recorder->audioEncoderName(), QStringLiteral("aac"));
+    QVERIFY(recorder.wasQuiet());
+
+    recorder.log().clear();
+    recorder->closeOutput();
+    QCOMPARE(recorder.log().messages(), QStringList());
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(fakeplatform::sound().stops, 1);
+}
+
+void AudioEncodingTest::destructorReleasesTheSound()
+{
+    SoundingRecorder recorder;
+    const QString path = recorder->outputPath();
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.encode({0}));
+    QVERIFY(recorder.turn(1000, testsound::noise(0, 48000)));
+    recorder.destroy();
+    QCOMPARE(fakeplatform::sound().stops, 1);
+    QCOMPARE(fakeplatform::sound().liveStreams, 0);
+    QCOMPARE(fakeplatform::sound().liveOutputs, 0);
+    QCOMPARE(fakeplatform::sound().liveQueues, 0);
+    QVERIFY(MediaFile(path).sound()->durationMs() > 900);
+}
+
+void AudioEncodingTest::soundAfterClosingIsIgnored()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.finishSound());
+    QVERIFY(!fakeplatform::deliverStereo(testsound::noise(0, 480)));
+    recorder->audioStarted() = true;
+    QVERIFY(recorder.turn(10));
+    recorder->audioStarted() = false;
+    QVERIFY(recorder.wasQuiet());
+}
+
+QTEST_GUILESS_MAIN(AudioEncodingTest)
+#include "audioencoding_test.moc"
