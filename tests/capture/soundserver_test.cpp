@@ -1,0 +1,238 @@
+// The sound server that the sound tests run on, and the player.
+#include "privatesoundserver.h"
+#include "tonelevel.h"
+#include "toneprocess.h"
+
+#include <QDir>
+#include <QProcess>
+#include <QTest>
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int waitLimitMs = 20'000;
+
+bool isAlive(qint64 pid)
+{
+    return ::kill(pid_t(pid), 0) == 0 || errno != ESRCH;
+}
+
+/// Half a second of what the sink's monitor hears, interleaved; waits for that much.
+std::vector<float> monitorSound(PrivateSoundServer& server, const QByteArray& sink, int channels)
+{
+    const QString map = channels == 6 ? QStringLiteral("front-left,front-right,front-center,lfe,side-left,side-right")
+                                      : QStringLiteral("front-left,front-right");
+    QProcess reader;
+    reader.setProcessEnvironment(server.environment());
+    reader.start(QStringLiteral("parec"),
+        {QStringLiteral("--raw"), QStringLiteral("--format=float32le"), QStringLiteral("--rate=48000"),
+            QStringLiteral("--latency-msec=50"), QStringLiteral("--channels=%1").arg(channels),
+            QStringLiteral("--channel-map=") + map,
+            QStringLiteral("--device=%1.monitor").arg(QString::fromLatin1(sink))});
+    const qsizetype skipped = 9600 * 4 * channels; // until the reader is linked it hears nothing
+    const qsizetype wanted = 24000 * 4 * channels;
+    QByteArray bytes;
+    while (bytes.size() < skipped + wanted && reader.waitForReadyRead(waitLimitMs))
+        bytes += reader.readAllStandardOutput();
+    reader.kill();
+    reader.waitForFinished();
+    const qsizetype size = std::max<qsizetype>(std::min(bytes.size() - skipped, wanted), 0);
+    std::vector<float> samples(std::size_t(size) / 4);
+    std::memcpy(samples.data(), bytes.constData() + skipped, samples.size() * 4);
+    return samples;
+}
+
+}
+
+class SoundServerTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void startsAndNamesTheDefaultSink();
+    void playsATone_data();
+    void playsATone();
+    void playerKeepsItsSchedule();
+    void changesTheDefaultSink();
+    void runsAtItsQuantum();
+    void dies();
+    void stopsAndContinues();
+    void leavesNothingBehind();
+    void endsWithItsParent();
+};
+
+void SoundServerTest::startsAndNamesTheDefaultSink()
+{
+    PrivateSoundServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    QCOMPARE(server.defaultSink(), QByteArray("first-sink"));
+    QCOMPARE(server.sinkNames(), QByteArrayList{"first-sink"});
+    QVERIFY(server.environmentChanges().contains(
+        QStringLiteral("XDG_RUNTIME_DIR=") + server.path() + QStringLiteral("/run")));
+    QVERIFY(server.environmentChanges().contains(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")));
+}
+
+void SoundServerTest::playsATone_data()
+{
+    QTest::addColumn<QStringList>("player");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<int>("rate");
+    const QString channels = QStringLiteral("--channels");
+    const QString format = QStringLiteral("--format");
+    const QString rate = QStringLiteral("--rate");
+    QTest::newRow("stereo float") << QStringList() << 2 << 48000;
+    QTest::newRow("mono") << QStringList{channels, QStringLiteral("1")} << 2 << 48000;
+    QTest::newRow("surround") << QStringList{channels, QStringLiteral("6")} << 6 << 48000;
+    QTest::newRow("16 bits") << QStringList{format, QStringLiteral("s16")} << 2 << 48000;
+    QTest::newRow("planar") << QStringList{format, QStringLiteral("f32p")} << 2 << 48000;
+    QTest::newRow("44100 into 48000") << QStringList{rate, QStringLiteral("44100")} << 2 << 48000;
+    QTest::newRow("graph of 44100") << QStringList() << 2 << 44100;
+}
+
+void SoundServerTest::playsATone()
+{
+    QFETCH(QStringList, player);
+    QFETCH(int, channels);
+    QFETCH(int, rate);
+    SoundServerOptions options;
+    options.rate = rate;
+    if (channels == 6)
+        options.sinks[0].positions = {"FL", "FR", "FC", "LFE", "SL", "SR"};
+    PrivateSoundServer server(options);
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+
+    ToneProcess tone(ToneProcess::tone(QStringLiteral("player"), 600, player));
+    QVERIFY2(tone.isPlaying(), qPrintable(tone.errorString()));
+    const std::vector<float> samples = monitorSound(server, "first-sink", channels);
+    for (int channel = 0; channel < channels; ++channel) {
+        QVERIFY(std::abs(toneLevel(samples, channels, channel, 600) - 0.25) < 0.005);
+        QVERIFY(toneLevel(samples, channels, channel, 900) < 0.00025);
+    }
+    QVERIFY(tone.stop());
+}
+
+void SoundServerTest::playerKeepsItsSchedule()
+{
+    PrivateSoundServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+    ToneProcess tone(
+        ToneProcess::tone(QStringLiteral("player"), 600, {QStringLiteral("--schedule"), QStringLiteral("0.2,600")}));
+    QVERIFY2(tone.isPlaying(), qPrintable(tone.errorString()));
+    const auto loudness = [&server] { return toneLevel(monitorSound(server, "first-sink", 2), 2, 0, 600); };
+    QTRY_COMPARE_WITH_TIMEOUT(loudness(), 0.0, waitLimitMs);
+    QVERIFY(tone.isPlaying());
+}
+
+void SoundServerTest::changesTheDefaultSink()
+{
+    SoundServerOptions options;
+    options.sinks.push_back(NullSink{"second-sink"});
+    PrivateSoundServer server(options);
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+    ToneProcess tone(ToneProcess::tone(QStringLiteral("player"), 600));
+    QVERIFY2(tone.isPlaying(), qPrintable(tone.errorString()));
+
+    QVERIFY(server.setDefaultSink("second-sink"));
+    QCOMPARE(server.defaultSink(), QByteArray("second-sink"));
+    const auto loudness = [&server](const char* sink) { return toneLevel(monitorSound(server, sink, 2), 2, 0, 600); };
+    QTRY_VERIFY_WITH_TIMEOUT(std::abs(loudness("second-sink") - 0.25) < 0.005, waitLimitMs);
+    QVERIFY(loudness("first-sink") < 0.00025);
+}
+
+void SoundServerTest::runsAtItsQuantum()
+{
+    SoundServerOptions options;
+    options.quantum = 4096;
+    PrivateSoundServer server(options);
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+    ToneProcess tone(ToneProcess::tone(QStringLiteral("player"), 600));
+    QVERIFY2(tone.isPlaying(), qPrintable(tone.errorString()));
+    QTRY_COMPARE_WITH_TIMEOUT(tone.quantum(), 4096, waitLimitMs);
+}
+
+void SoundServerTest::dies()
+{
+    PrivateSoundServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+    ToneProcess tone(ToneProcess::tone(QStringLiteral("player"), 600));
+    QVERIFY2(tone.isPlaying(), qPrintable(tone.errorString()));
+    server.killDaemon();
+    QVERIFY(!server.isRunning());
+    QTRY_VERIFY_WITH_TIMEOUT(!tone.isPlaying(), waitLimitMs);
+    QVERIFY(!tone.stop()); // it says with its exit code that it did not end by itself
+}
+
+void SoundServerTest::stopsAndContinues()
+{
+    PrivateSoundServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    server.apply();
+    QProcess tool;
+    server.stopDaemon();
+    tool.start(QStringLiteral("pw-cli"), {QStringLiteral("info"), QStringLiteral("0")});
+    QVERIFY(!tool.waitForFinished(500));
+    server.continueDaemon();
+    QVERIFY(tool.waitForFinished(waitLimitMs));
+    QCOMPARE(tool.exitCode(), 0);
+    server.stopDaemon(); // the destructor has to cope
+}
+
+void SoundServerTest::leavesNothingBehind()
+{
+    auto server = std::make_unique<PrivateSoundServer>();
+    QVERIFY2(server->isRunning(), qPrintable(server->errorString()));
+    const QString path = server->path();
+    const std::vector<qint64> processes = server->processIds();
+    QCOMPARE(processes.size(), std::size_t(3));
+    QVERIFY(QDir(path).exists());
+    server.reset();
+    QVERIFY(!QDir(path).exists());
+    for (const qint64 pid : processes)
+        QVERIFY(!isAlive(pid));
+}
+
+void SoundServerTest::endsWithItsParent()
+{
+    int ends[2] = {-1, -1};
+    QCOMPARE(::pipe(ends), 0);
+    const pid_t owner = ::fork();
+    if (owner == 0) {
+        PrivateSoundServer server;
+        QByteArray message = server.path().toLocal8Bit();
+        for (const qint64 pid : server.processIds())
+            message += ' ' + QByteArray::number(pid);
+        message += '\n';
+        if (::write(ends[1], message.constData(), std::size_t(message.size())) == message.size())
+            ::pause();
+        ::_exit(1);
+    }
+    ::close(ends[1]);
+    QByteArray message;
+    for (char byte = 0; byte != '\n' && ::read(ends[0], &byte, 1) == 1;)
+        message += byte;
+    ::close(ends[0]);
+    ::kill(owner, SIGKILL);
+    QCOMPARE(::waitpid(owner, nullptr, 0), owner);
+
+    QByteArrayList parts = message.trimmed().split(' ');
+    const QString directory = QString::fromLocal8Bit(parts.takeFirst());
+    QCOMPARE(parts.size(), 3);
+    for (const QByteArray& pid : parts)
+        QTRY_VERIFY_WITH_TIMEOUT(!isAlive(pid.toLongLong()), waitLimitMs);
+    QVERIFY(QDir(directory).removeRecursively()); // a killed owner cannot
+}
+
+QTEST_GUILESS_MAIN(SoundServerTest)
+
+#include "soundserver_test.moc"

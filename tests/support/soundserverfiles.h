@@ -1,0 +1,10 @@
+// The configuration files of a PrivateSoundServer.
+#pragma once
+
+#include <QString>
+
+struct SoundServerOptions;
+
+/// Writes DIRECTORY/pipewire.conf, DIRECTORY/pulse.conf and DIRECTORY/config/wireplumber. False when a file cannot be
+/// written.
+bool writeSoundServerFiles(const QString& directory, const SoundServerOptions& options);

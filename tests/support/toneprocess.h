@@ -1,0 +1,39 @@
+// ToneProcess: a toneplayer, started from a test.
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+/// Plays until the object goes or the player ends, to the sound server of the calling process's environment. The
+/// constructor returns once sound flows, or with isPlaying() false; errorString() then says why. One thread.
+class ToneProcess {
+public:
+    /// What toneplayer_main.cpp takes.
+    explicit ToneProcess(const QStringList& arguments);
+    ~ToneProcess();
+    ToneProcess(const ToneProcess&) = delete;
+    ToneProcess& operator=(const ToneProcess&) = delete;
+
+    /// A tone with a name, and whatever else.
+    static QStringList tone(const QString& name, double frequency, const QStringList& more = QStringList());
+    /// The player's path, for tests that start it by other means.
+    static QString program();
+
+    bool isPlaying();
+    QString errorString() const { return error_; }
+    /// Frames of a cycle of the graph, as the player reported last; 0 before the first report.
+    int quantum();
+    qint64 pid() const { return process_.processId(); }
+
+    /// Asks it to end and waits. True when it ended in order.
+    bool stop();
+
+private:
+    void readReports();
+
+    QProcess process_;
+    int quantum_ = 0;
+    bool plays_ = false; // once, at least
+    QString error_;
+};
