@@ -1,0 +1,206 @@
+// The applications of this moment, and the verdict on streams, from the process table and the X server.
+#include "soundowners.h"
+
+#include "processtable.h"
+#include "soundancestry.h"
+#include "windowowners.h"
+
+#include <QFileInfo>
+#include <QSettings>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <set>
+#include <unistd.h>
+#include <utility>
+
+namespace soundowners {
+
+using processtable::Identity;
+using processtable::Process;
+using processtable::Processes;
+using soundancestry::Kind;
+
+struct Census::Data {
+    Processes processes;
+    std::vector<platform::AudioApplication> applications;
+    std::vector<std::pair<Identity, Kind>> kinds; ///< of the applications, in their order
+};
+
+namespace {
+
+/// How long an answer of the X server holds for the judge: streams come in bursts.
+constexpr std::chrono::milliseconds windowMemory{200};
+
+/// The id of the sandbox that a process runs in; empty outside of one.
+QString sandboxId(qint64 pid)
+{
+    const QString path = QStringLiteral("/proc/%1/root/.flatpak-info").arg(pid);
+    if (!QFileInfo(path).isFile()) // what a foreign process put there may be anything
+        return QString();
+    return QSettings(path, QSettings::IniFormat).value(QStringLiteral("Application/name")).toString();
+}
+
+class Count {
+public:
+    explicit Count(Census::Data& data) : data_(data) { }
+
+    void addWindowOwners(const std::vector<windowowners::Owner>& owners);
+    void addStreams(const std::vector<Stream>& streams);
+    void addPlainProcesses();
+
+private:
+    std::optional<std::size_t> indexOf(qint64 pid) const;
+    std::size_t add(const Process& process, Kind kind);
+    std::size_t applicationOf(const Stream& stream, const Process& process);
+
+    Census::Data& data_;
+    std::map<qint64, std::size_t> indices_; // by process id
+    std::set<std::size_t> namedByStream_;
+    std::set<std::size_t> identifiedByStream_;
+};
+
+std::optional<std::size_t> Count::indexOf(qint64 pid) const
+{
+    const auto found = indices_.find(pid);
+    return found == indices_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::size_t Count::add(const Process& process, Kind kind)
+{
+    const std::size_t index = data_.applications.size();
+    platform::AudioApplication application;
+    application.processId = qint32(process.identity.pid);
+    data_.applications.push_back(application);
+    data_.kinds.emplace_back(process.identity, kind);
+    indices_.emplace(process.identity.pid, index);
+    return index;
+}
+
+void Count::addWindowOwners(const std::vector<windowowners::Owner>& owners)
+{
+    for (const windowowners::Owner& owner : owners) {
+        const auto process = data_.processes.find(owner.processId);
+        if (process == data_.processes.end() || process->second.ended)
+            continue;
+        platform::AudioApplication& application = data_.applications[add(process->second, Kind::WindowOwner)];
+        application.applicationName = owner.name;
+        const QString sandbox = sandboxId(owner.processId);
+        application.bundleIdentifier = sandbox.isEmpty() ? owner.applicationId : sandbox;
+    }
+}
+
+/// The nearest owner of a window, from the process upwards; otherwise the process itself.
+std::size_t Count::applicationOf(const Stream& stream, const Process& process)
+{
+    const auto now = [this](qint64 pid) {
+        const auto found = data_.processes.find(pid);
+        return found == data_.processes.end() ? std::nullopt : std::optional(found->second);
+    };
+    for (const Identity& ancestor : soundancestry::ancestry(stream.processId, data_.processes, now)) {
+        const std::optional<std::size_t> index = indexOf(ancestor.pid);
+        if (index && data_.kinds[*index].second == Kind::WindowOwner)
+            return *index;
+    }
+    const std::optional<std::size_t> index = indexOf(process.identity.pid);
+    return index ? *index : add(process, Kind::StreamOwner);
+}
+
+/// Of several streams the first with a name or an id gives it to their application.
+void Count::addStreams(const std::vector<Stream>& streams)
+{
+    for (const Stream& stream : streams) {
+        const auto process = data_.processes.find(stream.processId);
+        if (stream.processId <= 1 || process == data_.processes.end() || process->second.ended)
+            continue;
+        const std::size_t index = applicationOf(stream, process->second);
+        platform::AudioApplication& application = data_.applications[index];
+        if (!stream.applicationName.isEmpty() && namedByStream_.insert(index).second)
+            application.applicationName = stream.applicationName;
+        if (!stream.applicationId.isEmpty() && identifiedByStream_.insert(index).second)
+            application.bundleIdentifier = stream.applicationId;
+        else if (application.bundleIdentifier.isEmpty())
+            application.bundleIdentifier = sandboxId(application.processId);
+    }
+}
+
+void Count::addPlainProcesses()
+{
+    const qint64 user = qint64(::geteuid());
+    for (const auto& [pid, process] : data_.processes) {
+        if (pid > 1 && process.user == user && !process.ended && !process.ofKernel && !indexOf(pid))
+            add(process, Kind::Plain);
+    }
+}
+
+}
+
+/// The windows come first: a process that starts in between is then new, and not one without a window.
+std::shared_ptr<const Census> Census::take(const std::vector<Stream>& streams)
+{
+    const std::vector<windowowners::Owner> owners = windowowners::find();
+    auto data = std::make_unique<Data>();
+    data->processes = processtable::readAll();
+    Count count(*data);
+    count.addWindowOwners(owners);
+    count.addStreams(streams);
+    count.addPlainProcesses();
+    return std::make_shared<const Census>(std::move(data));
+}
+
+Census::Census(std::unique_ptr<const Data> data) : data_(std::move(data)) { }
+
+Census::~Census() = default;
+
+const std::vector<platform::AudioApplication>& Census::applications() const
+{
+    return data_->applications;
+}
+
+struct Judge::Impl {
+    bool ownsWindow(const Identity& process);
+
+    std::shared_ptr<const Census> census;
+    std::map<Identity, soundancestry::Application> applications;
+    std::set<qint64> windowOwners;
+    std::optional<std::chrono::steady_clock::time_point> asked; // for windowOwners
+};
+
+bool Judge::Impl::ownsWindow(const Identity& process)
+{
+    const auto isFresh = [this] { return asked && std::chrono::steady_clock::now() - *asked < windowMemory; };
+    if (!isFresh()) {
+        windowOwners.clear();
+        for (const windowowners::Owner& owner : windowowners::find())
+            windowOwners.insert(owner.processId);
+        asked = std::chrono::steady_clock::now();
+    }
+    return windowOwners.count(process.pid) > 0;
+}
+
+Judge::Judge(std::shared_ptr<const Census> census, std::vector<std::size_t> excluded)
+    : impl_(std::make_unique<Impl>())
+{
+    const std::vector<std::pair<Identity, Kind>>& kinds = census->data().kinds;
+    for (const auto& [identity, kind] : kinds)
+        impl_->applications[identity] = {kind, false};
+    for (const std::size_t index : excluded)
+        impl_->applications[kinds.at(index).first].excluded = true;
+    impl_->census = std::move(census);
+}
+
+Judge::~Judge() = default;
+
+bool Judge::hears(qint64 processId)
+{
+    if (processId == 0)
+        return true;
+    const Processes& then = impl_->census->data().processes;
+    const soundancestry::Knowledge knowledge{
+        then, impl_->applications, [this](const Identity& process) { return impl_->ownsWindow(process); }};
+    return soundancestry::isHeard(soundancestry::ancestry(processId, then, processtable::read), knowledge);
+}
+
+}

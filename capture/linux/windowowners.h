@@ -1,0 +1,22 @@
+// Who owns windows on the display.
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+
+#include <vector>
+
+namespace windowowners {
+
+/// A process with at least one window that a user would take for one.
+struct Owner {
+    qint64 processId = 0;
+    QString name; ///< the class of its first window; may be empty
+    QString applicationId; ///< as one of its windows tells it; else empty
+};
+
+/// Each process once, in the order of the windows. Waits for the X server with a bound; nobody without DISPLAY, or
+/// when the server is gone or does not answer. Any thread.
+std::vector<Owner> find();
+
+}
