@@ -1,0 +1,277 @@
+// Recordings with sound, decoded again: every encoder, other rates, and files that did not come to their end.
+#include "ffmpegfaults.h"
+#include "mediafile.h"
+#include "mp4boxes.h"
+#include "soundanalysis.h"
+#include "soundingrecorder.h"
+
+#include <QFile>
+#include <QTest>
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+using namespace ffmpegfaults;
+
+namespace {
+
+constexpr double leftHz = 441.7; // no fault hides in it, see soundanalysis.h
+constexpr double rightHz = 997.0;
+constexpr double amplitude = 0.5;
+
+qint16 sine(qint64 sample, double frequency)
+{
+    const double angle = 2 * std::numbers::pi * frequency * double(sample) / testsound::rate;
+    return qint16(std::lround(amplitude * 32767 * std::sin(angle)));
+}
+
+/// A tone in each ear.
+std::vector<qint16> tones(qint64 first, qint64 count)
+{
+    std::vector<qint16> samples;
+    for (qint64 i = first; i < first + count; ++i) {
+        samples.push_back(sine(i, leftHz));
+        samples.push_back(sine(i, rightHz));
+    }
+    return samples;
+}
+
+/// Pictures, and tones that arrive every 20 ms.
+bool recordTones(SoundingRecorder& recorder, qint64 lengthMs)
+{
+    for (qint64 at = 0; at < lengthMs; at += 20) {
+        if (at % 40 == 0 && !recorder.encode({at}, int(at / 40)))
+            return false;
+        if (!recorder.turn(at + 20, tones(at * 48, 960)))
+            return false;
+    }
+    return true;
+}
+
+/// Empty when the tones are there, each in its ear, without a fault.
+QString judgeTones(const MediaSound& sound, double fromMs, double toMs)
+{
+    const auto part = [&](int channel) {
+        return soundanalysis::between(
+            sound.channels[channel], sound.sampleRate, fromMs - sound.startMs, toMs - sound.startMs);
+    };
+    QStringList found;
+    const auto expectLevel = [&](int channel, double frequency, double low, double high) {
+        const double level = soundanalysis::levelDb(part(channel), sound.sampleRate, frequency);
+        if (level < low || level > high)
+            found.append(QStringLiteral("channel %1: %2 dB at %3 Hz").arg(channel).arg(level).arg(frequency));
+    };
+    expectLevel(0, leftHz, -7, -5.5);
+    expectLevel(0, rightHz, -300, -45);
+    expectLevel(1, rightHz, -7, -5.5);
+    expectLevel(1, leftHz, -300, -45);
+    const auto faults = soundanalysis::toneFaults(part(0), sound.sampleRate, leftHz);
+    if (!faults.empty())
+        found.append(soundanalysis::describe(faults));
+    return found.join(QStringLiteral(", "));
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+QByteArray contentOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// Where the last packet of the kind ends that is whole.
+double wholePacketsEndMs(MediaFile& file, AVMediaType type)
+{
+    double end = 0;
+    for (const MediaPacket& packet : file.packets()) {
+        if (file.streams()[packet.stream].type == type && !packet.corrupt)
+            end = std::max(end, packet.ptsMs + packet.durationMs);
+    }
+    return end;
+}
+
+}
+
+class AudioFileTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { reset(); }
+    void cleanup() { reset(); }
+
+    void tonesComeBack_data();
+    void tonesComeBack();
+    void silenceIsSilence();
+    void soundEndsWithTheClock();
+    void soundThatComesAfterTheLastTurnIsLeftOut();
+    void unfinishedFilePlaysWithSound();
+    void cutFilePlaysWithSound();
+    void fullVolumeIsNotDistorted();
+};
+
+void AudioFileTest::tonesComeBack_data()
+{
+    QTest::addColumn<QByteArray>("encoder");
+    QTest::addColumn<bool>("matroska");
+    QTest::addColumn<int>("rate");
+    const auto row = [](const char* name, const char* encoder, bool matroska, int rate = 48000) {
+        QTest::newRow(name) << QByteArray(encoder) << matroska << rate;
+    };
+    row("aac in MP4", "aac", false);
+    row("mp3 in MP4", "libmp3lame", false);
+    row("aac in Matroska", "aac", true);
+    row("mp3 in Matroska", "libmp3lame", true);
+    row("Opus in Matroska", "libopus", true);
+    row("interleaved 16-bit in MP4", "mp2", false);
+    row("planar 16-bit in MP4", "alac", false);
+    row("planar 32-bit in Matroska", "ac3_fixed", true);
+    row("32-bit in Matroska", "pcm_s32le", true);
+    row("8000 Hz in Matroska", "libspeex", true, 8000);
+}
+
+void AudioFileTest::tonesComeBack()
+{
+    QFETCH(const QByteArray, encoder);
+    QFETCH(const bool, matroska);
+    QFETCH(const int, rate);
+    QVERIFY(SoundingRecorder::useEncoder(encoder.constData()));
+    if (matroska)
+        surroundings().hiddenEncoders = {"mpeg4"};
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recordTones(recorder, 4000));
+    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.criticals().isEmpty());
+    QVERIFY(recorder.isClosed());
+
+    MediaFile file(recorder->outputPath());
+    const auto sound = file.sound();
+    QVERIFY2(file.isValid() && sound, qPrintable(file.errorString()));
+    QCOMPARE(file.frames().size(), 100);
+    QCOMPARE(sound->sampleRate, rate);
+    QCOMPARE(sound->channels.size(), 2);
+    QVERIFY(sound->durationMs() >= 4000);
+    QVERIFY(sound->durationMs() < 4000 + 150);
+    QVERIFY(sound->worstJoinMs < 1.0);
+    if (rate == testsound::rate)
+        QCOMPARE(judgeTones(*sound, 200, 3900), QString());
+    else // speech coding: the tone is there
+        QVERIFY(
+            soundanalysis::levelDb(soundanalysis::between(sound->channels[0], rate, 500, 3500), rate, leftHz) > -20);
+}
+
+void AudioFileTest::silenceIsSilence()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    for (qint64 at = 0; at < 3000; at += 40) {
+        QVERIFY(recorder.encode({at}, int(at / 40)));
+        QVERIFY(recorder.turn(at + 40, testsound::constant(40 * 48, 0)));
+    }
+    QVERIFY(recorder.finishSound());
+    const auto sound = MediaFile(recorder->outputPath()).sound();
+    QVERIFY(sound);
+    QVERIFY(sound->durationMs() >= 3000);
+    for (const std::vector<float>& channel : sound->channels)
+        QVERIFY(soundanalysis::peakDb(channel) < -120);
+}
+
+/// Up to the end of the last frame, and no further.
+void AudioFileTest::soundEndsWithTheClock()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recordTones(recorder, 1000));
+    QCOMPARE(recorder.present(), 48000);
+    QVERIFY(recorder.finishSound());
+    const auto sound = MediaFile(recorder->outputPath()).sound();
+    QVERIFY(sound);
+    QCOMPARE(sound->channels[0].size(), std::size_t(1024 + 47 * 1024)); // priming, 46.9 frames of sound
+    const auto rest = soundanalysis::Samples(sound->channels[0]).subspan(1024 + 48000 + 16);
+    QVERIFY(soundanalysis::rmsDb(rest) < -30);
+}
+
+void AudioFileTest::soundThatComesAfterTheLastTurnIsLeftOut()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder.turn(1000, tones(0, 48000)));
+    QVERIFY(fakeplatform::deliverStereo(tones(48000, 48000)));
+    QVERIFY(recorder.finishSound());
+    QVERIFY(MediaFile(recorder->outputPath()).sound()->durationMs() < 1100);
+}
+
+/// What is on disk while the recording runs: at least all but the last second and a half, in step.
+void AudioFileTest::unfinishedFilePlaysWithSound()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recordTones(recorder, 10000));
+    const QString copy = recorder.filePath(QStringLiteral("copy.mp4"));
+    QVERIFY(writeFile(copy, contentOf(recorder->outputPath())));
+    MediaFile file(copy);
+    const auto sound = file.sound();
+    QVERIFY2(sound, qPrintable(file.errorString()));
+    QVERIFY(sound->durationMs() > 8500);
+    QCOMPARE(judgeTones(*sound, 200, 8400), QString());
+    QVERIFY(file.frames().constLast().ptsMs > 8500);
+    QVERIFY(recorder.finishSound());
+}
+
+/// Cut within a fragment, pictures and sound reach to its beginning; cut behind one, to its end.
+void AudioFileTest::cutFilePlaysWithSound()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recordTones(recorder, 10000));
+    QVERIFY(recorder.finishSound());
+    const QByteArray whole = contentOf(recorder->outputPath());
+    const QString copy = recorder.filePath(QStringLiteral("cut.mp4"));
+    int fragments = 0;
+    for (const Mp4Box& box : mp4boxes::parse(whole)) {
+        if (box.type != "mdat")
+            continue;
+        const double wholeMs = 960.0 * fragments; // 24 pictures a fragment
+        QVERIFY(writeFile(copy, whole.left(box.offset + (box.end() - box.offset) / 2)));
+        MediaFile half(copy);
+        QVERIFY(half.videoStream() && half.audioStream());
+        QVERIFY(wholePacketsEndMs(half, AVMEDIA_TYPE_VIDEO) >= wholeMs);
+        QVERIFY(wholePacketsEndMs(half, AVMEDIA_TYPE_AUDIO) >= wholeMs);
+
+        ++fragments;
+        QVERIFY(writeFile(copy, whole.left(box.end())));
+        MediaFile file(copy);
+        const auto sound = file.sound();
+        QVERIFY2(sound, qPrintable(file.errorString()));
+        QVERIFY(sound->durationMs() >= std::min(960.0 * fragments, 10000.0));
+        QCOMPARE(judgeTones(*sound, 200, sound->durationMs() - 50), QString());
+    }
+    QCOMPARE(fragments, 11);
+}
+
+/// A square wave of full scale overshoots in the encoder, which takes it back a little; it does not wrap around.
+void AudioFileTest::fullVolumeIsNotDistorted()
+{
+    SoundingRecorder recorder;
+    QVERIFY(recorder.openAndStart());
+    for (qint64 at = 0; at < 2000; at += 40) {
+        const auto square = testsound::frames(
+            at * 48, 40 * 48, [](qint64 i) { return i / 60 % 2 ? qint16(-32768) : qint16(32767); }); // 400 Hz
+        QVERIFY(recorder.turn(at + 40, square));
+    }
+    QVERIFY(recorder.finishSound());
+    const auto sound = MediaFile(recorder->outputPath()).sound();
+    QVERIFY(sound);
+    const auto part = soundanalysis::between(sound->channels[0], 48000, 200, 1900);
+    const double fundamentalDb = 20 * std::log10(4 / std::numbers::pi);
+    QVERIFY(std::abs(soundanalysis::levelDb(part, 48000, 400) - fundamentalDb) < 1.0);
+    QVERIFY(std::abs(soundanalysis::rmsDb(part)) < 1.0);
+}
+
+QTEST_GUILESS_MAIN(AudioFileTest)
+#include "audiofile_test.moc"
