@@ -81,6 +81,21 @@ TruthTiming timingOf(const std::vector<Stamped>& frames)
         slopeOf(frames, differences) * msPerMinute};
 }
 
+/// Paintings are stamped in whole milliseconds that are cut off, and are half an interval old when they are captured.
+TruthClock clockOf(const std::vector<Stamped>& frames, quint32 firstClockMs, double repaintIntervalMs)
+{
+    std::vector<double> differences;
+    std::vector<double> clocks;
+    for (const Stamped& frame : frames) {
+        differences.push_back(frame.ptsMs - frame.clockMs);
+        clocks.push_back(frame.clockMs);
+    }
+    constexpr double cutOffMs = 0.5; // on average
+    const double slope = slopeOf(frames, differences);
+    const double atOrigin = middleMean(differences) - slope * middleMean(clocks);
+    return {firstClockMs, atOrigin - repaintIntervalMs / 2 - cutOffMs, 1.0 + slope};
+}
+
 /// One patch's errors, summed up.
 struct PatchErrors {
     std::array<double, 3> sum{};
@@ -272,6 +287,10 @@ TruthReport TruthMeter::report() const
     report.framesInFile = int(all.ptsMs.size());
     report.framesDecoded = int(all.stamped.size());
     report.missedSlots = missedSlots(all.ptsMs);
+    if (!all.ptsMs.isEmpty()) {
+        report.firstPictureMs = all.ptsMs.first();
+        report.lastPictureMs = all.ptsMs.last();
+    }
 
     if (!all.stamped.empty()) {
         const quint32 paintings = (all.stamped.back().counter - all.stamped.front().counter) & 0xffffff;
@@ -283,6 +302,7 @@ TruthReport TruthMeter::report() const
         for (std::size_t i = 1; i < all.stamped.size(); ++i)
             report.repeatedFrames += all.stamped[i].counter == all.stamped[i - 1].counter;
         report.timing = timingOf(all.stamped);
+        report.clock = clockOf(all.stamped, all.firstClockMs, report.repaintIntervalMs);
     }
 
     report.patches = all.patchReport();
@@ -292,6 +312,33 @@ TruthReport TruthMeter::report() const
     }
     report.markers = all.markerReport();
     return report;
+}
+
+namespace {
+
+/// What the file says beside its pictures.
+void addSound(MediaFile& file, const TruthQuery& query, TruthReport& report)
+{
+    const QList<MediaPacket> packets = file.packets();
+    const auto durationOf = [&](const MediaStream* stream) {
+        double fromMs = std::numeric_limits<double>::infinity();
+        double toMs = -fromMs;
+        for (const MediaPacket& packet : packets) {
+            if (stream && packet.stream == stream->index) {
+                fromMs = std::min(fromMs, packet.ptsMs);
+                toMs = std::max(toMs, packet.ptsMs + packet.durationMs);
+            }
+        }
+        return toMs >= fromMs ? std::optional(toMs - fromMs) : std::nullopt;
+    };
+    report.videoDurationMs = durationOf(file.videoStream());
+    report.soundDurationMs = durationOf(file.audioStream());
+    if (!query.beeps || !report.clock)
+        return;
+    if (const std::optional<MediaSound> sound = file.sound())
+        report.sound = measureBeeps(*sound, *report.clock, report.firstPictureMs, report.lastPictureMs);
+}
+
 }
 
 TruthReport measureTruth(const QString& path, const TruthQuery& query)
@@ -318,6 +365,7 @@ TruthReport measureTruth(const QString& path, const TruthQuery& query)
     });
     TruthReport report = meter.report();
     report.coloursTagged = coloursTagged && report.framesInFile > 0;
+    addSound(file, query, report);
     report.error = file.errorString();
     return report;
 }

@@ -1,6 +1,8 @@
 // What a recording of the truth window says about its recorder: lost frames, time, colour and position
-// errors.
+// errors, and how well its sound is in step.
 #pragma once
+
+#include "truthsound.h"
 
 #include <QList>
 #include <QPointF>
@@ -21,6 +23,7 @@ struct TruthQuery {
     std::optional<QRectF> whereTheWindowIs; ///< pixels of the picture; without it, letterboxed by the usual rule
     std::optional<QPointF> pointer; ///< where the pointer rested; on the field
     QList<QPointF> markers; ///< where clicks were made; on the field
+    bool beeps = false; ///< the window flashed and beeped
 };
 
 /// Presentation time against the painted clock, after the median difference is taken away. Milliseconds.
@@ -76,6 +79,8 @@ struct TruthReport {
 
     int framesInFile = 0;
     int framesDecoded = 0; ///< those whose barcode was read
+    double firstPictureMs = 0.0; ///< presentation times
+    double lastPictureMs = 0.0;
     int missedSlots = 0;
     /// The window repainted itself more than twice per slot, so that no two frames may show the same
     /// painting.
@@ -85,9 +90,17 @@ struct TruthReport {
     int framesLost() const { return missedSlots + repeatedFrames; }
 
     std::optional<TruthTiming> timing; ///< nothing when the window was not animated
+    /// A picture shows a painting that is half a repaint interval old on average, which is taken into account.
+    std::optional<TruthClock> clock; ///< likewise
     QList<TruthPatch> patches;
     std::optional<TruthPointer> pointer; ///< present when asked for
     QList<TruthMarker> markers; ///< as asked for
+
+    /// From the first packet's time to the end of the last one; nothing without such a stream, or for frames without
+    /// a file, as is the sound.
+    std::optional<double> videoDurationMs;
+    std::optional<double> soundDurationMs;
+    std::optional<TruthSound> sound; ///< present when asked for, the window was animated and the file has sound
 };
 
 /// How many frames are missing between those that are there: recording has a slot every 41 ms, and a gap

@@ -48,6 +48,7 @@ bool readQuery(const QCommandLineParser& parser, TruthQuery& query)
             return false;
         query.whereTheWindowIs = QRectF(where[2], where[3], where[0], where[1]);
     }
+    query.beeps = parser.isSet(QStringLiteral("beeps"));
     if (parser.isSet(QStringLiteral("pointer"))) {
         query.pointer = point(parser.value(QStringLiteral("pointer")));
         if (!query.pointer)
@@ -79,6 +80,7 @@ int main(int argc, char** argv)
             QStringLiteral("X,Y")},
         {QStringLiteral("marker"), QStringLiteral("Where a click was made, window pixels; may be repeated."),
             QStringLiteral("X,Y")},
+        {QStringLiteral("beeps"), QStringLiteral("The window beeped: measure the sound against the picture.")},
         {QStringLiteral("json"), QStringLiteral("Print JSON instead of the table.")},
     });
     TruthQuery query;

@@ -41,6 +41,27 @@ QString timingRows(const TruthReport& report)
         + row(QStringLiteral("drift, ms per minute"), fixed(report.timing->driftMsPerMinute, 2));
 }
 
+QString soundRows(const TruthReport& report)
+{
+    const auto duration = [](const std::optional<double>& ms) { return ms ? fixed(*ms) : QStringLiteral("none"); };
+    QString text = row(QStringLiteral("duration, ms"),
+        QStringLiteral("video %1, sound %2").arg(duration(report.videoDurationMs), duration(report.soundDurationMs)));
+    if (!report.sound)
+        return text;
+    const TruthSound& sound = *report.sound;
+    text += row(QStringLiteral("beeps"),
+        QStringLiteral("%1 heard, %2 missing, %3 stray")
+            .arg(sound.beeps.size())
+            .arg(sound.missedBeeps)
+            .arg(sound.strayBeeps));
+    if (sound.beeps.isEmpty())
+        return text;
+    return text
+        + row(QStringLiteral("sound behind picture, ms"),
+            QStringLiteral("mean %1, worst %2, drift %3 a minute")
+                .arg(fixed(sound.meanMs, 2), fixed(sound.worstMs, 2), fixed(sound.driftMsPerMinute, 2)));
+}
+
 QString markerRows(const TruthMarker& marker)
 {
     const QString label = QStringLiteral("marker at ") + pointText(marker.expected);
@@ -81,6 +102,18 @@ QJsonObject markerJson(const TruthMarker& marker)
         {QStringLiteral("worstErrorPx"), marker.worstErrorPx}, {QStringLiteral("samples"), samples}};
 }
 
+QJsonObject soundJson(const TruthSound& sound)
+{
+    QJsonArray beeps;
+    for (const TruthBeep& beep : sound.beeps)
+        beeps.append(
+            QJsonObject{{QStringLiteral("fileMs"), beep.fileMs}, {QStringLiteral("offsetMs"), beep.offsetMs}});
+    return {{QStringLiteral("flashes"), sound.flashes}, {QStringLiteral("missedBeeps"), sound.missedBeeps},
+        {QStringLiteral("strayBeeps"), sound.strayBeeps}, {QStringLiteral("meanMs"), sound.meanMs},
+        {QStringLiteral("worstMs"), sound.worstMs}, {QStringLiteral("driftMsPerMinute"), sound.driftMsPerMinute},
+        {QStringLiteral("beeps"), beeps}};
+}
+
 }
 
 QString truthReportTable(const TruthReport& report)
@@ -105,6 +138,7 @@ QString truthReportTable(const TruthReport& report)
             .arg(report.repeatedFrames));
     text += row(QStringLiteral("window repainted every"), fixed(report.repaintIntervalMs) + QStringLiteral(" ms"));
     text += timingRows(report);
+    text += soundRows(report);
     text += row(QStringLiteral("colours"),
         report.coloursTagged ? QStringLiteral("tagged") : QStringLiteral("NOT TAGGED: measured on a guess"));
     for (const TruthPatch& patch : report.patches) {
@@ -141,6 +175,11 @@ QByteArray truthReportJson(const TruthReport& report)
         {QStringLiteral("repaintIntervalMs"), report.repaintIntervalMs},
         {QStringLiteral("timing"), QJsonValue()},
         {QStringLiteral("pointer"), QJsonValue()},
+        {QStringLiteral("videoDurationMs"),
+            report.videoDurationMs ? QJsonValue(*report.videoDurationMs) : QJsonValue()},
+        {QStringLiteral("soundDurationMs"),
+            report.soundDurationMs ? QJsonValue(*report.soundDurationMs) : QJsonValue()},
+        {QStringLiteral("sound"), report.sound ? QJsonValue(soundJson(*report.sound)) : QJsonValue()},
     };
     if (report.timing) {
         json[QStringLiteral("timing")] = QJsonObject{{QStringLiteral("medianMs"), report.timing->medianMs},

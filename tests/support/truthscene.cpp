@@ -68,7 +68,7 @@ QImage paintStill(QSize window, QRgb field)
     return image;
 }
 
-void paintAnimated(QImage& window, const TruthStamp& stamp)
+void paintAnimated(QImage& window, const TruthStamp& stamp, bool flash)
 {
     truthcode::paint(window, stamp);
     // Slanting stripes that move with every painting: each line is the one above it, a pixel further.
@@ -76,6 +76,10 @@ void paintAnimated(QImage& window, const TruthStamp& stamp)
     constexpr int period = 2 * stripe;
     constexpr quint32 step = 3;
     const QRect area = layout(window.size()).moving;
+    if (flash) {
+        fill(window, area, qRgb(255, 255, 255));
+        return;
+    }
     std::vector<QRgb> stripes(std::size_t(std::max(area.width(), 0)) + period);
     for (std::size_t i = 0; i < stripes.size(); ++i)
         stripes[i] = i % period < stripe ? qRgb(230, 200, 120) : qRgb(40, 60, 90);

@@ -48,8 +48,9 @@ inline constexpr QRgb fieldColour = 0xff808080;
 /// The parts that never change, in QImage::Format_RGB32.
 QImage paintStill(QSize window, QRgb field = fieldColour);
 
-/// Barcode and moving area, over the image of paintStill() or of an earlier painting.
-void paintAnimated(QImage& window, const TruthStamp& stamp);
+/// Barcode and moving area, over the image of paintStill() or of an earlier painting. In a flash the moving area is
+/// white.
+void paintAnimated(QImage& window, const TruthStamp& stamp, bool flash = false);
 
 /// The rectangle of a canvas that shows the whole window as large as possible in the middle, with bars on two
 /// sides: whole pixels, an odd bar being smaller on the left or top.

@@ -1,7 +1,9 @@
 // truthwindow: an X11 window that says in its own picture when it was painted, with colours and a plain field
-// to measure on. Prints its window id, then "ready" once all of it is on the screen. Ends with 0 on SIGTERM
-// or SIGINT, or when the window is destroyed or closed; with 1 and a line on stderr when something fails;
-// with 2 for a wrong command line.
+// to measure on; it can flash and beep in the same instants. Prints its window id, then "ready" once all of it is on
+// the screen. Ends with 0 on SIGTERM or SIGINT, or when the window is destroyed or closed; with 1 and a line on
+// stderr when something fails; with 2 for a wrong command line.
+#include "beepplayer.h"
+#include "truthbeeps.h"
 #include "truthscene.h"
 #include "xcbwindow.h"
 
@@ -25,6 +27,7 @@ struct Options {
     QRect geometry; // pixels of the screen
     int fps = 0; // 0: one painting
     QRgb field = truthscene::fieldColour;
+    bool beeps = false;
 };
 
 std::optional<Options> readOptions(const QCommandLineParser& parser)
@@ -39,6 +42,7 @@ std::optional<Options> readOptions(const QCommandLineParser& parser)
     bool fieldRight = false;
     options.fps = parser.value(QStringLiteral("fps")).toInt(&fpsRight);
     options.field = 0xff000000u | parser.value(QStringLiteral("background")).toUInt(&fieldRight, 16);
+    options.beeps = parser.isSet(QStringLiteral("beep"));
     if (!geometry.hasMatch() || !truthscene::fits(options.geometry.size()) || !fpsRight || options.fps < 0
         || options.fps > 1000 || !fieldRight || !parser.positionalArguments().isEmpty())
         return std::nullopt;
@@ -70,7 +74,10 @@ private:
 /// The window's contents, painted anew when the window's size changes.
 class Painting {
 public:
-    Painting(XcbWindow& window, QRgb field) : window_(window), field_(field) { }
+    Painting(XcbWindow& window, const Options& options)
+        : window_(window), field_(options.field), flashes_(options.beeps)
+    {
+    }
 
     void paintAll()
     {
@@ -92,12 +99,13 @@ public:
 private:
     void paintStamp()
     {
-        truthscene::paintAnimated(
-            window_.image(), {counter_ & 0xffffff, quint32(QDateTime::currentMSecsSinceEpoch())});
+        const TruthStamp stamp{counter_ & 0xffffff, quint32(QDateTime::currentMSecsSinceEpoch())};
+        truthscene::paintAnimated(window_.image(), stamp, flashes_ && truthbeeps::flashes(stamp.clockMs));
     }
 
     XcbWindow& window_;
     const QRgb field_;
+    const bool flashes_;
     quint32 counter_ = 0;
 };
 
@@ -150,6 +158,9 @@ int main(int argc, char** argv)
         {QStringLiteral("background"),
             QStringLiteral("Colour of the field. Pointer and markers are measured on the default only."),
             QStringLiteral("RRGGBB"), QStringLiteral("808080")},
+        {QStringLiteral("beep"), QStringLiteral("Flash and beep about once a second, to the sound server.")},
+        {QStringLiteral("name"), QStringLiteral("The name that the sound server is told."), QStringLiteral("NAME"),
+            QStringLiteral("truthwindow")},
     });
     const bool understood = parser.parse(QCoreApplication::arguments());
     const std::optional<Options> options = understood ? readOptions(parser) : std::nullopt;
@@ -163,7 +174,14 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "truthwindow: %s\n", qUtf8Printable(window.errorString()));
         return 1;
     }
-    Painting painting(window, options->field);
+    std::optional<BeepPlayer> player;
+    if (options->beeps)
+        player.emplace(parser.value(QStringLiteral("name")));
+    if (player && !player->errorString().isEmpty()) {
+        std::fprintf(stderr, "truthwindow: %s\n", qUtf8Printable(player->errorString()));
+        return 1;
+    }
+    Painting painting(window, *options);
     painting.paintAll();
     std::printf("0x%x\nready\n", window.id());
     std::fflush(stdout);

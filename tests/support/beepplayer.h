@@ -1,0 +1,24 @@
+// BeepPlayer: the sound of the truth window.
+#pragma once
+
+#include <QString>
+
+#include <memory>
+
+/// Plays the beeps of truthbeeps to PipeWire, each at its time to the sample, and exact silence between them; a
+/// sample's time is that of the graph's clock at the start of its cycle, and on. The constructor returns once sound
+/// flows, or with a text in errorString(). One thread.
+class BeepPlayer {
+public:
+    /// The name that the player has among the applications that play.
+    explicit BeepPlayer(const QString& applicationName);
+    ~BeepPlayer();
+    BeepPlayer(const BeepPlayer&) = delete;
+    BeepPlayer& operator=(const BeepPlayer&) = delete;
+
+    QString errorString() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
