@@ -1,0 +1,57 @@
+// Windows and the pointer, as CoreGraphics tells of them. Plain C++: no Objective-C, no Qt. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace macos {
+
+/// In global screen points: origin top left of the main display, y down.
+struct Point {
+    double x = 0;
+    double y = 0;
+};
+
+struct Rect {
+    double x = 0;
+    double y = 0;
+    double width = 0;
+    double height = 0;
+};
+
+bool preflightScreenCaptureAccess();
+bool requestScreenCaptureAccess();
+
+/// What one window shows, without its shadow: a picture of the system's, which it keeps until it is released here.
+class WindowImage {
+public:
+    /// Nothing when the system gives no picture, or one without pixels.
+    static std::optional<WindowImage> capture(std::uint32_t windowId);
+
+    /// In pixels, both at least 1.
+    int width() const { return width_; }
+    int height() const { return height_; }
+
+    /// Draws it over the pixels: height() lines of width() 32-bit values, premultiplied alpha in the top byte. False
+    /// when the system cannot; nothing is drawn then.
+    bool drawInto(void* pixels, std::size_t bytesPerLine) const;
+
+private:
+    struct Release {
+        void operator()(void* image) const;
+    };
+
+    std::unique_ptr<void, Release> image_; ///< a CGImage
+    int width_ = 0;
+    int height_ = 0;
+};
+
+/// The window's rectangle, or nothing when it cannot be told.
+std::optional<Rect> windowBounds(std::uint32_t windowId);
+
+/// Nothing when it cannot be told.
+std::optional<Point> pointerLocation();
+
+}
