@@ -1,0 +1,35 @@
+// CoreMedia: rational time, and sample buffers of sound.
+#pragma once
+
+#include <CoreAudioTypes/CoreAudioTypes.h>
+
+#pragma pack(push, 4)
+typedef struct {
+    int64_t value;
+    int32_t timescale;
+    uint32_t flags;
+    int64_t epoch;
+} CMTime;
+#pragma pack(pop)
+
+PLATFORM_C CMTime CMTimeMake(int64_t value, int32_t timescale);
+
+typedef CFIndex CMItemCount;
+typedef struct __attribute__((objc_bridge(id))) opaqueCMSampleBuffer* CMSampleBufferRef;
+typedef struct __attribute__((objc_bridge(id))) OpaqueCMBlockBuffer* CMBlockBufferRef;
+typedef const struct __attribute__((objc_bridge(id))) opaqueCMFormatDescription* CMFormatDescriptionRef;
+typedef CMFormatDescriptionRef CMAudioFormatDescriptionRef;
+
+PLATFORM_C Boolean CMSampleBufferIsValid(CMSampleBufferRef buffer);
+PLATFORM_C CMItemCount CMSampleBufferGetNumSamples(CMSampleBufferRef buffer);
+PLATFORM_C CMFormatDescriptionRef CMSampleBufferGetFormatDescription(CMSampleBufferRef buffer);
+PLATFORM_C const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasicDescription(
+    CMAudioFormatDescriptionRef description);
+
+enum {
+    kCMSampleBufferFlag_AudioBufferList_Assure16ByteAlignment = 1U << 0,
+};
+PLATFORM_C OSStatus CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(CMSampleBufferRef buffer,
+    size_t* bufferListSizeNeeded, AudioBufferList* bufferList, size_t bufferListSize,
+    CFAllocatorRef blockBufferStructureAllocator, CFAllocatorRef blockBufferBlockAllocator, uint32_t flags,
+    CMBlockBufferRef* blockBuffer);

@@ -1,0 +1,62 @@
+// Foundation: texts, arrays, errors, addresses, bundles. Elsewhere than on the Mac also the root class.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+@class NSString;
+
+#ifndef __APPLE__
+@protocol NSObject
+- (Class)class;
+- (id)performSelector:(SEL)selector;
+- (BOOL)respondsToSelector:(SEL)selector;
+- (BOOL)conformsToProtocol:(Protocol*)protocol;
+- (instancetype)retain;
+- (oneway void)release;
+- (instancetype)autorelease;
+- (NSUInteger)retainCount;
+@end
+
+__attribute__((objc_root_class)) @interface NSObject <NSObject> {
+    Class isa;
+}
++ (instancetype)alloc;
++ (instancetype)new;
+- (instancetype)init;
+- (void)dealloc;
+@end
+
+// What @autoreleasepool is made of.
+@interface NSAutoreleasePool : NSObject
+- (void)drain;
+@end
+#endif
+
+@interface NSString : NSObject
+@property(readonly, nullable) const char* UTF8String __attribute__((objc_returns_inner_pointer));
+@end
+
+@interface NSArray<__covariant ObjectType> : NSObject
++ (nonnull instancetype)array;
+@property(readonly) NSUInteger count;
+- (nonnull ObjectType)objectAtIndex:(NSUInteger)index;
+@end
+
+@interface NSMutableArray<ObjectType> : NSArray <ObjectType>
+- (void)addObject:(nonnull ObjectType)object;
+@end
+
+@interface NSError : NSObject
+@property(readonly, copy, nonnull) NSString* localizedDescription;
+@end
+
+@interface NSURL : NSObject
+@property(readonly, copy, nullable) NSString* path;
+@end
+
+@interface NSBundle : NSObject
+@property(class, readonly, strong, nonnull) NSBundle* mainBundle;
+@property(readonly, copy, nonnull) NSString* bundlePath;
+@property(readonly, copy, nullable) NSString* bundleIdentifier;
+@property(readonly, copy, nullable) NSString* executablePath;
+@end
