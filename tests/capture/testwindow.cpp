@@ -8,8 +8,10 @@
 // ends the process.
 #include <xcb/xcb.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -17,6 +19,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -63,6 +67,9 @@ private:
     bool configure(Arguments& arguments, uint16_t mask);
     bool fill(xcb_window_t target, Arguments& arguments);
     bool setExtents(Arguments& arguments, uint8_t format);
+    bool setText(Arguments& arguments, const char* property, const char* type);
+    bool setProcess(Arguments& arguments);
+    static bool run(Arguments& arguments);
     bool warp(Arguments& arguments);
     void iconify();
 
@@ -236,6 +243,13 @@ void TestWindow::addPropertyCommands()
         xcb_delete_property(xcb_, window_, atom("_GTK_FRAME_EXTENTS"));
         return true;
     };
+    // class NAME, appid NAME, pid NUMBER: what the application says about itself
+    commands_["class"] = [this](Arguments& arguments) { return setText(arguments, "WM_CLASS", "STRING"); };
+    commands_["appid"]
+        = [this](Arguments& arguments) { return setText(arguments, "_GTK_APPLICATION_ID", "UTF8_STRING"); };
+    commands_["pid"] = [this](Arguments& arguments) { return setProcess(arguments); };
+    // run COMMAND: a child process, which ends with this one
+    commands_["run"] = run;
 }
 
 bool TestWindow::configure(Arguments& arguments, uint16_t mask)
@@ -278,6 +292,42 @@ bool TestWindow::setExtents(Arguments& arguments, uint8_t format)
     xcb_change_property(
         xcb_, XCB_PROP_MODE_REPLACE, window_, atom("_GTK_FRAME_EXTENTS"), XCB_ATOM_CARDINAL, format, count, data);
     return count > 0;
+}
+
+/// A class is two texts, of which the first, the instance, is not the one that counts.
+bool TestWindow::setText(Arguments& arguments, const char* property, const char* type)
+{
+    std::string text;
+    arguments >> text;
+    if (std::string(property) == "WM_CLASS")
+        text = std::string("instance") + '\0' + text + '\0';
+    xcb_change_property(
+        xcb_, XCB_PROP_MODE_REPLACE, window_, atom(property), atom(type), 8, uint32_t(text.size()), text.data());
+    return !text.empty();
+}
+
+bool TestWindow::setProcess(Arguments& arguments)
+{
+    uint32_t pid = 0;
+    arguments >> pid;
+    xcb_change_property(xcb_, XCB_PROP_MODE_REPLACE, window_, atom("_NET_WM_PID"), XCB_ATOM_CARDINAL, 32, 1, &pid);
+    return bool(arguments);
+}
+
+bool TestWindow::run(Arguments& arguments)
+{
+    std::string command;
+    std::getline(arguments, command);
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        const int null = open("/dev/null", O_RDWR);
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO); // the answers are the window's
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(127);
+    }
+    return child > 0;
 }
 
 /// warp SCREEN X Y

@@ -27,6 +27,7 @@ public:
 
     quint32 id() const { return id_; }
     QString errorString() const { return error_; }
+    qint64 pid() const { return process_.processId(); }
 
     /// One command of testwindow.cpp. True when the X server has carried it out; otherwise errorString() says why.
     bool send(const QByteArray& command);

@@ -1,0 +1,449 @@
+// Whose sound it is, with real processes and real windows.
+#include "linux/processtable.h"
+#include "linux/soundowners.h"
+#include "linux/windowowners.h"
+#include "privatetempdir.h"
+#include "x11fixture.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QSet>
+#include <QTest>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using soundowners::Census;
+using soundowners::Judge;
+using soundowners::Stream;
+
+namespace {
+
+constexpr int limitMs = 30'000;
+const QString keepAlive = QStringLiteral("600"); // seconds
+
+/// A process that does nothing, for the lifetime of the object.
+class Idler {
+public:
+    explicit Idler(const QString& program = QStringLiteral("sleep"), const QStringList& arguments = {keepAlive})
+    {
+        process_.start(program, arguments);
+        process_.waitForStarted();
+    }
+    ~Idler()
+    {
+        process_.kill();
+        process_.waitForFinished();
+    }
+
+    qint64 pid() const { return process_.processId(); }
+
+private:
+    QProcess process_;
+};
+
+std::vector<qint64> childrenOf(qint64 pid)
+{
+    std::vector<qint64> children;
+    for (const auto& [child, process] : processtable::readAll()) {
+        if (process.parent == pid && !process.ended)
+            children.push_back(child);
+    }
+    return children;
+}
+
+/// A child of the window's process, started now; 0 when there is none.
+qint64 startChild(WindowProcess& window, const QByteArray& command)
+{
+    const std::vector<qint64> before = childrenOf(window.pid());
+    if (!window.send("run exec " + command))
+        return 0;
+    for (const qint64 child : childrenOf(window.pid())) {
+        if (std::find(before.begin(), before.end(), child) == before.end())
+            return child;
+    }
+    return 0;
+}
+
+QByteArray windowCommand()
+{
+    return QFile::encodeName(QCoreApplication::applicationDirPath()) + "/testwindow 10 10 50 50 24 0 ff";
+}
+
+std::optional<std::size_t> find(const Census& census, qint64 pid)
+{
+    for (std::size_t i = 0; i < census.applications().size(); ++i) {
+        if (census.applications()[i].processId == pid)
+            return i;
+    }
+    return std::nullopt;
+}
+
+/// All but those of the given processes.
+std::vector<std::size_t> allBut(const Census& census, const QSet<qint64>& wanted)
+{
+    std::vector<std::size_t> excluded;
+    for (std::size_t i = 0; i < census.applications().size(); ++i) {
+        if (!wanted.contains(census.applications()[i].processId))
+            excluded.push_back(i);
+    }
+    return excluded;
+}
+
+qint64 windowOwner(std::size_t index)
+{
+    const auto owners = windowowners::find();
+    return index < owners.size() ? owners[index].processId : 0;
+}
+
+}
+
+class SoundOwnersTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void windowsWithoutAManager();
+    void windowsUnderAManager();
+    void windowTellsNameAndId();
+    void serverThatDoesNotKnowProcesses();
+    void noDisplay();
+    void deadServer();
+
+    void everyProcessOnce();
+    void ordinaryProcessHasNoName();
+    void neitherTheDeadNorTheFirst();
+    void processOfAnotherUser();
+    void streamBelongsToTheWindowAbove();
+    void streamWithoutAWindowIsAnApplication();
+    void streamsOfNobodyAreIgnored();
+
+    void helperStartedLater();
+    void windowFromATerminal();
+    void windowOpenedLater();
+    void shellAndItsChild();
+    void helperOfAPlayer();
+    void orphanIsStillKnown();
+    void processWithoutAnId();
+
+private:
+    std::unique_ptr<DisplayForTest> display_;
+};
+
+void SoundOwnersTest::init()
+{
+    display_ = std::make_unique<DisplayForTest>();
+    QVERIFY2(display_->server.isRunning(), qPrintable(display_->server.errorString()));
+}
+
+void SoundOwnersTest::windowsWithoutAManager()
+{
+    WindowProcess first;
+    WindowStart menu;
+    menu.overrideRedirect = true;
+    const WindowProcess second(menu);
+    WindowStart hidden;
+    hidden.mapped = false;
+    const WindowProcess third(hidden);
+    QVERIFY(first.id() && second.id() && third.id());
+    const auto owners = windowowners::find();
+    QCOMPARE(owners.size(), std::size_t(1));
+    QCOMPARE(owners[0].processId, first.pid());
+    QCOMPARE(owners[0].name, QString());
+    QVERIFY(first.send("unmap"));
+    QVERIFY(windowowners::find().empty());
+}
+
+void SoundOwnersTest::windowsUnderAManager()
+{
+    PrivateTempDir home; // no configuration of the user's
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME"})
+        environment.insert(QString::fromLatin1(name), home.path());
+    QProcess manager;
+    manager.setProcessEnvironment(environment);
+    const QString ready = home.filePath(QStringLiteral("ready"));
+    manager.start(QStringLiteral("openbox"),
+        {QStringLiteral("--sm-disable"), QStringLiteral("--startup"), QStringLiteral("touch ") + ready});
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(ready), limitMs);
+
+    WindowProcess window;
+    QTRY_COMPARE_WITH_TIMEOUT(windowOwner(0), window.pid(), limitMs); // and not the manager, whose frame it is in
+    QCOMPARE(windowowners::find().size(), std::size_t(1));
+    QVERIFY(window.send("iconify"));
+    QCOMPARE(windowOwner(0), window.pid());
+    manager.kill();
+    QVERIFY(manager.waitForFinished(limitMs));
+    QVERIFY(window.send("map"));
+    QTRY_COMPARE_WITH_TIMEOUT(windowOwner(0), window.pid(), limitMs); // the dead manager's list does not count
+    QVERIFY(window.send("unmap"));
+    QVERIFY(windowowners::find().empty());
+}
+
+void SoundOwnersTest::windowTellsNameAndId()
+{
+    WindowProcess window;
+    QVERIFY(window.send("class Player") && window.send("appid org.example.Player"));
+    const auto owners = windowowners::find();
+    QCOMPARE(owners.size(), std::size_t(1));
+    QCOMPARE(owners[0].name, QStringLiteral("Player"));
+    QCOMPARE(owners[0].applicationId, QStringLiteral("org.example.Player"));
+
+    const auto census = Census::take({});
+    QCOMPARE(census->applications()[0].processId, qint32(window.pid()));
+    QCOMPARE(census->applications()[0].applicationName, QStringLiteral("Player"));
+    QCOMPARE(census->applications()[0].bundleIdentifier, QStringLiteral("org.example.Player"));
+}
+
+void SoundOwnersTest::serverThatDoesNotKnowProcesses()
+{
+    display_ = std::make_unique<DisplayForTest>(
+        QSize(640, 480), 24, QStringList{QStringLiteral("-extension"), QStringLiteral("X-Resource")});
+    WindowProcess window;
+    QVERIFY(windowowners::find().empty());
+    QVERIFY(window.send("pid " + QByteArray::number(window.pid())));
+    QCOMPARE(windowOwner(0), window.pid());
+    QVERIFY(window.send("pid 0"));
+    QVERIFY(windowowners::find().empty());
+}
+
+void SoundOwnersTest::noDisplay()
+{
+    const WindowProcess window;
+    QCOMPARE(windowOwner(0), window.pid());
+    qunsetenv("DISPLAY");
+    QVERIFY(windowowners::find().empty());
+}
+
+void SoundOwnersTest::deadServer()
+{
+    display_->server.kill();
+    QVERIFY(windowowners::find().empty());
+    const auto census = Census::take({});
+    QVERIFY(find(*census, ::getpid()));
+}
+
+void SoundOwnersTest::everyProcessOnce()
+{
+    const WindowProcess window;
+    const Idler player;
+    const auto census = Census::take({{player.pid(), QStringLiteral("Player"), QString()},
+        {player.pid(), QStringLiteral("Again"), QString()}, {window.pid(), QString(), QString()}});
+    QCOMPARE(find(*census, window.pid()), std::optional<std::size_t>(0));
+    QCOMPARE(find(*census, player.pid()), std::optional<std::size_t>(1));
+    QCOMPARE(census->applications()[1].applicationName, QStringLiteral("Player"));
+    QVERIFY(*find(*census, ::getpid()) > 1);
+    QSet<qint64> pids;
+    for (const platform::AudioApplication& application : census->applications())
+        pids.insert(application.processId);
+    QCOMPARE(std::size_t(pids.size()), census->applications().size());
+}
+
+void SoundOwnersTest::ordinaryProcessHasNoName()
+{
+    const Idler idler;
+    const auto census = Census::take({});
+    const auto index = find(*census, idler.pid());
+    QVERIFY(index);
+    QCOMPARE(census->applications()[*index].applicationName, QString());
+    QCOMPARE(census->applications()[*index].bundleIdentifier, QString());
+}
+
+void SoundOwnersTest::neitherTheDeadNorTheFirst()
+{
+    const pid_t dead = ::fork();
+    if (dead == 0)
+        ::_exit(0);
+    QTRY_VERIFY(processtable::read(dead)->ended);
+    const auto census
+        = Census::take({{1, QStringLiteral("First"), QString()}, {dead, QStringLiteral("Dead"), QString()}});
+    QVERIFY(!find(*census, 1));
+    QVERIFY(!find(*census, dead));
+    QCOMPARE(::waitpid(dead, nullptr, 0), dead);
+}
+
+/// Without a window or a stream it is nobody; process 1 is the other user's where this test does not run as root.
+void SoundOwnersTest::processOfAnotherUser()
+{
+    const Idler foreign(QStringLiteral("setpriv"),
+        ::geteuid() == 0 ? QStringList{QStringLiteral("--reuid=65534"), QStringLiteral("--clear-groups"),
+            QStringLiteral("sleep"), keepAlive}
+                         : QStringList{QStringLiteral("sleep"), keepAlive});
+    const qint64 pid = ::geteuid() == 0 ? foreign.pid() : 1;
+    const auto isForeign = [pid] { return processtable::read(pid)->user != qint64(::geteuid()); };
+    QTRY_VERIFY(isForeign());
+    QVERIFY(!find(*Census::take({}), pid));
+    const processtable::Processes processes = processtable::readAll();
+    for (const platform::AudioApplication& application : Census::take({})->applications()) {
+        const auto process = processes.find(application.processId);
+        QVERIFY(process == processes.end() || process->second.user == qint64(::geteuid()));
+    }
+    QCOMPARE(find(*Census::take({{foreign.pid(), QStringLiteral("Foreign"), QString()}}), foreign.pid()),
+        std::optional<std::size_t>(0));
+}
+
+void SoundOwnersTest::streamBelongsToTheWindowAbove()
+{
+    WindowProcess window;
+    QVERIFY(window.send("class Browser"));
+    const qint64 helper = startChild(window, "sleep 600");
+    QVERIFY(helper > 0);
+    const auto census = Census::take(
+        {{helper, QString(), QString()}, {helper, QStringLiteral("Music"), QStringLiteral("org.example.Music")}});
+    QCOMPARE(census->applications()[0].processId, qint32(window.pid()));
+    QCOMPARE(census->applications()[0].applicationName, QStringLiteral("Music"));
+    QCOMPARE(census->applications()[0].bundleIdentifier, QStringLiteral("org.example.Music"));
+    const auto index = find(*census, helper);
+    QVERIFY(index && *index > 0);
+    QCOMPARE(census->applications()[*index].applicationName, QString()); // a process like any other
+}
+
+void SoundOwnersTest::streamWithoutAWindowIsAnApplication()
+{
+    const Idler player;
+    const auto census = Census::take({{player.pid(), QStringLiteral("Radio"), QStringLiteral("org.example.Radio")}});
+    QCOMPARE(find(*census, player.pid()), std::optional<std::size_t>(0));
+    QCOMPARE(census->applications()[0].applicationName, QStringLiteral("Radio"));
+    QCOMPARE(census->applications()[0].bundleIdentifier, QStringLiteral("org.example.Radio"));
+}
+
+void SoundOwnersTest::streamsOfNobodyAreIgnored()
+{
+    const auto with = Census::take({{0, QStringLiteral("Unknown"), QString()},
+        {-3, QStringLiteral("Wrong"), QString()}, {qint64(1) << 40, QStringLiteral("Gone"), QString()}});
+    for (const platform::AudioApplication& application : with->applications())
+        QVERIFY(application.processId > 1 && application.applicationName.isEmpty());
+}
+
+void SoundOwnersTest::helperStartedLater()
+{
+    WindowProcess wanted;
+    WindowProcess excluded;
+    const auto census = Census::take({});
+    Judge judge(census, allBut(*census, {wanted.pid()}));
+    QVERIFY(judge.hears(wanted.pid()));
+    QVERIFY(!judge.hears(excluded.pid()));
+    QVERIFY(judge.hears(startChild(wanted, "sleep 600")));
+    QVERIFY(!judge.hears(startChild(excluded, "sleep 600")));
+    const Idler later;
+    QVERIFY(judge.hears(later.pid()));
+}
+
+void SoundOwnersTest::windowFromATerminal()
+{
+    WindowProcess terminal;
+    QVERIFY(terminal.send("run (echo map; echo run exec sleep 600; exec sleep 600) | " + windowCommand()));
+    QTRY_COMPARE_WITH_TIMEOUT(windowowners::find().size(), std::size_t(2), limitMs);
+    const qint64 window = windowOwner(0) == terminal.pid() ? windowOwner(1) : windowOwner(0);
+    QTRY_COMPARE_WITH_TIMEOUT(childrenOf(window).size(), std::size_t(1), limitMs);
+    const qint64 player = childrenOf(window)[0];
+
+    const auto census = Census::take({{player, QStringLiteral("Player"), QString()}});
+    QCOMPARE(census->applications()[*find(*census, window)].applicationName, QStringLiteral("Player"));
+    QCOMPARE(census->applications()[*find(*census, terminal.pid())].applicationName, QString());
+    Judge ofWindow(census, allBut(*census, {window}));
+    QVERIFY(ofWindow.hears(player) && ofWindow.hears(window) && !ofWindow.hears(terminal.pid()));
+    Judge ofTerminal(census, allBut(*census, {terminal.pid()}));
+    QVERIFY(!ofTerminal.hears(player) && !ofTerminal.hears(window) && ofTerminal.hears(terminal.pid()));
+    QVERIFY(ofTerminal.hears(startChild(terminal, "sleep 600")));
+    QVERIFY(!ofWindow.hears(startChild(terminal, "sleep 600")));
+}
+
+void SoundOwnersTest::windowOpenedLater()
+{
+    WindowProcess terminal;
+    const Idler wanted;
+    const auto census = Census::take({});
+    Judge judge(census, allBut(*census, {wanted.pid()}));
+    QVERIFY(!judge.hears(terminal.pid()));
+    QVERIFY(terminal.send("run (echo map; exec sleep 600) | " + windowCommand()));
+    QTRY_COMPARE_WITH_TIMEOUT(windowowners::find().size(), std::size_t(2), limitMs);
+    const qint64 window = windowOwner(0) == terminal.pid() ? windowOwner(1) : windowOwner(0);
+    QTRY_VERIFY_WITH_TIMEOUT(judge.hears(window), limitMs); // its own application by now, and a new one
+}
+
+void SoundOwnersTest::shellAndItsChild()
+{
+    PrivateTempDir directory;
+    const QString go = directory.filePath(QStringLiteral("go"));
+    const QString script
+        = QStringLiteral("while ! test -e '%1'; do sleep 0.05; done; sleep %2; true").arg(go, keepAlive);
+    const Idler wanted(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    const Idler other(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    const auto census = Census::take({});
+    Judge judge(census, allBut(*census, {wanted.pid()}));
+    QVERIFY(judge.hears(wanted.pid()));
+    QVERIFY(!judge.hears(other.pid()));
+    QFile(go).open(QIODevice::WriteOnly);
+    const auto childOf = [&census](const Idler& shell) {
+        const std::vector<qint64> children = childrenOf(shell.pid());
+        return children.empty() || find(*census, children[0]) ? 0 : children[0];
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(childOf(wanted) > 0 && childOf(other) > 0, limitMs);
+    QVERIFY(judge.hears(childOf(wanted)));
+    QVERIFY(judge.hears(childOf(other))); // a program by itself: its shell had no sound and no window
+}
+
+void SoundOwnersTest::helperOfAPlayer()
+{
+    PrivateTempDir directory;
+    const QString go = directory.filePath(QStringLiteral("go"));
+    const QString script
+        = QStringLiteral("while ! test -e '%1'; do sleep 0.05; done; sleep %2; true").arg(go, keepAlive);
+    const Idler player(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    const Idler wanted;
+    const auto census = Census::take({{player.pid(), QStringLiteral("Player"), QString()}});
+    Judge judge(census, allBut(*census, {wanted.pid()}));
+    QFile(go).open(QIODevice::WriteOnly);
+    const auto child = [&] {
+        const std::vector<qint64> children = childrenOf(player.pid());
+        return children.empty() || find(*census, children[0]) ? 0 : children[0];
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(child() > 0, limitMs);
+    QVERIFY(!judge.hears(child()));
+}
+
+void SoundOwnersTest::orphanIsStillKnown()
+{
+    const Idler idler;
+    auto window = std::make_unique<WindowProcess>();
+    QVERIFY(window->send("run trap '' TERM; exec setsid sleep 600"));
+    const auto child = [&window] {
+        const std::vector<qint64> children = childrenOf(window->pid());
+        return children.empty() ? 0 : children[0];
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(child() > 0, limitMs);
+    const qint64 helper = child();
+    const qint64 windowPid = window->pid();
+    const auto census = Census::take({});
+    Judge ofWindow(census, allBut(*census, {window->pid()}));
+    Judge ofIdler(census, allBut(*census, {idler.pid()}));
+    QVERIFY(ofWindow.hears(helper) && !ofIdler.hears(helper));
+    window->kill();
+    window.reset();
+    const auto isOrphan = [helper, windowPid] {
+        const auto process = processtable::read(helper);
+        return process && process->parent != windowPid;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(isOrphan(), limitMs);
+    QVERIFY(ofWindow.hears(helper) && !ofIdler.hears(helper));
+    ::kill(pid_t(helper), SIGKILL);
+}
+
+void SoundOwnersTest::processWithoutAnId()
+{
+    const auto census = Census::take({});
+    Judge judge(census, allBut(*census, {::getpid()}));
+    QVERIFY(judge.hears(0));
+    QVERIFY(judge.hears(qint64(1) << 40));
+    QVERIFY(!judge.hears(1));
+    QVERIFY(judge.hears(::getpid()));
+}
+
+QTEST_GUILESS_MAIN(SoundOwnersTest)
+
+#include "soundowners_test.moc"
