@@ -25,17 +25,18 @@ namespace {
 constexpr int limitMs = 30'000;
 const QString keepAlive = QStringLiteral("600"); // seconds
 
-/// A process that does nothing, for the lifetime of the object.
+/// A process that does nothing, for the lifetime of the object; its children end with it.
 class Idler {
 public:
     explicit Idler(const QString& program = QStringLiteral("sleep"), const QStringList& arguments = {keepAlive})
     {
+        process_.setChildProcessModifier([] { ::setpgid(0, 0); });
         process_.start(program, arguments);
         process_.waitForStarted();
     }
     ~Idler()
     {
-        process_.kill();
+        ::kill(pid_t(-process_.processId()), SIGKILL);
         process_.waitForFinished();
     }
 
@@ -411,7 +412,7 @@ void SoundOwnersTest::orphanIsStillKnown()
 {
     const Idler idler;
     auto window = std::make_unique<WindowProcess>();
-    QVERIFY(window->send("run trap '' TERM; exec setsid sleep 600"));
+    QVERIFY(window->send("run trap '' TERM; exec sleep 600"));
     const auto child = [&window] {
         const std::vector<qint64> children = childrenOf(window->pid());
         return children.empty() ? 0 : children[0];

@@ -22,6 +22,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -45,7 +46,7 @@ struct WindowOptions {
 class TestWindow {
 public:
     TestWindow();
-    ~TestWindow() { xcb_disconnect(xcb_); }
+    ~TestWindow();
     TestWindow(const TestWindow&) = delete;
     TestWindow& operator=(const TestWindow&) = delete;
 
@@ -69,7 +70,7 @@ private:
     bool setExtents(Arguments& arguments, uint8_t format);
     bool setText(Arguments& arguments, const char* property, const char* type);
     bool setProcess(Arguments& arguments);
-    static bool run(Arguments& arguments);
+    bool run(Arguments& arguments);
     bool warp(Arguments& arguments);
     void iconify();
 
@@ -86,6 +87,7 @@ private:
     xcb_window_t cover_ = XCB_NONE;
     xcb_window_t child_ = XCB_NONE;
     xcb_window_t frame_ = XCB_NONE;
+    std::vector<pid_t> children_; // each the leader of a group
     std::map<std::string, Command> commands_;
     std::optional<int> error_;
 };
@@ -96,6 +98,13 @@ TestWindow::TestWindow() : xcb_(xcb_connect(nullptr, nullptr)), screen_(screen(0
     addDrawingCommands();
     addStackingCommands();
     addPropertyCommands();
+}
+
+TestWindow::~TestWindow()
+{
+    for (const pid_t child : children_)
+        kill(-child, SIGKILL);
+    xcb_disconnect(xcb_);
 }
 
 xcb_screen_t* TestWindow::screen(int number) const
@@ -248,8 +257,8 @@ void TestWindow::addPropertyCommands()
     commands_["appid"]
         = [this](Arguments& arguments) { return setText(arguments, "_GTK_APPLICATION_ID", "UTF8_STRING"); };
     commands_["pid"] = [this](Arguments& arguments) { return setProcess(arguments); };
-    // run COMMAND: a child process, which ends with this one
-    commands_["run"] = run;
+    // run COMMAND: a child process; it and its children end with this one, unless that is killed
+    commands_["run"] = [this](Arguments& arguments) { return run(arguments); };
 }
 
 bool TestWindow::configure(Arguments& arguments, uint16_t mask)
@@ -321,13 +330,18 @@ bool TestWindow::run(Arguments& arguments)
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM);
+        setpgid(0, 0);
         const int null = open("/dev/null", O_RDWR);
         dup2(null, STDIN_FILENO);
         dup2(null, STDOUT_FILENO); // the answers are the window's
         execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         _exit(127);
     }
-    return child > 0;
+    if (child < 0)
+        return false;
+    setpgid(child, child); // whoever of the two comes first
+    children_.push_back(child);
+    return true;
 }
 
 /// warp SCREEN X Y
