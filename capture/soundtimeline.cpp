@@ -11,8 +11,13 @@ constexpr qint64 nsPerMs = 1000000;
 
 constexpr qint64 toleranceFrames = 12 * framesPerMs; ///< by which a time stamp may be wrong
 constexpr qint64 mostFrames = 10000 * framesPerMs; ///< queued, and in one delivery
-constexpr qint64 leastStallNs = 300 * nsPerMs;
-constexpr qint64 patienceMs = 500; ///< with a reader that always comes when the sound is just not there yet
+
+// How long no block must have come for the rest to be silence, and how long a reader may keep coming when the sound
+// is just not there yet; each in time and in blocks, of which both have to pass.
+constexpr qint64 stallNs = 300 * nsPerMs;
+constexpr qint64 stallBlocks = 3;
+constexpr qint64 patienceNs = 500 * nsPerMs;
+constexpr qint64 patienceBlocks = 6;
 constexpr qint64 spareMs = 2; ///< beyond what would just have sufficed
 
 }
@@ -27,7 +32,7 @@ void SoundTimeline::start(qint64 startMs)
     stretch_.reset();
     running_ = false;
     arrivedNs_ = startMs * nsPerMs;
-    stallNs_ = leastStallNs;
+    blockNs_ = 0;
     waitingSinceMs_.reset();
 }
 
@@ -45,7 +50,7 @@ void SoundTimeline::append(const Block& block, std::span<const float> stereo)
     if (frames == 0 || startFrame + double(frames) > double(delivered_ + mostFrames))
         return;
     arrivedNs_ = std::max(arrivedNs_, block.arrivedNs);
-    stallNs_ = std::max(leastStallNs, 3 * frames * nsPerMs / framesPerMs);
+    blockNs_ = frames * nsPerMs / framesPerMs;
 
     double step = 1;
     const double ahead = startFrame - (double(delivered_ + queuedFrames()) + stretch_.heldFrames());
@@ -99,7 +104,7 @@ std::optional<std::vector<float>> SoundTimeline::deliver(qint64 untilMs)
 
 bool SoundTimeline::isStalled(qint64 untilMs) const
 {
-    return untilMs * nsPerMs - arrivedNs_ > stallNs_;
+    return untilMs * nsPerMs - arrivedNs_ > std::max(stallNs, stallBlocks * blockNs_);
 }
 
 /// The reader that never finds the sound there, although it comes, gets it a little later from then on.
@@ -110,7 +115,8 @@ void SoundTimeline::waitForMore(qint64 untilMs, qint64 missingFrames)
         leastMissing_ = missingFrames;
     }
     leastMissing_ = std::min(leastMissing_, missingFrames);
-    if (untilMs - *waitingSinceMs_ <= patienceMs || !running_)
+    const qint64 waitedNs = (untilMs - *waitingSinceMs_) * nsPerMs;
+    if (!running_ || waitedNs <= std::max(patienceNs, patienceBlocks * blockNs_))
         return;
     growHoldBack((leastMissing_ + framesPerMs - 1) / framesPerMs + spareMs);
     waitingSinceMs_.reset();

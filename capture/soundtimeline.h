@@ -57,7 +57,7 @@ private:
     DriftControl drift_;
     bool running_ = false; // a block can follow the last one
     qint64 arrivedNs_ = 0; // the last block, at first the start
-    qint64 stallNs_ = 0;
+    qint64 blockNs_ = 0; // length of the last block
 
     // While sound is awaited:
     std::optional<qint64> waitingSinceMs_;
