@@ -1,0 +1,36 @@
+#include "dispatch.h"
+
+#include "dispatchhandles.h"
+
+namespace macos {
+
+struct Semaphore::Impl {
+    Retained<dispatch_semaphore_t> semaphore;
+};
+
+Semaphore::Semaphore()
+    : impl_(std::make_unique<Impl>(Impl{Retained<dispatch_semaphore_t>::adopt(dispatch_semaphore_create(0))}))
+{
+}
+
+Semaphore::~Semaphore() = default;
+
+void Semaphore::signal()
+{
+    dispatch_semaphore_signal(impl_->semaphore.get());
+}
+
+bool Semaphore::wait(std::int64_t nanoseconds)
+{
+    return dispatch_semaphore_wait(impl_->semaphore.get(), dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) == 0;
+}
+
+SerialQueue::SerialQueue(const char* label)
+    : impl_(std::make_unique<Impl>(
+        Impl{Retained<dispatch_queue_t>::adopt(dispatch_queue_create(label, DISPATCH_QUEUE_SERIAL))}))
+{
+}
+
+SerialQueue::~SerialQueue() = default;
+
+}

@@ -1,0 +1,86 @@
+#include "samplebuffer.h"
+
+#include "handles.h"
+
+#import <CoreMedia/CoreMedia.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace macos {
+
+namespace {
+
+// The numbers that the rules above the platform know.
+static_assert(kAudioFormatLinearPCM == 0x6c70636d);
+static_assert(kAudioFormatFlagIsFloat == 1);
+static_assert(kAudioFormatFlagIsSignedInteger == 4);
+static_assert(kAudioFormatFlagIsNonInterleaved == 32);
+
+constexpr std::uint32_t alignment = kCMSampleBufferFlag_AudioBufferList_Assure16ByteAlignment;
+
+CMSampleBufferRef nativeBuffer(void* buffer)
+{
+    return static_cast<CMSampleBufferRef>(buffer);
+}
+
+/// How many bytes a list of this sound's buffers takes; 0 when the system cannot tell.
+std::size_t listSize(CMSampleBufferRef buffer)
+{
+    std::size_t size = 0;
+    const OSStatus status = CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
+        buffer, &size, nullptr, 0, kCFAllocatorDefault, kCFAllocatorDefault, alignment, nullptr);
+    return status == 0 ? size : 0;
+}
+
+std::vector<SampleBytes> buffersOf(const AudioBufferList& list, std::size_t size)
+{
+    const std::size_t room = (size - offsetof(AudioBufferList, mBuffers)) / sizeof(::AudioBuffer);
+    const std::size_t count = std::min<std::size_t>(list.mNumberBuffers, room);
+    std::vector<SampleBytes> buffers;
+    buffers.reserve(count);
+    for (std::size_t i = 0; i < count; ++i)
+        buffers.push_back({list.mBuffers[i].mData, list.mBuffers[i].mDataByteSize});
+    return buffers;
+}
+
+}
+
+bool SampleBuffer::isValid() const
+{
+    return CMSampleBufferIsValid(nativeBuffer(native_));
+}
+
+std::optional<StreamDescription> SampleBuffer::description() const
+{
+    const CMFormatDescriptionRef format = CMSampleBufferGetFormatDescription(nativeBuffer(native_));
+    const auto* native = format ? CMAudioFormatDescriptionGetStreamBasicDescription(format) : nullptr;
+    if (!native)
+        return std::nullopt;
+    return StreamDescription{native->mFormatID, native->mFormatFlags, native->mBytesPerFrame,
+        native->mChannelsPerFrame, native->mBitsPerChannel};
+}
+
+std::int64_t SampleBuffer::frames() const
+{
+    return CMSampleBufferGetNumSamples(nativeBuffer(native_));
+}
+
+std::optional<SampleBytesList> SampleBuffer::bytes() const
+{
+    const std::size_t size = listSize(nativeBuffer(native_));
+    if (size < offsetof(AudioBufferList, mBuffers))
+        return std::nullopt;
+    const std::unique_ptr<std::max_align_t[]> memory(new std::max_align_t[size / sizeof(std::max_align_t) + 1]);
+    auto* list = reinterpret_cast<AudioBufferList*>(memory.get());
+    CMBlockBufferRef block = nullptr;
+    const OSStatus status = CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(
+        nativeBuffer(native_), nullptr, list, size, kCFAllocatorDefault, kCFAllocatorDefault, alignment, &block);
+    // Also a call that failed may have left one.
+    CfHandle<CMBlockBufferRef> retained(block);
+    if (status != 0)
+        return std::nullopt;
+    return SampleBytesList{buffersOf(*list, size), std::shared_ptr<const void>(std::move(retained))};
+}
+
+}

@@ -1,0 +1,34 @@
+// The object that ScreenCaptureKit calls. Objective-C++ only.
+#pragma once
+
+#include "handles.h"
+#include "screencapturekit.h"
+
+#import <ScreenCaptureKit/ScreenCaptureKit.h>
+
+@interface MacScreenAudioOutput : NSObject <SCStreamOutput, SCStreamDelegate> {
+@public
+    /// Not owned; null when nobody is called any more. Read and written with the object's lock held (@synchronized),
+    /// which is also held during a call of the owner: who has set null knows that no call runs on another thread.
+    const macos::OutputOwner* _owner;
+}
+- (instancetype)initWithOwner:(const macos::OutputOwner*)owner;
+@end
+
+namespace macos {
+
+/// From now on the object, which may be nil, calls nobody. Waits for a call that runs on another thread.
+void disown(MacScreenAudioOutput* output);
+
+struct AudioOutput::Impl {
+    explicit Impl(OutputOwner owner);
+
+    /// The object to give to a stream. One that has been disowned stays so: the stream it belonged to may still know
+    /// it, so there is a new one.
+    MacScreenAudioOutput* objectForStream();
+
+    OutputOwner owner;
+    Retained<MacScreenAudioOutput*> object;
+};
+
+}
