@@ -159,9 +159,9 @@ Options readOptions(Reader& reader)
     options.lengthMs = reader.milliseconds("seconds");
     options.readyLimitMs = reader.milliseconds("ready-timeout");
     options.audioSource = reader.text("audio");
-    options.recorder = QFileInfo(
-        reader.text("recorder", QCoreApplication::applicationDirPath() + QLatin1String("/orvantis-recorder")))
-                           .absoluteFilePath();
+    const QString besideThisProgram
+        = QCoreApplication::applicationDirPath() + QLatin1String(ORVANTIS_RECORDER_BESIDE);
+    options.recorder = QFileInfo(reader.text("recorder", besideThisProgram)).absoluteFilePath();
     options.logDirectory = QFileInfo(reader.text("log-dir", outputInfo.absolutePath())).absoluteFilePath();
     options.clicks = reader.clicks();
     options.watchClicks = !reader.isSet("no-watch-clicks");
