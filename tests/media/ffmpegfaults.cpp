@@ -126,9 +126,6 @@ ORVANTIS_STATUS_CALL(
     WriteFifo, av_audio_fifo_write, (AVAudioFifo * fifo, void** planes, int samples), (fifo, planes, samples))
 ORVANTIS_STATUS_CALL(
     ReadFifo, av_audio_fifo_read, (AVAudioFifo * fifo, void** planes, int samples), (fifo, planes, samples))
-ORVANTIS_STATUS_CALL(AllocSamples, av_samples_alloc_array_and_samples,
-    (uint8_t * **planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment),
-    (planes, lineSize, channels, samples, format, alignment))
 ORVANTIS_STATUS_CALL(SetSilence, av_samples_set_silence,
     (uint8_t* const* planes, int offset, int samples, int channels, AVSampleFormat format),
     (planes, offset, samples, channels, format))
@@ -137,6 +134,18 @@ ORVANTIS_STATUS_CALL(
 
 ORVANTIS_POINTER_CALL(AllocFifo, AVAudioFifo, av_audio_fifo_alloc, (AVSampleFormat format, int channels, int samples),
     (format, channels, samples))
+
+int __real_av_samples_alloc_array_and_samples(
+    uint8_t*** planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment);
+int __wrap_av_samples_alloc_array_and_samples(
+    uint8_t*** planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment)
+{
+    if (surroundings().atAllocSamples)
+        surroundings().atAllocSamples(samples);
+    if (const auto* plan = failing(Call::AllocSamples))
+        return plan->status;
+    return __real_av_samples_alloc_array_and_samples(planes, lineSize, channels, samples, format, alignment);
+}
 
 int __real_swr_alloc_set_opts2(SwrContext** context, const AVChannelLayout* toLayout, AVSampleFormat toFormat,
     int toRate, const AVChannelLayout* fromLayout, AVSampleFormat fromFormat, int fromRate, int logOffset,

@@ -72,6 +72,7 @@ struct Surroundings {
     std::function<void(const AVCodecContext&, const AVDictionary*)> atOpenCodec;
     std::function<void(const AVFormatContext&, const AVDictionary*)> atWriteHeader;
     std::function<void(const AVPacket&)> atWritePacket;
+    std::function<void(int samples)> atAllocSamples;
     /// Called with what FFmpeg gave; it may be changed.
     std::function<void(AVPacket&)> afterReceivePacket;
 };
