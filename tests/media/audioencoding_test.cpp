@@ -1,5 +1,6 @@
 // Captured sound against the recording clock, turn by turn, through FFmpeg and back out of the file. FLAC in Matroska
 // gives every sample back as it was.
+#include "exactsound.h"
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderaudiocapture_p.h"
@@ -7,8 +8,8 @@
 
 #include <QTest>
 
-#include <algorithm>
-#include <cmath>
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
 using namespace ffmpegfaults;
@@ -23,37 +24,6 @@ Chunk chunkOf(const std::vector<qint16>& samples)
 {
     return {QByteArray(reinterpret_cast<const char*>(samples.data()), qsizetype(samples.size() * 2)),
         qint32(samples.size() / 2)};
-}
-
-/// The left channel of a lossless 16-bit file; the right one is the same or the list is empty.
-std::vector<qint16> exactSamples(const QString& path)
-{
-    MediaFile file(path);
-    const std::optional<MediaSound> sound = file.sound();
-    if (!sound || sound->channels.size() != 2 || sound->channels[0] != sound->channels[1])
-        return {};
-    std::vector<qint16> samples;
-    for (const float value : sound->channels[0])
-        samples.push_back(qint16(std::lround(value * 32768.0F)));
-    return samples;
-}
-
-/// What the test expects of the whole sound: these samples, then silence.
-bool holdsThenSilence(const std::vector<qint16>& seen, const std::vector<qint16>& expected)
-{
-    return seen.size() >= expected.size() && std::equal(expected.begin(), expected.end(), seen.begin())
-        && std::all_of(seen.begin() + std::ptrdiff_t(expected.size()), seen.end(), [](qint16 v) { return v == 0; });
-}
-
-std::vector<qint16> silence(qint64 count)
-{
-    return std::vector<qint16>(std::size_t(count), 0);
-}
-
-void appendNoise(std::vector<qint16>& samples, qint64 first, qint64 count)
-{
-    for (qint64 i = first; i < first + count; ++i)
-        samples.push_back(testsound::noiseAt(i));
 }
 
 /// Lossless sound from now on.
@@ -72,8 +42,6 @@ private Q_SLOTS:
     void init() { reset(); }
     void cleanup() { reset(); }
 
-    void nothingIsDoneWithoutItsObjects();
-    void nothingIsDoneUntilTheSoundIsStarted();
     void metersTheSoundByTheClock();
     void withoutAClockNothingIsMeteredOrAligned();
 
@@ -92,64 +60,7 @@ private Q_SLOTS:
     void emptyChunksAreSkipped();
     void firstChunkIsLoggedOnce();
     void firstFrameIsAtZero();
-
-    void paddingStopsAtTheClock_data();
-    void paddingStopsAtTheClock();
-    void paddingThatIsTooLarge();
-    void nothingIsPaddedWithoutItsObjects();
-
-    void drainingFillsTheLastFrame();
-    void drainingGivesAShortFrameToAnEncoderThatTakesIt();
-    void drainingAnEmptyQueue();
-    void drainingBeforeOpeningAndAfterClosing();
-    void stoppingTheCapture();
-
-    void closingReleasesTheSound();
-    void destructorReleasesTheSound();
-    void soundAfterClosingIsIgnored();
 };
-
-void AudioEncodingTest::nothingIsDoneWithoutItsObjects()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    int metered = 0;
-    fakeplatform::sound().deliverUntil = [&](qint64) { ++metered; };
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
-    const auto idleWithout = [&](auto& member) {
-        auto taken = std::exchange(member, {});
-        const bool idle = recorder.turn(100) && metered == 0;
-        member = std::move(taken);
-        return idle;
-    };
-    QVERIFY(idleWithout(recorder->audioCodecContext()));
-    QVERIFY(idleWithout(recorder->audioResampler()));
-    QVERIFY(idleWithout(recorder->audioFifo()));
-    QVERIFY(idleWithout(recorder->audioCapture()));
-    QVERIFY(idleWithout(recorder->audioStarted()));
-    QCOMPARE(recorder.present(), 0);
-
-    AVStream* const stream = std::exchange(recorder->audioStream(), nullptr);
-    QVERIFY(recorder->encodeAudioSamples(1024));
-    recorder->audioStream() = stream;
-    QVERIFY(recorder->encodeAudioSamples(0));
-    QVERIFY(recorder->encodeAudioSamples(-1));
-    QCOMPARE(recorder->audioSamplesWritten(), 0);
-
-    QVERIFY(recorder.turn(100)); // all was still there
-    QCOMPARE(recorder.present(), 4800);
-    QVERIFY(recorder.wasQuiet());
-}
-
-void AudioEncodingTest::nothingIsDoneUntilTheSoundIsStarted()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openSound());
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
-    QVERIFY(recorder->encodePendingAudio());
-    QCOMPARE(recorder.present(), 0);
-    QCOMPARE(recorder->audioCapture()->readAvailable().size(), 1);
-}
 
 /// The platform is asked for the sound before this instant, and what it then delivers belongs to this turn.
 void AudioEncodingTest::metersTheSoundByTheClock()
@@ -437,216 +348,6 @@ void AudioEncodingTest::firstFrameIsAtZero()
     QCOMPARE(times.size(), 11); // 9600 samples and the priming
     for (qsizetype i = 0; i < times.size(); ++i)
         QCOMPARE(times[i], i * 1024 - priming);
-}
-
-void AudioEncodingTest::paddingStopsAtTheClock_data()
-{
-    QTest::addColumn<qint64>("elapsed");
-    QTest::addColumn<int>("before");
-    QTest::addColumn<int>("after");
-    QTest::newRow("clock below zero") << qint64(-1) << 0 << 0;
-    QTest::newRow("clock at zero") << qint64(0) << 0 << 0;
-    QTest::newRow("from nothing") << qint64(100) << 0 << 4800;
-    QTest::newRow("some") << qint64(100) << 4000 << 4800;
-    QTest::newRow("level") << qint64(100) << 4800 << 4800;
-    QTest::newRow("ahead: nothing is removed") << qint64(100) << 6000 << 6000;
-}
-
-void AudioEncodingTest::paddingStopsAtTheClock()
-{
-    QFETCH(const qint64, elapsed);
-    QFETCH(const int, before);
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder->padAudioFifoWithSilence(before));
-    QCOMPARE(recorder.queued(), before);
-    QVERIFY(recorder->padAudioToElapsedClock(elapsed));
-    QTEST(recorder.queued(), "after");
-    QVERIFY(recorder.turn(1)); // what the encoder has counts as well
-    const qint64 present = recorder.present();
-    QVERIFY(recorder->padAudioToElapsedClock(elapsed));
-    QCOMPARE(recorder.present(), present);
-}
-
-/// More samples than 32 bits count. The last gap that they do count fails further on, for want of memory.
-void AudioEncodingTest::paddingThatIsTooLarge()
-{
-    constexpr qint64 lastMs = 44739243; // 2147483664 samples
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    recorder->audioSamplesWritten() = 16;
-    QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
-    QCOMPARE(recorder.warnings(), QStringList{QStringLiteral("Audio clock gap is too large to pad: 2147483648")});
-    recorder->audioSamplesWritten() = 17;
-    recorder.log().clear();
-    QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
-    QCOMPARE(recorder.warnings(),
-        QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Invalid argument\"")});
-
-    recorder.log().clear();
-    QVERIFY(!recorder.turn(lastMs + 1000, testsound::noise(0, 480)));
-    QCOMPARE(recorder.warnings(),
-        QStringList{QStringLiteral("Audio clock gap is too large to pad: %1").arg((lastMs + 990) * 48 - 17)});
-    QCOMPARE(recorder.queued(), 0); // the chunk is not written
-    recorder->audioSamplesWritten() = 0;
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480))); // and later ones are
-    QCOMPARE(recorder.queued(), 480);
-}
-
-void AudioEncodingTest::nothingIsPaddedWithoutItsObjects()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder->padAudioToElapsedClock(1000));
-    QVERIFY(recorder->padAudioFifoWithSilence(1000));
-    QVERIFY(recorder->encodeAudioSamples(1000));
-    QVERIFY(recorder->encodePendingAudio());
-    QVERIFY(recorder.openSound());
-    AVCodecContext* const encoder = std::exchange(recorder->audioCodecContext(), nullptr);
-    QVERIFY(recorder->padAudioToElapsedClock(1000));
-    QVERIFY(recorder->padAudioFifoWithSilence(1000));
-    recorder->audioCodecContext() = encoder;
-    QCOMPARE(recorder.queued(), 0);
-    AVAudioFifo* const queue = std::exchange(recorder->audioFifo(), nullptr);
-    QVERIFY(recorder->padAudioToElapsedClock(1000));
-    QVERIFY(recorder->padAudioFifoWithSilence(1000));
-    QVERIFY(recorder->encodeAudioSamples(1000));
-    recorder->audioFifo() = queue;
-    QVERIFY(recorder->padAudioFifoWithSilence(0));
-    QVERIFY(recorder->padAudioFifoWithSilence(-1));
-    QCOMPARE(recorder.present(), 0);
-    QVERIFY(recorder.wasQuiet());
-}
-
-/// 300 samples and 724 of silence, for an encoder that takes whole frames only.
-void AudioEncodingTest::drainingFillsTheLastFrame()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    recorder->recordingClock().invalidate();
-    QVERIFY(recorder.turn(0, testsound::constant(300, 8000)));
-    QVERIFY(!(recorder->audioCodecContext()->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE));
-    recorder->stopAudioCapture();
-    QVERIFY(recorder->drainAudioEncoder());
-    QCOMPARE(recorder->audioSamplesWritten(), 1024);
-    QCOMPARE(recorder.queued(), 0);
-    QVERIFY(recorder.finish());
-    MediaFile file(recorder->outputPath());
-    QCOMPARE(file.packets().size(), 2); // the priming's and the frame's
-    const auto sound = file.sound();
-    QVERIFY(sound);
-    QCOMPARE(sound->channels[0].size(), std::size_t(2048));
-    QVERIFY(std::abs(sound->channels[0][1024 + 150]) > 0.1F);
-    QVERIFY(std::abs(sound->channels[0][1024 + 1000]) < 0.02F);
-}
-
-void AudioEncodingTest::drainingGivesAShortFrameToAnEncoderThatTakesIt()
-{
-    surroundings().hiddenEncoders = {"mpeg4"};
-    QVERIFY(SoundingRecorder::useEncoder("pcm_s32le"));
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    recorder->recordingClock().invalidate();
-    QVERIFY(recorder.turn(0, testsound::noise(0, 2048 + 300)));
-    QCOMPARE(recorder->audioSamplesWritten(), 2048);
-    QVERIFY(recorder->drainAudioEncoder());
-    QCOMPARE(recorder->audioSamplesWritten(), 2348);
-    recorder->closeOutput();
-    std::vector<qint16> expected;
-    appendNoise(expected, 0, 2348);
-    QCOMPARE(exactSamples(recorder->outputPath()), expected);
-}
-
-void AudioEncodingTest::drainingAnEmptyQueue()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.finishSound());
-    QVERIFY(recorder.wasQuiet());
-    MediaFile file(recorder->outputPath());
-    QVERIFY(file.audioStream());
-    QVERIFY(!file.sound());
-    QCOMPARE(file.frames().size(), 1);
-}
-
-void AudioEncodingTest::drainingBeforeOpeningAndAfterClosing()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder->drainAudioEncoder());
-    QVERIFY(recorder.openAndStart());
-    AVStream* const stream = std::exchange(recorder->audioStream(), nullptr);
-    QVERIFY(recorder->drainAudioEncoder());
-    recorder->audioStream() = stream;
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800))); // not drained: the encoder still takes sound
-    QVERIFY(recorder->drainAudioEncoder());
-    QVERIFY(recorder->drainAudioEncoder()); // already at its end
-    QVERIFY(recorder.finishSound());
-    QVERIFY(recorder->drainAudioEncoder());
-    QVERIFY(recorder.wasQuiet());
-}
-
-void AudioEncodingTest::stoppingTheCapture()
-{
-    SoundingRecorder recorder;
-    recorder->stopAudioCapture(); // there is none
-    QVERIFY(recorder.openAndStart());
-    QCOMPARE(fakeplatform::sound().stops, 0);
-    recorder->stopAudioCapture();
-    QCOMPARE(fakeplatform::sound().stops, 1);
-    QVERIFY(!recorder->audioStarted());
-    QVERIFY(recorder->audioCapture());
-    recorder->stopAudioCapture();
-    QCOMPARE(fakeplatform::sound().stops, 1);
-}
-
-void AudioEncodingTest::closingReleasesTheSound()
-{
-    SoundingRecorder recorder;
-    const qsizetype descriptors = openDescriptors();
-    QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
-    QVERIFY(recorder->audioSamplesWritten() > 0);
-    recorder->closeOutput(); // drains nothing
-    QVERIFY(recorder.isClosed());
-    QCOMPARE(fakeplatform::sound().stops, 1);
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
-    QCOMPARE(openDescriptors(), descriptors);
-    QCOMPARE(recorder->audioEncoderName(), QStringLiteral("aac"));
-    QVERIFY(recorder.wasQuiet());
-
-    recorder.log().clear();
-    recorder->closeOutput();
-    QCOMPARE(recorder.log().messages(), QStringList());
-    QVERIFY(recorder.isClosed());
-    QCOMPARE(fakeplatform::sound().stops, 1);
-}
-
-void AudioEncodingTest::destructorReleasesTheSound()
-{
-    SoundingRecorder recorder;
-    const QString path = recorder->outputPath();
-    QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(1000, testsound::noise(0, 48000)));
-    recorder.destroy();
-    QCOMPARE(fakeplatform::sound().stops, 1);
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
-    QCOMPARE(fakeplatform::sound().liveOutputs, 0);
-    QCOMPARE(fakeplatform::sound().liveQueues, 0);
-    QVERIFY(MediaFile(path).sound()->durationMs() > 900);
-}
-
-void AudioEncodingTest::soundAfterClosingIsIgnored()
-{
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.finishSound());
-    QVERIFY(!fakeplatform::deliverStereo(testsound::noise(0, 480)));
-    recorder->audioStarted() = true;
-    QVERIFY(recorder.turn(10));
-    recorder->audioStarted() = false;
-    QVERIFY(recorder.wasQuiet());
 }
 
 QTEST_GUILESS_MAIN(AudioEncodingTest)
