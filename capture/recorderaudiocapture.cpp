@@ -255,10 +255,10 @@ void RecorderAudioCapture::stop()
         d->stop();
 }
 
-void RecorderAudioCapture::deliverUntil(qint64 monotonicMs)
+void RecorderAudioCapture::deliverUntil(qint64 monotonicMs, bool last)
 {
     if (d && d->stream && d->started)
-        d->stream->deliverUntil(monotonicMs);
+        d->stream->deliverUntil(monotonicMs, last);
 }
 
 int RecorderAudioCapture::sampleRate() const

@@ -44,8 +44,9 @@ public:
     void stop();
 
     /// Asks a platform that meters its sound out to queue what belongs before this instant (milliseconds of the
-    /// monotonic clock); see platform::AudioStream::deliverUntil(). Does nothing while not started.
-    void deliverUntil(qint64 monotonicMs);
+    /// monotonic clock), and, the last time, not to wait for what is on its way; see
+    /// platform::AudioStream::deliverUntil(). Does nothing while not started.
+    void deliverUntil(qint64 monotonicMs, bool last = false);
     /// Takes every queued chunk, in the order of arrival.
     QList<Chunk> readAvailable();
 

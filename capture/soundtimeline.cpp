@@ -83,13 +83,13 @@ void SoundTimeline::endRun()
     running_ = false;
 }
 
-std::optional<std::vector<float>> SoundTimeline::deliver(qint64 untilMs)
+std::optional<std::vector<float>> SoundTimeline::deliver(qint64 untilMs, bool last)
 {
     const qint64 wanted = (untilMs - startMs_) * framesPerMs - delivered_;
     if (wanted <= 0)
         return std::nullopt;
     if (wanted > queuedFrames()) {
-        if (!isStalled(untilMs)) {
+        if (!last && !isStalled(untilMs)) {
             waitForMore(untilMs, wanted - queuedFrames());
             return std::nullopt;
         }

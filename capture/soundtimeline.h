@@ -35,8 +35,8 @@ public:
 
     /// The sound from the end of the last delivery up to this instant, 48 frames for each millisecond; nothing when
     /// there is no such time, or while its sound is on its way. When no block has come for a while, the rest of it is
-    /// silence. Of more than 10 seconds only the last 10 are delivered.
-    std::optional<std::vector<float>> deliver(qint64 untilMs);
+    /// silence; the last time it is silence at once. Of more than 10 seconds only the last 10 are delivered.
+    std::optional<std::vector<float>> deliver(qint64 untilMs, bool last = false);
 
 private:
     qint64 queuedFrames() const { return qint64(queue_.size() / 2); }

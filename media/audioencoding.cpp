@@ -43,7 +43,7 @@ std::array<void*, mostPlanes> planesFrom(uint8_t** planes, int sample, const AVC
 
 }
 
-bool GstRecorder::encodePendingAudio()
+bool GstRecorder::encodePendingAudio(bool last)
 {
     if (!audioStarted || !audioCapture || !audioCodecContext || !audioResampler || !audioFifo)
         return true;
@@ -52,7 +52,7 @@ bool GstRecorder::encodePendingAudio()
     // A platform that meters its sound out by our clock hands over exactly what belongs before this instant. If it
     // ran by a clock of its own, every call would pad or cut a few samples out of continuous sound: clicks.
     if (clockRuns)
-        audioCapture->deliverUntil(recordingClock.msecsSinceReference() + elapsedMs);
+        audioCapture->deliverUntil(recordingClock.msecsSinceReference() + elapsedMs, last);
 
     const QList<RecorderAudioCapture::Chunk> chunks = audioCapture->readAvailable();
     const bool aligned = clockRuns && !chunks.isEmpty();

@@ -138,7 +138,7 @@ private:
     QImage rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
     void startAudio();
-    void takeAudio();
+    void takeAudio(bool last = false);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
     void encodeBlackFrame();
     void finalizeRecording(LoopState& loop);
@@ -175,7 +175,7 @@ private:
 
     // ==== audioencoding.cpp: sound to packet, in step with the recording clock (worker) ======================
 
-    bool encodePendingAudio();
+    bool encodePendingAudio(bool last = false);
     bool padAudioToElapsedClock(qint64 elapsedMs);
     bool padAudioFifoWithSilence(int samples);
     bool encodeAudioSamples(int samples);

@@ -147,10 +147,10 @@ void GstRecorder::startAudio()
 }
 
 /// What fails costs sound, never the picture.
-void GstRecorder::takeAudio()
+void GstRecorder::takeAudio(bool last)
 {
     if (audioStarted)
-        encodePendingAudio();
+        encodePendingAudio(last);
 }
 
 void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
@@ -166,7 +166,7 @@ void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool 
 void GstRecorder::finalizeRecording(LoopState& loop)
 {
     durationMs = recordingClock.isValid() ? quint32(recordingClock.elapsed()) : 0;
-    takeAudio();
+    takeAudio(true);
     drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true);
     if (encodedFrameCount == 0)
         encodeBlackFrame();

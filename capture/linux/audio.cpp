@@ -158,13 +158,13 @@ void AudioStream::stopCapture(AudioCompletion completion)
     impl_->capture.setActive(false, std::move(completion));
 }
 
-void AudioStream::deliverUntil(qint64 untilMs)
+void AudioStream::deliverUntil(qint64 untilMs, bool last)
 {
     if (!impl_->started || !impl_->output)
         return;
     while (const auto taken = impl_->capture.takeBlock(impl_->block))
         impl_->timeline.append({taken->startNs, taken->arrivedNs}, impl_->block);
-    if (auto sound = impl_->timeline.deliver(untilMs))
+    if (auto sound = impl_->timeline.deliver(untilMs, last))
         impl_->deliver(std::move(*sound));
 }
 

@@ -191,6 +191,6 @@ void AudioStream::stopCapture(AudioCompletion completion)
 }
 
 // ScreenCaptureKit delivers on its own.
-void AudioStream::deliverUntil(qint64 /*monotonicMs*/) { }
+void AudioStream::deliverUntil(qint64 /*monotonicMs*/, bool /*last*/) { }
 
 }

@@ -185,9 +185,10 @@ public:
      * instant, in whole milliseconds, so that the reader finds exactly as much sound as its clock has advanced. It
      * delivers nothing while sound of that time is still on its way. A platform that delivers on its own does
      * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock, the
-     * reference of QElapsedTimer::msecsSinceReference()).
+     * reference of QElapsedTimer::msecsSinceReference()). The last time, what has not arrived is silence instead:
+     * nobody will ask for it later.
      */
-    void deliverUntil(qint64 monotonicMs);
+    void deliverUntil(qint64 monotonicMs, bool last = false);
 
 private:
     struct Impl;

@@ -190,8 +190,9 @@ void AudioStream::stopCapture(AudioCompletion completion)
         completion(std::nullopt);
 }
 
-void AudioStream::deliverUntil(qint64 monotonicMs)
+void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
 {
+    sound().lastDeliveries += last;
     if (sound().deliverUntil)
         sound().deliverUntil(monotonicMs);
 }

@@ -51,6 +51,7 @@ struct SoundState {
     int outputsAdded = 0;
     int starts = 0;
     int stops = 0;
+    int lastDeliveries = 0; ///< calls of deliverUntil() that were to be the last
     int liveStreams = 0; ///< made and not yet destroyed
     int liveOutputs = 0;
     int liveQueues = 0;

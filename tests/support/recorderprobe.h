@@ -38,7 +38,7 @@ struct RecorderProbe {
     bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
     bool drainEncoder() { return recorder.drainEncoder(); }
     bool openAudioOutput() { return recorder.openAudioOutput(); }
-    bool encodePendingAudio() { return recorder.encodePendingAudio(); }
+    bool encodePendingAudio(bool last = false) { return recorder.encodePendingAudio(last); }
     bool padAudioToElapsedClock(qint64 elapsedMs) { return recorder.padAudioToElapsedClock(elapsedMs); }
     bool padAudioFifoWithSilence(int samples) { return recorder.padAudioFifoWithSilence(samples); }
     bool encodeAudioSamples(int samples) { return recorder.encodeAudioSamples(samples); }

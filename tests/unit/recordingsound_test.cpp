@@ -264,6 +264,7 @@ void RecordingSoundTest::captureIsStoppedBeforeTheEnd()
     recorder_->stop();
     QCOMPARE(sound().stops, 1);
     QCOMPARE(noted_.load(), tone_->asked());
+    QCOMPARE(sound().lastDeliveries, 1);
     QCOMPARE(sound().liveStreams, 0);
     QVERIFY(!probe().audioCapture());
     QVERIFY(!probe().audioStarted());

@@ -93,6 +93,7 @@ private Q_SLOTS:
     void overlapIsCut();
     void whatComesTooLateIsCut();
     void waitsForSoundOnItsWay();
+    void doesNotWaitTheLastTime();
     void holdsBack();
     void silenceWhenNothingComes();
     void soundAfterAStallLiesAtItsTime();
@@ -173,6 +174,15 @@ void SoundTimelineTest::waitsForSoundOnItsWay()
     QVERIFY(!timeline.deliver(startMs + 30));
     append(timeline, quantum, quantum);
     QCOMPARE(left(timeline.deliver(startMs + 40)), range(1, 40 * 48));
+}
+
+void SoundTimelineTest::doesNotWaitTheLastTime()
+{
+    SoundTimeline timeline = started();
+    append(timeline, 0, quantum);
+    QVERIFY(!timeline.deliver(startMs + 30));
+    const auto expected = joined(range(1, quantum), std::vector<qint64>(30 * 48 - quantum, 0));
+    QCOMPARE(left(timeline.deliver(startMs + 30, true)), expected);
 }
 
 void SoundTimelineTest::holdsBack()
