@@ -92,7 +92,7 @@ std::optional<std::vector<soundowners::Stream>> lookUpStreams(
     Awaited registry;
     Awaited descriptions;
     QString failure;
-    const auto connection = Connection::open(&failure);
+    const auto connection = Connection::open(Connection::Purpose::Questions, &failure);
     if (!connection) {
         *error = failure;
         return std::nullopt;

@@ -9,7 +9,7 @@ SoundCapture::SoundCapture(Judge judge, std::function<void(const QString& error)
     : judge_(std::move(judge)), lost_(std::move(lost))
 {
     QString error;
-    connection_ = Connection::open(&error);
+    connection_ = Connection::open(Connection::Purpose::Sound, &error);
     if (!connection_) {
         error_ = error;
         return;

@@ -19,6 +19,20 @@ void initialiseLibrary()
     static_cast<void>(initialised);
 }
 
+/// Without real time a busy machine (it is recording) makes the data thread late, and the sound of whole cycles is
+/// lost. Null, with the reason in errno, on failure.
+ContextHandle makeContext(pw_loop* loop, Connection::Purpose purpose)
+{
+    ContextHandle context;
+    if (purpose == Connection::Purpose::Sound) {
+        pw_properties* realTime = pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr);
+        context.reset(pw_context_new(loop, realTime, 0));
+    }
+    if (!context) // also where that configuration is not installed
+        context.reset(pw_context_new(loop, nullptr, 0));
+    return context;
+}
+
 QString errorText(int number)
 {
     return QString::fromLocal8Bit(std::strerror(number));
@@ -34,24 +48,24 @@ const pw_core_events Connection::events = [] {
     return table;
 }();
 
-std::unique_ptr<Connection> Connection::open(QString* error)
+std::unique_ptr<Connection> Connection::open(Purpose purpose, QString* error)
 {
     initialiseLibrary();
     auto connection = std::unique_ptr<Connection>(new Connection);
     errno = 0;
-    if (connection->connect())
+    if (connection->connect(purpose))
         return connection;
     *error = QStringLiteral("PipeWire cannot be reached: ") + errorText(errno);
     return nullptr;
 }
 
 /// Leaves the reason of a failure in errno.
-bool Connection::connect()
+bool Connection::connect(Purpose purpose)
 {
     loop_.reset(pw_thread_loop_new("pipewire", nullptr));
     if (!loop_)
         return false;
-    context_.reset(pw_context_new(pw_thread_loop_get_loop(loop_.get()), nullptr, 0));
+    context_ = makeContext(pw_thread_loop_get_loop(loop_.get()), purpose);
     if (!context_)
         return false;
     core_.reset(pw_context_connect(context_.get(), nullptr, 0));

@@ -22,8 +22,13 @@ public:
     /// Nothing for success, else the error's text for people.
     using Answer = std::function<void(const std::optional<QString>& error)>;
 
+    enum class Purpose {
+        Questions,
+        Sound, ///< with a data thread that runs in real time where the system allows it
+    };
+
     /// To the server that the environment names. Null when it cannot be reached; *error is then the text.
-    static std::unique_ptr<Connection> open(QString* error);
+    static std::unique_ptr<Connection> open(Purpose purpose, QString* error);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -44,7 +49,7 @@ public:
 private:
     Connection() = default;
 
-    bool connect();
+    bool connect(Purpose purpose);
     static void onDone(void* data, uint32_t id, int sequence);
     static void onError(void* data, uint32_t id, int sequence, int result, const char* message);
     void handleDone(int sequence);
