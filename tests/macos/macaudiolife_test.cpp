@@ -1,0 +1,524 @@
+// The life of a sound stream: start, stop, what never answers or answers late, and what is delivered meanwhile.
+#include "macbench.h"
+#include "recorderaudiocapture.h"
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+using macsim::answers;
+using macsim::Call;
+using macsim::When;
+
+namespace {
+
+const QString startedLine
+    = QStringLiteral("macOS ScreenCaptureKit audio capture started sample rate 48000 channels 2");
+const QString startTimedOutLine = QStringLiteral("macOS ScreenCaptureKit audio capture start timed out.");
+const QString stoppedPrefix = QStringLiteral("macOS ScreenCaptureKit audio stream stopped: ");
+
+const macsim::Sound twoFrames = macsim::stereoSound({1, 2, 3, 4});
+
+/// Delivers all the time, on a thread of its own.
+class Flood {
+public:
+    Flood()
+        : thread_([this] {
+              while (!ended_)
+                  delivered_ += macsim::deliver(twoFrames) ? 1 : 0;
+          })
+    {
+    }
+    ~Flood()
+    {
+        ended_ = true;
+        thread_.join();
+    }
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+
+    /// Waits for some deliveries from now on.
+    bool goesOn() const
+    {
+        const int before = delivered_;
+        for (int ms = 0; ms < patienceMs && delivered_ < before + 4; ++ms)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return delivered_ >= before + 4;
+    }
+
+private:
+    std::atomic<bool> ended_{false};
+    std::atomic<int> delivered_{0};
+    std::thread thread_;
+};
+
+/// Holds one delivery inside the program until it is let go.
+class Gate {
+public:
+    Gate()
+    {
+        answers().samplesAsked = [this] {
+            if (reached_.exchange(true))
+                return;
+            inside_.set_value();
+            open_.get_future().wait();
+        };
+    }
+
+    void waitForDelivery() { inside_.get_future().wait(); }
+    void open() { open_.set_value(); }
+
+private:
+    std::atomic<bool> reached_{false};
+    std::promise<void> inside_;
+    std::promise<void> open_;
+};
+
+bool isReady(const std::future<void>& future, int withinMs)
+{
+    return future.wait_for(std::chrono::milliseconds(withinMs)) == std::future_status::ready;
+}
+
+}
+
+class MacAudioLifeTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void startAndStop_data();
+    void startAndStop();
+    void startTwice();
+    void startAfterStop();
+    void stopWithoutStart();
+    void destructionStops();
+    void outputsKeptByTheStream();
+
+    void startFails_data();
+    void startFails();
+    void startTimesOut();
+    void startAnswersLate_data();
+    void startAnswersLate();
+    void startAnswersAfterDestruction_data();
+    void startAnswersAfterDestruction();
+    void startNeverAnswers();
+    void secondTryAfterATimeOut();
+
+    void stopFails_data();
+    void stopFails();
+    void stopTimesOut();
+    void stopAnswersAfterDestruction();
+    void samplesAfterDestruction();
+    void endAfterDestruction();
+
+    void streamEndsByItself_data();
+    void streamEndsByItself();
+    void pictureIsIgnored();
+    void chunksSurviveStop();
+
+    void destructionWaitsForADelivery();
+    void stopDuringADelivery();
+    void destructionInAFlood_data();
+    void destructionInAFlood();
+    void stopInAFlood();
+    void destructionWhileTheStreamEnds();
+
+private:
+    /// A capture of the display, configured and started.
+    std::unique_ptr<RecorderAudioCapture> started();
+
+    std::optional<MacBench> bench_;
+};
+
+void MacAudioLifeTest::init()
+{
+    bench_.emplace();
+}
+
+void MacAudioLifeTest::cleanup()
+{
+    MAC_IS_CLEAN();
+    bench_.reset();
+}
+
+std::unique_ptr<RecorderAudioCapture> MacAudioLifeTest::started()
+{
+    auto capture = std::make_unique<RecorderAudioCapture>(QString());
+    if (!capture->start())
+        qFatal("not started: %s", qUtf8Printable(bench_->log.messages().join(QLatin1Char('\n'))));
+    return capture;
+}
+
+// ---- in order --------------------------------------------------------------------------------------------------
+
+void MacAudioLifeTest::startAndStop_data()
+{
+    QTest::addColumn<int>("when");
+    QTest::newRow("on another thread") << int(When::Soon);
+    QTest::newRow("before the call returns") << int(When::AtOnce);
+}
+
+void MacAudioLifeTest::startAndStop()
+{
+    QFETCH(const int, when);
+    answers().start = When(when);
+    answers().stop = When(when);
+    RecorderAudioCapture capture{QString()};
+    bench_->log.clear();
+    QVERIFY(capture.start());
+    QCOMPARE(bench_->log.messages(), QStringList(startedLine));
+    QCOMPARE(macsim::runningStreams(), 1);
+    QVERIFY(macsim::deliver(twoFrames));
+    capture.stop();
+    QCOMPARE(macsim::runningStreams(), 0);
+    QVERIFY(!macsim::deliver(twoFrames));
+    QCOMPARE(macsim::record().waits, (std::vector<std::int64_t>{fiveSecondsNs, fiveSecondsNs, twoSecondsNs}));
+    QCOMPARE(capture.readAvailable().size(), 1);
+    QCOMPARE(bench_->log.messages(), QStringList(startedLine));
+}
+
+void MacAudioLifeTest::startTwice()
+{
+    const auto capture = started();
+    QVERIFY(capture->start());
+    QCOMPARE(macsim::record().starts, 1);
+}
+
+void MacAudioLifeTest::startAfterStop()
+{
+    const auto capture = started();
+    capture->stop();
+    QVERIFY(capture->start());
+    QCOMPARE(macsim::record().starts, 2);
+    QVERIFY(macsim::deliver(twoFrames));
+    QCOMPARE(capture->readAvailable().size(), 1);
+}
+
+void MacAudioLifeTest::stopWithoutStart()
+{
+    RecorderAudioCapture capture{QString()};
+    capture.stop();
+    QCOMPARE(macsim::record().stops, 0);
+}
+
+void MacAudioLifeTest::destructionStops()
+{
+    auto capture = started();
+    capture.reset();
+    QCOMPARE(macsim::record().stops, 1);
+    QCOMPARE(macsim::runningStreams(), 0);
+}
+
+void MacAudioLifeTest::outputsKeptByTheStream()
+{
+    answers().streamKeepsOutputs = true;
+    auto capture = started();
+    QVERIFY(macsim::deliver(twoFrames));
+    QCOMPARE(capture->readAvailable().size(), 1);
+    capture.reset();
+    macsim::settle();
+    QCOMPARE(macsim::live("SCStream"), 0);
+}
+
+// ---- start -----------------------------------------------------------------------------------------------------
+
+void MacAudioLifeTest::startFails_data()
+{
+    QTest::addColumn<bool>("hasText");
+    QTest::addColumn<QString>("quoted");
+    QTest::newRow("with a text") << true << "\"not now\"";
+    QTest::newRow("without a text") << false << "\"\"";
+}
+
+void MacAudioLifeTest::startFails()
+{
+    QFETCH(const bool, hasText);
+    QFETCH(const QString, quoted);
+    answers().startError = hasText ? macsim::Error("not now") : macsim::Error();
+    RecorderAudioCapture capture{QString()};
+    bench_->log.clear();
+    QVERIFY(!capture.start());
+    QCOMPARE(bench_->log.messages(),
+        QStringList(QStringLiteral("macOS ScreenCaptureKit audio capture failed to start: ") + quoted));
+    capture.stop();
+    QCOMPARE(macsim::record().stops, 0);
+}
+
+void MacAudioLifeTest::startTimesOut()
+{
+    answers().start = When::Held;
+    RecorderAudioCapture capture{QString()};
+    bench_->log.clear();
+    QVERIFY(!capture.start());
+    QCOMPARE(bench_->log.messages(), QStringList(startTimedOutLine));
+    QCOMPARE(macsim::record().waits.back(), fiveSecondsNs);
+    macsim::forgetHeld();
+}
+
+void MacAudioLifeTest::startAnswersLate_data()
+{
+    QTest::addColumn<bool>("fails");
+    QTest::newRow("with success") << false;
+    QTest::newRow("with an error") << true;
+}
+
+void MacAudioLifeTest::startAnswersLate()
+{
+    QFETCH(const bool, fails);
+    answers().start = When::Held;
+    if (fails)
+        answers().startError = macsim::Error("late");
+    auto capture = std::make_unique<RecorderAudioCapture>(QString());
+    QVERIFY(!capture->start());
+    bench_->log.clear();
+    QVERIFY(macsim::answerHeld(Call::Start));
+    QCOMPARE(bench_->log.messages(), QStringList());
+    capture.reset();
+    macsim::settle();
+    QCOMPARE(macsim::record().stops, fails ? 0 : 1);
+    QCOMPARE(macsim::runningStreams(), 0);
+}
+
+void MacAudioLifeTest::startAnswersAfterDestruction_data()
+{
+    QTest::addColumn<bool>("fails");
+    QTest::addColumn<bool>("kept");
+    QTest::newRow("with success") << false << false;
+    QTest::newRow("with success, outputs kept") << false << true;
+    QTest::newRow("with an error") << true << false;
+}
+
+void MacAudioLifeTest::startAnswersAfterDestruction()
+{
+    QFETCH(const bool, fails);
+    QFETCH(const bool, kept);
+    answers().start = When::Held;
+    answers().stop = When::Held;
+    answers().streamKeepsOutputs = kept;
+    if (fails)
+        answers().startError = macsim::Error("late");
+    {
+        RecorderAudioCapture capture{QString()};
+        QVERIFY(!capture.start());
+    }
+    bench_->log.clear();
+    QVERIFY(macsim::answerHeld(Call::Start));
+    QCOMPARE(macsim::record().stops, fails ? 0 : 1);
+    QCOMPARE(macsim::deliver(twoFrames), !fails); // it still runs, and nobody hears it
+    QCOMPARE(macsim::answerHeld(Call::Stop), !fails);
+    QCOMPARE(bench_->log.messages(), QStringList());
+}
+
+void MacAudioLifeTest::startNeverAnswers()
+{
+    answers().start = When::Held;
+    {
+        RecorderAudioCapture capture{QString()};
+        QVERIFY(!capture.start());
+    }
+    macsim::settle();
+    QCOMPARE(macsim::record().stops, 0);
+    QCOMPARE(macsim::heldAnswers(), 1);
+    macsim::forgetHeld();
+}
+
+void MacAudioLifeTest::secondTryAfterATimeOut()
+{
+    answers().start = When::Held;
+    RecorderAudioCapture capture{QString()};
+    QVERIFY(!capture.start());
+    answers().start = When::Soon;
+    QVERIFY(capture.start());
+    QVERIFY(macsim::deliver(twoFrames));
+    QCOMPARE(capture.readAvailable().size(), 1);
+    QVERIFY(macsim::answerHeld(Call::Start));
+    capture.stop();
+    QCOMPARE(macsim::runningStreams(), 0);
+}
+
+// ---- stop ------------------------------------------------------------------------------------------------------
+
+void MacAudioLifeTest::stopFails_data()
+{
+    QTest::addColumn<bool>("hasText");
+    QTest::addColumn<QString>("quoted");
+    QTest::newRow("with a text") << true << "\"gone\"";
+    QTest::newRow("without a text") << false << "\"\"";
+}
+
+void MacAudioLifeTest::stopFails()
+{
+    QFETCH(const bool, hasText);
+    QFETCH(const QString, quoted);
+    const auto capture = started();
+    bench_->log.clear();
+    answers().stopError = hasText ? macsim::Error("gone") : macsim::Error();
+    capture->stop();
+    QCOMPARE(bench_->log.messages(),
+        QStringList(QStringLiteral("macOS ScreenCaptureKit audio capture stop error: ") + quoted));
+}
+
+void MacAudioLifeTest::stopTimesOut()
+{
+    const auto capture = started();
+    bench_->log.clear();
+    answers().stop = When::Held;
+    capture->stop();
+    QCOMPARE(bench_->log.messages(), QStringList());
+    QCOMPARE(macsim::record().waits.back(), twoSecondsNs);
+    answers().stopError = macsim::Error("late");
+    QVERIFY(macsim::answerHeld(Call::Stop));
+    QCOMPARE(bench_->log.messages(),
+        QStringList(QStringLiteral("macOS ScreenCaptureKit audio capture stop error: \"late\"")));
+}
+
+void MacAudioLifeTest::stopAnswersAfterDestruction()
+{
+    auto capture = started();
+    answers().stop = When::Held;
+    capture.reset();
+    QCOMPARE(macsim::record().stops, 1);
+    QCOMPARE(macsim::live("SCStream"), 1); // the system's own reference
+    QVERIFY(macsim::answerHeld(Call::Stop));
+    QCOMPARE(macsim::record().stops, 1);
+}
+
+void MacAudioLifeTest::samplesAfterDestruction()
+{
+    auto capture = started();
+    answers().stop = When::Held;
+    capture.reset();
+    const auto listCalls = macsim::record().listFlags.size();
+    QVERIFY(macsim::deliver(twoFrames));
+    QCOMPARE(macsim::record().listFlags.size(), listCalls); // nobody takes it
+    QVERIFY(macsim::answerHeld(Call::Stop));
+}
+
+void MacAudioLifeTest::endAfterDestruction()
+{
+    auto capture = started();
+    answers().stop = When::Held;
+    capture.reset();
+    bench_->log.clear();
+    QVERIFY(macsim::endStreams(macsim::Error("gone")));
+    QCOMPARE(bench_->log.messages(), QStringList());
+    QVERIFY(macsim::answerHeld(Call::Stop));
+}
+
+// ---- while it runs ---------------------------------------------------------------------------------------------
+
+void MacAudioLifeTest::streamEndsByItself_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("with a text") << 0 << QStringList(stoppedPrefix + "\"gone\"");
+    QTest::newRow("without a text") << 1 << QStringList(stoppedPrefix + "\"\"");
+    QTest::newRow("without an error") << 2 << QStringList();
+}
+
+void MacAudioLifeTest::streamEndsByItself()
+{
+    QFETCH(const int, kind);
+    QFETCH(const QStringList, lines);
+    const std::vector<macsim::Outcome> outcomes{macsim::Error("gone"), macsim::Error(), std::nullopt};
+    const auto capture = started();
+    bench_->log.clear();
+    QVERIFY(macsim::endStreams(outcomes[std::size_t(kind)]));
+    QCOMPARE(bench_->log.messages(), lines);
+    QVERIFY(!macsim::deliver(twoFrames));
+    QVERIFY(capture->start()); // still started, for all it knows
+    QCOMPARE(macsim::record().starts, 1);
+}
+
+void MacAudioLifeTest::pictureIsIgnored()
+{
+    const auto capture = started();
+    QVERIFY(macsim::deliver(twoFrames, macsim::screenOutput));
+    QCOMPARE(capture->readAvailable().size(), 0);
+    QVERIFY(macsim::record().listFlags.empty());
+}
+
+void MacAudioLifeTest::chunksSurviveStop()
+{
+    const auto capture = started();
+    QVERIFY(macsim::deliver(twoFrames));
+    capture->stop();
+    const auto chunks = capture->readAvailable();
+    QCOMPARE(chunks.size(), 1);
+    QCOMPARE(chunks[0].frames, 2);
+    QCOMPARE(chunks[0].pcm, QByteArray("\1\0\2\0\3\0\4\0", 8));
+}
+
+// ---- at the same time ------------------------------------------------------------------------------------------
+
+void MacAudioLifeTest::destructionWaitsForADelivery()
+{
+    auto capture = started();
+    Gate gate;
+    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
+    gate.waitForDelivery();
+    auto destruction = std::async(std::launch::async, [&capture] { capture.reset(); });
+    QVERIFY(!isReady(destruction, 300));
+    gate.open();
+    destruction.wait();
+    delivery.wait();
+}
+
+void MacAudioLifeTest::stopDuringADelivery()
+{
+    const auto capture = started();
+    Gate gate;
+    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
+    gate.waitForDelivery();
+    capture->stop();
+    QVERIFY(!isReady(delivery, 0));
+    gate.open();
+    delivery.wait();
+    QCOMPARE(capture->readAvailable().size(), 1); // it was under way
+}
+
+void MacAudioLifeTest::destructionInAFlood_data()
+{
+    QTest::addColumn<bool>("kept");
+    QTest::newRow("outputs not kept") << false;
+    QTest::newRow("outputs kept") << true;
+}
+
+void MacAudioLifeTest::destructionInAFlood()
+{
+    QFETCH(const bool, kept);
+    answers().streamKeepsOutputs = kept;
+    const Flood flood;
+    for (int i = 0; i < 30; ++i) {
+        auto capture = started();
+        QVERIFY(flood.goesOn());
+        capture.reset();
+    }
+}
+
+void MacAudioLifeTest::stopInAFlood()
+{
+    const auto capture = started();
+    const Flood flood;
+    for (int i = 0; i < 30; ++i) {
+        QVERIFY(flood.goesOn());
+        capture->stop();
+        QVERIFY(capture->start());
+    }
+    QVERIFY(!capture->readAvailable().isEmpty());
+}
+
+void MacAudioLifeTest::destructionWhileTheStreamEnds()
+{
+    for (int i = 0; i < 50; ++i) {
+        auto capture = started();
+        auto end = std::async(std::launch::async, [] { macsim::endStreams(macsim::Error("gone")); });
+        capture.reset();
+        end.wait();
+    }
+}
+
+QTEST_GUILESS_MAIN(MacAudioLifeTest)
+#include "macaudiolife_test.moc"

@@ -1,0 +1,235 @@
+// Sample buffers of every kind, from CoreMedia up to the queued chunks.
+#include "macbench.h"
+#include "recorderaudiocapture.h"
+
+#include <QtEndian>
+
+#include <cstring>
+#include <limits>
+
+using macsim::Sound;
+
+namespace {
+
+constexpr std::uint32_t isFloat = 1;
+constexpr std::uint32_t isSigned = 4;
+constexpr std::uint32_t isPlanar = 32;
+
+const QString unsupportedLine = QStringLiteral("macOS ScreenCaptureKit audio sample has unsupported format.");
+
+template <typename T>
+std::vector<std::uint8_t> bytesOf(const std::vector<T>& samples)
+{
+    std::vector<std::uint8_t> bytes(samples.size() * sizeof(T));
+    std::memcpy(bytes.data(), samples.data(), bytes.size());
+    return bytes;
+}
+
+/// One buffer for all channels, or one each.
+template <typename T>
+Sound sound(
+    std::uint32_t flags, std::uint32_t channels, std::int64_t frames, const std::vector<std::vector<T>>& buffers)
+{
+    Sound made;
+    made.formatFlags = flags;
+    made.channels = channels;
+    made.bitsPerChannel = sizeof(T) * 8;
+    made.bytesPerFrame = std::uint32_t(sizeof(T)) * (flags & isPlanar ? 1 : channels);
+    made.frames = frames;
+    for (const auto& buffer : buffers)
+        made.buffers.push_back(bytesOf(buffer));
+    return made;
+}
+
+using Samples = QList<qint16>;
+
+}
+
+Q_DECLARE_METATYPE(macsim::Sound)
+
+class MacIntakeTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void formats_data();
+    void formats();
+    void dropped_data();
+    void dropped();
+    void unsupportedFormatIsToldOnce();
+    void blockBuffer_data();
+    void blockBuffer();
+    void listIsAskedForTwice();
+    void manyBlocksKeepTheirOrder();
+
+private:
+    /// What the program made of it, left and right alternating; nothing when it queued no chunk.
+    std::optional<Samples> taken(const Sound& sound);
+
+    std::optional<MacBench> bench_;
+    std::unique_ptr<RecorderAudioCapture> capture_;
+};
+
+void MacIntakeTest::init()
+{
+    bench_.emplace();
+    capture_ = std::make_unique<RecorderAudioCapture>(QString());
+    QVERIFY(capture_->start());
+    bench_->log.clear();
+}
+
+void MacIntakeTest::cleanup()
+{
+    capture_.reset();
+    MAC_IS_CLEAN();
+    bench_.reset();
+}
+
+std::optional<Samples> MacIntakeTest::taken(const Sound& sound)
+{
+    if (!macsim::deliver(sound))
+        qFatal("Nothing runs");
+    const auto chunks = capture_->readAvailable();
+    if (chunks.isEmpty())
+        return std::nullopt;
+    Samples samples;
+    for (const auto& chunk : chunks) {
+        for (qsizetype i = 0; i < chunk.pcm.size(); i += 2)
+            samples.append(qFromLittleEndian<qint16>(chunk.pcm.constData() + i));
+    }
+    return samples;
+}
+
+void MacIntakeTest::formats_data()
+{
+    QTest::addColumn<Sound>("delivered");
+    QTest::addColumn<Samples>("expected");
+    using F = std::vector<float>;
+    using S = std::vector<std::int16_t>;
+    using U = std::vector<std::uint16_t>;
+    using L = std::vector<std::int32_t>;
+    QTest::newRow("float, interleaved, stereo")
+        << sound<float>(isFloat, 2, 2, {F{0.5F, -1.5F, 1.5F, 0}}) << Samples{16384, -32767, 32767, 0};
+    QTest::newRow("float, planar, stereo") << sound<float>(isFloat | isPlanar, 2, 2, {F{0.5F, 1}, F{-0.5F, -1}})
+                                           << Samples{16384, -16384, 32767, -32767};
+    QTest::newRow("float, mono") << sound<float>(isFloat, 1, 2, {F{0.5F, -1}})
+                                 << Samples{16384, 16384, -32767, -32767};
+    QTest::newRow("float, planar, six channels")
+        << sound<float>(isFloat | isPlanar, 6, 1, {F{1}, F{-1}, F{0.1F}, F{0.2F}, F{0.3F}, F{0.4F}})
+        << Samples{32767, -32767};
+    QTest::newRow("float, interleaved, six channels")
+        << sound<float>(isFloat, 6, 2, {F{1, -1, 0, 0, 0, 0, 0.5F, -0.5F, 0, 0, 0, 0}})
+        << Samples{32767, -32767, 16384, -16384};
+    QTest::newRow("signed 16, interleaved")
+        << sound<std::int16_t>(isSigned, 2, 2, {S{1, -2, 3, -4}}) << Samples{1, -2, 3, -4};
+    QTest::newRow("signed 16, planar") << sound<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}, S{-3, -4}})
+                                       << Samples{1, -3, 2, -4};
+    QTest::newRow("signed 16, planar, one buffer")
+        << sound<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}}) << Samples{1, 0, 2, 0};
+    QTest::newRow("unsigned 16") << sound<std::uint16_t>(0, 2, 1, {U{0, 0xffff}}) << Samples{-32768, 32767};
+    QTest::newRow("signed 32, interleaved")
+        << sound<std::int32_t>(isSigned, 2, 1, {L{0x12345678, -0x10000}}) << Samples{0x1234, -1};
+    QTest::newRow("signed 32, planar") << sound<std::int32_t>(isSigned | isPlanar, 2, 1, {L{0x7fff0000}, L{0x10000}})
+                                       << Samples{32767, 1};
+    QTest::newRow("64-bit float is silence")
+        << sound<double>(isFloat, 2, 1, {std::vector<double>{1, 1}}) << Samples{0, 0};
+    QTest::newRow("no buffer") << sound<float>(isFloat, 2, 1, {}) << Samples{0, 0};
+    QTest::newRow("short buffer") << sound<std::int16_t>(isSigned, 2, 3, {S{1, 2}}) << Samples{1, 2, 0, 0, 0, 0};
+    Sound null = sound<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
+    null.nullBuffers = {false, true};
+    QTest::newRow("null data") << null << Samples{5, 0};
+}
+
+void MacIntakeTest::formats()
+{
+    QFETCH(const Sound, delivered);
+    QFETCH(const Samples, expected);
+    const auto samples = taken(delivered);
+    QVERIFY(samples);
+    QCOMPARE(*samples, expected);
+    QCOMPARE(bench_->log.messages(), QStringList());
+}
+
+void MacIntakeTest::dropped_data()
+{
+    QTest::addColumn<Sound>("delivered");
+    const Sound good = macsim::stereoSound({1, 2});
+    const auto row = [&good](const char* name, const auto& change) {
+        Sound changed = good;
+        change(changed);
+        QTest::newRow(name) << changed;
+    };
+    row("no buffer at all", [](Sound& s) { s.null = true; });
+    row("invalid", [](Sound& s) { s.valid = false; });
+    row("no frame", [](Sound& s) { s.frames = 0; });
+    row("less than no frame", [](Sound& s) { s.frames = -1; });
+    row("too many frames", [](Sound& s) { s.frames = std::int64_t(std::numeric_limits<qint32>::max()) + 1; });
+    row("size cannot be told", [](Sound& s) { s.sizeStatus = -12731; });
+    row("size is zero", [](Sound& s) { s.sizeIsZero = true; });
+    row("samples are not handed out", [](Sound& s) { s.listStatus = -12731; });
+    row("samples are not handed out, but a block buffer is", [](Sound& s) {
+        s.listStatus = -12731;
+        s.blockDespiteFailure = true;
+    });
+}
+
+void MacIntakeTest::dropped()
+{
+    QFETCH(const Sound, delivered);
+    QVERIFY(!taken(delivered));
+    QCOMPARE(bench_->log.messages(), QStringList());
+    QCOMPARE(macsim::live("SimBlockBuffer"), 0);
+    QCOMPARE(taken(macsim::stereoSound({7, 8})), std::optional(Samples{7, 8}));
+}
+
+void MacIntakeTest::unsupportedFormatIsToldOnce()
+{
+    Sound compressed = macsim::stereoSound({1, 2});
+    compressed.formatId = 0x61616320; // 'aac '
+    Sound undescribed = macsim::stereoSound({1, 2});
+    undescribed.hasDescription = false;
+    Sound otherwise = macsim::stereoSound({1, 2});
+    otherwise.descriptionIsAudio = false;
+    for (const Sound& one : {undescribed, compressed, otherwise, undescribed})
+        QVERIFY(!taken(one));
+    QCOMPARE(bench_->log.messages(), QStringList(unsupportedLine));
+    QVERIFY(macsim::record().listFlags.empty());
+}
+
+void MacIntakeTest::blockBuffer_data()
+{
+    QTest::addColumn<bool>("none");
+    QTest::newRow("one") << false;
+    QTest::newRow("none") << true;
+}
+
+void MacIntakeTest::blockBuffer()
+{
+    QFETCH(const bool, none);
+    Sound one = macsim::stereoSound({21, 22, 23, 24});
+    one.noBlock = none;
+    QCOMPARE(taken(one), std::optional(Samples{21, 22, 23, 24}));
+    QCOMPARE(macsim::live("SimBlockBuffer"), 0);
+}
+
+void MacIntakeTest::listIsAskedForTwice()
+{
+    QVERIFY(taken(macsim::stereoSound({1, 2})));
+    QCOMPARE(macsim::record().listFlags, (std::vector<std::uint32_t>{1, 1})); // 16-byte alignment
+}
+
+void MacIntakeTest::manyBlocksKeepTheirOrder()
+{
+    for (qint16 i = 0; i < 200; ++i)
+        QVERIFY(macsim::deliver(macsim::stereoSound({i, qint16(-i)})));
+    const auto chunks = capture_->readAvailable();
+    QCOMPARE(chunks.size(), 200);
+    for (qint16 i = 0; i < 200; ++i)
+        QCOMPARE(qFromLittleEndian<qint16>(chunks[i].pcm.constData()), i);
+    QCOMPARE(macsim::live("SimSampleBuffer"), 0);
+}
+
+QTEST_GUILESS_MAIN(MacIntakeTest)
+#include "macintake_test.moc"

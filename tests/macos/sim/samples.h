@@ -1,0 +1,13 @@
+// Sample buffers for the stream to deliver.
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+#include "macsim.h"
+
+namespace macsim {
+
+/// A CMSampleBufferRef with one reference; nil when the sound says so.
+id makeSampleBuffer(const Sound& sound);
+
+}
