@@ -73,6 +73,7 @@ class Mac:
         self.root = root.resolve()
         self.brew = self.root / "homebrew"
         self.build = self.root / "built"
+        self.executable = self.build / "bin/orvantis-recorder.app/Contents/MacOS/orvantis-recorder"
         self.tree = self.root / "tree"
         self.app = self.tree / "build/package/orvantis-recorder.app"
         self.log = self.root / "calls"
@@ -116,14 +117,12 @@ class Mac:
         (self.brew / "bin").mkdir()
         (self.brew / "bin/qtpaths").symlink_to(SOURCE / "tests/packaging/standin.py")
 
-        contents = self.build / "bin/orvantis-recorder.app/Contents"
-        self.executable = contents / "MacOS/orvantis-recorder"
         self.binary(self.executable, "",
                     [str(qt / "lib/QtGui.framework/Versions/A/QtGui"), "@rpath/QtCore.framework/Versions/A/QtCore",
                      str(self.brew / "opt/ffmpeg/lib/libavcodec.62.dylib"),
                      str(self.brew / "opt/ffmpeg/lib/libavutil.60.dylib")],
                     [RPATH, str(qt / "lib")])
-        shutil.copy(INFO_FILE, contents / "Info.plist")
+        shutil.copy(INFO_FILE, self.executable.parent.parent / "Info.plist")
         (self.build / "CMakeCache.txt").write_text(f"Qt6_DIR:PATH={self.brew}/lib/cmake/Qt6\n", encoding="utf-8")
 
     def binary(self, path, name, loads=(), rpaths=(), minimum="13.0", architectures=("x86_64", "arm64")):
@@ -133,7 +132,7 @@ class Mac:
         path.write_text(json.dumps({
             "id": name, "loads": [SYSTEM_LIBRARY, *loads], "rpaths": list(rpaths), "minos": minimum,
             "architectures": architectures}), encoding="utf-8")
-        path.chmod(0o444)
+        path.chmod(0o755 if path == self.executable else 0o444)
 
     def framework(self, qt, name, loads):
         version = qt / f"lib/{name}.framework/Versions/A"
