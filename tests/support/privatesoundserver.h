@@ -23,7 +23,9 @@ struct SoundServerOptions {
     int rate = 48000; ///< of the graph, hertz
     int quantum = 1024; ///< frames the graph runs with when no client asks for fewer, and at most
     std::vector<NullSink> sinks{NullSink{"first-sink"}}; ///< the first one is the default sink
-    bool remembersVolumes = false; ///< gives a stream the volume and mute that it had in an earlier life
+    /// Volumes that streams had in an earlier life and get again, as lines of WirePlumber's restore-stream file;
+    /// empty text for none yet, nothing for a server that does not remember.
+    std::optional<QByteArray> rememberedVolumes;
 };
 
 /// PipeWire, WirePlumber and PipeWire's PulseAudio server, without D-Bus, real-time rights or a sound card, in

@@ -120,7 +120,7 @@ components = {
     { "policy-node.lua", type = "script/lua", args = policy },
 }
 )";
-    return text.replace("%REMEMBERS%", options.remembersVolumes ? "true" : "false");
+    return text.replace("%REMEMBERS%", options.rememberedVolumes ? "true" : "false");
 }
 
 bool write(const QString& path, const QByteArray& text)
@@ -138,5 +138,8 @@ bool writeSoundServerFiles(const QString& directory, const SoundServerOptions& o
     return write(directory + QStringLiteral("/pipewire.conf"), daemonText(options))
         && write(directory + QStringLiteral("/pulse.conf"), pulseText)
         && write(session + QStringLiteral("/wireplumber.conf"), sessionText)
-        && write(session + QStringLiteral("/headless.lua.d/50-components.lua"), sessionPolicy(options));
+        && write(session + QStringLiteral("/headless.lua.d/50-components.lua"), sessionPolicy(options))
+        && (!options.rememberedVolumes
+            || write(directory + QStringLiteral("/state/wireplumber/restore-stream"),
+                "[restore-stream]\n" + *options.rememberedVolumes));
 }

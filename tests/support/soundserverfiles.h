@@ -5,6 +5,6 @@
 
 struct SoundServerOptions;
 
-/// Writes DIRECTORY/pipewire.conf, DIRECTORY/pulse.conf and DIRECTORY/config/wireplumber. False when a file cannot be
-/// written.
+/// Writes DIRECTORY/pipewire.conf, DIRECTORY/pulse.conf, DIRECTORY/config/wireplumber and the remembered volumes.
+/// False when a file cannot be written.
 bool writeSoundServerFiles(const QString& directory, const SoundServerOptions& options);

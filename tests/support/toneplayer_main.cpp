@@ -1,8 +1,9 @@
 // toneplayer: plays a sine to PipeWire as an application of its own.
 //
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
-//              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N]
+//              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1]
 //
+// Spread over its channels, the sound has one, two, three... times the frequency in the first, second, third... one.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
 // takes in a cycle. The schedule is in seconds; the stream is paused in the OFF parts, keeps its
 // phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N seconds or on
@@ -39,6 +40,7 @@ struct Options {
     std::string name = "toneplayer";
     std::vector<double> schedule{1e6}; // seconds on, off, on, ...
     double seconds = 1e6;
+    bool spread = false;
 };
 
 std::optional<double> positiveNumber(const std::string& text)
@@ -81,6 +83,8 @@ bool readOption(const std::string& name, const std::string& value, Options& opti
         options.channels = uint32_t(number.value_or(0));
     else if (name == "--rate")
         options.rate = uint32_t(number.value_or(0));
+    else if (name == "--spread")
+        options.spread = number.value_or(0) != 0;
     else if (name == "--seconds")
         options.seconds = number.value_or(0);
     else
@@ -128,10 +132,11 @@ public:
     void fill(spa_buffer& buffer, uint32_t frames)
     {
         for (uint32_t i = 0; i < frames; ++i) {
-            const float value = float(options_.amplitude * std::sin(phase_));
+            for (uint32_t channel = 0; channel < options_.channels; ++channel) {
+                const double multiple = options_.spread ? channel + 1 : 1;
+                set(buffer, i, channel, float(options_.amplitude * std::sin(multiple * phase_)));
+            }
             phase_ = std::fmod(phase_ + 2 * pi * options_.frequency / options_.rate, 2 * pi);
-            for (uint32_t channel = 0; channel < options_.channels; ++channel)
-                set(buffer, i, channel, value);
         }
     }
 
