@@ -11,6 +11,7 @@ namespace {
 /// Filters for this many places between two samples; between them the two nearest are mixed.
 constexpr int places = 256;
 constexpr int taps = 16;
+constexpr int halfTaps = taps / 2;
 
 /// Without a correction, the way back to the samples as they are: so slow that nobody hears it.
 constexpr double glide = 1e-4;
@@ -23,12 +24,12 @@ Filter filterFor(double place)
     std::array<double, taps> weights{};
     double sum = 0;
     for (int tap = 0; tap < taps; ++tap) {
-        const double distance = tap - (taps / 2 - 1) - place;
+        const double distance = tap - (halfTaps - 1) - place;
         const double angle = std::numbers::pi * distance;
         const double sine = std::abs(distance) < 1e-9 ? 1 : std::sin(angle) / angle;
-        const double across = angle / (taps / 2); // Blackman's window
+        const double across = angle / halfTaps; // Blackman's window
         const double window
-            = std::abs(distance) >= taps / 2.0 ? 0 : 0.42 + 0.5 * std::cos(across) + 0.08 * std::cos(2 * across);
+            = std::abs(distance) >= halfTaps ? 0 : 0.42 + 0.5 * std::cos(across) + 0.08 * std::cos(2 * across);
         weights[size_t(tap)] = sine * window;
         sum += weights[size_t(tap)];
     }
@@ -81,7 +82,8 @@ void SoundStretch::flush(std::vector<float>& stereo)
 
 double SoundStretch::heldFrames() const
 {
-    return double(held_.size() / 2) - position_;
+    const size_t frames = held_.size() / 2;
+    return double(frames) - position_;
 }
 
 void SoundStretch::generate(double step, std::vector<float>& stereo)

@@ -51,8 +51,9 @@ private:
     spa_hook hook_{};
 };
 
-// The library's methods are macros that are full of casts.
+// The library's methods are macros that are full of casts and GNU's expressions.
 #pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
 #pragma GCC diagnostic ignored "-Wold-style-cast"
 
 inline void listen(pw_core* core, Hook& hook, const pw_core_events& events, void* data)

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <vector>
 
 namespace pipewire {
@@ -20,7 +21,12 @@ struct PortPair {
     uint32_t inputNode = 0;
     uint32_t inputPort = 0;
 
-    auto operator<=>(const PortPair&) const = default;
+    bool operator==(const PortPair&) const = default;
+    bool operator<(const PortPair& other) const
+    {
+        return std::tie(outputNode, outputPort, inputNode, inputPort)
+            < std::tie(other.outputNode, other.outputPort, other.inputNode, other.inputPort);
+    }
 };
 
 /// The node that the graph's default sink is; nothing when there is none yet.
