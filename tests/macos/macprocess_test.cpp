@@ -1,0 +1,223 @@
+// The process on the Mac: permission mode, the accessory step, the bundle's texts, and who is at the other end of a
+// socket.
+#include "macbench.h"
+#include "platform/application.h"
+#include "startup.h"
+
+#include <QProcess>
+
+#include <array>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using macsim::answers;
+
+class MacProcessTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void permissionMode_data();
+    void permissionMode();
+    void permissionProcess_data();
+    void permissionProcess();
+
+    void accessory();
+    void accessoryIsSkipped_data();
+    void accessoryIsSkipped();
+
+    void bundleTexts();
+    void bundleTextsThatAreMissing_data();
+    void bundleTextsThatAreMissing();
+    void identityLine();
+
+    void guiPlatformIsLeftToQt();
+    void peerOfALocalSocketIsKnown();
+    void whatHasNoPeerHasNoUser();
+
+private:
+    std::optional<MacBench> bench_;
+};
+
+void MacProcessTest::init()
+{
+    bench_.emplace();
+}
+
+void MacProcessTest::cleanup()
+{
+    MAC_IS_CLEAN();
+    bench_.reset();
+}
+
+void MacProcessTest::permissionMode_data()
+{
+    QTest::addColumn<bool>("before");
+    QTest::addColumn<bool>("request");
+    QTest::addColumn<bool>("after");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QStringList>("lines");
+    const QString beforeLine = QStringLiteral("macOS screen recording preflight before request %1");
+    const QString requestLine = QStringLiteral("macOS screen recording request result %1 preflight after request %2");
+    const QString resultLine = QStringLiteral("recorder permission preflight completed screenCaptureAllowed %1");
+    const QString yes = QStringLiteral("true");
+    const QString no = QStringLiteral("false");
+    QTest::newRow("held") << true << false << false << 0 << QStringList{beforeLine.arg(yes), resultLine.arg(yes)};
+    QTest::newRow("granted") << false << true << false << 0
+                             << QStringList{beforeLine.arg(no), requestLine.arg(yes, no), resultLine.arg(yes)};
+    QTest::newRow("held after the request")
+        << false << false << true << 0
+        << QStringList{beforeLine.arg(no), requestLine.arg(no, yes), resultLine.arg(yes)};
+    QTest::newRow("refused") << false << false << false << 2
+                             << QStringList{beforeLine.arg(no), requestLine.arg(no, no), resultLine.arg(no)};
+}
+
+void MacProcessTest::permissionMode()
+{
+    QFETCH(const bool, before);
+    QFETCH(const bool, request);
+    QFETCH(const bool, after);
+    QFETCH(const int, exitCode);
+    QFETCH(const QStringList, lines);
+    answers().preflight = {before, after};
+    answers().request = request;
+    QCOMPARE(startup::requestPermissions(), exitCode);
+    QCOMPARE(bench_->log.messages(QtDebugMsg), lines);
+    QCOMPARE(bench_->log.messages(), lines);
+    QCOMPARE(macsim::record().requests, before ? 0 : 1);
+}
+
+void MacProcessTest::permissionProcess_data()
+{
+    QTest::addColumn<QString>("permission");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("asked");
+    QTest::newRow("held") << "held" << 0 << QByteArray("1 preflights, 0 requests");
+    QTest::newRow("granted") << "granted" << 0 << QByteArray("2 preflights, 1 requests");
+    QTest::newRow("refused") << "refused" << 2 << QByteArray("2 preflights, 1 requests");
+}
+
+void MacProcessTest::permissionProcess()
+{
+    QFETCH(const QString, permission);
+    QFETCH(const int, exitCode);
+    QFETCH(const QByteArray, asked);
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("SIMULATED_PERMISSION"), permission);
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("minimal"));
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(SIMULATED_RECORDER),
+        {QStringLiteral("/nowhere"), QStringLiteral("x"), QStringLiteral("--request-permissions")});
+    QVERIFY2(process.waitForFinished(patienceMs), qPrintable(process.errorString()));
+    const QByteArray errors = process.readAllStandardError();
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QVERIFY2(process.exitCode() == exitCode, errors.constData());
+    const QByteArray allowed = exitCode == 0 ? "true" : "false";
+    QVERIFY2(errors.contains("recorder permission preflight completed screenCaptureAllowed " + allowed + "\n"),
+        errors.constData());
+    // Nothing of the system is left: the account ends the text.
+    QVERIFY2(errors.endsWith("simulated: activation policy 1\nsimulated: " + asked + "\n"), errors.constData());
+}
+
+void MacProcessTest::accessory()
+{
+    platform::becomeAccessory();
+    QCOMPARE(macsim::record().activationPolicies, std::vector<long>{1});
+}
+
+void MacProcessTest::accessoryIsSkipped_data()
+{
+    QTest::addColumn<bool>("classIsMissing");
+    QTest::newRow("without the class") << true;
+    QTest::newRow("without the object") << false;
+}
+
+void MacProcessTest::accessoryIsSkipped()
+{
+    QFETCH(const bool, classIsMissing);
+    if (classIsMissing)
+        answers().hiddenClasses = {"NSApplication"};
+    else
+        answers().noApplicationObject = true;
+    platform::becomeAccessory();
+    QVERIFY(macsim::record().activationPolicies.empty());
+    QCOMPARE(bench_->log.messages(), QStringList());
+}
+
+void MacProcessTest::bundleTexts()
+{
+    answers().bundleIdentifier = "com.example.Grüße";
+    answers().bundlePath = "/Applications/X.app";
+    answers().executablePath = "/Applications/X.app/Contents/MacOS/x";
+    QCOMPARE(platform::mainBundleString("bundleIdentifier"), QString::fromUtf8("com.example.Grüße"));
+    QCOMPARE(platform::mainBundleString("bundlePath"), QStringLiteral("/Applications/X.app"));
+    QCOMPARE(platform::mainBundleString("executablePath"), QStringLiteral("/Applications/X.app/Contents/MacOS/x"));
+}
+
+void MacProcessTest::bundleTextsThatAreMissing_data()
+{
+    QTest::addColumn<QString>("why");
+    QTest::addColumn<QByteArray>("selector");
+    QTest::newRow("no class") << "class" << QByteArray("bundlePath");
+    QTest::newRow("no bundle") << "bundle" << QByteArray("bundlePath");
+    QTest::newRow("no value") << "value" << QByteArray("bundleIdentifier");
+    QTest::newRow("no such property") << "nothing" << QByteArray("noSuchProperty");
+    QTest::newRow("no text") << "nothing" << QByteArray("class");
+}
+
+void MacProcessTest::bundleTextsThatAreMissing()
+{
+    QFETCH(const QString, why);
+    QFETCH(const QByteArray, selector);
+    answers().bundlePath = "/Applications/X.app";
+    if (why == QLatin1String("class"))
+        answers().hiddenClasses = {"NSBundle"};
+    answers().noBundle = why == QLatin1String("bundle");
+    QCOMPARE(platform::mainBundleString(selector.constData()), QString());
+}
+
+void MacProcessTest::identityLine()
+{
+    answers().bundleIdentifier = "com.example.x";
+    answers().bundlePath = "/X.app";
+    QByteArray name("x");
+    char* argv[] = {name.data(), nullptr};
+    startup::logIdentity(1, argv);
+    const auto lines = bench_->log.messages(QtDebugMsg).filter(QStringLiteral("recorder process identity"));
+    QCOMPARE(lines.size(), 1);
+    QVERIFY(lines[0].endsWith(
+        QStringLiteral(" bundleIdentifier \"com.example.x\" bundlePath \"/X.app\" bundleExecutablePath \"\"")));
+}
+
+void MacProcessTest::guiPlatformIsLeftToQt()
+{
+    qunsetenv("QT_QPA_PLATFORM");
+    platform::chooseGuiPlatform();
+    QVERIFY(!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"));
+}
+
+void MacProcessTest::peerOfALocalSocketIsKnown()
+{
+    std::array<int, 2> ends{};
+    QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    QCOMPARE(platform::peerUserId(ends[0]), std::optional<quint32>(::geteuid()));
+    QCOMPARE(platform::ownUserId(), quint32(::geteuid()));
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+void MacProcessTest::whatHasNoPeerHasNoUser()
+{
+    const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    QVERIFY(file >= 0);
+    QCOMPARE(platform::peerUserId(file), std::nullopt);
+    ::close(file);
+    QCOMPARE(platform::peerUserId(-1), std::nullopt);
+}
+
+QTEST_GUILESS_MAIN(MacProcessTest)
+#include "macprocess_test.moc"

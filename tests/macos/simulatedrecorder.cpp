@@ -1,0 +1,34 @@
+// Linked into the recorder's own main(): lets the environment say how the simulated Mac answers, and tells at the end
+// what was asked of it.
+//   SIMULATED_PERMISSION=held|granted|refused
+#include "macsim.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+class Simulated {
+public:
+    Simulated()
+    {
+        const char* given = std::getenv("SIMULATED_PERMISSION");
+        const std::string permission = given ? given : "held";
+        macsim::answers().preflight = {permission == "held"};
+        macsim::answers().request = permission == "granted";
+    }
+
+    ~Simulated()
+    {
+        const macsim::Record record = macsim::record();
+        for (const long policy : record.activationPolicies)
+            std::fprintf(stderr, "simulated: activation policy %ld\n", policy);
+        std::fprintf(stderr, "simulated: %d preflights, %d requests\n%s", record.preflights, record.requests,
+            macsim::verdict().c_str());
+    }
+};
+
+const Simulated simulated;
+
+}
