@@ -9,7 +9,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-TruthWindowProcess::TruthWindowProcess(const QByteArray& display, const QRect& geometry, int fps)
+TruthWindowProcess::TruthWindowProcess(
+    const QByteArray& display, const QRect& geometry, int fps, const QStringList& more)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("DISPLAY"), QString::fromLatin1(display));
@@ -26,7 +27,7 @@ TruthWindowProcess::TruthWindowProcess(const QByteArray& display, const QRect& g
                               .arg(geometry.x())
                               .arg(geometry.y());
     process_.start(QStringLiteral(TRUTHWINDOW_BINARY),
-        {QStringLiteral("--geometry"), place, QStringLiteral("--fps"), QString::number(fps)});
+        QStringList{QStringLiteral("--geometry"), place, QStringLiteral("--fps"), QString::number(fps)} + more);
 
     QByteArray said;
     while (!said.endsWith("ready\n") && process_.waitForReadyRead(hangLimitMs))

@@ -5,19 +5,21 @@
 #include <QProcess>
 #include <QRect>
 #include <QString>
+#include <QStringList>
 
 /// On the screen when the constructor returns, gone when the object is. When it cannot be had, id() is 0 and
 /// errorString() says why.
 class TruthWindowProcess {
 public:
-    /// Geometry in pixels of the screen; paintings a second, 0 for one painting.
-    explicit TruthWindowProcess(
-        const QByteArray& display, const QRect& geometry = QRect(40, 30, 640, 360), int fps = 60);
+    /// Geometry in pixels of the screen; paintings a second, 0 for one painting; further options of truthwindow.
+    explicit TruthWindowProcess(const QByteArray& display, const QRect& geometry = QRect(40, 30, 640, 360),
+        int fps = 60, const QStringList& more = QStringList());
     ~TruthWindowProcess();
     TruthWindowProcess(const TruthWindowProcess&) = delete;
     TruthWindowProcess& operator=(const TruthWindowProcess&) = delete;
 
     quint32 id() const { return id_; }
+    qint64 pid() const { return process_.processId(); }
     QString errorString() const { return error_; }
 
 private:

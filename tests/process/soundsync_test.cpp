@@ -1,0 +1,142 @@
+// Sound and pictures of one recording belong together, and the sound is whole. A recording is as many seconds long as
+// the environment variable ORVANTIS_RECORDING_SECONDS says, 20 without it.
+#include "privatexserver.h"
+#include "soundscene.h"
+#include "toneprocess.h"
+#include "truthreport.h"
+#include "truthreporttext.h"
+#include "truthwindowprocess.h"
+
+#include <QTest>
+
+#include <cmath>
+#include <memory>
+
+namespace {
+
+const QRect windowPlace(40, 30, 640, 360);
+constexpr double toneHz = 441.7; // see soundanalysis::toneFaults()
+constexpr double toneDb = -12.04; // of a toneplayer
+constexpr double settledMs = 500.0; // after the start and before the end of a recording
+constexpr double audioFrameMs = 1024.0 / 48.0;
+constexpr double pictureMs = 41.0;
+
+int recordingSeconds()
+{
+    bool set = false;
+    const int seconds = qEnvironmentVariableIntValue("ORVANTIS_RECORDING_SECONDS", &set);
+    return set ? seconds : 20;
+}
+
+}
+
+class SoundSyncTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+
+    void beepsAndFlashes_data();
+    void beepsAndFlashes();
+    void steadyTone_data();
+    void steadyTone();
+    void pausedPlayer();
+
+private:
+    PrivateSoundServer sound_;
+    PrivateXServer server_;
+};
+
+void SoundSyncTest::initTestCase()
+{
+    QVERIFY2(sound_.isRunning(), qPrintable(sound_.errorString()));
+    QVERIFY2(server_.isRunning(), qPrintable(server_.errorString()));
+    sound_.apply();
+}
+
+void SoundSyncTest::beepsAndFlashes_data()
+{
+    QTest::addColumn<bool>("ofTheApplication");
+    QTest::newRow("application") << true;
+    QTest::newRow("display") << false;
+}
+
+void SoundSyncTest::beepsAndFlashes()
+{
+    QFETCH(const bool, ofTheApplication);
+    const TruthWindowProcess window(server_.display(), windowPlace, 120, {QStringLiteral("--beep")});
+    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
+    SoundScene scene(server_.display(), window.id(), sound_, ofTheApplication ? soundOf(window.pid()) : QString());
+    QVERIFY2(scene.record(recordingSeconds() * 1000), scene.story());
+
+    TruthQuery query{windowPlace.size(), std::nullopt, std::nullopt, {}};
+    query.beeps = true;
+    const TruthReport report = measureTruth(scene.command.output, query);
+    const QByteArray table = truthReportTable(report).toUtf8();
+    QVERIFY2(report.error.isEmpty() && report.sound, table);
+    qInfo().noquote() << table;
+    const TruthSound& sound = *report.sound;
+    QVERIFY2(sound.flashes >= recordingSeconds() * 9 / 10 - 1, table);
+    QVERIFY2(sound.missedBeeps == 0 && sound.strayBeeps == 0, table);
+    QVERIFY2(std::abs(sound.meanMs) <= 10.0, table);
+    QVERIFY2(std::abs(sound.worstMs) <= 20.0, table);
+    for (const TruthBeep& beep : sound.beeps)
+        QVERIFY2(beep.offsetMs >= -40.0 && beep.offsetMs <= 60.0, table);
+    // Some milliseconds of the painting's and the capture's delay come and go: only a long recording tells a drift.
+    constexpr int enoughSeconds = 180;
+    QVERIFY2(recordingSeconds() < enoughSeconds || std::abs(sound.driftMsPerMinute) < 1.0, table);
+    QVERIFY2(std::abs(*report.videoDurationMs - *report.soundDurationMs) < audioFrameMs + pictureMs, table);
+}
+
+void SoundSyncTest::steadyTone_data()
+{
+    beepsAndFlashes_data();
+}
+
+/// Nothing is missing in the sound, nothing is there twice, and nothing clicks.
+void SoundSyncTest::steadyTone()
+{
+    QFETCH(const bool, ofTheApplication);
+    const TruthWindowProcess window(server_.display(), windowPlace, 30);
+    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
+    ToneProcess player(ToneProcess::tone(QStringLiteral("steady"), toneHz));
+    QVERIFY2(player.isPlaying(), qPrintable(player.errorString()));
+    SoundScene scene(server_.display(), window.id(), sound_, ofTheApplication ? soundOf(player.pid()) : QString());
+    QVERIFY2(scene.record(recordingSeconds() * 1000), scene.story());
+    QVERIFY(player.isPlaying());
+
+    const Heard heard(scene.command.output);
+    QVERIFY(heard.durationMs() >= recordingSeconds() * 1000.0 - pictureMs);
+    const double endMs = heard.durationMs() - settledMs;
+    const double firstMs = heard.firstMs(toneHz);
+    QVERIFY2(firstMs >= 0.0 && firstMs < settledMs, QByteArray::number(firstMs));
+    QVERIFY(std::abs(heard.levelDb(toneHz, settledMs, endMs) - toneDb) < 0.5);
+    const auto faults = heard.toneFaults(toneHz, settledMs, endMs);
+    QVERIFY2(faults.empty(), qPrintable(soundanalysis::describe(faults)));
+}
+
+void SoundSyncTest::pausedPlayer()
+{
+    const TruthWindowProcess window(server_.display(), windowPlace, 30);
+    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
+    // Pauses of 3 s, so that one lies in the recording as a whole.
+    ToneProcess player(ToneProcess::tone(
+        QStringLiteral("pausing"), toneHz, {QStringLiteral("--schedule"), QStringLiteral("2,3,2,3,2,3,9")}));
+    QVERIFY2(player.isPlaying(), qPrintable(player.errorString()));
+    SoundScene scene(server_.display(), window.id(), sound_, soundOf(player.pid()));
+    QVERIFY2(scene.record(12'000), scene.story());
+
+    const Heard heard(scene.command.output);
+    const double onMs = heard.firstMs(toneHz);
+    const double offMs = heard.goneMs(toneHz, onMs);
+    const double againMs = heard.firstMs(toneHz, offMs);
+    const QByteArray times
+        = QByteArray::number(onMs) + ' ' + QByteArray::number(offMs) + ' ' + QByteArray::number(againMs);
+    QVERIFY2(onMs >= 0.0 && offMs > onMs && againMs > offMs, times);
+    QVERIFY2(std::abs(againMs - offMs - 3000.0) < 400.0, times);
+    // An encoder that is asked for silence gives silence.
+    QVERIFY2(heard.rmsDb(offMs + 300.0, againMs - 300.0) < -90.0, times);
+}
+
+QTEST_GUILESS_MAIN(SoundSyncTest)
+#include "soundsync_test.moc"
