@@ -165,6 +165,66 @@ class Mac:
                 found[str(path.relative_to(contents))] = json.loads(path.read_text(encoding="utf-8"))
         return found
 
+    def signatures(self):
+        return {name: binary.get("signed") for name, binary in self.packaged().items()}
+
+
+class PackagedForATrial(unittest.TestCase):
+    """One call of the script without arguments."""
+
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(directory.cleanup)
+        cls.mac = Mac(Path(directory.name))
+        cls.packaging = cls.mac.package()
+        if cls.packaging.returncode != 0:
+            raise AssertionError(cls.packaging.stderr)
+
+    def test_what_is_in_the_bundle(self):
+        self.assertEqual(sorted(self.mac.packaged()), [
+            "Frameworks/QtCore.framework/Versions/A/QtCore", "Frameworks/QtGui.framework/Versions/A/QtGui",
+            "Frameworks/libavcodec.62.dylib", "Frameworks/libavutil.60.dylib", "Frameworks/libsharpyuv.0.dylib",
+            "Frameworks/libwebp.7.dylib", "MacOS/orvantis-recorder", "PlugIns/platforms/libqcocoa.dylib"])
+        gui = self.mac.app / "Contents/Frameworks/QtGui.framework"
+        self.assertEqual(plistlib.loads((gui / "Resources/Info.plist").read_bytes()), {"CFBundleExecutable": "QtGui"})
+        self.assertEqual((gui / "QtGui").resolve(), gui / "Versions/A/QtGui")
+        self.assertFalse((gui / "Versions/A/Headers").exists())
+
+    def test_plug_ins_are_where_the_program_looks(self):
+        relative = re.findall(r'absoluteFilePath\(QStringLiteral\("([^"]+)"\)\)', text("app/startup.cpp"))
+        self.assertEqual(len(relative), 2)
+        beside, outside = relative
+        self.assertTrue((self.mac.app / "Contents/MacOS" / beside / "platforms/libqcocoa.dylib").is_file())
+        # Of a launcher that carries the bundle in its Contents/Helpers.
+        nested = os.path.normpath(f"Launcher.app/Contents/Helpers/{self.mac.app.name}/Contents/MacOS/{outside}")
+        self.assertEqual(nested, "Launcher.app/Contents/PlugIns")
+        self.assertEqual((self.mac.app / "Contents/Resources/qt.conf").read_text(encoding="utf-8"),
+                         "[Paths]\nPlugins = PlugIns\n")
+
+    def test_every_name_leads_into_the_bundle(self):
+        binaries = self.mac.packaged()
+        loads = {name for binary in binaries.values() for name in binary["loads"]}
+        self.assertEqual({name for name in loads if not name.startswith(("/usr/lib/", "/System/"))}, {
+            "@rpath/QtCore.framework/Versions/A/QtCore", "@rpath/QtGui.framework/Versions/A/QtGui",
+            "@rpath/libavcodec.62.dylib", "@rpath/libavutil.60.dylib", "@rpath/libsharpyuv.0.dylib",
+            "@rpath/libwebp.7.dylib"})
+        for name, binary in binaries.items():
+            self.assertEqual(binary["rpaths"], [RPATH] if name.startswith("MacOS/") else [], name)
+            if name.startswith("Frameworks/"):
+                self.assertEqual(binary["id"], "@rpath/" + name[len("Frameworks/") :])
+
+    def test_build_is_left_alone(self):
+        built = self.mac.tree / "build/release/bin/orvantis-recorder.app"
+        self.assertEqual((built / "Contents/MacOS/orvantis-recorder").read_bytes(),
+                         self.mac.executable.read_bytes())
+        self.assertFalse((built / "Contents/Frameworks").exists())
+
+    def test_ad_hoc_is_signed_and_warned_of(self):
+        self.assertEqual(set(map(tuple, self.mac.signatures().values())), {("-", None, None)})
+        self.assertIn("warning: signed ad hoc", self.packaging.stderr)
+        self.assertEqual(self.mac.calls("xcrun"), [])
+
 
 class Packaging(unittest.TestCase):
     def setUp(self):
@@ -182,52 +242,6 @@ class Packaging(unittest.TestCase):
         self.assertEqual(run.returncode, code, run.stderr)
         self.assertIn(message, run.stderr)
         return run
-
-    def signatures(self):
-        return {name: binary.get("signed") for name, binary in self.mac.packaged().items()}
-
-    def test_what_is_in_the_bundle(self):
-        self.package()
-        self.assertEqual(sorted(self.mac.packaged()), [
-            "Frameworks/QtCore.framework/Versions/A/QtCore", "Frameworks/QtGui.framework/Versions/A/QtGui",
-            "Frameworks/libavcodec.62.dylib", "Frameworks/libavutil.60.dylib", "Frameworks/libsharpyuv.0.dylib",
-            "Frameworks/libwebp.7.dylib", "MacOS/orvantis-recorder", "PlugIns/platforms/libqcocoa.dylib"])
-        gui = self.mac.app / "Contents/Frameworks/QtGui.framework"
-        self.assertEqual(plistlib.loads((gui / "Resources/Info.plist").read_bytes()), {"CFBundleExecutable": "QtGui"})
-        self.assertEqual((gui / "QtGui").resolve(), gui / "Versions/A/QtGui")
-        self.assertFalse((gui / "Versions/A/Headers").exists())
-
-    def test_plug_ins_are_where_the_program_looks(self):
-        self.package()
-        relative = re.findall(r'absoluteFilePath\(QStringLiteral\("([^"]+)"\)\)', text("app/startup.cpp"))
-        self.assertEqual(len(relative), 2)
-        beside, outside = relative
-        self.assertTrue((self.mac.app / "Contents/MacOS" / beside / "platforms/libqcocoa.dylib").is_file())
-        # Of a launcher that carries the bundle in its Contents/Helpers.
-        nested = os.path.normpath(f"Launcher.app/Contents/Helpers/{self.mac.app.name}/Contents/MacOS/{outside}")
-        self.assertEqual(nested, "Launcher.app/Contents/PlugIns")
-        self.assertEqual((self.mac.app / "Contents/Resources/qt.conf").read_text(encoding="utf-8"),
-                         "[Paths]\nPlugins = PlugIns\n")
-
-    def test_every_name_leads_into_the_bundle(self):
-        self.package()
-        binaries = self.mac.packaged()
-        loads = {name for binary in binaries.values() for name in binary["loads"]}
-        self.assertEqual({name for name in loads if not name.startswith(("/usr/lib/", "/System/"))}, {
-            "@rpath/QtCore.framework/Versions/A/QtCore", "@rpath/QtGui.framework/Versions/A/QtGui",
-            "@rpath/libavcodec.62.dylib", "@rpath/libavutil.60.dylib", "@rpath/libsharpyuv.0.dylib",
-            "@rpath/libwebp.7.dylib"})
-        for name, binary in binaries.items():
-            self.assertEqual(binary["rpaths"], [RPATH] if name.startswith("MacOS/") else [], name)
-            if name.startswith("Frameworks/"):
-                self.assertEqual(binary["id"], "@rpath/" + name[len("Frameworks/") :])
-
-    def test_build_is_left_alone(self):
-        before = self.mac.executable.read_bytes()
-        self.package()
-        built = self.mac.tree / "build/release/bin/orvantis-recorder.app"
-        self.assertEqual((built / "Contents/MacOS/orvantis-recorder").read_bytes(), before)
-        self.assertFalse((built / "Contents/Frameworks").exists())
 
     def test_twice_gives_the_same(self):
         self.package()
@@ -275,15 +289,9 @@ class Packaging(unittest.TestCase):
         self.mac.binary(self.mac.executable, "", [], [])
         self.refused("has the run-time paths [] instead of")
 
-    def test_ad_hoc_is_signed_and_warned_of(self):
-        run = self.package()
-        self.assertEqual(set(map(tuple, self.signatures().values())), {("-", None, None)})
-        self.assertIn("warning: signed ad hoc", run.stderr)
-        self.assertEqual(self.mac.calls("xcrun"), [])
-
     def test_identity_brings_the_hardened_runtime(self):
         run = self.package("--sign", IDENTITY)
-        signatures = self.signatures()
+        signatures = self.mac.signatures()
         self.assertEqual(signatures.pop("MacOS/orvantis-recorder"),
                          [IDENTITY, "runtime", "app/macos/orvantis-recorder.entitlements"])
         self.assertEqual(set(map(tuple, signatures.values())), {(IDENTITY, "runtime", None)})
@@ -293,7 +301,7 @@ class Packaging(unittest.TestCase):
 
     def test_identity_of_the_environment(self):
         self.package(ORVANTIS_SIGN_IDENTITY=IDENTITY)
-        self.assertEqual(self.signatures()["Frameworks/libwebp.7.dylib"], [IDENTITY, "runtime", None])
+        self.assertEqual(self.mac.signatures()["Frameworks/libwebp.7.dylib"], [IDENTITY, "runtime", None])
 
     def test_notarised(self):
         self.package("--sign", IDENTITY, "--notarise", "shop")
