@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -19,7 +20,11 @@ public:
         macsim::answers().request = permission == "granted";
     }
 
-    ~Simulated()
+    /// On a thread of its own: what belongs to the main thread alone is gone by now.
+    ~Simulated() { std::thread(tell).join(); }
+
+private:
+    static void tell()
     {
         const macsim::Record record = macsim::record();
         for (const long policy : record.activationPolicies)

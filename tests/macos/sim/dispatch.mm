@@ -42,20 +42,25 @@ struct SemaphoreBody : macsim::ledger::Body {
     }
 };
 
+struct Work {
+    std::function<void()> run;
+    std::shared_ptr<macsim::system::Running> running; ///< until all that the work held is given back
+};
+
 /// What a queue and its thread share. The thread ends when the queue is gone and all its work is done.
 struct Line {
     std::mutex mutex;
     std::condition_variable changed;
-    std::deque<std::function<void()>> work;
+    std::deque<Work> work;
     bool closed = false;
 
-    /// The next piece of work; empty at the end.
-    std::function<void()> take()
+    /// The next piece of work; nothing at the end.
+    std::optional<Work> take()
     {
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return closed || !work.empty(); });
         if (work.empty())
-            return nullptr;
+            return std::nullopt;
         auto next = std::move(work.front());
         work.pop_front();
         return next;
@@ -78,8 +83,8 @@ void runLine(const std::shared_ptr<Line>& line)
 {
     while (auto work = line->take()) {
         @autoreleasepool {
-            work();
-            work = nullptr;
+            work->run();
+            work->run = nullptr;
         }
     }
 }
@@ -131,8 +136,7 @@ void macsim::runOnQueue(id queue, std::function<void()> work)
 {
     const auto line = bodyOf<QueueBody>(queue)->line;
     const std::scoped_lock lock(line->mutex);
-    line->work.push_back(
-        [work = std::move(work), running = std::make_shared<system::Running>()]() mutable { work(); });
+    line->work.push_back({std::move(work), std::make_shared<system::Running>()});
     line->changed.notify_all();
 }
 

@@ -138,7 +138,13 @@ __attribute__((objc_root_class)) @interface SimGone {
 
 @end
 
+/// Pools are the system's own matter: they are not in the book.
 @implementation NSAutoreleasePool
+
++ (instancetype)alloc
+{
+    return class_createInstance(self, 0);
+}
 
 - (instancetype)init
 {
@@ -156,7 +162,7 @@ __attribute__((objc_root_class)) @interface SimGone {
     pools.pop_back();
     for (id object : objects)
         [object release];
-    [self release];
+    std::free(self);
 }
 
 @end

@@ -32,7 +32,7 @@ struct Output {
 
 struct StreamBody : macsim::ledger::Body {
     std::mutex mutex; // guards the rest
-    id delegate = nil; // not kept
+    id delegate = nil; // not kept, as a weak reference is not
     std::vector<Output> outputs;
     bool running = false;
     bool stopAsked = false;
@@ -150,13 +150,10 @@ void tellDelegate(const Strong& stream, const macsim::Outcome& error)
 {
     const auto body = bodyOf<StreamBody>(stream.get());
     body->setRunning(false);
-    if (!body->delegate)
+    if (!macsim::ledger::retainIfAlive(body->delegate))
         return;
-    if (!macsim::ledger::isAlive(body->delegate)) {
-        macsim::ledger::fault("the delegate of a stream is gone");
-        return;
-    }
-    [static_cast<id<SCStreamDelegate>>(body->delegate) stream:stream.get() didStopWithError:macsim::makeError(error)];
+    const Strong delegate = Strong::adopt(body->delegate);
+    [static_cast<id<SCStreamDelegate>>(delegate.get()) stream:stream.get() didStopWithError:macsim::makeError(error)];
 }
 
 bool isOutput(id object)

@@ -173,11 +173,8 @@ std::string verdict()
         text += std::to_string(streams) + " streams still run\n";
     if (const int held = heldAnswers())
         text += std::to_string(held) + " answers are held\n";
-    for (const auto& [name, count] : ledger::live()) {
-        if (name == "NSAutoreleasePool") // the system's threads have theirs
-            continue;
+    for (const auto& [name, count] : ledger::live())
         text += "not released: " + std::to_string(count) + " " + name + "\n";
-    }
     return text;
 }
 
