@@ -31,8 +31,12 @@ struct Census::Data {
 
 namespace {
 
-/// How long an answer of the X server holds for the judge: streams come in bursts.
+using Clock = std::chrono::steady_clock;
+
+/// How long an answer of the X server holds for the judge, for streams come in bursts: this long, or this many times
+/// what it took, so that a server that hangs holds up the sound only once in a while.
 constexpr std::chrono::milliseconds windowMemory{200};
+constexpr int windowMemoryPerWait = 10;
 
 /// The id of the sandbox that a process runs in; empty outside of one.
 QString sandboxId(qint64 pid)
@@ -165,17 +169,18 @@ struct Judge::Impl {
     std::shared_ptr<const Census> census;
     std::map<Identity, soundancestry::Application> applications;
     std::set<qint64> windowOwners;
-    std::optional<std::chrono::steady_clock::time_point> asked; // for windowOwners
+    std::optional<Clock::time_point> staleFrom; // windowOwners; nothing before the first answer
 };
 
 bool Judge::Impl::ownsWindow(const Identity& process)
 {
-    const auto isFresh = [this] { return asked && std::chrono::steady_clock::now() - *asked < windowMemory; };
-    if (!isFresh()) {
+    const Clock::time_point begin = Clock::now();
+    if (!staleFrom || begin >= *staleFrom) {
         windowOwners.clear();
         for (const windowowners::Owner& owner : windowowners::find())
             windowOwners.insert(owner.processId);
-        asked = std::chrono::steady_clock::now();
+        const Clock::time_point end = Clock::now();
+        staleFrom = end + std::max<Clock::duration>(windowMemory, windowMemoryPerWait * (end - begin));
     }
     return windowOwners.count(process.pid) > 0;
 }

@@ -5,6 +5,7 @@
 #include "privatetempdir.h"
 #include "x11fixture.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QSet>
@@ -114,6 +115,7 @@ private Q_SLOTS:
     void serverThatDoesNotKnowProcesses();
     void noDisplay();
     void deadServer();
+    void serverThatHangs();
 
     void everyProcessOnce();
     void ordinaryProcessHasNoName();
@@ -226,6 +228,30 @@ void SoundOwnersTest::deadServer()
     QVERIFY(windowowners::find().empty());
     const auto census = Census::take({});
     QVERIFY(find(*census, ::getpid()));
+}
+
+/// It is waited for once, and what is known without it still counts.
+void SoundOwnersTest::serverThatHangs()
+{
+    const WindowProcess window;
+    const Idler wanted;
+    const auto census = Census::take({});
+    Judge judge(census, allBut(*census, {wanted.pid()}));
+    const Idler first;
+    const Idler second;
+    ::kill(pid_t(display_->server.pid()), SIGSTOP);
+    QElapsedTimer waiting;
+    waiting.start();
+    QVERIFY(!judge.hears(window.pid()) && judge.hears(wanted.pid()));
+    const qint64 before = waiting.elapsed();
+    QVERIFY(judge.hears(first.pid()));
+    const qint64 once = waiting.elapsed() - before;
+    for (int i = 0; i < 5; ++i)
+        QVERIFY(judge.hears(second.pid()));
+    const qint64 more = waiting.elapsed() - before - once;
+    ::kill(pid_t(display_->server.pid()), SIGCONT);
+    QVERIFY(before < once);
+    QVERIFY(more < once);
 }
 
 void SoundOwnersTest::everyProcessOnce()
