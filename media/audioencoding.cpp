@@ -6,6 +6,7 @@
 #include "audioalignment.h"
 #include "audioencoderchoice.h"
 #include "averror.h"
+#include "packetwriting.h"
 #include "recorderaudiocapture.h"
 
 #include <QDebug>
@@ -267,17 +268,7 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
             qWarning() << receiveError << avErrorString(status);
             return false;
         }
-        packet->stream_index = audioStream->index;
-        av_packet_rescale_ts(packet.get(), audioCodecContext->time_base, audioStream->time_base);
-        if (packet->duration < 1) {
-            const int64_t duration
-                = av_rescale_q(missingDuration, audioCodecContext->time_base, audioStream->time_base);
-            packet->duration = std::max<int64_t>(duration, 1);
-        }
-        status = av_interleaved_write_frame(formatContext, packet.get());
-        if (formatContext->pb)
-            avio_flush(formatContext->pb); // the file on disk stays current while the recording runs
-        av_packet_unref(packet.get());
+        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration);
         if (status < 0) {
             qWarning() << writeError << avErrorString(status);
             return false;

@@ -49,6 +49,7 @@ QByteArray GstRecorder::outputFileName() const
 
 bool GstRecorder::openOutput()
 {
+    av_log_set_level(AV_LOG_ERROR); // what encoders tell beyond errors is no business of the launcher's
     QDir().mkpath(QFileInfo(outputPath).absolutePath());
     if (!allocateContainer())
         return false;

@@ -3,12 +3,11 @@
 #include "gstrecorder.h"
 
 #include "averror.h"
-#include "encoderchoice.h"
 #include "pacing.h"
+#include "packetwriting.h"
 
 #include <QDebug>
 
-#include <algorithm>
 #include <cstring>
 
 bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
@@ -82,17 +81,7 @@ bool GstRecorder::writeVideoPackets(const char* receiveError, const char* writeE
             qCritical() << receiveError << avErrorString(status);
             return false;
         }
-        packet->stream_index = videoStream->index;
-        av_packet_rescale_ts(packet.get(), videoCodecContext->time_base, videoStream->time_base);
-        if (packet->duration < 1) {
-            const int64_t oneFrame
-                = av_rescale_q(pacing::frameIntervalMs, encoderchoice::codecTimeBase, videoStream->time_base);
-            packet->duration = std::max<int64_t>(oneFrame, 1);
-        }
-        status = av_interleaved_write_frame(formatContext, packet.get());
-        if (formatContext->pb)
-            avio_flush(formatContext->pb); // the file on disk stays current while the recording runs
-        av_packet_unref(packet.get());
+        status = writePacket(*packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs);
         if (status < 0) {
             qCritical() << writeError << avErrorString(status);
             return false;
