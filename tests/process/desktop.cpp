@@ -195,6 +195,15 @@ void Desktop::setProperty(quint32 window, const QByteArray& name, const QList<qu
     impl_->synchronise();
 }
 
+quint32 Desktop::titled(const QString& text) const
+{
+    for (const quint32 window : children(root())) {
+        if (isViewable(window) && stringProperty(window, "_NET_WM_NAME").contains(text))
+            return window;
+    }
+    return 0;
+}
+
 quint32 Desktop::root() const
 {
     return impl_->screen->root;

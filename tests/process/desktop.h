@@ -46,6 +46,8 @@ public:
     QList<quint32> property(quint32 window, const QByteArray& name) const;
     QString stringProperty(quint32 window, const QByteArray& name) const;
     void setProperty(quint32 window, const QByteArray& name, const QList<quint32>& numbers);
+    /// A visible top-level window whose _NET_WM_NAME contains a text; 0 when there is none.
+    quint32 titled(const QString& text) const;
     quint32 root() const;
     QList<quint32> children(quint32 window) const;
 

@@ -107,13 +107,7 @@ void RealWindowsTest::initTestCase()
 
 quint32 RealWindowsTest::browserWindow() const
 {
-    const QList<quint32> windows = desktop_->children(desktop_->root());
-    for (const quint32 window : windows) {
-        if (desktop_->isViewable(window)
-            && desktop_->stringProperty(window, "_NET_WM_NAME").contains(QLatin1String("orvantis test page")))
-            return window;
-    }
-    return 0;
+    return desktop_->titled(QStringLiteral("orvantis test page"));
 }
 
 void RealWindowsTest::startBrowser(QProcess& browser, const PrivateTempDir& directory) const
