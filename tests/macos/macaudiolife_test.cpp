@@ -52,12 +52,15 @@ private:
     std::thread thread_;
 };
 
-/// Holds one delivery inside the program until it is let go.
+/// Holds the first delivery until it is let go.
 class Gate {
 public:
-    Gate()
+    enum class Where { BeforeTheProgram, InTheProgram };
+
+    explicit Gate(Where where)
     {
-        answers().samplesAsked = [this] {
+        auto& place = where == Where::InTheProgram ? answers().samplesAsked : answers().beforeDelivery;
+        place = [this] {
             if (reached_.exchange(true))
                 return;
             inside_.set_value();
@@ -119,6 +122,8 @@ private Q_SLOTS:
     void chunksSurviveStop();
 
     void destructionWaitsForADelivery();
+    void deliveryOnTheQueueAtDestruction_data();
+    void deliveryOnTheQueueAtDestruction();
     void stopDuringADelivery();
     void destructionInAFlood_data();
     void destructionInAFlood();
@@ -456,7 +461,7 @@ void MacAudioLifeTest::chunksSurviveStop()
 void MacAudioLifeTest::destructionWaitsForADelivery()
 {
     auto capture = started();
-    Gate gate;
+    Gate gate(Gate::Where::InTheProgram);
     auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
     gate.waitForDelivery();
     auto destruction = std::async(std::launch::async, [&capture] { capture.reset(); });
@@ -466,10 +471,32 @@ void MacAudioLifeTest::destructionWaitsForADelivery()
     delivery.wait();
 }
 
+void MacAudioLifeTest::deliveryOnTheQueueAtDestruction_data()
+{
+    QTest::addColumn<bool>("kept");
+    QTest::newRow("outputs not kept") << false;
+    QTest::newRow("outputs kept") << true;
+}
+
+void MacAudioLifeTest::deliveryOnTheQueueAtDestruction()
+{
+    QFETCH(const bool, kept);
+    answers().streamKeepsOutputs = kept;
+    auto capture = started();
+    Gate gate(Gate::Where::BeforeTheProgram);
+    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
+    gate.waitForDelivery();
+    capture.reset();
+    const auto listCalls = macsim::record().listFlags.size();
+    gate.open();
+    delivery.wait();
+    QCOMPARE(macsim::record().listFlags.size(), listCalls);
+}
+
 void MacAudioLifeTest::stopDuringADelivery()
 {
     const auto capture = started();
-    Gate gate;
+    Gate gate(Gate::Where::InTheProgram);
     auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
     gate.waitForDelivery();
     capture->stop();

@@ -95,6 +95,8 @@ struct Answers {
     std::vector<Application> applications;
     Outcome contentError;
     bool noContent = false; ///< neither content nor error
+    /// Called on the queue's thread before an output is called; may block.
+    std::function<void()> beforeDelivery;
     /// Called on the queue's thread when the program asks for the samples of a buffer; may block.
     std::function<void()> samplesAsked;
     bool noStream = false; ///< SCStream cannot be made

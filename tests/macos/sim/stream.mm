@@ -95,6 +95,8 @@ std::vector<Strong> running()
 
 void callOutput(const Output& output, id stream, const macsim::Sound& sound, long type)
 {
+    if (answers().beforeDelivery)
+        answers().beforeDelivery();
     if (!macsim::ledger::isAlive(output.object)) {
         macsim::ledger::fault("a sample for an output that is gone");
         return;
