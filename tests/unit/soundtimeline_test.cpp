@@ -104,6 +104,7 @@ private Q_SLOTS:
     void senselessBlocksAreLeftOut();
     void timeThatStandsOrRunsBackDeliversNothing();
     void longPauseOfTheReaderIsBounded();
+    void hourOfSoundNeverPilesUp();
     void beginsAnew();
     void foreignClockIsFollowed_data();
     void foreignClockIsFollowed();
@@ -311,6 +312,31 @@ void SoundTimelineTest::longPauseOfTheReaderIsBounded()
     QCOMPARE(left(timeline.deliver(startMs + 3600 * 1000)), std::vector<qint64>(10000 * 48, 0));
     appendAt(timeline, atFrame(3600 * 48000), 1, 480);
     QCOMPARE(left(timeline.deliver(startMs + 3600 * 1000 + 5)), range(1, 5 * 48));
+}
+
+/// A reader that comes every 10 to 100 ms, and once a minute only after 3 s.
+void SoundTimelineTest::hourOfSoundNeverPilesUp()
+{
+    constexpr qint64 hourMs = 3600 * 1000;
+    SoundTimeline timeline = started();
+    std::mt19937 random(11);
+    const Samples block(std::size_t(quantum) * 2, 0.25F);
+    qint64 appended = 0; // frames
+    qint64 delivered = 0;
+    qint64 most = 0; // that waited at one time
+    for (qint64 nowMs = 0; nowMs < hourMs;) {
+        nowMs += nowMs % 60000 < 100 ? 3000 : 10 + qint64(random() % 90);
+        for (; appended < nowMs * 48; appended += quantum) // each is there when its time begins
+            timeline.append({atFrame(appended), atFrame(appended)}, block);
+        most = std::max(most, appended - delivered);
+        if (const auto sound = timeline.deliver(startMs + nowMs)) {
+            delivered += qint64(sound->size() / 2);
+            QCOMPARE(delivered, nowMs * 48);
+            QVERIFY(std::all_of(sound->begin(), sound->end(), [](float sample) { return sample == 0.25F; }));
+        }
+    }
+    QVERIFY(delivered > (hourMs - 4000) * 48);
+    QVERIFY2(most <= 3100 * 48 + quantum, qPrintable(QString::number(most)));
 }
 
 void SoundTimelineTest::beginsAnew()
