@@ -70,3 +70,30 @@ def truth_window(binaries, display, width, height, repaints_per_second):
         yield int(window_id, 16)
     finally:
         end(window)
+
+
+@contextlib.contextmanager
+def private_sound(binaries):
+    """A sound server without a sound card, and a player of a tone; gives (environment, process id of the player)."""
+    server = subprocess.Popen(with_parent([binaries / "soundserver"]), stdout=subprocess.PIPE, text=True)
+    try:
+        environment = dict(os.environ)
+        for line in server.stdout:
+            name, equals, value = line.strip().partition("=")
+            if name == "ready":
+                break
+            environment.pop(name, None)
+            if equals:
+                environment[name] = value
+        else:
+            raise RuntimeError("the sound server did not start")
+        player = subprocess.Popen(with_parent([binaries / "toneplayer", "--frequency", "440"]), stdout=subprocess.PIPE,
+                                  text=True, env=environment)
+        try:
+            if player.stdout.readline().strip() != "playing":
+                raise RuntimeError("the player did not play")
+            yield environment, player.pid
+        finally:
+            end(player)
+    finally:
+        end(server)

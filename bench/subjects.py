@@ -77,16 +77,33 @@ def finish(process):
     return process.returncode, (usage.ru_utime + usage.ru_stime) * 1000
 
 
-def record_with_this(stage, directory):
-    """This recorder, started and steered as a launcher does it."""
-    output = directory / "this.mp4"
-    environment = private_environment(stage, directory)
-    with socket.socket(socket.AF_UNIX) as server, open(directory / "this.log", "wb") as log:
+def record_with_sound(stage, directory):
+    """This recorder, with the sound of one application."""
+    with desktop.private_sound(stage.binaries) as (sound, player):
+        environment = {**sound, "DISPLAY": stage.display, "TMPDIR": str(directory)}
+        recording = record_with_this(stage, directory, "sound", environment, f"app-pid:{player}")
+    if not has_sound(recording.file):
+        raise RuntimeError("the recording has no sound")
+    return recording
+
+
+def has_sound(file):
+    command = ["ffprobe", "-v", "error", "-select_streams", "a", "-count_packets", "-show_entries",
+               "stream=nb_read_packets", "-of", "csv=p=0", f"file:{file}"]
+    return int(subprocess.run(command, capture_output=True, text=True, check=True).stdout or "0") > 0
+
+
+def record_with_this(stage, directory, name="this", environment=None, audio_source=""):
+    """This recorder, started and steered as a launcher does it; without an environment there is no sound to record."""
+    output = directory / f"{name}.mp4"
+    environment = environment or private_environment(stage, directory)
+    (directory / "orvantis-recorder").unlink(missing_ok=True)  # a socket that an earlier recording left
+    with socket.socket(socket.AF_UNIX) as server, open(directory / f"{name}.log", "wb") as log:
         server.bind(str(directory / "orvantis-recorder"))
         server.listen(1)
         server.settimeout(desktop.START_LIMIT_S)
         command = [stage.binaries / "orvantis-recorder", directory, "qt-window-capture", output, stage.window_id, 0, 0,
-                   stage.width, stage.height, "1.0", ""]
+                   stage.width, stage.height, "1.0", audio_source]
         started = time.monotonic()
         recorder = subprocess.Popen(desktop.with_parent(map(str, command)), env=environment, stderr=log)
         try:
