@@ -104,8 +104,9 @@ bool BeepPlayer::Impl::connect(const QByteArray& name)
         handlers.process = onProcess;
         return handlers;
     }();
-    context = pw_context_new(
-        pw_thread_loop_get_loop(loop), pw_properties_new(PW_KEY_APP_NAME, name.constData(), nullptr), 0);
+    // With a data thread that runs in real time where the system allows it: a late one would leave a beep out.
+    context = pw_context_new(pw_thread_loop_get_loop(loop),
+        pw_properties_new(PW_KEY_APP_NAME, name.constData(), PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0);
     pw_core* const core = context ? pw_context_connect(context, nullptr, 0) : nullptr;
     if (!core)
         return false;
