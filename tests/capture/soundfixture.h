@@ -81,6 +81,21 @@ inline bool hears(SoundPuller& puller, double frequency)
     return false;
 }
 
+/// The next sound, channels alternating, whose left side is the steady tone that was played; after many tries what
+/// came last. On a machine that is busy elsewhere players and server miss cycles now and then; a capture that loses
+/// sound does so every time.
+inline std::vector<float> cleanSound(SoundPuller& puller, int ms, double frequency)
+{
+    std::vector<float> sound;
+    for (int i = 0; i < 20; ++i) {
+        sound = puller.listen(ms);
+        const std::vector<float> left = soundanalysis::channelOf(sound, 2, 0);
+        if (isFull(levelDb(left, frequency)) && soundanalysis::toneFaults(left, 48000, frequency).empty())
+            break;
+    }
+    return sound;
+}
+
 inline bool isSilent(const std::vector<float>& sound)
 {
     return !sound.empty() && soundanalysis::peakDb(sound) == soundanalysis::silenceDb;
