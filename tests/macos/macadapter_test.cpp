@@ -41,7 +41,7 @@ struct Answer {
     }
 };
 
-}
+} // namespace
 
 class MacAdapterTest : public QObject {
     Q_OBJECT
@@ -56,12 +56,16 @@ private Q_SLOTS:
     void contentOutlivesItsRequest();
     void streamThatWasNeverStarted();
     void streamThatRunsIsStoppedAtItsEnd();
+    void stopWhileAStartIsPending_data();
+    void stopWhileAStartIsPending();
     void outputServesOneStreamAfterTheOther();
     void outputMayGoFirst();
     void samplesOutliveTheDelivery();
     void semaphoreCounts();
     void executableOfAHugeProcessId();
     void imagesOfTwoWindows();
+    void boundsThatCannotBeTold_data();
+    void boundsThatCannotBeTold();
 
 private:
     std::optional<MacBench> bench_;
@@ -172,6 +176,38 @@ void MacAdapterTest::streamThatRunsIsStoppedAtItsEnd()
     QCOMPARE(macsim::runningStreams(), 0);
 }
 
+void MacAdapterTest::stopWhileAStartIsPending_data()
+{
+    QTest::addColumn<bool>("destroyed");
+    QTest::newRow("the stream is there when they answer") << false;
+    QTest::newRow("the stream is gone when they answer") << true;
+}
+
+void MacAdapterTest::stopWhileAStartIsPending()
+{
+    QFETCH(const bool, destroyed);
+    answers().start = macsim::When::Held;
+    answers().stop = macsim::When::Held;
+    platform::AudioOutput output(nobody());
+    platform::AudioQueue queue("queue");
+    auto stream = std::make_unique<platform::AudioStream>(
+        platform::AudioFilter{content(), 0, std::nullopt}, configuration, output);
+    std::optional<QString> error;
+    QVERIFY(stream->addStreamOutput(output, queue, &error));
+    Answer start;
+    Answer stop;
+    stream->startCapture(start.completion());
+    stream->stopCapture(stop.completion());
+    if (destroyed)
+        stream.reset();
+    QVERIFY(macsim::answerHeld(macsim::Call::Start));
+    QVERIFY(macsim::answerHeld(macsim::Call::Stop));
+    QCOMPARE(start.calls, 1);
+    QCOMPARE(stop.calls, 1);
+    stream.reset();
+    QCOMPARE(macsim::record().stops, 1);
+}
+
 void MacAdapterTest::outputServesOneStreamAfterTheOther()
 {
     answers().start = macsim::When::AtOnce;
@@ -259,6 +295,26 @@ void MacAdapterTest::imagesOfTwoWindows()
     QCOMPARE(one.image().pixel(0, 0), 0xff000001U);
     QCOMPARE(two.image().pixel(1, 1), 0xff000002U);
     QCOMPARE(one.image().format(), QImage::Format_ARGB32_Premultiplied);
+}
+
+void MacAdapterTest::boundsThatCannotBeTold_data()
+{
+    using macsim::WindowInfo;
+    QTest::addColumn<int>("info");
+    QTest::newRow("no array") << int(WindowInfo::NoArray);
+    QTest::newRow("empty array") << int(WindowInfo::EmptyArray);
+    QTest::newRow("null element") << int(WindowInfo::NullElement);
+    QTest::newRow("no bounds") << int(WindowInfo::NoBounds);
+    QTest::newRow("malformed bounds") << int(WindowInfo::MalformedBounds);
+}
+
+void MacAdapterTest::boundsThatCannotBeTold()
+{
+    QFETCH(const int, info);
+    platform::WindowSource window(1);
+    QCOMPARE(window.bounds(), std::optional<QRectF>(QRectF(10, 20, 40, 30)));
+    answers().windowInfo = macsim::WindowInfo(info);
+    QVERIFY(!window.bounds());
 }
 
 QTEST_GUILESS_MAIN(MacAdapterTest)

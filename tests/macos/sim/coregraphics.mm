@@ -150,6 +150,8 @@ void CFRelease(CFTypeRef object)
 
 CFIndex CFArrayGetCount(CFArrayRef array)
 {
+    if (!array)
+        macsim::ledger::fault("CFArrayGetCount() of nothing");
     return CFIndex([static_cast<NSArray*>(objectAt(array)) count]);
 }
 
