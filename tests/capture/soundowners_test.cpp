@@ -305,7 +305,8 @@ void SoundOwnersTest::processOfAnotherUser()
     QTRY_VERIFY(isForeign());
     QVERIFY(!find(*Census::take({}), pid));
     const processtable::Processes processes = processtable::readAll();
-    for (const platform::AudioApplication& application : Census::take({})->applications()) {
+    const auto census = Census::take({});
+    for (const platform::AudioApplication& application : census->applications()) {
         const auto process = processes.find(application.processId);
         QVERIFY(process == processes.end() || process->second.user == qint64(::geteuid()));
     }
