@@ -71,14 +71,21 @@ inline bool isFull(double levelDb)
     return std::abs(levelDb - playedDb) < 0.2;
 }
 
-/// The tone is there, as it was played: waits until it is.
-inline bool hears(SoundPuller& puller, double frequency)
+/// Listens until it sounds right. (QTRY_VERIFY would listen once more after that.)
+template <typename Condition>
+bool comesTrue(Condition soundsRight)
 {
     for (int i = 0; i < limitMs / 200; ++i) {
-        if (isFull(puller.levelDb(frequency)))
+        if (soundsRight())
             return true;
     }
     return false;
+}
+
+/// The tone is there, as it was played: waits until it is.
+inline bool hears(SoundPuller& puller, double frequency)
+{
+    return comesTrue([&] { return isFull(puller.levelDb(frequency)); });
 }
 
 /// The next sound, channels alternating, whose left side is the steady tone that was played; after many tries what
@@ -104,11 +111,7 @@ inline bool isSilent(const std::vector<float>& sound)
 /// Silence, sample by sample: waits until it is.
 inline bool hearsNothing(SoundPuller& puller)
 {
-    for (int i = 0; i < limitMs / 200; ++i) {
-        if (isSilent(puller.listen(200)))
-            return true;
-    }
-    return false;
+    return comesTrue([&] { return isSilent(puller.listen(200)); });
 }
 
 }
