@@ -88,7 +88,7 @@ std::unique_ptr<RecorderAudioCapture> MacAudioTest::configured(const QString& de
     return capture;
 }
 
-// ---- what is captured ------------------------------------------------------------------------------------------
+// ---- what is captured -------------------------------------------------------------------------------------------
 
 void MacAudioTest::displaySound()
 {
@@ -243,7 +243,7 @@ void MacAudioTest::pidBeyond32Bits()
     QVERIFY(macsim::record().streams.empty());
 }
 
-// ---- failures --------------------------------------------------------------------------------------------------
+// ---- failures ---------------------------------------------------------------------------------------------------
 
 void MacAudioTest::lookupFails_data()
 {

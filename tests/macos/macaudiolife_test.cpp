@@ -1,10 +1,5 @@
 // The life of a sound stream: start, stop, what never answers or answers late, and what is delivered meanwhile.
-#include "macbench.h"
-#include "recorderaudiocapture.h"
-
-#include <atomic>
-#include <future>
-#include <thread>
+#include "macsound.h"
 
 using macsim::answers;
 using macsim::Call;
@@ -16,71 +11,6 @@ const QString startedLine
     = QStringLiteral("macOS ScreenCaptureKit audio capture started sample rate 48000 channels 2");
 const QString startTimedOutLine = QStringLiteral("macOS ScreenCaptureKit audio capture start timed out.");
 const QString stoppedPrefix = QStringLiteral("macOS ScreenCaptureKit audio stream stopped: ");
-
-const macsim::Sound twoFrames = macsim::stereoSound({1, 2, 3, 4});
-
-/// Delivers all the time, on a thread of its own.
-class Flood {
-public:
-    Flood()
-        : thread_([this] {
-              while (!ended_)
-                  delivered_ += macsim::deliver(twoFrames) ? 1 : 0;
-          })
-    {
-    }
-    ~Flood()
-    {
-        ended_ = true;
-        thread_.join();
-    }
-    Flood(const Flood&) = delete;
-    Flood& operator=(const Flood&) = delete;
-
-    /// Waits for some deliveries from now on.
-    bool goesOn() const
-    {
-        const int before = delivered_;
-        for (int ms = 0; ms < patienceMs && delivered_ < before + 4; ++ms)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return delivered_ >= before + 4;
-    }
-
-private:
-    std::atomic<bool> ended_{false};
-    std::atomic<int> delivered_{0};
-    std::thread thread_;
-};
-
-/// Holds the first delivery until it is let go.
-class Gate {
-public:
-    enum class Where { BeforeTheProgram, InTheProgram };
-
-    explicit Gate(Where where)
-    {
-        auto& place = where == Where::InTheProgram ? answers().samplesAsked : answers().beforeDelivery;
-        place = [this] {
-            if (reached_.exchange(true))
-                return;
-            inside_.set_value();
-            open_.get_future().wait();
-        };
-    }
-
-    void waitForDelivery() { inside_.get_future().wait(); }
-    void open() { open_.set_value(); }
-
-private:
-    std::atomic<bool> reached_{false};
-    std::promise<void> inside_;
-    std::promise<void> open_;
-};
-
-bool isReady(const std::future<void>& future, int withinMs)
-{
-    return future.wait_for(std::chrono::milliseconds(withinMs)) == std::future_status::ready;
-}
 
 }
 
@@ -121,18 +51,8 @@ private Q_SLOTS:
     void pictureIsIgnored();
     void chunksSurviveStop();
 
-    void destructionWaitsForADelivery();
-    void deliveryOnTheQueueAtDestruction_data();
-    void deliveryOnTheQueueAtDestruction();
-    void stopDuringADelivery();
-    void destructionInAFlood_data();
-    void destructionInAFlood();
-    void stopInAFlood();
-    void destructionWhileTheStreamEnds();
-
 private:
-    /// A capture of the display, configured and started.
-    std::unique_ptr<RecorderAudioCapture> started();
+    std::unique_ptr<RecorderAudioCapture> started() const { return startedCapture(*bench_); }
 
     std::optional<MacBench> bench_;
 };
@@ -148,15 +68,7 @@ void MacAudioLifeTest::cleanup()
     bench_.reset();
 }
 
-std::unique_ptr<RecorderAudioCapture> MacAudioLifeTest::started()
-{
-    auto capture = std::make_unique<RecorderAudioCapture>(QString());
-    if (!capture->start())
-        qFatal("not started: %s", qUtf8Printable(bench_->log.messages().join(QLatin1Char('\n'))));
-    return capture;
-}
-
-// ---- in order --------------------------------------------------------------------------------------------------
+// ---- in order ---------------------------------------------------------------------------------------------------
 
 void MacAudioLifeTest::startAndStop_data()
 {
@@ -227,7 +139,7 @@ void MacAudioLifeTest::outputsKeptByTheStream()
     QCOMPARE(macsim::live("SCStream"), 0);
 }
 
-// ---- start -----------------------------------------------------------------------------------------------------
+// ---- start ------------------------------------------------------------------------------------------------------
 
 void MacAudioLifeTest::startFails_data()
 {
@@ -343,7 +255,7 @@ void MacAudioLifeTest::secondTryAfterATimeOut()
     QCOMPARE(macsim::runningStreams(), 0);
 }
 
-// ---- stop ------------------------------------------------------------------------------------------------------
+// ---- stop -------------------------------------------------------------------------------------------------------
 
 void MacAudioLifeTest::stopFails_data()
 {
@@ -412,7 +324,7 @@ void MacAudioLifeTest::endAfterDestruction()
     QVERIFY(macsim::answerHeld(Call::Stop));
 }
 
-// ---- while it runs ---------------------------------------------------------------------------------------------
+// ---- while it runs ----------------------------------------------------------------------------------------------
 
 void MacAudioLifeTest::streamEndsByItself_data()
 {
@@ -454,97 +366,6 @@ void MacAudioLifeTest::chunksSurviveStop()
     QCOMPARE(chunks.size(), 1);
     QCOMPARE(chunks[0].frames, 2);
     QCOMPARE(chunks[0].pcm, QByteArray("\1\0\2\0\3\0\4\0", 8));
-}
-
-// ---- at the same time ------------------------------------------------------------------------------------------
-
-void MacAudioLifeTest::destructionWaitsForADelivery()
-{
-    auto capture = started();
-    Gate gate(Gate::Where::InTheProgram);
-    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
-    gate.waitForDelivery();
-    auto destruction = std::async(std::launch::async, [&capture] { capture.reset(); });
-    QVERIFY(!isReady(destruction, 300));
-    gate.open();
-    destruction.wait();
-    delivery.wait();
-}
-
-void MacAudioLifeTest::deliveryOnTheQueueAtDestruction_data()
-{
-    QTest::addColumn<bool>("kept");
-    QTest::newRow("outputs not kept") << false;
-    QTest::newRow("outputs kept") << true;
-}
-
-void MacAudioLifeTest::deliveryOnTheQueueAtDestruction()
-{
-    QFETCH(const bool, kept);
-    answers().streamKeepsOutputs = kept;
-    auto capture = started();
-    Gate gate(Gate::Where::BeforeTheProgram);
-    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
-    gate.waitForDelivery();
-    capture.reset();
-    const auto listCalls = macsim::record().listFlags.size();
-    gate.open();
-    delivery.wait();
-    QCOMPARE(macsim::record().listFlags.size(), listCalls);
-}
-
-void MacAudioLifeTest::stopDuringADelivery()
-{
-    const auto capture = started();
-    Gate gate(Gate::Where::InTheProgram);
-    auto delivery = std::async(std::launch::async, [] { macsim::deliver(twoFrames); });
-    gate.waitForDelivery();
-    capture->stop();
-    QVERIFY(!isReady(delivery, 0));
-    gate.open();
-    delivery.wait();
-    QCOMPARE(capture->readAvailable().size(), 1); // it was under way
-}
-
-void MacAudioLifeTest::destructionInAFlood_data()
-{
-    QTest::addColumn<bool>("kept");
-    QTest::newRow("outputs not kept") << false;
-    QTest::newRow("outputs kept") << true;
-}
-
-void MacAudioLifeTest::destructionInAFlood()
-{
-    QFETCH(const bool, kept);
-    answers().streamKeepsOutputs = kept;
-    const Flood flood;
-    for (int i = 0; i < 30; ++i) {
-        auto capture = started();
-        QVERIFY(flood.goesOn());
-        capture.reset();
-    }
-}
-
-void MacAudioLifeTest::stopInAFlood()
-{
-    const auto capture = started();
-    const Flood flood;
-    for (int i = 0; i < 30; ++i) {
-        QVERIFY(flood.goesOn());
-        capture->stop();
-        QVERIFY(capture->start());
-    }
-    QVERIFY(!capture->readAvailable().isEmpty());
-}
-
-void MacAudioLifeTest::destructionWhileTheStreamEnds()
-{
-    for (int i = 0; i < 50; ++i) {
-        auto capture = started();
-        auto end = std::async(std::launch::async, [] { macsim::endStreams(macsim::Error("gone")); });
-        capture.reset();
-        end.wait();
-    }
 }
 
 QTEST_GUILESS_MAIN(MacAudioLifeTest)

@@ -119,8 +119,9 @@ void MacProcessTest::permissionProcess()
     const QByteArray allowed = exitCode == 0 ? "true" : "false";
     QVERIFY2(errors.contains("recorder permission preflight completed screenCaptureAllowed " + allowed + "\n"),
         errors.constData());
-    // Nothing of the system is left: the account ends the text.
-    QVERIFY2(errors.endsWith("simulated: activation policy 1\nsimulated: " + asked + "\n"), errors.constData());
+    QVERIFY2(
+        errors.contains("simulated: activation policy 1\nsimulated: " + asked + "\nsimulated: nothing is wrong\n"),
+        errors.constData());
 }
 
 void MacProcessTest::accessory()

@@ -68,7 +68,7 @@ void MacWindowTest::cleanup()
     bench_.reset();
 }
 
-// ---- permission ------------------------------------------------------------------------------------------------
+// ---- permission -------------------------------------------------------------------------------------------------
 
 void MacWindowTest::permissionIsHeld()
 {
@@ -108,7 +108,7 @@ void MacWindowTest::permissionIsRefused()
     QVERIFY(macsim::record().images.empty());
 }
 
-// ---- images ----------------------------------------------------------------------------------------------------
+// ---- images -----------------------------------------------------------------------------------------------------
 
 void MacWindowTest::callsAreTheRightOnes()
 {
@@ -247,7 +247,7 @@ void MacWindowTest::imageComesBack()
     QCOMPARE(image.pixel(1, 1), 0xff335577U);
 }
 
-// ---- bounds and pointer ----------------------------------------------------------------------------------------
+// ---- bounds and pointer -----------------------------------------------------------------------------------------
 
 void MacWindowTest::boundsAreRounded()
 {

@@ -29,8 +29,9 @@ private:
         const macsim::Record record = macsim::record();
         for (const long policy : record.activationPolicies)
             std::fprintf(stderr, "simulated: activation policy %ld\n", policy);
-        std::fprintf(stderr, "simulated: %d preflights, %d requests\n%s", record.preflights, record.requests,
-            macsim::verdict().c_str());
+        const std::string verdict = macsim::verdict();
+        std::fprintf(stderr, "simulated: %d preflights, %d requests\nsimulated: %s\n", record.preflights,
+            record.requests, verdict.empty() ? "nothing is wrong" : verdict.c_str());
     }
 };
 

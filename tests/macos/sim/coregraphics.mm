@@ -136,7 +136,7 @@ Picture solidPicture(std::size_t width, std::size_t height, std::uint32_t premul
 
 extern "C" {
 
-// ---- Core Foundation -----------------------------------------------------------------------------------------------
+// ---- Core Foundation --------------------------------------------------------------------------------------------
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
@@ -167,7 +167,7 @@ const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key)
     return found != body->values.end() ? found->second.get() : nullptr;
 }
 
-// ---- permission ----------------------------------------------------------------------------------------------------
+// ---- permission -------------------------------------------------------------------------------------------------
 
 bool CGPreflightScreenCaptureAccess()
 {
@@ -183,7 +183,7 @@ bool CGRequestScreenCaptureAccess()
     return answers().request;
 }
 
-// ---- windows -------------------------------------------------------------------------------------------------------
+// ---- windows ----------------------------------------------------------------------------------------------------
 
 const CFStringRef kCGWindowBounds = reinterpret_cast<CFStringRef>("kCGWindowBounds");
 
@@ -197,7 +197,8 @@ CGImageRef CGWindowListCreateImage(
     int index = 0;
     macsim::system::note([&](macsim::Record& record) {
         index = int(record.images.size());
-        record.images.push_back({std::isinf(bounds.origin.x) && std::isinf(bounds.origin.y), listOption, windowId, imageOption});
+        record.images.push_back(
+            {std::isinf(bounds.origin.x) && std::isinf(bounds.origin.y), listOption, windowId, imageOption});
     });
     auto picture = answers().picture ? answers().picture(windowId, index) : std::nullopt;
     if (!picture)
@@ -209,8 +210,7 @@ CGImageRef CGWindowListCreateImage(
 
 CFArrayRef CGWindowListCopyWindowInfo(CGWindowListOption option, CGWindowID windowId)
 {
-    macsim::system::note(
-        [&](macsim::Record& record) { record.infos.push_back({std::uint32_t(option), windowId}); });
+    macsim::system::note([&](macsim::Record& record) { record.infos.push_back({std::uint32_t(option), windowId}); });
     if (answers().windowInfo == macsim::WindowInfo::NoArray)
         return nullptr;
     NSArray* array = [NSArray alloc];
@@ -230,7 +230,7 @@ bool CGRectMakeWithDictionaryRepresentation(CFDictionaryRef dictionary, CGRect* 
     return true;
 }
 
-// ---- images and drawing --------------------------------------------------------------------------------------------
+// ---- images and drawing -----------------------------------------------------------------------------------------
 
 size_t CGImageGetWidth(CGImageRef image)
 {
@@ -294,7 +294,7 @@ void CGContextRelease(CGContextRef context)
     [objectAt(context) release];
 }
 
-// ---- the pointer ---------------------------------------------------------------------------------------------------
+// ---- the pointer ------------------------------------------------------------------------------------------------
 
 CGEventRef CGEventCreate(CGEventSourceRef)
 {

@@ -183,7 +183,8 @@ CMFormatDescriptionRef CMSampleBufferGetFormatDescription(CMSampleBufferRef buff
     return body->format ? handleOf<CMFormatDescriptionRef>(body->format->get()) : nullptr;
 }
 
-const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasicDescription(CMAudioFormatDescriptionRef format)
+const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasicDescription(
+    CMAudioFormatDescriptionRef format)
 {
     if (!format) {
         macsim::ledger::fault("asked for the description of no format");

@@ -108,8 +108,8 @@ std::chrono::nanoseconds askedLimit(dispatch_time_t until)
     return std::chrono::nanoseconds(found != limits().nanoseconds.end() ? found->second : -1);
 }
 
-/// How long a wait has gone on. What is asked for is the limit in any case; a much shorter one counts only the time in
-/// which no answer can be on its way.
+/// When a wait ends in vain: when what was asked for has passed, or, much sooner, when nothing of the system has run
+/// for a while, so that no answer can be on its way.
 class Patience {
 public:
     explicit Patience(std::chrono::nanoseconds asked) : asked_(asked) { }

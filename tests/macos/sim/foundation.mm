@@ -45,7 +45,8 @@ const bool prepared = [] {
 }
 
 /// What an object becomes at its end: it understands nothing.
-__attribute__((objc_root_class)) @interface SimGone {
+__attribute__((objc_root_class))
+@interface SimGone {
     Class isa;
 }
 @end
@@ -167,7 +168,7 @@ __attribute__((objc_root_class)) @interface SimGone {
 
 @end
 
-// ---- values --------------------------------------------------------------------------------------------------------
+// ---- values -----------------------------------------------------------------------------------------------------
 
 namespace {
 

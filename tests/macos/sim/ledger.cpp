@@ -185,13 +185,6 @@ bool blockReleased(const void* block)
     return true;
 }
 
-bool isBlock(const void* block)
-{
-    const std::scoped_lock lock(book().mutex);
-    const Entry* entry = book().block(block);
-    return entry && !entry->dead;
-}
-
 std::map<std::string, int> live()
 {
     const std::scoped_lock lock(book().mutex);

@@ -50,16 +50,13 @@ std::shared_ptr<B> bodyOf(const void* object)
     return std::static_pointer_cast<B>(body(object, [] { return std::make_shared<B>(); }));
 }
 
-// ---- blocks on the heap, counted with the objects
-// ------------------------------------------------------------------
+// ---- blocks on the heap, counted with the objects ---------------------------------------------------------------
 
 void blockBorn(const void* block);
 void blockRetained(const void* block);
 bool blockReleased(const void* block); ///< true when that was the last reference
-bool isBlock(const void* block); ///< a live one on the heap
 
-// ---- the account
-// ---------------------------------------------------------------------------------------------------
+// ---- the account ------------------------------------------------------------------------------------------------
 
 std::map<std::string, int> live(); ///< class name to objects that are not gone; blocks are "block"
 std::vector<std::string> faults();

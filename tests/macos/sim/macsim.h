@@ -14,8 +14,7 @@
 
 namespace macsim {
 
-// ---- what the system answers
-// ---------------------------------------------------------------------------------------
+// ---- what the system answers ------------------------------------------------------------------------------------
 
 struct Rect {
     double x = 0.0;
@@ -109,7 +108,7 @@ struct Answers {
     When stop = When::Soon;
     /// Whether a stream keeps its outputs alive. The documentation does not say; neither may matter.
     bool streamKeepsOutputs = false;
-/// A wait of the program ends after this time in which nothing of the system ran, whatever it asks for.
+    /// A wait of the program ends after this time in which nothing of the system ran, whatever it asks for.
     std::chrono::milliseconds longestWait{30};
 
     std::optional<std::string> bundleIdentifier; ///< of the main bundle; nothing: nil
@@ -122,8 +121,7 @@ struct Answers {
 
 Answers& answers();
 
-// ---- what the system was asked
-// -------------------------------------------------------------------------------------
+// ---- what the system was asked ----------------------------------------------------------------------------------
 
 struct ImageCall {
     bool boundsAreNull;
@@ -188,8 +186,7 @@ struct Record {
 
 Record record();
 
-// ---- what the system does
-// ------------------------------------------------------------------------------------------
+// ---- what the system does ---------------------------------------------------------------------------------------
 
 /// Lets the held answers to one kind of call go, and waits until they were given. False when there was none.
 enum class Call { Content, Start, Stop };
@@ -241,8 +238,7 @@ int runningStreams();
 /// Whether the program still holds an object of that class.
 int live(const std::string& className);
 
-// ---- the judgement
-// -------------------------------------------------------------------------------------------------
+// ---- the judgement ----------------------------------------------------------------------------------------------
 
 /// Waits until nothing runs, and tells what is wrong, one line each: objects that were not released, released twice
 /// or used when they were gone; streams that still run. Empty when all is right.
