@@ -134,11 +134,13 @@ private:
     int count_ = 0;
 };
 
-/// Appends the delivery to the queues of the stream's outputs while they cannot change.
+/// Appends the delivery to the queues of the stream's outputs, unless the stream has just been stopped.
 void deliverFrom(const Strong& stream, const macsim::Sound& sound, long type, const std::shared_ptr<Remaining>& left)
 {
     const auto body = bodyOf<StreamBody>(stream.get());
     const std::scoped_lock lock(body->mutex);
+    if (!body->running)
+        return;
     for (const Output& output : body->outputs) {
         left->add();
         macsim::runOnQueue(output.queue.get(), [output, stream, sound, type, left] {
