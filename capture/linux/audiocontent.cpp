@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <stop_token>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -140,15 +141,21 @@ void lookUp(const std::stop_token& stop, const AudioContentCompletion& completio
 /// The threads of the requests. They are asked to stop, and awaited, when the process ends.
 class LookUps {
 public:
-    void start(AudioContentCompletion completion)
+    void start(const AudioContentCompletion& completion)
     {
         const std::lock_guard lock(mutex_);
         running_.remove_if([](const Running& running) { return running.finished.load(); });
         Running& running = running_.emplace_back();
-        running.thread = std::jthread([&running, completion = std::move(completion)](const std::stop_token& stop) {
+        const auto work = [&running, completion](const std::stop_token& stop) {
             lookUp(stop, completion);
             running.finished = true;
-        });
+        };
+        try {
+            running.thread = std::jthread(work);
+        } catch (const std::system_error& error) { // no thread is to be had
+            running_.pop_back();
+            completion(nullptr, QString::fromLocal8Bit(error.what()));
+        }
     }
 
 private:
@@ -167,7 +174,7 @@ void requestAudioContent(
     bool /*excludeDesktopWindows*/, bool /*onScreenWindowsOnly*/, AudioContentCompletion completion)
 {
     static LookUps lookUps;
-    lookUps.start(std::move(completion));
+    lookUps.start(completion);
 }
 
 QString executablePath(qint64 processId)

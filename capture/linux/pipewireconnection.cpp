@@ -20,12 +20,13 @@ void initialiseLibrary()
 }
 
 /// Without real time a busy machine (it is recording) makes the data thread late, and the sound of whole cycles is
-/// lost. Null, with the reason in errno, on failure.
+/// lost. The right to it comes from the user's limits: asking for it over D-Bus could wait for long. Null, with the
+/// reason in errno, on failure.
 ContextHandle makeContext(pw_loop* loop, Connection::Purpose purpose)
 {
     ContextHandle context;
     if (purpose == Connection::Purpose::Sound) {
-        pw_properties* realTime = pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr);
+        pw_properties* realTime = pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", "support.dbus", "false", nullptr);
         context.reset(pw_context_new(loop, realTime, 0));
     }
     if (!context) // also where that configuration is not installed

@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 namespace pipewire {
@@ -60,7 +61,8 @@ const pw_stream_events SoundInput::events = [] {
 }();
 
 SoundInput::SoundInput(pw_core* core, Handlers handlers)
-    : handlers_(std::move(handlers)), stream_(pw_stream_new(core, "orvantis-recorder", streamProperties()))
+    : core_(core), handlers_(std::move(handlers)),
+      stream_(pw_stream_new(core, "orvantis-recorder", streamProperties()))
 {
     if (!stream_)
         return;
@@ -130,9 +132,21 @@ void SoundInput::handleControl(uint32_t id, const pw_stream_control& control)
 
 void SoundInput::onIo(void* data, uint32_t id, void* area, uint32_t size)
 {
-    if (id == SPA_IO_Position)
-        static_cast<SoundInput*>(data)->position_
-            = size >= sizeof(spa_io_position) ? static_cast<const spa_io_position*>(area) : nullptr;
+    if (id != SPA_IO_Position)
+        return;
+    auto* self = static_cast<SoundInput*>(data);
+    const auto* position = size >= sizeof(spa_io_position) ? static_cast<const spa_io_position*>(area) : nullptr;
+    pw_data_loop* dataLoop = pw_context_get_data_loop(pw_core_get_context(self->core_));
+    constexpr bool untilDone = true;
+    pw_data_loop_invoke(dataLoop, &SoundInput::setPosition, 0, &position, sizeof position, untilDone, self);
+}
+
+/// On the data thread: once this has run, nobody looks at the old clock, whose memory goes then.
+int SoundInput::setPosition(
+    spa_loop* /*loop*/, bool /*async*/, uint32_t /*sequence*/, const void* data, size_t /*size*/, void* input)
+{
+    std::memcpy(&static_cast<SoundInput*>(input)->position_, data, sizeof(const spa_io_position*));
+    return 0;
 }
 
 void SoundInput::onProcess(void* data)

@@ -49,6 +49,7 @@ private:
     static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state, const char* error);
     static void onControl(void* data, uint32_t id, const pw_stream_control* control);
     static void onIo(void* data, uint32_t id, void* area, uint32_t size);
+    static int setPosition(spa_loop* loop, bool async, uint32_t sequence, const void* data, size_t size, void* input);
     static void onProcess(void* data);
     void handleState(pw_stream_state state, const char* error);
     void handleControl(uint32_t id, const pw_stream_control& control);
@@ -56,11 +57,12 @@ private:
 
     static const pw_stream_events events;
 
+    pw_core* core_;
     Handlers handlers_;
     bool connected_ = false;
     std::optional<uint32_t> node_;
     std::atomic<uint32_t> monitoredSink_ = SPA_ID_INVALID;
-    std::atomic<const spa_io_position*> position_ = nullptr; // the graph's clock; null while not known
+    const spa_io_position* position_ = nullptr; // data thread; the graph's clock; null while not known
     BlockQueue blocks_;
     StreamHandle stream_; // last but the hook: its data thread uses the rest
     Hook hook_;
