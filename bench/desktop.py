@@ -90,7 +90,7 @@ def private_sound(binaries):
         player = subprocess.Popen(with_parent([binaries / "toneplayer", "--frequency", "440"]), stdout=subprocess.PIPE,
                                   text=True, env=environment)
         try:
-            if player.stdout.readline().strip() != "playing":
+            if not any(line.strip() == "playing" for line in player.stdout):
                 raise RuntimeError("the player did not play")
             yield environment, player.pid
         finally:
