@@ -73,7 +73,7 @@ QImage MacWindowCapture::capture(QRect* bounds) const
     if (image.isNull()) {
         lastSourceKey = 0;
         lastImage = QImage();
-        if (!warnedNoImage) {
+        if (!warnedNoImage && !source->imageWasUnusable()) {
             warnedNoImage = true;
             qWarning() << "macOS CoreGraphics capture returned no image for window" << windowId;
         }

@@ -317,6 +317,12 @@ QImage WindowSource::image()
     return impl_->image();
 }
 
+// Every window of an X server has pixels, and nothing is drawn.
+bool WindowSource::imageWasUnusable() const
+{
+    return false;
+}
+
 std::optional<QRectF> WindowSource::bounds()
 {
     return impl_->bounds();

@@ -27,10 +27,10 @@ bool requestScreenCaptureAccess();
 /// What one window shows, without its shadow: a picture of the system's, which it keeps until it is released here.
 class WindowImage {
 public:
-    /// Nothing when the system gives no picture, or one without pixels.
+    /// Nothing when the system gives no picture.
     static std::optional<WindowImage> capture(std::uint32_t windowId);
 
-    /// In pixels, both at least 1.
+    /// In pixels. Below 1 for a picture that cannot be drawn: it has none, or more than an int can count.
     int width() const { return width_; }
     int height() const { return height_; }
 

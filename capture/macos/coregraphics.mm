@@ -65,8 +65,6 @@ std::optional<WindowImage> WindowImage::capture(std::uint32_t windowId)
             return std::nullopt;
         image.width_ = int(CGImageGetWidth(nativeImage(image.image_.get())));
         image.height_ = int(CGImageGetHeight(nativeImage(image.image_.get())));
-        if (image.width_ < 1 || image.height_ < 1)
-            return std::nullopt;
         return image;
     }
 }

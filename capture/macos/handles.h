@@ -48,9 +48,6 @@ private:
 struct CfDeleter {
     void operator()(CFTypeRef object) const { CFRelease(object); }
 };
-struct ImageDeleter {
-    void operator()(CGImageRef image) const { CGImageRelease(image); }
-};
 struct ColorSpaceDeleter {
     void operator()(CGColorSpaceRef space) const { CGColorSpaceRelease(space); }
 };

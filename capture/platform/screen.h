@@ -39,6 +39,10 @@ public:
      */
     QImage image();
 
+    /// Whether the last image() was null although the system had an image: one without pixels, or one that it could
+    /// not draw.
+    bool imageWasUnusable() const;
+
     /// The rectangle of that image in global screen points (origin top left of the main display, y down), or nothing
     /// when it cannot be told. Call it after image(): both describe the same moment as closely as the system allows.
     std::optional<QRectF> bounds();

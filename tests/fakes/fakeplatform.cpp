@@ -67,6 +67,11 @@ QImage WindowSource::image()
     return state().image ? state().image(index) : QImage();
 }
 
+bool WindowSource::imageWasUnusable() const
+{
+    return state().imageWasUnusable;
+}
+
 std::optional<QRectF> WindowSource::bounds()
 {
     return state().bounds ? state().bounds() : std::nullopt;

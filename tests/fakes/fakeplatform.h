@@ -21,6 +21,7 @@ struct State {
 
     /// The window's image; called with the number of images asked for before (0 first).
     std::function<QImage(int)> image;
+    bool imageWasUnusable = false; ///< a null image is one that the system has, but cannot be used
     std::function<std::optional<QRectF>()> bounds;
     std::function<std::optional<QPointF>()> pointer;
     std::vector<quint32> openedWindows; ///< ids, in the order of opening

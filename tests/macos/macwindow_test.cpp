@@ -45,6 +45,7 @@ private Q_SLOTS:
     void noImage();
     void oneWarningOnly();
     void imageComesBack();
+    void unusableImageLeavesTheWarningForLater();
 
     void boundsAreRounded();
     void boundsThatCannotBeTold_data();
@@ -224,6 +225,9 @@ void MacWindowTest::noImage()
     QVERIFY(macsim::record().infos.empty());
     QVERIFY(macsim::record().drawings.empty());
     QCOMPARE(macsim::record().images.size(), why == QLatin1String("no function") ? 0U : 1U);
+    // Only an image that the system does not give is warned of, not one that cannot be used.
+    const bool notGiven = why == QLatin1String("null") || why == QLatin1String("no function");
+    QCOMPARE(bench_->log.messages(QtWarningMsg), notGiven ? QStringList(noImageLine) : QStringList());
 }
 
 void MacWindowTest::oneWarningOnly()
@@ -245,6 +249,22 @@ void MacWindowTest::imageComesBack()
     QVERIFY(capture.capture(nullptr).isNull());
     const QImage image = capture.capture(nullptr);
     QCOMPARE(image.pixel(1, 1), 0xff335577U);
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList(noImageLine));
+}
+
+void MacWindowTest::unusableImageLeavesTheWarningForLater()
+{
+    Picture empty = macsim::solidPicture(4, 4, 0xff000000);
+    empty.claimedSize = {0, 4};
+    answers().picture
+        = [empty](std::uint32_t, int index) { return index < 2 ? std::optional<Picture>(empty) : std::nullopt; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(capture.capture(nullptr).isNull());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList());
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(capture.capture(nullptr).isNull());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList(noImageLine));
 }
 
 // ---- bounds and pointer -----------------------------------------------------------------------------------------

@@ -16,6 +16,7 @@ private Q_SLOTS:
     void eachCaptureWarnsForItself();
     void noImageLeavesTheBoundsAlone();
     void imageWithoutSizeIsNoImage();
+    void unusableImageIsNotWarnedOf();
 
     void boundsAreRounded_data();
     void boundsAreRounded();
@@ -81,6 +82,26 @@ void WindowImageTest::imageWithoutSizeIsNoImage()
     QRect bounds(1, 2, 3, 4);
     QVERIFY(capture.capture(&bounds).isNull());
     QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(bounds, QRect(1, 2, 3, 4));
+}
+
+void WindowImageTest::unusableImageIsNotWarnedOf()
+{
+    fakeplatform::state().image = [](int index) {
+        fakeplatform::state().imageWasUnusable = index != 2;
+        return QImage();
+    };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const LogCapture log;
+    QRect bounds(1, 2, 3, 4);
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(log.messages(), QStringList());
+    // It is not the one warning that there is: a window that closes later still gets that.
+    for (int i = 0; i < 4; ++i)
+        QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(
+        log.messages(), QStringList{QStringLiteral("macOS CoreGraphics capture returned no image for window 42")});
     QCOMPARE(bounds, QRect(1, 2, 3, 4));
 }
 
