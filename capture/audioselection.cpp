@@ -1,6 +1,7 @@
 #include "audioselection.h"
 
 #include <QLatin1String>
+#include <QStringView>
 
 namespace audioselection {
 

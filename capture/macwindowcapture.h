@@ -34,10 +34,9 @@ public:
     /**
      * The window's pixels in QImage::Format_ARGB32 (straight alpha), or a null image: invalid object, window
      * gone or not showing (a warning, the first time only), an image without pixels or that cannot be drawn (no
-     * warning). Images of an unchanged window share
-     * their pixels. When bounds is given and an image is returned, it receives the window's rectangle in
-     * global screen points, or the image's own rectangle in pixels when the window's cannot be told;
-     * otherwise it is left alone.
+     * warning). Images of an unchanged window share their pixels. When bounds is given and an image is returned,
+     * it receives the window's rectangle in global screen points, or the image's own rectangle in pixels when the
+     * window's cannot be told; otherwise it is left alone.
      */
     QImage capture(QRect* bounds) const;
 

@@ -97,9 +97,8 @@ std::shared_ptr<const platform::AudioContent> RecorderAudioCapturePrivate::lookU
         qWarning() << "macOS ScreenCaptureKit shareable content lookup timed out.";
         return nullptr;
     }
-    if (pending->result.error || !pending->result.content) {
-        qWarning() << "macOS ScreenCaptureKit shareable content lookup failed:"
-                   << pending->result.error.value_or(QString());
+    if (pending->result.error) {
+        qWarning() << "macOS ScreenCaptureKit shareable content lookup failed:" << *pending->result.error;
         return nullptr;
     }
     return pending->result.content;

@@ -5,7 +5,6 @@
 #include "recorderaudiocapture.h"
 
 #include <QMutex>
-#include <QStringView>
 
 #include <memory>
 #include <vector>

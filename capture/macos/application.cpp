@@ -3,12 +3,20 @@
 
 #include "appkit.h"
 
+#include <QByteArray>
+
 #include <unistd.h>
 
 namespace platform {
 
-// Qt's default is the one that makes the process an application of the desktop.
-void chooseGuiPlatform() { }
+// Qt would make the process the active application as soon as the event loop runs, although it shows nothing: the
+// window that is recorded would lose the keyboard, and show it.
+void chooseGuiPlatform()
+{
+    static constexpr auto stayInBackground = "QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM";
+    if (qEnvironmentVariableIsEmpty(stayInBackground))
+        qputenv(stayInBackground, "1");
+}
 
 void becomeAccessory()
 {

@@ -75,6 +75,8 @@ struct AudioStream::Connection {
     void enter(Phase next);
     /// The answer to a start. True when it has come too late, and the capture must be stopped.
     bool started(bool success);
+    /// The answer to a stop. One that comes after the next start says nothing of that.
+    void stopped();
     /// The AudioStream is gone. True when the capture must be stopped.
     bool abandon();
 
@@ -91,8 +93,9 @@ private:
     bool abandoned_ = false;
 };
 
-// The system may have put calls of the objects on the queue without keeping these alive. So the last thing on the
-// queue releases them. The stream is not released there: nobody knows what it does at its end.
+// The system may have put samples for the objects on the queue without keeping these alive. So the last thing on the
+// queue releases them. (The news of the stream's end comes elsewhere; a stream that is released must itself not call
+// a delegate that it does not keep.) The stream is not released there: nobody knows what it does at its end.
 AudioStream::Connection::~Connection()
 {
     stream = {};
@@ -118,6 +121,13 @@ bool AudioStream::Connection::started(bool success)
     return success && abandoned_;
 }
 
+void AudioStream::Connection::stopped()
+{
+    const std::lock_guard lock(mutex_);
+    if (phase_ == Phase::Stopping)
+        phase_ = Phase::Idle;
+}
+
 bool AudioStream::Connection::abandon()
 {
     const std::lock_guard lock(mutex_);
@@ -131,7 +141,7 @@ void AudioStream::Connection::stop(const std::shared_ptr<Connection>& connection
     kept->enter(Phase::Stopping);
     [kept->stream.get() stopCaptureWithCompletionHandler:^(NSError* error) {
         @autoreleasepool {
-            kept->enter(Phase::Idle);
+            kept->stopped();
             if (completion)
                 completion(errorText(error));
         }
@@ -146,7 +156,7 @@ AudioStream::AudioStream(const Filter& filter, const StreamConfiguration& config
         const auto nativeConfiguration = makeConfiguration(configuration);
         if (!nativeFilter || !nativeConfiguration)
             return;
-        MacScreenAudioOutput* object = delegate.impl().objectForStream();
+        MacScreenAudioOutput* object = delegate.impl().object.get();
         connection_->delegate = Retained<MacScreenAudioOutput*>::share(object);
         connection_->stream = Retained<SCStream*>::adopt([[SCStream alloc] initWithFilter:nativeFilter.get()
                                                                             configuration:nativeConfiguration.get()
@@ -170,7 +180,7 @@ AddResult AudioStream::addStreamOutput(AudioOutput& output, const SerialQueue& q
     if (!connection_->stream)
         return {};
     @autoreleasepool {
-        MacScreenAudioOutput* object = output.impl().objectForStream();
+        MacScreenAudioOutput* object = output.impl().object.get();
         connection_->output = Retained<MacScreenAudioOutput*>::share(object);
         connection_->queue = Retained<dispatch_queue_t>::share(queue.impl().queue.get());
         NSError* error = nil;

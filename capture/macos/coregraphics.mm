@@ -12,8 +12,8 @@ namespace macos {
 
 namespace {
 
-// The function's declaration and its constants are gone from headers that build for macOS 15 and later. The function
-// itself is still there, so it is looked up.
+// Headers for programs that need macOS 15 or later mark the function as obsolete, and using it as an error. It is
+// still there, so it is looked up.
 using CreateImage = CGImageRef (*)(CGRect bounds, std::uint32_t listOption, CGWindowID window, std::uint32_t option);
 constexpr auto createImageName = "CGWindowListCreateImage";
 constexpr std::uint32_t boundsIgnoreFraming = 1;

@@ -23,12 +23,8 @@ void disown(MacScreenAudioOutput* output);
 struct AudioOutput::Impl {
     explicit Impl(OutputOwner owner);
 
-    /// The object to give to a stream. One that has been disowned stays so: the stream it belonged to may still know
-    /// it, so there is a new one.
-    MacScreenAudioOutput* objectForStream();
-
-    OutputOwner owner;
-    Retained<MacScreenAudioOutput*> object;
+    const OutputOwner owner;
+    const Retained<MacScreenAudioOutput*> object;
 };
 
 }

@@ -49,29 +49,10 @@ void disown(MacScreenAudioOutput* output)
     }
 }
 
-namespace {
-
-Retained<MacScreenAudioOutput*> makeObject(const OutputOwner& owner)
+AudioOutput::Impl::Impl(OutputOwner theOwner)
+    : owner(std::move(theOwner)),
+      object(Retained<MacScreenAudioOutput*>::adopt([[MacScreenAudioOutput alloc] initWithOwner:&owner]))
 {
-    return Retained<MacScreenAudioOutput*>::adopt([[MacScreenAudioOutput alloc] initWithOwner:&owner]);
-}
-
-bool isDisowned(MacScreenAudioOutput* output)
-{
-    @synchronized(output) {
-        return !output->_owner;
-    }
-}
-
-}
-
-AudioOutput::Impl::Impl(OutputOwner theOwner) : owner(std::move(theOwner)), object(makeObject(owner)) { }
-
-MacScreenAudioOutput* AudioOutput::Impl::objectForStream()
-{
-    if (isDisowned(object.get()))
-        object = makeObject(owner);
-    return object.get();
 }
 
 AudioOutput::AudioOutput(OutputOwner owner) : impl_(std::make_unique<Impl>(std::move(owner))) { }

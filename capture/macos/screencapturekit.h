@@ -66,7 +66,7 @@ struct OutputOwner {
     std::function<void(const ErrorText& error)> streamStopped;
 };
 
-/// The object that the system calls. After its destructor the owner is called by nobody. One stream at a time.
+/// The object that the system calls, for one stream. The owner is called by nobody after the destructor of either.
 class AudioOutput {
 public:
     explicit AudioOutput(OutputOwner owner);

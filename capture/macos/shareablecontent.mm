@@ -19,6 +19,7 @@ std::vector<Application> applicationsOf(NSArray<SCRunningApplication*>* list)
     return applications;
 }
 
+/// Of nil: that there is nothing.
 std::shared_ptr<const ShareableContent> snapshot(SCShareableContent* content)
 {
     const auto native = std::make_shared<NativeContent>();
@@ -44,10 +45,10 @@ void requestShareableContent(bool excludeDesktopWindows, bool onScreenWindowsOnl
                                    onScreenWindowsOnly:onScreenWindowsOnly
                                      completionHandler:^(SCShareableContent* content, NSError* error) {
                                          @autoreleasepool {
-                                             if (content && !error)
-                                                 completion(snapshot(content), std::nullopt);
+                                             if (error)
+                                                 completion(nullptr, errorText(error));
                                              else
-                                                 completion(nullptr, errorText(error).value_or(""));
+                                                 completion(snapshot(content), std::nullopt);
                                          }
                                      }];
     }

@@ -8,8 +8,8 @@
 
 namespace platform {
 
-/// Called before the application object exists. Where Qt's default needs a display that may be missing, chooses a Qt
-/// platform that needs none, unless the environment names one. Main thread.
+/// Called before the application object exists: settles, by environment variables of Qt's that are not set yet, that
+/// the process needs no display for itself and does not come to the front. Main thread.
 void chooseGuiPlatform();
 
 /// Makes the process an accessory: no Dock icon, no menu bar. Does nothing where the system has no such thing.

@@ -125,7 +125,8 @@ struct AudioReceiver {
     std::function<void(const std::optional<QString>& error)> streamStopped;
 };
 
-/// The object that the system calls: receives the sound and the news of a stream. Calls nobody after its destructor.
+/// The object that the system calls: receives the sound and the news of one stream. Calls nobody after the destructor
+/// of either.
 class AudioOutput {
 public:
     explicit AudioOutput(AudioReceiver owner);

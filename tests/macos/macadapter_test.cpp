@@ -58,7 +58,7 @@ private Q_SLOTS:
     void streamThatRunsIsStoppedAtItsEnd();
     void stopWhileAStartIsPending_data();
     void stopWhileAStartIsPending();
-    void outputServesOneStreamAfterTheOther();
+    void lateAnswerToAStop();
     void outputMayGoFirst();
     void samplesOutliveTheDelivery();
     void semaphoreCounts();
@@ -208,22 +208,28 @@ void MacAdapterTest::stopWhileAStartIsPending()
     QCOMPARE(macsim::record().stops, 1);
 }
 
-void MacAdapterTest::outputServesOneStreamAfterTheOther()
+void MacAdapterTest::lateAnswerToAStop()
 {
     answers().start = macsim::When::AtOnce;
-    int taken = 0;
-    platform::AudioOutput output(
-        {[&taken](const platform::AudioSampleBuffer*) { ++taken; }, [](const std::optional<QString>&) {}});
+    answers().stop = macsim::When::Held;
+    platform::AudioOutput output(nobody());
     platform::AudioQueue queue("queue");
-    for (int i = 1; i <= 2; ++i) {
+    {
         platform::AudioStream stream({content(), 0, std::nullopt}, configuration, output);
         std::optional<QString> error;
         QVERIFY(stream.addStreamOutput(output, queue, &error));
         Answer start;
+        Answer stop;
         stream.startCapture(start.completion());
-        QVERIFY(macsim::deliver(macsim::stereoSound({1, 2})));
-        QCOMPARE(taken, i);
+        stream.stopCapture(stop.completion());
+        stream.startCapture(start.completion());
+        QVERIFY(macsim::answerHeld(macsim::Call::Stop));
+        QCOMPARE(start.calls, 2);
+        QCOMPARE(stop.calls, 1);
+        QCOMPARE(macsim::record().stops, 1);
+        answers().stop = macsim::When::AtOnce;
     }
+    QCOMPARE(macsim::record().stops, 2); // the second capture's
 }
 
 void MacAdapterTest::outputMayGoFirst()

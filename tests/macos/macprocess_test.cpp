@@ -34,7 +34,8 @@ private Q_SLOTS:
     void bundleTextsThatAreMissing();
     void identityLine();
 
-    void guiPlatformIsLeftToQt();
+    void processStaysInTheBackground_data();
+    void processStaysInTheBackground();
     void peerOfALocalSocketIsKnown();
     void whatHasNoPeerHasNoUser();
 
@@ -194,11 +195,27 @@ void MacProcessTest::identityLine()
         QStringLiteral(" bundleIdentifier \"com.example.x\" bundlePath \"/X.app\" bundleExecutablePath \"\"")));
 }
 
-void MacProcessTest::guiPlatformIsLeftToQt()
+void MacProcessTest::processStaysInTheBackground_data()
 {
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::newRow("not set") << QByteArray() << QByteArray("1");
+    QTest::newRow("set by the user") << QByteArray("yes") << QByteArray("yes");
+}
+
+void MacProcessTest::processStaysInTheBackground()
+{
+    QFETCH(const QByteArray, before);
+    const char* variable = "QT_MAC_DISABLE_FOREGROUND_APPLICATION_TRANSFORM"; // of Qt's Cocoa plug-in
     qunsetenv("QT_QPA_PLATFORM");
+    if (before.isNull())
+        qunsetenv(variable);
+    else
+        qputenv(variable, before);
     platform::chooseGuiPlatform();
+    QTEST(qgetenv(variable), "after");
     QVERIFY(!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"));
+    qunsetenv(variable);
 }
 
 void MacProcessTest::peerOfALocalSocketIsKnown()
