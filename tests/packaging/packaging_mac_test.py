@@ -314,7 +314,12 @@ class Packaging(unittest.TestCase):
             ["xcrun", "stapler", "staple", app], ["spctl", "--assess", "--type", "execute", app], archiving])
 
     def test_refused_by_apple(self):
-        self.refused("Record not found", "--sign", IDENTITY, STANDIN_NOTARY_REFUSES="1", ORVANTIS_NOTARY_PROFILE="shop")
+        run = self.refused("the bundle has no ticket of Apple's", "--sign", IDENTITY, STANDIN_NOTARY_REFUSES="1",
+                           ORVANTIS_NOTARY_PROFILE="shop")
+        self.assertIn("status: Invalid", run.stderr)
+        self.assertIn("The signature is invalid.", run.stderr)
+        self.assertEqual(self.mac.calls("xcrun")[-1],
+                         ["xcrun", "notarytool", "log", "2efe-27", "--keychain-profile", "shop"])
 
     def test_notarising_needs_an_identity(self):
         self.refused("Apple notarises only what an identity has signed", "--notarise", "shop", code=2)

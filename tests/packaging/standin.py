@@ -133,7 +133,13 @@ def plutil(arguments):
 
 
 def xcrun(arguments):
-    if arguments[0] == "stapler" and "STANDIN_NOTARY_REFUSES" in os.environ:
+    refused = "STANDIN_NOTARY_REFUSES" in os.environ
+    if arguments[:2] == ["notarytool", "submit"]:
+        print("Successfully uploaded file\n  id: 2efe-27\nProcessing complete\n  id: 2efe-27\n  status:",
+              "Invalid" if refused else "Accepted")
+    if arguments[:2] == ["notarytool", "log"]:
+        print('{"issues": [{"message": "The signature is invalid."}]}')
+    if arguments[0] == "stapler" and refused:
         refuse("Record not found")
 
 
