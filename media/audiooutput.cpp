@@ -159,3 +159,11 @@ bool GstRecorder::createAudioStream(AVCodecContext& encoder)
     audioFifo = fifo.release();
     return true;
 }
+
+/// For a capture that does not start: pictures need not wait for sound that will not come. The stream stays in the
+/// file, empty.
+void GstRecorder::abandonAudio()
+{
+    audioCapture.reset();
+    formatContext->max_interleave_delta = 1; // microseconds
+}

@@ -172,6 +172,7 @@ private:
     bool openAudioOutput();
     AvCodecContextHandle openAudioEncoder() const;
     bool createAudioStream(AVCodecContext& encoder);
+    void abandonAudio();
 
     // ==== audioencoding.cpp: sound to packet, in step with the recording clock (worker) ======================
 

@@ -143,8 +143,7 @@ void GstRecorder::startAudio()
     if (audioStarted)
         return;
     qWarning() << "Audio capture did not start; recording video only.";
-    audioCapture.reset();
-    formatContext->max_interleave_delta = 1; // microseconds: pictures need not wait for sound that will not come
+    abandonAudio();
 }
 
 /// What fails costs sound, never the picture.
