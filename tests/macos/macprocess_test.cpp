@@ -133,18 +133,19 @@ void MacProcessTest::accessory()
 
 void MacProcessTest::accessoryIsSkipped_data()
 {
-    QTest::addColumn<bool>("classIsMissing");
-    QTest::newRow("without the class") << true;
-    QTest::newRow("without the object") << false;
+    QTest::addColumn<QString>("missing");
+    QTest::newRow("without the class") << "NSApplication";
+    QTest::newRow("without the object") << QString();
+    QTest::newRow("without the object's getter") << "sharedApplication";
+    QTest::newRow("without the policy's setter") << "setActivationPolicy:";
 }
 
 void MacProcessTest::accessoryIsSkipped()
 {
-    QFETCH(const bool, classIsMissing);
-    if (classIsMissing)
-        answers().hiddenClasses = {"NSApplication"};
-    else
-        answers().noApplicationObject = true;
+    QFETCH(const QString, missing);
+    answers().noApplicationObject = missing.isEmpty();
+    answers().hiddenClasses = {missing.toStdString()};
+    answers().hiddenSelectors = {missing.toStdString()};
     platform::becomeAccessory();
     QVERIFY(macsim::record().activationPolicies.empty());
     QCOMPARE(bench_->log.messages(), QStringList());
@@ -224,6 +225,8 @@ void MacProcessTest::peerOfALocalSocketIsKnown()
     QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     QCOMPARE(platform::peerUserId(ends[0]), std::optional<quint32>(::geteuid()));
     QCOMPARE(platform::ownUserId(), quint32(::geteuid()));
+    answers().peerUser = 501;
+    QCOMPARE(platform::peerUserId(ends[0]), std::optional<quint32>(501));
     ::close(ends[0]);
     ::close(ends[1]);
 }

@@ -6,6 +6,7 @@
 #include "runtime.h"
 #include "system.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -125,7 +126,9 @@ __attribute__((objc_root_class))
 
 - (BOOL)respondsToSelector:(SEL)selector
 {
-    return class_respondsToSelector(macsim::classOf(self), selector) != 0;
+    const auto& hidden = macsim::answers().hiddenSelectors;
+    return class_respondsToSelector(macsim::classOf(self), selector) != 0
+        && std::find(hidden.begin(), hidden.end(), sel_getName(selector)) == hidden.end();
 }
 
 - (BOOL)conformsToProtocol:(Protocol*)protocol

@@ -117,6 +117,8 @@ struct Answers {
     bool noBundle = false;
     bool noApplicationObject = false;
     std::vector<std::string> hiddenClasses; ///< objc_getClass() does not know them
+    std::vector<std::string> hiddenSelectors; ///< no object says that it responds to them
+    std::optional<std::uint32_t> peerUser; ///< of every local socket; nothing: the one that Linux tells of
 };
 
 Answers& answers();

@@ -1,4 +1,6 @@
-// The other end of a local socket, as Linux tells of it.
+// The other end of a local socket, as Linux tells of it, or another user.
+#include "macsim.h"
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,7 +10,7 @@ extern "C" int getpeereid(int socket, uid_t* user, gid_t* group)
     socklen_t size = sizeof(credentials);
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
         return -1;
-    *user = credentials.uid;
+    *user = macsim::answers().peerUser.value_or(credentials.uid);
     *group = credentials.gid;
     return 0;
 }
