@@ -1,47 +1,8 @@
-// What the seam allows and RecorderAudioCapture does not do.
-#include "macbench.h"
-#include "platform/audio.h"
+// What the seam allows and the capture does not do. The life of a sound stream is in macstream_test.
+#include "macrig.h"
 #include "platform/screen.h"
 
 using macsim::answers;
-
-namespace {
-
-const platform::AudioStreamConfiguration configuration{.width = 2, .height = 2, .capturesAudio = true};
-
-/// A receiver that takes nothing.
-platform::AudioReceiver nobody()
-{
-    return {[](const platform::AudioSampleBuffer*) {}, [](const std::optional<QString>&) {}};
-}
-
-std::shared_ptr<const platform::AudioContent> content()
-{
-    answers().content = macsim::When::AtOnce;
-    answers().applications = {{7, "org.seven", "Seven", macsim::Executable::Known, "/seven"}};
-    std::shared_ptr<const platform::AudioContent> found;
-    platform::requestAudioContent(
-        true, false, [&found](std::shared_ptr<const platform::AudioContent> given, const std::optional<QString>&) {
-            found = std::move(given);
-        });
-    return found;
-}
-
-/// What became of a call with a completion.
-struct Answer {
-    int calls = 0;
-    std::optional<QString> error;
-
-    platform::AudioCompletion completion()
-    {
-        return [this](std::optional<QString> given) {
-            ++calls;
-            error = std::move(given);
-        };
-    }
-};
-
-} // namespace
 
 class MacAdapterTest : public QObject {
     Q_OBJECT
@@ -50,17 +11,9 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void streamWithoutParts_data();
-    void streamWithoutParts();
-    void applicationsThatAreNotThere();
-    void contentOutlivesItsRequest();
-    void streamThatWasNeverStarted();
-    void streamThatRunsIsStoppedAtItsEnd();
-    void stopWhileAStartIsPending_data();
-    void stopWhileAStartIsPending();
-    void lateAnswerToAStop();
-    void outputMayGoFirst();
     void samplesOutliveTheDelivery();
+    void listOfAnotherLength_data();
+    void listOfAnotherLength();
     void semaphoreCounts();
     void executableOfAHugeProcessId();
     void imagesOfTwoWindows();
@@ -82,187 +35,13 @@ void MacAdapterTest::cleanup()
     bench_.reset();
 }
 
-void MacAdapterTest::streamWithoutParts_data()
-{
-    QTest::addColumn<QString>("what");
-    QTest::newRow("no content") << "content";
-    QTest::newRow("content of nobody") << "native";
-    QTest::newRow("no such display") << "display";
-    QTest::newRow("no stream") << "stream";
-}
-
-void MacAdapterTest::streamWithoutParts()
-{
-    QFETCH(const QString, what);
-    platform::AudioFilter filter{content(), 0, std::nullopt};
-    if (what == QLatin1String("content"))
-        filter.content.reset();
-    else if (what == QLatin1String("native"))
-        filter.content = std::make_shared<platform::AudioContent>();
-    else if (what == QLatin1String("display"))
-        filter.display = 1;
-    answers().noStream = what == QLatin1String("stream");
-
-    platform::AudioOutput output(nobody());
-    platform::AudioQueue queue("queue");
-    platform::AudioStream stream(filter, configuration, output);
-    std::optional<QString> error;
-    QVERIFY(!stream.addStreamOutput(output, queue, &error));
-    QVERIFY(!error);
-    Answer start;
-    stream.startCapture(start.completion());
-    QCOMPARE(start.calls, 1);
-    QCOMPARE(start.error, std::optional<QString>(QString()));
-    Answer stop;
-    stream.stopCapture(stop.completion());
-    QCOMPARE(stop.calls, 1);
-    QCOMPARE(stop.error, std::optional<QString>(QString()));
-    QCOMPARE(macsim::record().starts + macsim::record().stops, 0);
-}
-
-void MacAdapterTest::applicationsThatAreNotThere()
-{
-    platform::AudioOutput output(nobody());
-    const platform::AudioStream stream({content(), 0, std::vector<std::size_t>{5, 0, 1}}, configuration, output);
-    QCOMPARE(macsim::record().streams.size(), 1U);
-    QVERIFY((macsim::record().streams[0].excludedApplications == std::vector<std::int32_t>{7}));
-}
-
-void MacAdapterTest::contentOutlivesItsRequest()
-{
-    auto kept = content();
-    QVERIFY(kept);
-    macsim::settle();
-    QCOMPARE(macsim::live("SCShareableContent"), 1);
-    platform::AudioOutput output(nobody());
-    {
-        const platform::AudioStream stream({kept, 0, std::nullopt}, configuration, output);
-        kept.reset();
-        QCOMPARE(macsim::record().streams.size(), 1U);
-    }
-    QCOMPARE(macsim::live("SCShareableContent"), 0);
-}
-
-void MacAdapterTest::streamThatWasNeverStarted()
-{
-    platform::AudioOutput output(nobody());
-    platform::AudioQueue queue("queue");
-    {
-        platform::AudioStream stream({content(), 0, std::nullopt}, configuration, output);
-        std::optional<QString> error;
-        QVERIFY(stream.addStreamOutput(output, queue, &error));
-        stream.deliverUntil(1);
-    }
-    QCOMPARE(macsim::record().stops, 0);
-}
-
-void MacAdapterTest::streamThatRunsIsStoppedAtItsEnd()
-{
-    answers().start = macsim::When::AtOnce;
-    platform::AudioOutput output(nobody());
-    platform::AudioQueue queue("queue");
-    {
-        platform::AudioStream stream({content(), 0, std::nullopt}, configuration, output);
-        std::optional<QString> error;
-        QVERIFY(stream.addStreamOutput(output, queue, &error));
-        Answer start;
-        stream.startCapture(start.completion());
-        QCOMPARE(start.calls, 1);
-        QVERIFY(!start.error);
-        QCOMPARE(macsim::runningStreams(), 1);
-    }
-    macsim::settle();
-    QCOMPARE(macsim::record().stops, 1);
-    QCOMPARE(macsim::runningStreams(), 0);
-}
-
-void MacAdapterTest::stopWhileAStartIsPending_data()
-{
-    QTest::addColumn<bool>("destroyed");
-    QTest::newRow("the stream is there when they answer") << false;
-    QTest::newRow("the stream is gone when they answer") << true;
-}
-
-void MacAdapterTest::stopWhileAStartIsPending()
-{
-    QFETCH(const bool, destroyed);
-    answers().start = macsim::When::Held;
-    answers().stop = macsim::When::Held;
-    platform::AudioOutput output(nobody());
-    platform::AudioQueue queue("queue");
-    auto stream = std::make_unique<platform::AudioStream>(
-        platform::AudioFilter{content(), 0, std::nullopt}, configuration, output);
-    std::optional<QString> error;
-    QVERIFY(stream->addStreamOutput(output, queue, &error));
-    Answer start;
-    Answer stop;
-    stream->startCapture(start.completion());
-    stream->stopCapture(stop.completion());
-    if (destroyed)
-        stream.reset();
-    QVERIFY(macsim::answerHeld(macsim::Call::Start));
-    QVERIFY(macsim::answerHeld(macsim::Call::Stop));
-    QCOMPARE(start.calls, 1);
-    QCOMPARE(stop.calls, 1);
-    stream.reset();
-    QCOMPARE(macsim::record().stops, 1);
-}
-
-void MacAdapterTest::lateAnswerToAStop()
-{
-    answers().start = macsim::When::AtOnce;
-    answers().stop = macsim::When::Held;
-    platform::AudioOutput output(nobody());
-    platform::AudioQueue queue("queue");
-    {
-        platform::AudioStream stream({content(), 0, std::nullopt}, configuration, output);
-        std::optional<QString> error;
-        QVERIFY(stream.addStreamOutput(output, queue, &error));
-        Answer start;
-        Answer stop;
-        stream.startCapture(start.completion());
-        stream.stopCapture(stop.completion());
-        stream.startCapture(start.completion());
-        QVERIFY(macsim::answerHeld(macsim::Call::Stop));
-        QCOMPARE(start.calls, 2);
-        QCOMPARE(stop.calls, 1);
-        QCOMPARE(macsim::record().stops, 1);
-        answers().stop = macsim::When::AtOnce;
-    }
-    QCOMPARE(macsim::record().stops, 2); // the second capture's
-}
-
-void MacAdapterTest::outputMayGoFirst()
-{
-    answers().start = macsim::When::AtOnce;
-    int called = 0;
-    auto output = std::make_unique<platform::AudioOutput>(
-        platform::AudioReceiver{[&called](const platform::AudioSampleBuffer*) { ++called; },
-            [&called](const std::optional<QString>&) { ++called; }});
-    platform::AudioQueue queue("queue");
-    platform::AudioStream stream({content(), 0, std::nullopt}, configuration, *output);
-    std::optional<QString> error;
-    QVERIFY(stream.addStreamOutput(*output, queue, &error));
-    Answer start;
-    stream.startCapture(start.completion());
-    output.reset();
-    QVERIFY(macsim::deliver(macsim::stereoSound({1, 2})));
-    QVERIFY(macsim::endStreams(macsim::Error("gone")));
-    QCOMPARE(called, 0);
-}
-
 void MacAdapterTest::samplesOutliveTheDelivery()
 {
     answers().start = macsim::When::AtOnce;
     std::optional<platform::AudioBufferList> kept;
-    platform::AudioOutput output({[&kept](const platform::AudioSampleBuffer* buffer) { kept = buffer->bufferList(); },
+    Rig rig({[&kept](const platform::AudioSampleBuffer* buffer) { kept = buffer->bufferList(); },
         [](const std::optional<QString>&) {}});
-    platform::AudioQueue queue("queue");
-    platform::AudioStream stream({content(), 0, std::nullopt}, configuration, output);
-    std::optional<QString> error;
-    QVERIFY(stream.addStreamOutput(output, queue, &error));
-    Answer start;
-    stream.startCapture(start.completion());
+    rig.startCapture();
     QVERIFY(macsim::deliver(macsim::stereoSound({11, 12})));
     QVERIFY(kept);
     QCOMPARE(kept->buffers.size(), 1U);
@@ -271,6 +50,33 @@ void MacAdapterTest::samplesOutliveTheDelivery()
     QCOMPARE(macsim::live("SimBlockBuffer"), 1);
     kept.reset();
     QCOMPARE(macsim::live("SimBlockBuffer"), 0);
+}
+
+void MacAdapterTest::listOfAnotherLength_data()
+{
+    QTest::addColumn<quint32>("claimed");
+    QTest::addColumn<quint64>("usable");
+    QTest::newRow("fewer buffers than there is room for") << 1U << quint64(1);
+    QTest::newRow("more buffers than there is room for") << 3U << quint64(2);
+}
+
+void MacAdapterTest::listOfAnotherLength()
+{
+    QFETCH(const quint32, claimed);
+    QFETCH(const quint64, usable);
+    answers().start = macsim::When::AtOnce;
+    std::optional<platform::AudioBufferList> list;
+    Rig rig({[&list](const platform::AudioSampleBuffer* buffer) { list = buffer->bufferList(); },
+        [](const std::optional<QString>&) {}});
+    rig.startCapture();
+    macsim::Sound two = macsim::stereoSound({1, 2});
+    two.buffers = {{1, 0}, {2, 0, 3, 0}};
+    two.claimedBuffers = claimed;
+    QVERIFY(macsim::deliver(two));
+    QVERIFY(list);
+    QCOMPARE(quint64(list->buffers.size()), usable);
+    for (std::size_t i = 0; i < usable; ++i)
+        QCOMPARE(list->buffers[i].bytes, two.buffers[i].size());
 }
 
 void MacAdapterTest::semaphoreCounts()

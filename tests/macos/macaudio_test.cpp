@@ -50,7 +50,10 @@ private Q_SLOTS:
     void executableThatCannotBeTold();
     void nobodyIsExcluded();
     void pidOfNobody();
+    void candidatesAreTwelveAtMost();
     void pidBeyond32Bits();
+    void pidOfNoProcess_data();
+    void pidOfNoProcess();
 
     void lookupFails_data();
     void lookupFails();
@@ -235,6 +238,23 @@ void MacAudioTest::pidOfNobody()
     QVERIFY(macsim::record().streams.empty());
 }
 
+void MacAudioTest::candidatesAreTwelveAtMost()
+{
+    for (int i = 101; i <= 140; ++i)
+        answers().applications.push_back(application(i, "org.many", "/many"));
+    const RecorderAudioCapture capture{QStringLiteral("app-pid:42")};
+    QVERIFY(!capture.isValid());
+    QStringList expected{
+        QStringLiteral("macOS ScreenCaptureKit could not find requested app for app-only audio pid 42 "
+                       "requested device \"app-pid:42\" candidates 40")};
+    for (int i = 101; i <= 112; ++i) {
+        expected += QStringLiteral(
+            "macOS ScreenCaptureKit audio app candidate pid %1 name \"Application %1\" bundle \"org.many\"")
+                        .arg(i);
+    }
+    QCOMPARE(bench_->log.messages(), expected);
+}
+
 void MacAudioTest::pidBeyond32Bits()
 {
     answers().applications = {application(42, "org.player", "/b")};
@@ -244,20 +264,44 @@ void MacAudioTest::pidBeyond32Bits()
     QVERIFY(macsim::record().streams.empty());
 }
 
+void MacAudioTest::pidOfNoProcess_data()
+{
+    QTest::addColumn<QString>("device");
+    for (const char* device : {"app-pid:0", "app-pid:x", "app-pid:-5", "app-pid:"})
+        QTest::newRow(device) << QString::fromLatin1(device);
+}
+
+void MacAudioTest::pidOfNoProcess()
+{
+    QFETCH(const QString, device);
+    const RecorderAudioCapture capture{device};
+    QVERIFY(!capture.isValid());
+    QCOMPARE(bench_->log.messages(),
+        QStringList(
+            QStringLiteral("macOS app-only audio capture received an invalid app-pid device: \"%1\"").arg(device)));
+    const macsim::Record record = macsim::record();
+    QVERIFY(record.contents.empty() && record.executablesAsked.empty() && record.streams.empty());
+    QVERIFY(record.waits.empty() && record.queueLabels.empty());
+}
+
 // ---- failures ---------------------------------------------------------------------------------------------------
 
 void MacAudioTest::lookupFails_data()
 {
     QTest::addColumn<bool>("hasText");
+    QTest::addColumn<bool>("hasContent");
     QTest::addColumn<QString>("quoted");
-    QTest::newRow("with a text") << true << "\"declined – ÄÖ\"";
-    QTest::newRow("without a text") << false << "\"\"";
+    QTest::newRow("with a text") << true << false << "\"declined – ÄÖ\"";
+    QTest::newRow("without a text") << false << false << "\"\"";
+    QTest::newRow("with content all the same") << true << true << "\"declined – ÄÖ\"";
 }
 
 void MacAudioTest::lookupFails()
 {
     QFETCH(const bool, hasText);
+    QFETCH(const bool, hasContent);
     QFETCH(const QString, quoted);
+    answers().contentBesideError = hasContent;
     answers().contentError = hasText ? macsim::Error("declined – ÄÖ") : macsim::Error();
     const RecorderAudioCapture capture{QString()};
     QVERIFY(!capture.isValid());

@@ -12,6 +12,7 @@ using macsim::Sound;
 namespace {
 
 constexpr std::uint32_t isFloat = 1;
+constexpr std::uint32_t isBigEndian = 2;
 constexpr std::uint32_t isSigned = 4;
 constexpr std::uint32_t isPlanar = 32;
 
@@ -43,6 +44,16 @@ Sound sound(
 
 using Samples = QList<qint16>;
 
+/// One frame of two samples that are not zero, in another width than that of any C++ type.
+Sound packedFrame(std::uint32_t flags, std::uint32_t bitsPerChannel)
+{
+    const std::size_t width = bitsPerChannel / 8;
+    Sound made = sound<std::uint8_t>(flags, 2, 1, {std::vector<std::uint8_t>(2 * width, 0x5a)});
+    made.bitsPerChannel = bitsPerChannel;
+    made.bytesPerFrame = std::uint32_t(2 * width);
+    return made;
+}
+
 }
 
 Q_DECLARE_METATYPE(macsim::Sound)
@@ -56,6 +67,8 @@ private Q_SLOTS:
 
     void formats_data();
     void formats();
+    void silence_data();
+    void silence();
     void dropped_data();
     void dropped();
     void unsupportedFormatIsToldOnce();
@@ -112,6 +125,8 @@ void MacIntakeTest::formats_data()
     using L = std::vector<std::int32_t>;
     QTest::newRow("float, interleaved, stereo")
         << sound<float>(isFloat, 2, 2, {F{0.5F, -1.5F, 1.5F, 0}}) << Samples{16384, -32767, 32767, 0};
+    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+    QTest::newRow("float that is no number") << sound<float>(isFloat, 2, 1, {F{nan, -nan}}) << Samples{32767, 32767};
     QTest::newRow("float, planar, stereo") << sound<float>(isFloat | isPlanar, 2, 2, {F{0.5F, 1}, F{-0.5F, -1}})
                                            << Samples{16384, -16384, 32767, -32767};
     QTest::newRow("float, mono") << sound<float>(isFloat, 1, 2, {F{0.5F, -1}})
@@ -128,14 +143,15 @@ void MacIntakeTest::formats_data()
                                        << Samples{1, -3, 2, -4};
     QTest::newRow("signed 16, planar, one buffer")
         << sound<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}}) << Samples{1, 0, 2, 0};
+    QTest::newRow("signed 16 that is called big-endian")
+        << sound<std::int16_t>(isSigned | isBigEndian, 2, 1, {S{1, 0x0203}}) << Samples{1, 0x0203};
     QTest::newRow("unsigned 16") << sound<std::uint16_t>(0, 2, 1, {U{0, 0xffff}}) << Samples{-32768, 32767};
+    QTest::newRow("unsigned 16, planar")
+        << sound<std::uint16_t>(isPlanar, 2, 2, {U{0, 0x8000}, U{0x8001, 0xffff}}) << Samples{-32768, 1, 0, 32767};
     QTest::newRow("signed 32, interleaved")
         << sound<std::int32_t>(isSigned, 2, 1, {L{0x12345678, -0x10000}}) << Samples{0x1234, -1};
     QTest::newRow("signed 32, planar") << sound<std::int32_t>(isSigned | isPlanar, 2, 1, {L{0x7fff0000}, L{0x10000}})
                                        << Samples{32767, 1};
-    QTest::newRow("64-bit float is silence")
-        << sound<double>(isFloat, 2, 1, {std::vector<double>{1, 1}}) << Samples{0, 0};
-    QTest::newRow("no buffer") << sound<float>(isFloat, 2, 1, {}) << Samples{0, 0};
     QTest::newRow("short buffer") << sound<std::int16_t>(isSigned, 2, 3, {S{1, 2}}) << Samples{1, 2, 0, 0, 0, 0};
     Sound null = sound<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
     null.nullBuffers = {false, true};
@@ -149,6 +165,32 @@ void MacIntakeTest::formats()
     const auto samples = taken(delivered);
     QVERIFY(samples);
     QCOMPARE(*samples, expected);
+    QCOMPARE(bench_->log.messages(), QStringList());
+}
+
+void MacIntakeTest::silence_data()
+{
+    QTest::addColumn<Sound>("delivered");
+    QTest::newRow("64-bit float") << sound<double>(isFloat, 2, 1, {std::vector<double>{1, 1}});
+    QTest::newRow("signed 8") << packedFrame(isSigned, 8);
+    QTest::newRow("unsigned 8") << packedFrame(0, 8);
+    QTest::newRow("signed 24") << packedFrame(isSigned, 24);
+    QTest::newRow("unsigned 32") << packedFrame(0, 32);
+    QTest::newRow("no buffer") << sound<float>(isFloat, 2, 1, {});
+    const auto row = [](const char* name, std::uint32_t Sound::*field) {
+        Sound changed = macsim::stereoSound({257, 257});
+        changed.*field = 0;
+        QTest::newRow(name) << changed;
+    };
+    row("no bits", &Sound::bitsPerChannel);
+    row("no channels", &Sound::channels);
+    row("no bytes in a frame", &Sound::bytesPerFrame);
+}
+
+void MacIntakeTest::silence()
+{
+    QFETCH(const Sound, delivered);
+    QCOMPARE(taken(delivered), std::optional(Samples{0, 0}));
     QCOMPARE(bench_->log.messages(), QStringList());
 }
 
@@ -166,8 +208,13 @@ void MacIntakeTest::dropped_data()
     row("no frame", [](Sound& s) { s.frames = 0; });
     row("less than no frame", [](Sound& s) { s.frames = -1; });
     row("too many frames", [](Sound& s) { s.frames = std::int64_t(std::numeric_limits<qint32>::max()) + 1; });
+    row("frames whose low 32 bits are one", [](Sound& s) { s.frames = (std::int64_t(1) << 32) + 1; });
     row("size cannot be told", [](Sound& s) { s.sizeStatus = -12731; });
-    row("size is zero", [](Sound& s) { s.sizeIsZero = true; });
+    row("size is zero", [](Sound& s) { s.claimedListSize = 0; });
+    row("size is less than an empty list's", [](Sound& s) {
+        s.claimedListSize = 7;
+        s.claimedBuffers = 0;
+    });
     row("samples are not handed out", [](Sound& s) { s.listStatus = -12731; });
     row("samples are not handed out, but a block buffer is", [](Sound& s) {
         s.listStatus = -12731;

@@ -26,6 +26,7 @@ struct UrlBody : macsim::ledger::Body {
 
 + (NSApplication*)sharedApplication
 {
+    macsim::leaveToPool();
     static NSApplication* const application = macsim::makeForEver(self);
     return answers().noApplicationObject ? nil : application;
 }

@@ -171,6 +171,7 @@ const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key)
 
 bool CGPreflightScreenCaptureAccess()
 {
+    macsim::leaveToPool();
     std::size_t asked = 0;
     macsim::system::note([&asked](macsim::Record& record) { asked = std::size_t(record.preflights++); });
     const auto& given = answers().preflight;
@@ -179,6 +180,7 @@ bool CGPreflightScreenCaptureAccess()
 
 bool CGRequestScreenCaptureAccess()
 {
+    macsim::leaveToPool();
     macsim::system::note([](macsim::Record& record) { ++record.requests; });
     return answers().request;
 }
@@ -194,6 +196,7 @@ const CGRect CGRectNull
 CGImageRef CGWindowListCreateImage(
     CGRect bounds, std::uint32_t listOption, CGWindowID windowId, std::uint32_t imageOption)
 {
+    macsim::leaveToPool();
     int index = 0;
     macsim::system::note([&](macsim::Record& record) {
         index = int(record.images.size());
@@ -210,6 +213,7 @@ CGImageRef CGWindowListCreateImage(
 
 CFArrayRef CGWindowListCopyWindowInfo(CGWindowListOption option, CGWindowID windowId)
 {
+    macsim::leaveToPool();
     macsim::system::note([&](macsim::Record& record) { record.infos.push_back({std::uint32_t(option), windowId}); });
     if (answers().windowInfo == macsim::WindowInfo::NoArray)
         return nullptr;
@@ -262,6 +266,7 @@ void CGColorSpaceRelease(CGColorSpaceRef space)
 CGContextRef CGBitmapContextCreate(void* data, size_t width, size_t height, size_t bitsPerComponent,
     size_t bytesPerRow, CGColorSpaceRef space, uint32_t bitmapInfo)
 {
+    macsim::leaveToPool();
     macsim::system::note([&](macsim::Record& record) {
         record.contexts.push_back({width, height, bitsPerComponent, bytesPerRow, bitmapInfo});
     });
@@ -298,6 +303,7 @@ void CGContextRelease(CGContextRef context)
 
 CGEventRef CGEventCreate(CGEventSourceRef)
 {
+    macsim::leaveToPool();
     if (!answers().pointer)
         return nullptr;
     id event = [SimEvent alloc];

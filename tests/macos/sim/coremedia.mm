@@ -6,6 +6,8 @@
 #include "samples.h"
 #include "system.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -92,13 +94,17 @@ Strong makeBlock(const macsim::Sound& sound, bool aligned)
 
 std::size_t listSize(const macsim::Sound& sound)
 {
-    return offsetof(AudioBufferList, mBuffers) + sound.buffers.size() * sizeof(AudioBuffer);
+    const std::size_t truth = offsetof(AudioBufferList, mBuffers) + sound.buffers.size() * sizeof(AudioBuffer);
+    return sound.claimedListSize.value_or(truth);
 }
 
-void fillList(AudioBufferList* list, const macsim::Sound& sound, const BlockBody& block)
+/// As many of the buffers as have room in that size.
+void fillList(AudioBufferList* list, std::size_t size, const macsim::Sound& sound, const BlockBody& block)
 {
-    list->mNumberBuffers = std::uint32_t(sound.buffers.size());
+    list->mNumberBuffers = sound.claimedBuffers.value_or(std::uint32_t(sound.buffers.size()));
     for (std::size_t i = 0; i < sound.buffers.size(); ++i) {
+        if (size < offsetof(AudioBufferList, mBuffers) + (i + 1) * sizeof(AudioBuffer))
+            return;
         const bool null = i < sound.nullBuffers.size() && sound.nullBuffers[i];
         AudioBuffer buffer{};
         buffer.mNumberChannels = std::uint32_t(sound.channels / std::max<std::size_t>(1, sound.buffers.size()));
@@ -201,16 +207,18 @@ OSStatus CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(CMSampleBufferR
     if (!list && macsim::answers().samplesAsked)
         macsim::answers().samplesAsked();
     const auto& sound = bodyOf<SampleBody>(buffer)->sound;
-    if (!list && sound.sizeStatus != 0)
-        return sound.sizeStatus;
     if (sizeNeeded)
-        *sizeNeeded = sound.sizeIsZero ? 0 : listSize(sound);
+        *sizeNeeded = listSize(sound);
     if (!list)
-        return 0;
+        return sound.sizeStatus;
     if (!block)
         macsim::ledger::fault("samples without the block buffer that keeps them");
     if (size < listSize(sound))
         return arrayTooSmall;
+    if (malloc_usable_size(list) < size) { // the program keeps its lists on the heap
+        macsim::ledger::fault("a buffer list that is larger than its memory");
+        return arrayTooSmall;
+    }
     Strong made = makeBlock(sound, flags & alignTo16);
     const bool given = sound.listStatus == 0 ? !sound.noBlock : sound.blockDespiteFailure;
     if (given && block)
@@ -219,7 +227,7 @@ OSStatus CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(CMSampleBufferR
         return sound.listStatus;
     if (!given)
         bodyOf<SampleBody>(buffer)->block = made;
-    fillList(list, sound, *bodyOf<BlockBody>(made.get()));
+    fillList(list, size, sound, *bodyOf<BlockBody>(made.get()));
     return 0;
 }
 }

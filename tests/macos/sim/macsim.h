@@ -93,6 +93,7 @@ struct Answers {
     std::size_t displays = 1;
     std::vector<Application> applications;
     Outcome contentError;
+    bool contentBesideError = false; ///< with contentError: there is content all the same
     bool noContent = false; ///< neither content nor error
     /// Called on the queue's thread before an output is called; may block.
     std::function<void()> beforeDelivery;
@@ -215,8 +216,10 @@ struct Sound {
     std::vector<std::vector<std::uint8_t>> buffers;
     std::vector<bool> nullBuffers; ///< by index: its data pointer is null
 
-    std::int32_t sizeStatus = 0; ///< of the call that asks for the size of the buffer list
-    bool sizeIsZero = false;
+    /// Of the call that asks for the size of the buffer list. It tells the size also when it fails.
+    std::int32_t sizeStatus = 0;
+    std::optional<std::size_t> claimedListSize; ///< what it tells, when that is not the truth
+    std::optional<std::uint32_t> claimedBuffers; ///< what the list says of its length, when that is not the truth
     std::int32_t listStatus = 0; ///< of the call that fills it
     bool blockDespiteFailure = false; ///< that call gives a block buffer, although it fails
     bool noBlock = false; ///< it gives none, although it succeeds

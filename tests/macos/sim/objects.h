@@ -54,6 +54,12 @@ struct TextBody : ledger::Body {
     void end() override { text.assign(text.size(), '#'); }
 };
 
+/// A temporary object, as any call of the system's may leave it to its caller's pool.
+inline void leaveToPool()
+{
+    [[[NSObject alloc] init] autorelease];
+}
+
 NSString* makeText(const std::optional<std::string>& text); ///< nil for nothing
 NSArray* makeArray(std::vector<Strong> items);
 NSError* makeError(const Outcome& outcome); ///< nil for success

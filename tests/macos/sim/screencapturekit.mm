@@ -127,17 +127,15 @@ using ContentHandler = void (^)(SCShareableContent*, NSError*);
                                onScreenWindowsOnly:(BOOL)onScreenWindowsOnly
                                  completionHandler:(ContentHandler)completionHandler
 {
+    macsim::leaveToPool();
     macsim::system::note([&](macsim::Record& record) {
         record.contents.push_back({excludesDesktopWindows, onScreenWindowsOnly});
     });
     const macsim::BlockRef<ContentHandler> handler(completionHandler);
     macsim::system::answer(macsim::Call::Content, answers().content, [handler] {
-        if (answers().contentError || answers().noContent) {
-            handler.get()(nil, macsim::makeError(answers().contentError));
-            return;
-        }
-        const Strong content = makeContent();
-        handler.get()(content.get(), nil);
+        const bool given = answers().contentError ? answers().contentBesideError : !answers().noContent;
+        const Strong content = given ? makeContent() : Strong(nil);
+        handler.get()(content.get(), macsim::makeError(answers().contentError));
     });
 }
 

@@ -251,6 +251,7 @@ bool endStreams(const Outcome& error)
 
 - (void)startCaptureWithCompletionHandler:(Handler)completionHandler
 {
+    macsim::leaveToPool();
     macsim::system::note([](macsim::Record& record) { ++record.starts; });
     const macsim::BlockRef<Handler> handler(completionHandler);
     const Strong stream(self);
@@ -264,6 +265,7 @@ bool endStreams(const Outcome& error)
 
 - (void)stopCaptureWithCompletionHandler:(Handler)completionHandler
 {
+    macsim::leaveToPool();
     macsim::system::note([](macsim::Record& record) { ++record.stops; });
     bodyOf<StreamBody>(self)->noteStopAsked();
     const macsim::BlockRef<Handler> handler(completionHandler);
