@@ -1,10 +1,13 @@
 // The process on the Mac: permission mode, the accessory step, the bundle's texts, and who is at the other end of a
 // socket.
+#include "launcherserver.h"
 #include "macbench.h"
 #include "platform/application.h"
+#include "privatetempdir.h"
+#include "recorderprocess.h"
 #include "startup.h"
 
-#include <QProcess>
+#include <QDir>
 
 #include <array>
 #include <fcntl.h>
@@ -12,6 +15,28 @@
 #include <unistd.h>
 
 using macsim::answers;
+
+namespace {
+
+/// The recorder as a process of its own on a simulated Mac of its own, see simulatedrecorder.cpp. Have a
+/// PrivateTempDir first.
+class SimulatedRecorder : public RecorderProcess {
+public:
+    explicit SimulatedRecorder(const QString& permission) : RecorderProcess(QByteArray())
+    {
+        setVariable(QStringLiteral("SIMULATED_PERMISSION"), permission);
+        setVariable(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("minimal"));
+        setVariable(QStringLiteral("XDG_RUNTIME_DIR"), QDir::tempPath()); // otherwise Qt on Linux warns
+    }
+};
+
+/// The last lines of its stderr, when it is an accessory process and has asked for the permission so often.
+QByteArray toldAtTheEnd(const QByteArray& asked)
+{
+    return "simulated: activation policy 1\nsimulated: " + asked + "\nsimulated: nothing is wrong\n";
+}
+
+}
 
 class MacProcessTest : public QObject {
     Q_OBJECT
@@ -24,6 +49,7 @@ private Q_SLOTS:
     void permissionMode();
     void permissionProcess_data();
     void permissionProcess();
+    void recordingWithoutPermission();
 
     void accessory();
     void accessoryIsSkipped_data();
@@ -95,34 +121,71 @@ void MacProcessTest::permissionProcess_data()
 {
     QTest::addColumn<QString>("permission");
     QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("lines");
     QTest::addColumn<QByteArray>("asked");
-    QTest::newRow("held") << "held" << 0 << QByteArray("1 preflights, 0 requests");
-    QTest::newRow("granted") << "granted" << 0 << QByteArray("2 preflights, 1 requests");
-    QTest::newRow("refused") << "refused" << 2 << QByteArray("2 preflights, 1 requests");
+    const QByteArray once = "1 preflights, 0 requests";
+    const QByteArray twice = "2 preflights, 1 requests";
+    const QByteArray before = "macOS screen recording preflight before request ";
+    const QByteArray request = "macOS screen recording request result ";
+    const QByteArray result = "recorder permission preflight completed screenCaptureAllowed ";
+    QTest::newRow("held") << "held" << 0 << QByteArray(before + "true\n" + result + "true\n") << once;
+    QTest::newRow("granted") << "granted" << 0
+                             << QByteArray(before + "false\n" + request + "true preflight after request false\n"
+                                    + result + "true\n")
+                             << twice;
+    QTest::newRow("held after the request")
+        << "later" << 0
+        << QByteArray(before + "false\n" + request + "false preflight after request true\n" + result + "true\n")
+        << twice;
+    QTest::newRow("refused") << "refused" << 2
+                             << QByteArray(before + "false\n" + request + "false preflight after request false\n"
+                                    + result + "false\n")
+                             << twice;
 }
 
 void MacProcessTest::permissionProcess()
 {
     QFETCH(const QString, permission);
     QFETCH(const int, exitCode);
+    QFETCH(const QByteArray, lines);
     QFETCH(const QByteArray, asked);
-    QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("SIMULATED_PERMISSION"), permission);
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("minimal"));
-    process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(SIMULATED_RECORDER),
-        {QStringLiteral("/nowhere"), QStringLiteral("x"), QStringLiteral("--request-permissions")});
-    QVERIFY2(process.waitForFinished(patienceMs), qPrintable(process.errorString()));
-    const QByteArray errors = process.readAllStandardError();
-    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QVERIFY2(process.exitCode() == exitCode, errors.constData());
-    const QByteArray allowed = exitCode == 0 ? "true" : "false";
-    QVERIFY2(errors.contains("recorder permission preflight completed screenCaptureAllowed " + allowed + "\n"),
-        errors.constData());
-    QVERIFY2(
-        errors.contains("simulated: activation policy 1\nsimulated: " + asked + "\nsimulated: nothing is wrong\n"),
-        errors.constData());
+    const PrivateTempDir directory;
+    SimulatedRecorder recorder(permission);
+    QVERIFY(recorder.start({directory.path(), QStringLiteral("x"), QStringLiteral("--request-permissions")}));
+    QVERIFY(recorder.waitForEnd());
+    QCOMPARE(recorder.standardError(), lines + toldAtTheEnd(asked));
+    QCOMPARE(recorder.exitCode(), exitCode);
+    QVERIFY(QDir(directory.path()).isEmpty());
+}
+
+void MacProcessTest::recordingWithoutPermission()
+{
+    const PrivateTempDir directory;
+    LauncherServer launcher;
+    QVERIFY2(launcher.isListening(), qPrintable(launcher.errorString()));
+    RecorderCommand command;
+    command.logDirectory = directory.path();
+    command.output = directory.filePath(QStringLiteral("out.mp4"));
+    command.window = QStringLiteral("42");
+    SimulatedRecorder recorder(QStringLiteral("refused"));
+    QVERIFY(recorder.start(command.arguments()));
+    QVERIFY(recorder.waitForEnd());
+    QCOMPARE(recorder.exitCode(), 2);
+
+    QStringList warnings;
+    const QList<LogLine> log = RecorderProcess::log(directory.path());
+    for (const LogLine& line : log) {
+        if (line.level == "Warning")
+            warnings.append(line.text);
+    }
+    QCOMPARE(warnings,
+        QStringList({QStringLiteral("macOS screen recording permission is not currently granted; requesting access."),
+            QStringLiteral(
+                "macOS screen recording permission was not granted; window capture will not produce frames."),
+            QStringLiteral("macOS CoreGraphics window capture setup failed.")}));
+    QCOMPARE(log.last().text, QStringLiteral("recorder exiting 2"));
+    QCOMPARE(launcher.received(), QByteArray());
+    QVERIFY2(recorder.standardError().endsWith(toldAtTheEnd("2 preflights, 1 requests")), recorder.standardError());
 }
 
 void MacProcessTest::accessory()

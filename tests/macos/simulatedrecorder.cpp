@@ -1,6 +1,6 @@
 // Linked into the recorder's own main(): lets the environment say how the simulated Mac answers, and tells at the end
 // what was asked of it.
-//   SIMULATED_PERMISSION=held|granted|refused
+//   SIMULATED_PERMISSION=held|granted|later|refused (later: held after the request, which said no)
 #include "macsim.h"
 
 #include <cstdio>
@@ -16,7 +16,7 @@ public:
     {
         const char* given = std::getenv("SIMULATED_PERMISSION");
         const std::string permission = given ? given : "held";
-        macsim::answers().preflight = {permission == "held"};
+        macsim::answers().preflight = {permission == "held", permission == "held" || permission == "later"};
         macsim::answers().request = permission == "granted";
     }
 
