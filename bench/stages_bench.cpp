@@ -19,6 +19,8 @@ namespace {
 
 constexpr QSize fullHd(1920, 1080);
 constexpr QSize ultraHd(3840, 2160);
+constexpr int opaqueDepth = 24; // bits a pixel, of windows without an alpha channel
+constexpr int alphaDepth = 32;
 constexpr int repaintsPerSecond = 60; // of the window in the pictures
 
 bool anyFailed = false;
@@ -120,9 +122,11 @@ void compose(benchmark::State& state)
 {
     const QSize window = sizeArgument(state);
     BenchRecorder recorder(sizeArgument(state, 1));
-    const RecorderProbe::CapturedFrame frame = capturedFrame(window);
+    RecorderProbe::CapturedFrame frame = capturedFrame(window);
+    frame.opaque = state.range(5) == opaqueDepth;
     const qint64 timeMs = addClicks(recorder.probe(), window, state.range(4));
     for (auto iteration : state) {
+        frame.cursorX = frame.cursorX > 0.0 ? 0.0 : 1.0; // a frame like the last one would not be painted
         QImage canvas = recorder.probe().composeFrame(frame, timeMs);
         benchmark::DoNotOptimize(canvas);
     }
@@ -204,7 +208,7 @@ void bothSizes(benchmark::internal::Benchmark* stage)
 void bothSizesAndDepths(benchmark::internal::Benchmark* stage)
 {
     stage->ArgNames({"w", "h", "depth"});
-    for (const int depth : {24, 32}) {
+    for (const int depth : {opaqueDepth, alphaDepth}) {
         for (const QSize size : {fullHd, ultraHd})
             stage->Args({size.width(), size.height(), depth});
     }
@@ -212,16 +216,17 @@ void bothSizesAndDepths(benchmark::internal::Benchmark* stage)
 
 void compositions(benchmark::internal::Benchmark* stage)
 {
-    stage->ArgNames({"w", "h", "canvas_w", "canvas_h", "clicks"});
-    const auto add = [stage](QSize window, QSize canvas, int clicks) {
-        stage->Args({window.width(), window.height(), canvas.width(), canvas.height(), clicks});
+    stage->ArgNames({"w", "h", "canvas_w", "canvas_h", "clicks", "depth"});
+    const auto add = [stage](QSize window, QSize canvas, int clicks, int depth) {
+        stage->Args({window.width(), window.height(), canvas.width(), canvas.height(), clicks, depth});
     };
-    for (const int clicks : {0, 10}) {
-        add(fullHd, fullHd, clicks);
-        add(ultraHd, ultraHd, clicks);
-        add(ultraHd, fullHd, clicks);
-        add(fullHd, ultraHd, clicks);
+    for (const int depth : {opaqueDepth, alphaDepth}) {
+        add(fullHd, fullHd, 0, depth);
+        add(ultraHd, ultraHd, 0, depth);
+        add(ultraHd, fullHd, 0, depth);
+        add(fullHd, ultraHd, 0, depth);
     }
+    add(fullHd, fullHd, 10, opaqueDepth);
 }
 
 // Painting and encoders use threads of their own, so the processor time is the whole process's.

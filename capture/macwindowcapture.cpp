@@ -46,6 +46,22 @@ bool MacWindowCapture::ensureAccess()
 
 namespace {
 
+/// Whether no pixel is translucent. Most windows that can have some have them in their first row: rounded corners.
+bool isOpaqueImage(const QImage& image)
+{
+    if (image.format() == QImage::Format_RGB32)
+        return true;
+    for (int y = 0; y < image.height(); ++y) {
+        const auto* line = reinterpret_cast<const quint32*>(image.constScanLine(y));
+        quint32 common = 0xff000000u;
+        for (int x = 0; x < image.width(); ++x)
+            common &= line[x];
+        if (common != 0xff000000u)
+            return false;
+    }
+    return true;
+}
+
 /// An opaque image as straight-alpha ARGB32 over the same pixels: with 0xff in every top byte the bytes are
 /// the same.
 QImage sharedAsArgb32(const QImage& opaque)
@@ -54,12 +70,6 @@ QImage sharedAsArgb32(const QImage& opaque)
     return QImage(
         owner->constBits(), owner->width(), owner->height(), owner->bytesPerLine(), QImage::Format_ARGB32,
         [](void* image) { delete static_cast<QImage*>(image); }, owner);
-}
-
-QImage toStraightAlpha(const QImage& image)
-{
-    return image.format() == QImage::Format_RGB32 ? sharedAsArgb32(image)
-                                                  : image.convertToFormat(QImage::Format_ARGB32);
 }
 
 }
@@ -85,7 +95,8 @@ QImage MacWindowCapture::capture(QRect* bounds) const
         *bounds = windowbounds::boundsOrImageRect(rect ? windowbounds::roundedRect(*rect) : QRect(), image.size());
     }
     if (image.cacheKey() != lastSourceKey) {
-        lastImage = toStraightAlpha(image);
+        lastIsOpaque = isOpaqueImage(image);
+        lastImage = lastIsOpaque ? sharedAsArgb32(image) : image.convertToFormat(QImage::Format_ARGB32);
         lastSourceKey = image.cacheKey();
     }
     return lastImage;

@@ -40,6 +40,9 @@ public:
      */
     QImage capture(QRect* bounds) const;
 
+    /// Whether every alpha value of the image that was returned last is 0xff. Belongs to the recording worker.
+    bool isOpaque() const { return lastIsOpaque; }
+
     /// The mouse pointer in global screen points, or nothing when the system does not tell.
     std::optional<QPointF> pointerLocation() const;
 
@@ -53,4 +56,5 @@ private:
     std::unique_ptr<platform::WindowSource> source; ///< null while invalid
     mutable qint64 lastSourceKey = 0; ///< worker thread; cacheKey() of the last image of the source; 0 is no image
     mutable QImage lastImage; ///< worker thread; that image as it was returned
+    mutable bool lastIsOpaque = false; ///< worker thread; of that image
 };

@@ -30,6 +30,7 @@ void GstRecorder::closeOutput()
 
     // 3. Picture, encoders, sample queue, container with its streams. The calls null what they are given by address.
     av_frame_free(&videoFrame);
+    videoFrameKey = 0;
     avcodec_free_context(&videoCodecContext);
     avcodec_free_context(&audioCodecContext);
     av_audio_fifo_free(audioFifo);

@@ -19,21 +19,33 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
         qWarning() << "Skipping frame with unexpected size" << picture.size();
         return false;
     }
-    int status = av_frame_make_writable(videoFrame);
+    if (!fillVideoFrame(picture))
+        return false;
+
+    videoFrame->pts = ptsMs;
+    const int status = avcodec_send_frame(videoCodecContext, videoFrame);
+    if (status < 0) {
+        qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
+        return false;
+    }
+    return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
+}
+
+/// A picture that the frame already holds is not converted again; the encoder may still read it.
+bool GstRecorder::fillVideoFrame(const QImage& picture)
+{
+    if (videoFrameKey == picture.cacheKey())
+        return true;
+    videoFrameKey = 0;
+    const int status = av_frame_make_writable(videoFrame);
     if (status < 0) {
         qCritical() << "FFmpeg frame is not writable:" << avErrorString(status);
         return false;
     }
     if (!transferPixels(picture))
         return false;
-
-    videoFrame->pts = ptsMs;
-    status = avcodec_send_frame(videoCodecContext, videoFrame);
-    if (status < 0) {
-        qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
-        return false;
-    }
-    return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
+    videoFrameKey = picture.cacheKey();
+    return true;
 }
 
 bool GstRecorder::transferPixels(const QImage& image)

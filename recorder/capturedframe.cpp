@@ -16,6 +16,7 @@ GstRecorder::CapturedFrame GstRecorder::captureWindowFrame() const
         return frame;
 
     frame.image = std::move(image);
+    frame.opaque = windowCapture->isOpaque();
     frame.windowBounds = bounds;
     frame.capturedAtMs = QDateTime::currentMSecsSinceEpoch();
     if (const auto pointer = windowCapture->pointerLocation()) {

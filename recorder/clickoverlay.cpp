@@ -78,9 +78,9 @@ QMap<qint64, GstRecorder::MouseClick> GstRecorder::takeLiveClicks(long long time
     return clicks; // shared, not copied: a click that arrives meanwhile waits for the next frame
 }
 
-void GstRecorder::drawClicks(QPainter& painter, const FrameGeometry& geometry, long long timestampMs)
+void GstRecorder::drawClicks(
+    QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live, long long timestampMs)
 {
-    const QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
     painter.setPen(Qt::NoPen);
     for (auto entry = live.cbegin(); entry != live.cend(); ++entry) {
         if (entry.key() > timestampMs)

@@ -6,6 +6,7 @@
 #include <QPen>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -42,24 +43,69 @@ void drawPointer(QPainter& painter, const FrameGeometry& geometry, const QPointF
     painter.restore();
 }
 
+/// Whether every pixel of the window's image becomes one of the canvas as it is.
+bool isCopied(const GstRecorder::CapturedFrame& frame, const FrameGeometry& geometry)
+{
+    return frame.opaque && geometry.target().size() == QSizeF(frame.image.size());
 }
 
+/// The same pixels; those of an image without an alpha channel are copied where others are blended.
+QImage withoutAlphaChannel(const QImage& opaque)
+{
+    return QImage(opaque.constBits(), opaque.width(), opaque.height(), opaque.bytesPerLine(), QImage::Format_RGB32);
+}
+
+}
+
+/// The same picture again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
-    QImage canvas(canvasWidth, canvasHeight, QImage::Format_ARGB32);
+    const QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
+    const bool showsClicks = !live.isEmpty() && live.firstKey() <= timestampMs;
+    const CompositionSource source{
+        frame.image.cacheKey(), frame.windowBounds, frame.cursorX, frame.cursorY, frame.hasCursor};
+    if (!showsClicks && source == composedFrom && composedPicture.size() == QSize(canvasWidth, canvasHeight))
+        return composedPicture;
+
+    composedFrom.reset();
+    QImage canvas = takeCanvas();
     if (canvas.isNull()) // a canvas that no memory holds
         return canvas;
-    canvas.fill(Qt::black);
+    paintFrame(canvas, frame, live, timestampMs);
+    composedPicture = canvas;
+    if (!showsClicks)
+        composedFrom = source;
+    return canvas;
+}
 
+/// Memory for the next picture: that of the last one, unless somebody still looks at it.
+QImage GstRecorder::takeCanvas()
+{
+    QImage canvas = std::exchange(composedPicture, QImage());
+    if (canvas.isDetached() && canvas.size() == QSize(canvasWidth, canvasHeight))
+        return canvas;
+    return QImage(canvasWidth, canvasHeight, QImage::Format_ARGB32);
+}
+
+/// Where nothing is scaled or translucent, a canvas without an alpha channel gives the same pixels and is several
+/// times quicker. (What is scaled would come out a shade different.)
+void GstRecorder::paintFrame(
+    QImage& canvas, const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs)
+{
+    const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvas.size());
+    const bool copied = isCopied(frame, geometry);
+    if (copied)
+        canvas.reinterpretAsFormat(QImage::Format_RGB32);
+    canvas.fill(Qt::black);
     QPainter painter(&canvas);
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
-    const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvas.size());
-    painter.drawImage(geometry.target(), frame.image, QRectF(frame.image.rect()));
+    painter.drawImage(
+        geometry.target(), copied ? withoutAlphaChannel(frame.image) : frame.image, QRectF(frame.image.rect()));
     if (frame.hasCursor) {
         if (const auto inside = geometry.insideImage(frame.cursorX, frame.cursorY))
             drawPointer(painter, geometry, geometry.toCanvas(*inside));
     }
-    drawClicks(painter, geometry, timestampMs);
+    drawClicks(painter, geometry, live, timestampMs);
     painter.end();
-    return canvas;
+    canvas.reinterpretAsFormat(QImage::Format_ARGB32);
 }

@@ -18,6 +18,7 @@
 
 #include "avhandles.h"
 #include "clickkeys.h"
+#include "compositionsource.h"
 #include "framegeometry.h"
 
 #include <QByteArray>
@@ -34,6 +35,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 
 class MacWindowCapture;
 class RecorderAudioCapture;
@@ -52,6 +54,7 @@ public:
         double cursorX = 0.0; ///< pointer, global screen points
         double cursorY = 0.0;
         bool hasCursor = false; ///< cursorX and cursorY hold a real sample
+        bool opaque = false; ///< every alpha value of the image is known to be 0xff
     };
 
     /// An entry of the delay queue.
@@ -135,7 +138,7 @@ private:
     void recordUntilStopped(LoopState& loop);
     bool warmingUp(LoopState& loop) const;
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
-    QImage rehearse(const CapturedFrame& frame);
+    void rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
     void startAudio();
     void takeAudio(bool last = false);
@@ -147,11 +150,15 @@ private:
     // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
 
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
+    QImage takeCanvas();
+    static void paintFrame(
+        QImage& canvas, const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs);
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
     QMap<qint64, MouseClick> takeLiveClicks(long long timestampMs);
-    void drawClicks(QPainter& painter, const FrameGeometry& geometry, long long timestampMs);
+    static void drawClicks(QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live,
+        long long timestampMs);
 
     // ==== outputcontainer.cpp: file, container, video encoder (worker) =======================================
 
@@ -192,6 +199,7 @@ private:
 
     bool encodeImage(const QImage& image, long long ptsMs);
     bool drainEncoder();
+    bool fillVideoFrame(const QImage& picture);
     bool transferPixels(const QImage& image);
     bool writeVideoPackets(const char* receiveError, const char* writeError);
 
@@ -238,11 +246,16 @@ private:
     FreeKeyHint freeClickKey; // makes a flood of clicks at one time cheap
     bool clickLimitLogged = false;
 
+    // The picture that was composed last: worker, framecomposition.cpp.
+    QImage composedPicture; // its memory serves the next one, too
+    std::optional<CompositionSource> composedFrom; // nothing when it shows clicks, which change with the time
+
     // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
     AVFormatContext* formatContext = nullptr; // also holds the file handle
     AVCodecContext* videoCodecContext = nullptr;
     AVStream* videoStream = nullptr; // owned by formatContext
     AVFrame* videoFrame = nullptr; // the one frame, reused for every picture
+    qint64 videoFrameKey = 0; // QImage::cacheKey() of the picture that it holds, videoencoding.cpp; 0 is none
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that

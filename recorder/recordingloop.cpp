@@ -23,7 +23,6 @@ struct GstRecorder::LoopState {
     bool warmupLogged = false;
     QElapsedTimer settle; ///< started at the first image
     QElapsedTimer ready; ///< started when readiness is announced
-    QImage rehearsed; ///< a canvas that gives its memory to the first one that is encoded
     QList<QueuedFrame> queue; ///< first in, first out
     qint64 lastElapsedMs = -1; ///< recording time of the newest queued frame; -1 before the first
 
@@ -91,7 +90,7 @@ bool GstRecorder::waitingAfterReadiness(LoopState& loop, const CapturedFrame& fr
     if (!frameComeSent.load(std::memory_order_acquire)) {
         announceFrameCome();
         loop.ready.start();
-        loop.rehearsed = rehearse(frame);
+        rehearse(frame);
         qDebug() << "Recorder ready; delaying first encoded frame" << readyDelayMs << "ms";
         return true;
     }
@@ -99,14 +98,12 @@ bool GstRecorder::waitingAfterReadiness(LoopState& loop, const CapturedFrame& fr
 }
 
 /// The first picture costs several times what later ones do: its memory was never touched. Without this that time
-/// falls into the recording, when the delay queue begins to drain. The picture that is returned keeps the memory
-/// until then; the encoder's copy is overwritten.
-QImage GstRecorder::rehearse(const CapturedFrame& frame)
+/// falls into the recording, when the delay queue begins to drain. Canvas and encoder's frame keep their memory.
+void GstRecorder::rehearse(const CapturedFrame& frame)
 {
     const QImage composed = composeFrame(frame, 0);
     if (!composed.isNull())
-        transferPixels(composed);
-    return composed;
+        fillVideoFrame(composed);
 }
 
 void GstRecorder::announceFrameCome()
@@ -128,8 +125,6 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
     loop.lastElapsedMs = elapsedMs;
     loop.queue.append({std::move(frame), elapsedMs});
-    if (elapsedMs >= holdMs)
-        loop.rehearsed = QImage();
     drainQueue(loop.queue, elapsedMs - holdMs, false);
     takeAudio();
 }

@@ -22,6 +22,7 @@ struct RecorderProbe {
     {
         return recorder.composeFrame(frame, timestampMs);
     }
+    void rehearse(const CapturedFrame& frame) { recorder.rehearse(frame); }
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
     {
         recorder.drainQueue(queue, limitMs, flushAll);

@@ -13,6 +13,7 @@ private Q_SLOTS:
     void withoutACaptureTheFrameIsTheDefault();
     void withoutAnImageTheFrameIsTheDefault();
     void fieldsOfASample();
+    void translucentImageIsMarkedSo();
     void pointerThatIsNotToldIsMarkedSo();
     void boundsThatAreNotToldAreTheImage();
     void unchangedWindowSharesItsPixels();
@@ -51,6 +52,7 @@ void CapturedFrameTest::withoutACaptureTheFrameIsTheDefault()
     QCOMPARE(frame.cursorX, 0.0);
     QCOMPARE(frame.cursorY, 0.0);
     QVERIFY(!frame.hasCursor);
+    QVERIFY(!frame.opaque);
 }
 
 void CapturedFrameTest::withoutAnImageTheFrameIsTheDefault()
@@ -79,11 +81,23 @@ void CapturedFrameTest::fieldsOfASample()
     QCOMPARE(frame.image.format(), QImage::Format_ARGB32);
     QCOMPARE(frame.image.size(), QSize(8, 6));
     QCOMPARE(frame.image.pixel(0, 0), qRgba(1, 2, 3, 255));
+    QVERIFY(frame.opaque);
     QCOMPARE(frame.windowBounds, QRect(-5, 10, 4, 3));
     QVERIFY(beforeMs <= frame.capturedAtMs && frame.capturedAtMs <= afterMs);
     QVERIFY(frame.hasCursor);
     QCOMPARE(frame.cursorX, -2.25);
     QCOMPARE(frame.cursorY, 11.5);
+}
+
+void CapturedFrameTest::translucentImageIsMarkedSo()
+{
+    QImage translucent(4, 4, QImage::Format_ARGB32_Premultiplied);
+    translucent.fill(Qt::transparent);
+    fakeplatform::state().image = [translucent](int) { return translucent; };
+    openCapture();
+    const RecorderProbe::CapturedFrame frame = probe().captureWindowFrame();
+    QVERIFY(!frame.image.isNull());
+    QVERIFY(!frame.opaque);
 }
 
 void CapturedFrameTest::pointerThatIsNotToldIsMarkedSo()

@@ -27,6 +27,9 @@ private Q_SLOTS:
     void opaqueImageSharesItsPixels();
     void opaqueImageOutlivesItsSource();
     void translucentImageGetsStraightAlpha();
+    void onePixelDecidesWhetherAnImageIsOpaque_data();
+    void onePixelDecidesWhetherAnImageIsOpaque();
+    void opaquenessIsThatOfTheLastImage();
     void unchangedImageIsSharedNotConverted_data();
     void unchangedImageIsSharedNotConverted();
     void changedImageIsTakenAnew();
@@ -212,6 +215,46 @@ void WindowImageTest::translucentImageGetsStraightAlpha()
     QCOMPARE(qBlue(pixels[2]), 0);
 }
 
+void WindowImageTest::onePixelDecidesWhetherAnImageIsOpaque_data()
+{
+    QTest::addColumn<QPoint>("pixel");
+    QTest::addColumn<int>("alpha");
+    QTest::newRow("none") << QPoint(0, 0) << 255;
+    QTest::newRow("the first") << QPoint(0, 0) << 0;
+    QTest::newRow("one in the middle") << QPoint(17, 5) << 254;
+    QTest::newRow("the last") << QPoint(32, 8) << 127;
+}
+
+void WindowImageTest::onePixelDecidesWhetherAnImageIsOpaque()
+{
+    QFETCH(const QPoint, pixel);
+    QFETCH(const int, alpha);
+    QImage source(33, 9, QImage::Format_ARGB32_Premultiplied);
+    source.fill(qRgb(10, 20, 30));
+    reinterpret_cast<QRgb*>(source.scanLine(pixel.y()))[pixel.x()] = qRgba(alpha / 2, 0, 0, alpha);
+    fakeplatform::state().image = [source](int) { return source; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const QImage image = capture.capture(nullptr);
+    QCOMPARE(capture.isOpaque(), alpha == 255);
+    QCOMPARE(image.format(), QImage::Format_ARGB32);
+    QCOMPARE(image, source.convertToFormat(QImage::Format_ARGB32));
+    QCOMPARE(image.constBits() == source.constBits(), alpha == 255); // the same bytes need no conversion
+}
+
+void WindowImageTest::opaquenessIsThatOfTheLastImage()
+{
+    QImage translucent(4, 4, QImage::Format_ARGB32_Premultiplied);
+    translucent.fill(Qt::transparent);
+    fakeplatform::state().image = [translucent](int index) {
+        return index % 2 == 0 ? fakeplatform::solidImage(4, 4, qRgb(1, 2, 3)) : translucent;
+    };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    for (int i = 0; i < 4; ++i) {
+        QVERIFY(!capture.capture(nullptr).isNull());
+        QCOMPARE(capture.isOpaque(), i % 2 == 0);
+    }
+}
+
 void WindowImageTest::unchangedImageIsSharedNotConverted_data()
 {
     QTest::addColumn<QImage::Format>("format");
@@ -222,7 +265,9 @@ void WindowImageTest::unchangedImageIsSharedNotConverted_data()
 void WindowImageTest::unchangedImageIsSharedNotConverted()
 {
     QFETCH(QImage::Format, format);
-    const QImage source = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7)).convertToFormat(format);
+    QImage source = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7)).convertToFormat(format);
+    if (source.hasAlphaChannel())
+        source.setPixel(0, 0, 0);
     fakeplatform::state().image = [source](int) { return source; };
     const MacWindowCapture capture(QStringLiteral("42"));
     const QImage first = capture.capture(nullptr);

@@ -1,0 +1,259 @@
+// What composition saves: a picture that would look the same is not painted again, memory is used again, and what is
+// known to be opaque is copied. None of it may be seen.
+#include "recorderbench.h"
+
+#include <QPainter>
+#include <QRandomGenerator>
+
+namespace {
+
+const QSize canvas(192, 108);
+
+/// Every pixel another one; with an alpha channel, another alpha, too.
+QImage speckled(const QSize& size, bool opaque, quint32 seed = 1)
+{
+    QRandomGenerator random(seed);
+    QImage image(size, QImage::Format_ARGB32);
+    for (int y = 0; y < size.height(); ++y) {
+        auto* line = reinterpret_cast<quint32*>(image.scanLine(y));
+        for (int x = 0; x < size.width(); ++x)
+            line[x] = random.generate() | (opaque ? 0xff000000u : 0u);
+    }
+    return image;
+}
+
+RecorderProbe::CapturedFrame frameOf(const QImage& image)
+{
+    RecorderProbe::CapturedFrame frame;
+    frame.image = image;
+    frame.windowBounds = image.rect();
+    frame.cursorX = 30;
+    frame.cursorY = 20;
+    frame.hasCursor = true;
+    return frame;
+}
+
+/// The window's image on the canvas, painted in the format that pictures have.
+QImage paintedPlainly(const QImage& image, const QSize& size)
+{
+    QImage picture(size, QImage::Format_ARGB32);
+    picture.fill(Qt::black);
+    QPainter painter(&picture);
+    painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
+    painter.drawImage(FrameGeometry(image.size(), image.rect(), size).target(), image, QRectF(image.rect()));
+    return picture;
+}
+
+}
+
+class CompositionReuseTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void pixelsAreThoseOfPlainPainting_data();
+    void pixelsAreThoseOfPlainPainting();
+    void pointerAndMarkersLookTheSameOnAnOpaqueWindow_data();
+    void pointerAndMarkersLookTheSameOnAnOpaqueWindow();
+
+    void unchangedFrameGivesTheSamePicture();
+    void anyChangeGivesAnotherPicture_data();
+    void anyChangeGivesAnotherPicture();
+    void markersArePaintedOnEveryFrame();
+    void clickOfALaterFrameChangesNothing();
+    void otherCanvasIsAnotherPicture();
+
+    void memoryIsUsedAgain();
+    void pictureThatSomebodyKeepsIsLeftAlone();
+
+private:
+    QImage compose(const RecorderProbe::CapturedFrame& frame, long long timestampMs = 0)
+    {
+        return probe_->composeFrame(frame, timestampMs);
+    }
+    /// By a recorder that has composed nothing before.
+    QImage composeAnew(const RecorderProbe::CapturedFrame& frame);
+
+    std::optional<RecorderBench> bench_;
+    std::unique_ptr<GstRecorder> recorder_;
+    std::optional<RecorderProbe> probe_;
+};
+
+void CompositionReuseTest::init()
+{
+    bench_.emplace();
+    recorder_ = bench_->makeIdleRecorder();
+    probe_.emplace(*recorder_);
+    probe_->canvasWidth() = canvas.width();
+    probe_->canvasHeight() = canvas.height();
+}
+
+void CompositionReuseTest::cleanup()
+{
+    probe_.reset();
+    recorder_.reset();
+    bench_.reset();
+}
+
+QImage CompositionReuseTest::composeAnew(const RecorderProbe::CapturedFrame& frame)
+{
+    const auto other = bench_->makeIdleRecorder();
+    RecorderProbe probe(*other);
+    probe.canvasWidth() = canvas.width();
+    probe.canvasHeight() = canvas.height();
+    return probe.composeFrame(frame, 0);
+}
+
+// ---- pixels
+// ---------------------------------------------------------------------------------------------------------
+
+void CompositionReuseTest::pixelsAreThoseOfPlainPainting_data()
+{
+    QTest::addColumn<QSize>("window");
+    QTest::addColumn<bool>("opaque");
+    QTest::addColumn<bool>("known");
+    const std::pair<const char*, QSize> windows[]
+        = {{"same size", canvas}, {"bars", QSize(150, 108)}, {"enlarged", QSize(64, 50)}, {"shrunk", QSize(500, 300)},
+            {"shrunk to a sixth", QSize(1152, 648)}, {"one pixel", QSize(1, 1)}, {"odd", QSize(97, 55)}};
+    for (const auto& [name, size] : windows) {
+        QTest::addRow("%s, opaque", name) << size << true << true;
+        QTest::addRow("%s, opaque, but nobody knows", name) << size << true << false;
+        QTest::addRow("%s, translucent", name) << size << false << false;
+    }
+}
+
+void CompositionReuseTest::pixelsAreThoseOfPlainPainting()
+{
+    QFETCH(const QSize, window);
+    QFETCH(const bool, opaque);
+    QFETCH(const bool, known);
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(window, opaque));
+    frame.hasCursor = false;
+    frame.opaque = known;
+    const QImage composed = compose(frame);
+    QCOMPARE(composed.format(), QImage::Format_ARGB32);
+    QCOMPARE(composed, paintedPlainly(frame.image, canvas)); // alpha included
+}
+
+void CompositionReuseTest::pointerAndMarkersLookTheSameOnAnOpaqueWindow_data()
+{
+    QTest::addColumn<QSize>("window");
+    QTest::newRow("same size") << canvas;
+    QTest::newRow("bars") << QSize(150, 108);
+    QTest::newRow("shrunk") << QSize(300, 200);
+}
+
+void CompositionReuseTest::pointerAndMarkersLookTheSameOnAnOpaqueWindow()
+{
+    QFETCH(const QSize, window);
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(window, true));
+    for (int i = 0; i < 5; ++i)
+        probe_->clicks().insert(i * 350, {20.0 + 25.0 * i, 50.5, 0.0, 0.0, false});
+    const QImage blended = compose(frame, 1500).copy();
+    frame.opaque = true;
+    frame.image = frame.image.copy(); // another image: nothing is used again
+    QCOMPARE(compose(frame, 1500), blended); // alpha included
+    frame.hasCursor = false;
+    QVERIFY(compose(frame, 1500) != blended);
+}
+
+// ---- pictures that would look the same
+// ------------------------------------------------------------------------------
+
+void CompositionReuseTest::unchangedFrameGivesTheSamePicture()
+{
+    const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const QImage first = compose(frame);
+    RecorderProbe::CapturedFrame later = frame;
+    later.capturedAtMs = 4711;
+    const QImage second = compose(later, 41);
+    QCOMPARE(second.cacheKey(), first.cacheKey());
+    QCOMPARE(second, composeAnew(later));
+}
+
+void CompositionReuseTest::anyChangeGivesAnotherPicture_data()
+{
+    QTest::addColumn<RecorderProbe::CapturedFrame>("changed");
+    const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const auto row = [&frame](const char* name, auto change) {
+        RecorderProbe::CapturedFrame changed = frame;
+        change(changed);
+        QTest::newRow(name) << changed;
+    };
+    row("image", [](auto& changed) { changed.image = speckled(canvas, true, 2); });
+    row("one pixel of the image", [](auto& changed) { changed.image.setPixel(190, 100, 0xff123456); });
+    row("window moved", [](auto& changed) { changed.windowBounds.translate(-7, 0); });
+    row("window in other points", [](auto& changed) { changed.windowBounds.setWidth(96); });
+    row("pointer right", [](auto& changed) { changed.cursorX += 0.5; });
+    row("pointer down", [](auto& changed) { changed.cursorY += 0.5; });
+    row("no pointer", [](auto& changed) { changed.hasCursor = false; });
+}
+
+void CompositionReuseTest::anyChangeGivesAnotherPicture()
+{
+    QFETCH(const RecorderProbe::CapturedFrame, changed);
+    const QImage before = compose(frameOf(speckled(canvas, true)));
+    const QImage after = compose(changed);
+    QVERIFY(after != before);
+    QCOMPARE(after, composeAnew(changed));
+}
+
+void CompositionReuseTest::markersArePaintedOnEveryFrame()
+{
+    const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const QImage plain = compose(frame, 0).copy();
+    recorder_->addClick(100, 50, -1.0, -1.0, 0); // the recording has not begun: it belongs to time 0
+    const QImage fresh = compose(frame, 0).copy();
+    QVERIFY(fresh != plain);
+    const QImage aged = compose(frame, 1000).copy();
+    QVERIFY(aged != fresh);
+    QVERIFY(aged != plain);
+    QVERIFY(compose(frame, 2000) != plain);
+    QCOMPARE(compose(frame, 2001), plain);
+}
+
+void CompositionReuseTest::clickOfALaterFrameChangesNothing()
+{
+    const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const QImage first = compose(frame, 0);
+    probe_->clicks().insert(500, {100, 50, 0.0, 0.0, false});
+    QCOMPARE(compose(frame, 499).cacheKey(), first.cacheKey());
+    QVERIFY(compose(frame, 500) != first);
+}
+
+void CompositionReuseTest::otherCanvasIsAnotherPicture()
+{
+    const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    compose(frame);
+    probe_->canvasWidth() += 2;
+    QCOMPARE(compose(frame).size(), canvas + QSize(2, 0));
+}
+
+// ---- memory
+// ---------------------------------------------------------------------------------------------------------
+
+void CompositionReuseTest::memoryIsUsedAgain()
+{
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const uchar* memory = compose(frame).constBits();
+    for (int i = 0; i < 3; ++i) {
+        frame.image = speckled(canvas, true, quint32(i) + 2);
+        const QImage picture = compose(frame);
+        QCOMPARE(picture.constBits(), memory);
+        QCOMPARE(picture, composeAnew(frame));
+    }
+}
+
+void CompositionReuseTest::pictureThatSomebodyKeepsIsLeftAlone()
+{
+    const QImage kept = compose(frameOf(speckled(canvas, true)));
+    const QImage asItWas = kept.copy();
+    const QImage next = compose(frameOf(speckled(canvas, true, 2)));
+    QVERIFY(next.constBits() != kept.constBits());
+    QCOMPARE(kept, asItWas);
+}
+
+QTEST_GUILESS_MAIN(CompositionReuseTest)
+#include "compositionreuse_test.moc"
