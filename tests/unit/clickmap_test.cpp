@@ -1,6 +1,6 @@
 // The click map: keys, log line, pruning, and what a flood of clicks does to it.
+#include "clickbench.h"
 #include "privatetempdir.h"
-#include "recorderbench.h"
 
 #include <QDateTime>
 #include <QThread>
@@ -8,28 +8,12 @@
 #include <limits>
 #include <thread>
 
-namespace {
-
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-
-/// A black window in pixels that are its points, drawn 1:1 on the canvas that the tests use.
-RecorderProbe::CapturedFrame blackFrame()
-{
-    RecorderProbe::CapturedFrame frame;
-    frame.image = QImage(160, 96, QImage::Format_ARGB32);
-    frame.image.fill(Qt::black);
-    frame.windowBounds = QRect(0, 0, 160, 96);
-    return frame;
-}
-
-}
-
 class ClickMapTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init() { bench_.emplace(); }
+    void cleanup() { bench_.reset(); }
 
     void keyIsTheTimeSinceTheStart();
     void keyOfAClickBeforeTheStartIsZero();
@@ -53,38 +37,18 @@ private Q_SLOTS:
     void clicksArriveWhileFramesAreComposed();
 
 private:
-    RecorderProbe probe() { return RecorderProbe(*recorder_); }
-    void startRecordingAt(qint64 wallClockMs);
-    QList<qint64> keys() { return probe().clicks().keys(); }
+    RecorderProbe probe() { return bench_->probe(); }
+    QList<qint64> keys() { return bench_->keys(); }
     void compose(long long timestampMs) { probe().composeFrame(blackFrame(), timestampMs); }
 
     PrivateTempDir directory_;
-    std::optional<RecorderBench> bench_;
-    std::unique_ptr<GstRecorder> recorder_;
+    std::optional<ClickBench> bench_;
 };
-
-void ClickMapTest::init()
-{
-    bench_.emplace();
-    recorder_ = bench_->makeIdleRecorder();
-}
-
-void ClickMapTest::cleanup()
-{
-    recorder_.reset();
-    bench_.reset();
-}
-
-void ClickMapTest::startRecordingAt(qint64 wallClockMs)
-{
-    probe().recordingClock().start();
-    probe().recordingStartedAtMs().store(wallClockMs);
-}
 
 void ClickMapTest::keyIsTheTimeSinceTheStart()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(10, 20, -1, -1, 1000500);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(10, 20, -1, -1, 1000500);
     QCOMPARE(keys(), QList<qint64>{500});
     const RecorderProbe::MouseClick click = probe().clicks().first();
     QCOMPARE(click.globalX, 10.0);
@@ -93,19 +57,19 @@ void ClickMapTest::keyIsTheTimeSinceTheStart()
 
 void ClickMapTest::keyOfAClickBeforeTheStartIsZero()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(10, 20, -1, -1, 999000);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(10, 20, -1, -1, 999000);
     QCOMPARE(keys(), QList<qint64>{0});
 }
 
 void ClickMapTest::keyWithoutATimestampIsTheTimeOfArrival()
 {
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     QThread::msleep(3);
     for (const long long unknown : {0LL, -1LL, std::numeric_limits<long long>::min()}) {
         probe().clicks().clear();
         const qint64 before = probe().recordingClock().elapsed();
-        recorder_->addClick(10, 20, -1, -1, unknown);
+        bench_->recorder->addClick(10, 20, -1, -1, unknown);
         const qint64 after = probe().recordingClock().elapsed();
         QCOMPARE(keys().size(), 1);
         QVERIFY(before <= keys().first());
@@ -124,34 +88,34 @@ void ClickMapTest::keyBeforeTheRecordingStartsIsZero_data()
 void ClickMapTest::keyBeforeTheRecordingStartsIsZero()
 {
     QFETCH(qint64, timestampMs);
-    recorder_->addClick(10, 20, -1, -1, timestampMs);
+    bench_->recorder->addClick(10, 20, -1, -1, timestampMs);
     QCOMPARE(keys(), QList<qint64>{0});
 }
 
 void ClickMapTest::clicksOfOneTimeGetFollowingKeys()
 {
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     for (int i = 0; i < 3; ++i)
-        recorder_->addClick(i, 20, -1, -1, 1000500);
+        bench_->recorder->addClick(i, 20, -1, -1, 1000500);
     QCOMPARE(keys(), (QList<qint64>{500, 501, 502}));
     for (int i = 0; i < 3; ++i)
         QCOMPARE(probe().clicks().value(500 + i).globalX, double(i));
-    recorder_->addClick(7, 20, -1, -1, 1000501);
+    bench_->recorder->addClick(7, 20, -1, -1, 1000501);
     QCOMPARE(keys().last(), qint64(503));
 }
 
 void ClickMapTest::clicksBeforeTheStartGetFollowingKeys()
 {
     for (int i = 0; i < 3; ++i)
-        recorder_->addClick(i, 20, -1, -1, 0);
+        bench_->recorder->addClick(i, 20, -1, -1, 0);
     QCOMPARE(keys(), (QList<qint64>{0, 1, 2}));
 }
 
 void ClickMapTest::timestampThatFillsSixtyFourBits()
 {
     constexpr qint64 most = std::numeric_limits<qint64>::max();
-    startRecordingAt(1000000);
-    recorder_->addClick(10, 20, -1, -1, most);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(10, 20, -1, -1, most);
     QCOMPARE(keys(), QList<qint64>{most - 1000000});
     compose(0);
     QCOMPARE(keys().size(), 1);
@@ -178,7 +142,7 @@ void ClickMapTest::normalizedPairIsKeptWhenInRange()
 {
     QFETCH(QPointF, pair);
     QFETCH(bool, kept);
-    recorder_->addClick(10, 20, pair.x(), pair.y(), 0);
+    bench_->recorder->addClick(10, 20, pair.x(), pair.y(), 0);
     const RecorderProbe::MouseClick click = probe().clicks().first();
     QCOMPARE(click.hasNormalized, kept);
     QCOMPARE(click.normalizedX, kept ? pair.x() : 0.0);
@@ -213,9 +177,9 @@ void ClickMapTest::logLine()
     QFETCH(int, earlierClicks);
     QFETCH(QString, expected);
     for (int i = 0; i < earlierClicks; ++i)
-        recorder_->addClick(0, 0, -1, -1, 0);
+        bench_->recorder->addClick(0, 0, -1, -1, 0);
     bench_->log.clear();
-    recorder_->addClick(10.5, -20, normalized.x(), normalized.y(), 0);
+    bench_->recorder->addClick(10.5, -20, normalized.x(), normalized.y(), 0);
     QCOMPARE(bench_->log.messages(QtDebugMsg), QStringList{expected});
     QCOMPARE(bench_->log.messages(), QStringList{expected});
 }
@@ -236,9 +200,9 @@ void ClickMapTest::receiveDelay()
     QFETCH(qint64, timestampMs);
     QFETCH(QString, raw);
     if (startedAtMs > 0)
-        startRecordingAt(startedAtMs);
+        bench_->startRecordingAt(startedAtMs);
     const qint64 beforeMs = QDateTime::currentMSecsSinceEpoch();
-    recorder_->addClick(1, 2, -1, -1, timestampMs);
+    bench_->recorder->addClick(1, 2, -1, -1, timestampMs);
     const qint64 afterMs = QDateTime::currentMSecsSinceEpoch();
     const QString opening
         = QStringLiteral("Recorder mouse click received global QPointF(1,2) normalized QPointF(0,0) "
@@ -257,17 +221,17 @@ void ClickMapTest::receiveDelay()
 
 void ClickMapTest::pruningWalksTheWholeMap()
 {
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     for (const qint64 key : {0, 100, 2998, 2999, 3000, 5000, 9000})
-        recorder_->addClick(80, 48, -1, -1, 1000000 + key);
+        bench_->recorder->addClick(80, 48, -1, -1, 1000000 + key);
     compose(5000);
     QCOMPARE(keys(), (QList<qint64>{3000, 5000, 9000}));
 }
 
 void ClickMapTest::neverDrawnClickIsPrunedByAge()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(-500, -500, -1, -1, 1000500);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(-500, -500, -1, -1, 1000500);
     compose(2500);
     QCOMPARE(keys(), QList<qint64>{500});
     compose(2501);
@@ -276,24 +240,24 @@ void ClickMapTest::neverDrawnClickIsPrunedByAge()
 
 void ClickMapTest::keyIsFreeAgainAfterPruning()
 {
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     for (int i = 0; i < 4; ++i)
-        recorder_->addClick(80, 48, -1, -1, 1000500);
+        bench_->recorder->addClick(80, 48, -1, -1, 1000500);
     compose(2502);
     QCOMPARE(keys(), (QList<qint64>{502, 503}));
-    recorder_->addClick(80, 48, -1, -1, 1000500);
+    bench_->recorder->addClick(80, 48, -1, -1, 1000500);
     QCOMPARE(keys(), (QList<qint64>{500, 502, 503}));
-    recorder_->addClick(80, 48, -1, -1, 1000502);
+    bench_->recorder->addClick(80, 48, -1, -1, 1000502);
     QCOMPARE(keys(), (QList<qint64>{500, 502, 503, 504}));
 }
 
 void ClickMapTest::floodOfOneTimeGetsAllKeys()
 {
     constexpr int count = 100000;
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     const QtMessageHandler before = qInstallMessageHandler(dropMessage);
     for (int i = 0; i < count; ++i)
-        recorder_->addClick(i, 0, -1, -1, 1000500);
+        bench_->recorder->addClick(i, 0, -1, -1, 1000500);
     qInstallMessageHandler(before);
     const auto& clicks = probe().clicks();
     QCOMPARE(clicks.size(), count);
@@ -307,17 +271,17 @@ void ClickMapTest::floodOfOneTimeGetsAllKeys()
 void ClickMapTest::pendingClicksAreLimited()
 {
     constexpr int limit = 250000;
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     auto& clicks = probe().clicks();
     for (int key = 0; key < limit - 1; ++key)
         clicks.insert(clicks.cend(), key, RecorderProbe::MouseClick());
-    recorder_->addClick(1, 2, -1, -1, 1900000);
+    bench_->recorder->addClick(1, 2, -1, -1, 1900000);
     QCOMPARE(clicks.size(), limit);
     QCOMPARE(clicks.lastKey(), qint64(900000));
     bench_->log.clear();
 
     for (int i = 0; i < 3; ++i)
-        recorder_->addClick(9, 9, -1, -1, 1000000);
+        bench_->recorder->addClick(9, 9, -1, -1, 1000000);
     QCOMPARE(clicks.size(), limit);
     QCOMPARE(clicks.firstKey(), qint64(0));
     QCOMPARE(clicks.lastKey(), qint64(900000));
@@ -327,7 +291,7 @@ void ClickMapTest::pendingClicksAreLimited()
 
     compose(900000); // prunes all but the last
     QCOMPARE(clicks.size(), 1);
-    recorder_->addClick(3, 4, -1, -1, 1900000);
+    bench_->recorder->addClick(3, 4, -1, -1, 1900000);
     QCOMPARE(clicks.keys(), (QList<qint64>{900000, 900001}));
     QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{warning});
 }
@@ -335,15 +299,15 @@ void ClickMapTest::pendingClicksAreLimited()
 void ClickMapTest::clicksArriveWhileFramesAreComposed()
 {
     // The worker's part on another thread: every click is either pruned or still in the map, none is lost.
-    startRecordingAt(1000000);
+    bench_->startRecordingAt(1000000);
     constexpr int count = 3000;
     std::thread worker([this] {
         const RecorderProbe::CapturedFrame frame = blackFrame();
         for (int i = 0; i < 60; ++i)
-            RecorderProbe(*recorder_).composeFrame(frame, 0);
+            bench_->probe().composeFrame(frame, 0);
     });
     for (int i = 0; i < count; ++i)
-        recorder_->addClick(80, 48, -1, -1, 1000000 + i);
+        bench_->recorder->addClick(80, 48, -1, -1, 1000000 + i);
     worker.join();
     QCOMPARE(probe().clicks().size(), count);
     QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")), count);

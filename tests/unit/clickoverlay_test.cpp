@@ -1,25 +1,11 @@
 // Click markers on the canvas: their life, and where they are drawn. Looks at pixels.
+#include "clickbench.h"
 #include "imagediff.h"
 #include "privatetempdir.h"
-#include "recorderbench.h"
-
-#include <limits>
 
 using imagediff::changedArea;
 
 namespace {
-
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-
-/// A black window in pixels that are its points, drawn 1:1 on the canvas that the tests use.
-RecorderProbe::CapturedFrame blackFrame()
-{
-    RecorderProbe::CapturedFrame frame;
-    frame.image = QImage(160, 96, QImage::Format_ARGB32);
-    frame.image.fill(Qt::black);
-    frame.windowBounds = QRect(0, 0, 160, 96);
-    return frame;
-}
 
 QImage blackCanvas()
 {
@@ -40,8 +26,8 @@ class ClickOverlayTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init() { bench_.emplace(); }
+    void cleanup() { bench_.reset(); }
 
     void markerShrinksFadesAndGoes_data();
     void markerShrinksFadesAndGoes();
@@ -57,9 +43,8 @@ private Q_SLOTS:
     void severalMarkersInOneFrame();
 
 private:
-    RecorderProbe probe() { return RecorderProbe(*recorder_); }
-    void startRecordingAt(qint64 wallClockMs);
-    QList<qint64> keys() { return probe().clicks().keys(); }
+    RecorderProbe probe() { return bench_->probe(); }
+    QList<qint64> keys() { return bench_->keys(); }
     QImage compose(const RecorderProbe::CapturedFrame& frame, long long timestampMs)
     {
         return probe().composeFrame(frame, timestampMs);
@@ -70,27 +55,8 @@ private:
     }
 
     PrivateTempDir directory_;
-    std::optional<RecorderBench> bench_;
-    std::unique_ptr<GstRecorder> recorder_;
+    std::optional<ClickBench> bench_;
 };
-
-void ClickOverlayTest::init()
-{
-    bench_.emplace();
-    recorder_ = bench_->makeIdleRecorder();
-}
-
-void ClickOverlayTest::cleanup()
-{
-    recorder_.reset();
-    bench_.reset();
-}
-
-void ClickOverlayTest::startRecordingAt(qint64 wallClockMs)
-{
-    probe().recordingClock().start();
-    probe().recordingStartedAtMs().store(wallClockMs);
-}
 
 void ClickOverlayTest::markerShrinksFadesAndGoes_data()
 {
@@ -110,8 +76,8 @@ void ClickOverlayTest::markerShrinksFadesAndGoes()
     QFETCH(qint64, frameMs);
     QFETCH(int, radius);
     QFETCH(int, alpha);
-    startRecordingAt(1000000);
-    recorder_->addClick(80, 48, -1, -1, 1000500);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(80, 48, -1, -1, 1000500);
     const QImage composed = compose(blackFrame(), frameMs);
     QCOMPARE(changedArea(blackCanvas(), composed), radius ? discArea(80, 48, radius) : QRect());
     // (230, 0, 25) over black.
@@ -126,8 +92,8 @@ void ClickOverlayTest::markerShrinksFadesAndGoes()
 
 void ClickOverlayTest::oldClickIsErasedBeforeDrawing()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(80, 48, -1, -1, 1000500);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(80, 48, -1, -1, 1000500);
     compose(blackFrame(), 2500);
     QCOMPARE(keys(), QList<qint64>{500});
     QCOMPARE(markerArea(blackFrame(), 2501), QRect());
@@ -137,8 +103,8 @@ void ClickOverlayTest::oldClickIsErasedBeforeDrawing()
 
 void ClickOverlayTest::futureClickIsNeitherDrawnNorErased()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(80, 48, -1, -1, 1009000);
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(80, 48, -1, -1, 1009000);
     QCOMPARE(markerArea(blackFrame(), 8999), QRect());
     QCOMPARE(keys(), QList<qint64>{9000});
     QCOMPARE(markerArea(blackFrame(), 9000), discArea(80, 48, 16));
@@ -146,7 +112,7 @@ void ClickOverlayTest::futureClickIsNeitherDrawnNorErased()
 
 void ClickOverlayTest::globalPositionWins()
 {
-    recorder_->addClick(40, 30, 0.75, 0.75, 0);
+    bench_->recorder->addClick(40, 30, 0.75, 0.75, 0);
     QCOMPARE(markerArea(blackFrame(), 0), discArea(40, 30, 16));
 }
 
@@ -169,14 +135,14 @@ void ClickOverlayTest::normalizedPositionIsTheFallback()
     QFETCH(QPointF, global);
     RecorderProbe::CapturedFrame frame = blackFrame();
     frame.windowBounds = bounds;
-    recorder_->addClick(global.x(), global.y(), 0.5, 0.5, 0);
+    bench_->recorder->addClick(global.x(), global.y(), 0.5, 0.5, 0);
     QCOMPARE(markerArea(frame, 0), discArea(80, 48, 16));
 }
 
 void ClickOverlayTest::clickOutsideWithoutNormalizedPositionIsKeptUndrawn()
 {
-    recorder_->addClick(-1, 48, -1, -1, 0);
-    recorder_->addClick(-1, 48, 1.5, 0.5, 0);
+    bench_->recorder->addClick(-1, 48, -1, -1, 0);
+    bench_->recorder->addClick(-1, 48, 1.5, 0.5, 0);
     QCOMPARE(markerArea(blackFrame(), 1), QRect());
     QCOMPARE(keys(), (QList<qint64>{0, 1}));
     RecorderProbe::CapturedFrame moved = blackFrame();
@@ -188,7 +154,7 @@ void ClickOverlayTest::positionIsMappedThroughThisFramesBounds()
 {
     RecorderProbe::CapturedFrame frame = blackFrame();
     frame.windowBounds = QRect(-40, 200, 80, 48); // two pixels to the point
-    recorder_->addClick(0, 224, -1, -1, 0);
+    bench_->recorder->addClick(0, 224, -1, -1, 0);
     QCOMPARE(markerArea(frame, 0), discArea(80, 48, 16));
     frame.windowBounds.translate(10, 0); // the window moves right, the click stays on the screen
     QCOMPARE(markerArea(frame, 0), discArea(60, 48, 16));
@@ -196,13 +162,13 @@ void ClickOverlayTest::positionIsMappedThroughThisFramesBounds()
 
 void ClickOverlayTest::markerOnTheWindowsEdge()
 {
-    recorder_->addClick(160, 96, -1, -1, 0);
+    bench_->recorder->addClick(160, 96, -1, -1, 0);
     QCOMPARE(markerArea(blackFrame(), 0), QRect(QPoint(144, 80), QPoint(159, 95)));
 }
 
 void ClickOverlayTest::markerIsCanvasPixelsHoweverTheImageIsScaled()
 {
-    recorder_->addClick(0.5, 0.5, -1, -1, 0);
+    bench_->recorder->addClick(0.5, 0.5, -1, -1, 0);
     for (const QSize& size : {QSize(16, 16), QSize(960, 960)}) {
         RecorderProbe::CapturedFrame frame = blackFrame();
         frame.image = frame.image.scaled(size);
@@ -213,10 +179,10 @@ void ClickOverlayTest::markerIsCanvasPixelsHoweverTheImageIsScaled()
 
 void ClickOverlayTest::severalMarkersInOneFrame()
 {
-    startRecordingAt(1000000);
-    recorder_->addClick(30, 48, -1, -1, 1001000);
-    recorder_->addClick(100, 48, -1, -1, 1002000);
-    recorder_->addClick(150, 10, -1, -1, 1002001); // not yet
+    bench_->startRecordingAt(1000000);
+    bench_->recorder->addClick(30, 48, -1, -1, 1001000);
+    bench_->recorder->addClick(100, 48, -1, -1, 1002000);
+    bench_->recorder->addClick(150, 10, -1, -1, 1002001); // not yet
     const QImage composed = compose(blackFrame(), 2000);
     const QRect left(0, 0, 80, 96);
     const QRect right(80, 0, 80, 96);
