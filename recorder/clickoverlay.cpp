@@ -78,6 +78,14 @@ QMap<qint64, GstRecorder::MouseClick> GstRecorder::takeLiveClicks(long long time
     return clicks; // shared, not copied: a click that arrives meanwhile waits for the next frame
 }
 
+/// Whoever adds a click changes the map in place when he finds it unshared, and must then come after all that was
+/// read here: the lock says so, the count of the sharers alone does not.
+void GstRecorder::dropLiveClicks(QMap<qint64, MouseClick>& live)
+{
+    const QMutexLocker lock(&clickMutex);
+    live = {};
+}
+
 void GstRecorder::drawClicks(
     QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live, long long timestampMs)
 {

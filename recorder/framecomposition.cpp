@@ -57,10 +57,18 @@ QImage withoutAlphaChannel(const QImage& opaque)
 
 }
 
-/// The same picture again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
-    const QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
+    QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
+    QImage picture = composeWithClicks(frame, live, timestampMs);
+    dropLiveClicks(live);
+    return picture;
+}
+
+/// The same picture again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
+QImage GstRecorder::composeWithClicks(
+    const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs)
+{
     const bool showsClicks = !live.isEmpty() && live.firstKey() <= timestampMs;
     const CompositionSource source{
         frame.image.cacheKey(), frame.windowBounds, frame.cursorX, frame.cursorY, frame.hasCursor};

@@ -150,6 +150,7 @@ private:
     // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
 
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
+    QImage composeWithClicks(const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs);
     QImage takeCanvas();
     static void paintFrame(
         QImage& canvas, const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs);
@@ -157,6 +158,7 @@ private:
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
     QMap<qint64, MouseClick> takeLiveClicks(long long timestampMs);
+    void dropLiveClicks(QMap<qint64, MouseClick>& live);
     static void drawClicks(QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live,
         long long timestampMs);
 
