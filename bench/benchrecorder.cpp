@@ -34,12 +34,12 @@ qint64 frameTimeMs(int frameIndex)
     return frameIndex * pacing::frameIntervalMs;
 }
 
-WindowPictures::WindowPictures(QSize window, int repaintsPerSecond)
+WindowImages::WindowImages(QSize window, int repaintsPerSecond)
     : painting_(truthscene::paintStill(window)), repaintsPerSecond_(repaintsPerSecond)
 {
 }
 
-QImage WindowPictures::at(int frameIndex)
+QImage WindowImages::at(int frameIndex)
 {
     const qint64 timeMs = repaintsPerSecond_ > 0 ? frameTimeMs(frameIndex) : 0;
     const qint64 startedAtMs = 1'700'000'000'000; // some clock: the barcode shows it

@@ -1,4 +1,4 @@
-// What the measuring programs share: a recorder whose stages can be called one by one, and pictures to call them
+// What the measuring programs share: a recorder whose stages can be called one by one, and frames to call them
 // with.
 #pragma once
 
@@ -37,10 +37,10 @@ private:
 qint64 frameTimeMs(int frameIndex);
 
 /// Paints what a recording of the truth window shows at successive frames.
-class WindowPictures {
+class WindowImages {
 public:
     /// repaintsPerSecond 0: the window never changes.
-    WindowPictures(QSize window, int repaintsPerSecond);
+    WindowImages(QSize window, int repaintsPerSecond);
 
     /// The window at that frame, in QImage::Format_ARGB32 as the capture delivers it.
     QImage at(int frameIndex);

@@ -73,9 +73,9 @@ def truth_window(binaries, display, width, height, repaints_per_second):
 
 
 @contextlib.contextmanager
-def private_sound(binaries):
-    """A sound server without a sound card, and a player of a tone; gives (environment, process id of the player)."""
-    server = subprocess.Popen(with_parent([binaries / "soundserver"]), stdout=subprocess.PIPE, text=True)
+def private_audio(binaries):
+    """An audio server without an audio card, and a player of a tone; gives (environment, process id of the player)."""
+    server = subprocess.Popen(with_parent([binaries / "audioserver"]), stdout=subprocess.PIPE, text=True)
     try:
         environment = dict(os.environ)
         for line in server.stdout:
@@ -86,7 +86,7 @@ def private_sound(binaries):
             if equals:
                 environment[name] = value
         else:
-            raise RuntimeError("the sound server did not start")
+            raise RuntimeError("the audio server did not start")
         player = subprocess.Popen(with_parent([binaries / "toneplayer", "--frequency", "440"]), stdout=subprocess.PIPE,
                                   text=True, env=environment)
         try:

@@ -1,4 +1,4 @@
-// encoderfloor: what the video encoder alone costs. Gives the encoder, opened as the recorder opens it, the pictures
+// encoderfloor: what the video encoder alone costs. Gives the encoder, opened as the recorder opens it, the frames
 // of a recorded truth window, already converted to its own pixel format, and counts the processor time of encoding
 // and of nothing else: no capture, no composition, no conversion, no file. Prints JSON.
 #include "benchrecorder.h"
@@ -31,7 +31,7 @@ struct Cost {
     QJsonObject settings;
 };
 
-/// Sends a picture (null: the end) and takes every packet that is ready. False when the encoder fails.
+/// Sends a frame (null: the end) and takes every packet that is ready. False when the encoder fails.
 bool encode(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, Cost& cost)
 {
     const double before = processorMs();
@@ -67,11 +67,11 @@ std::optional<Cost> measure(QSize size, int frameCount, int repaintsPerSecond)
     const AvPacketHandle packet(av_packet_alloc());
     if (!packet || !recorder.openOutput())
         return std::nullopt;
-    WindowPictures pictures(size, repaintsPerSecond);
+    WindowImages frames(size, repaintsPerSecond);
     Cost cost;
     cost.settings = settingsOf(*probe.videoCodecContext());
     for (int i = 0; i < frameCount; ++i) {
-        if (av_frame_make_writable(probe.videoFrame()) < 0 || !probe.transferPixels(pictures.at(i)))
+        if (av_frame_make_writable(probe.videoFrame()) < 0 || !probe.transferPixels(frames.at(i)))
             return std::nullopt;
         probe.videoFrame()->pts = frameTimeMs(i);
         if (!encode(probe.videoCodecContext(), probe.videoFrame(), packet.get(), cost))
@@ -87,7 +87,7 @@ std::optional<Cost> measure(QSize size, int frameCount, int repaintsPerSecond)
 int main(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.warning=false")); // no sound: known
+    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.warning=false")); // no audio: known
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Measures the processor time of the video encoder alone."));
     parser.addHelpOption();

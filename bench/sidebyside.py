@@ -60,7 +60,7 @@ class Row:
 class Run:
     """One case, once."""
     this: Row
-    sound: Row  # this recorder, with sound
+    audio: Row  # this recorder, with audio
     ffmpeg: Row
     encoder: float  # milliseconds per recorded second
     window_alone: float  # of the X server
@@ -92,9 +92,9 @@ def run_case(case, binaries, display, x_server_pid, seconds):
         alone = subjects.x_server_alone(stage, seconds / 3)
         floor = subjects.encoder_alone(stage, case.repaints_per_second)
         this = subjects.record_with_this(stage, directory)
-        sound = subjects.record_with_sound(stage, directory)
+        audio = subjects.record_with_audio(stage, directory)
         ffmpeg = subjects.record_with_ffmpeg(stage, directory, floor["settings"])
-        return Run(measured(case, stage, this), measured(case, stage, sound), measured(case, stage, ffmpeg),
+        return Run(measured(case, stage, this), measured(case, stage, audio), measured(case, stage, ffmpeg),
                    floor["cpuMsPerSecond"], alone)
 
 
@@ -118,7 +118,7 @@ def table(header, rows):
 def recordings_table(results):
     rows = []
     for case, runs in results:
-        for name, part in (("this recorder", "this"), ("the same with sound", "sound"), ("ffmpeg x11grab", "ffmpeg")):
+        for name, part in (("this recorder", "this"), ("the same with audio", "audio"), ("ffmpeg x11grab", "ffmpeg")):
             row = median_row([getattr(run, part) for run in runs])
             rows.append([case.title, name, *(whole(getattr(row, field.name)) for field in dataclasses.fields(Row))])
         encoder = statistics.median(run.encoder for run in runs)
@@ -144,11 +144,11 @@ def ratios_table(results):
             ratio([(run.this.processor + run.this.x_server) / (run.ffmpeg.processor + run.ffmpeg.x_server)
                    for run in runs]),
             ratio([run.this.processor / run.encoder for run in runs]),
-            ratio([run.sound.processor / run.this.processor for run in runs]),
+            ratio([run.audio.processor / run.this.processor for run in runs]),
             ratio([run.ffmpeg.processor / run.encoder for run in runs]),
         ])
     return table(["Case", "CPU, this recorder / ffmpeg", "the same with the X server's", "this recorder / encoder alone",
-                  "with sound / without", "ffmpeg / encoder alone"], rows)
+                  "with audio / without", "ffmpeg / encoder alone"], rows)
 
 
 def first_match(pattern, text):

@@ -21,7 +21,7 @@ constexpr QSize fullHd(1920, 1080);
 constexpr QSize ultraHd(3840, 2160);
 constexpr int opaqueDepth = 24; // bits a pixel, of windows without an alpha channel
 constexpr int alphaDepth = 32;
-constexpr int repaintsPerSecond = 60; // of the window in the pictures
+constexpr int repaintsPerSecond = 60; // of the window in the frames
 
 bool anyFailed = false;
 
@@ -98,7 +98,7 @@ void captureUnchanged(benchmark::State& state)
 RecorderProbe::CapturedFrame capturedFrame(QSize window)
 {
     RecorderProbe::CapturedFrame frame;
-    frame.image = WindowPictures(window, repaintsPerSecond).at(0);
+    frame.image = WindowImages(window, repaintsPerSecond).at(0);
     frame.windowBounds = QRect(QPoint(0, 0), window);
     frame.cursorX = window.width() / 2.0;
     frame.cursorY = window.height() * 0.75;
@@ -132,15 +132,15 @@ void compose(benchmark::State& state)
     }
 }
 
-/// Composed pictures of successive frames, few enough for the memory.
-std::vector<QImage> composedPictures(BenchRecorder& recorder, QSize window)
+/// Composed frames of successive frames, few enough for the memory.
+std::vector<QImage> composedImages(BenchRecorder& recorder, QSize window)
 {
     constexpr int count = 12;
-    WindowPictures pictures(window, repaintsPerSecond);
+    WindowImages frames(window, repaintsPerSecond);
     RecorderProbe::CapturedFrame frame = capturedFrame(window);
     std::vector<QImage> composed;
     for (int i = 0; i < count; ++i) {
-        frame.image = pictures.at(i);
+        frame.image = frames.at(i);
         composed.push_back(recorder.probe().composeFrame(frame, 0));
     }
     return composed;
@@ -154,28 +154,28 @@ void convertPixels(benchmark::State& state)
         fail(state, QStringLiteral("the output cannot be opened"));
         return;
     }
-    const std::vector<QImage> pictures = composedPictures(recorder, size);
+    const std::vector<QImage> frames = composedImages(recorder, size);
     std::size_t next = 0;
     for (auto iteration : state) {
-        if (!recorder.probe().transferPixels(pictures[next++ % pictures.size()])) {
-            fail(state, QStringLiteral("the picture was not converted"));
+        if (!recorder.probe().transferPixels(frames[next++ % frames.size()])) {
+            fail(state, QStringLiteral("the frame was not converted"));
             break;
         }
     }
 }
 
 /// Conversion, encoding and writing to the file, as one call does them.
-void encodePictures(benchmark::State& state, BenchRecorder& recorder, bool opened)
+void encodeFrames(benchmark::State& state, BenchRecorder& recorder, bool opened)
 {
     if (!opened) {
         fail(state, QStringLiteral("the output cannot be opened"));
         return;
     }
-    const std::vector<QImage> pictures = composedPictures(recorder, sizeArgument(state));
+    const std::vector<QImage> frames = composedImages(recorder, sizeArgument(state));
     int next = 0;
     for (auto iteration : state) {
-        if (!recorder.probe().encodeImage(pictures[std::size_t(next) % pictures.size()], frameTimeMs(next))) {
-            fail(state, QStringLiteral("the picture was not encoded"));
+        if (!recorder.probe().encodeImage(frames[std::size_t(next) % frames.size()], frameTimeMs(next))) {
+            fail(state, QStringLiteral("the frame was not encoded"));
             break;
         }
         ++next;
@@ -188,14 +188,14 @@ void encodeMpeg4(benchmark::State& state)
 {
     BenchRecorder recorder(sizeArgument(state));
     const bool opened = recorder.openOutput();
-    encodePictures(state, recorder, opened);
+    encodeFrames(state, recorder, opened);
 }
 
 void encodeFfv1(benchmark::State& state)
 {
     BenchRecorder recorder(sizeArgument(state));
     const bool opened = recorder.openFallbackOutput();
-    encodePictures(state, recorder, opened);
+    encodeFrames(state, recorder, opened);
 }
 
 void bothSizes(benchmark::internal::Benchmark* stage)
@@ -261,7 +261,7 @@ BENCHMARK(encodeFfv1)->Apply(bothSizes)->Apply(twoSeconds);
 int main(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.warning=false")); // no sound, lossless: known
+    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.warning=false")); // no audio, lossless: known
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 2;

@@ -62,7 +62,7 @@ def since_ms(start):
 
 
 def private_environment(stage, directory):
-    """No sound server, no other recorder's control socket."""
+    """No audio server, no other recorder's control socket."""
     environment = {**os.environ, "DISPLAY": stage.display, "TMPDIR": str(directory),
                    "XDG_RUNTIME_DIR": str(directory)}
     for name in ("DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "PIPEWIRE_REMOTE"):
@@ -77,24 +77,24 @@ def finish(process):
     return process.returncode, (usage.ru_utime + usage.ru_stime) * 1000
 
 
-def record_with_sound(stage, directory):
-    """This recorder, with the sound of one application."""
-    with desktop.private_sound(stage.binaries) as (sound, player):
-        environment = {**sound, "DISPLAY": stage.display, "TMPDIR": str(directory)}
-        recording = record_with_this(stage, directory, "sound", environment, f"app-pid:{player}")
-    if not has_sound(recording.file):
-        raise RuntimeError("the recording has no sound")
+def record_with_audio(stage, directory):
+    """This recorder, with the audio of one application."""
+    with desktop.private_audio(stage.binaries) as (audio, player):
+        environment = {**audio, "DISPLAY": stage.display, "TMPDIR": str(directory)}
+        recording = record_with_this(stage, directory, "audio", environment, f"app-pid:{player}")
+    if not has_audio(recording.file):
+        raise RuntimeError("the recording has no audio")
     return recording
 
 
-def has_sound(file):
+def has_audio(file):
     command = ["ffprobe", "-v", "error", "-select_streams", "a", "-count_packets", "-show_entries",
                "stream=nb_read_packets", "-of", "csv=p=0", f"file:{file}"]
     return int(subprocess.run(command, capture_output=True, text=True, check=True).stdout or "0") > 0
 
 
 def record_with_this(stage, directory, name="this", environment=None, audio_source=""):
-    """This recorder, started and steered as a launcher does it; without an environment there is no sound to record."""
+    """This recorder, started and steered as a launcher does it; without an environment there is no audio to record."""
     output = directory / f"{name}.mp4"
     environment = environment or private_environment(stage, directory)
     (directory / "orvantis-recorder").unlink(missing_ok=True)  # a socket that an earlier recording left
@@ -171,7 +171,7 @@ def record_with_ffmpeg(stage, directory, settings):
 
 
 def encoder_alone(stage, repaints_per_second):
-    """The encoder on the same pictures and nothing else: its settings, and milliseconds per recorded second."""
+    """The encoder on the same frames and nothing else: its settings, and milliseconds per recorded second."""
     frames = round(stage.seconds * 1000 / FRAME_MS)
     command = [stage.binaries / "encoderfloor", "--size", f"{stage.width}x{stage.height}", "--frames", str(frames),
                "--fps", str(repaints_per_second)]

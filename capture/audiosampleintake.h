@@ -1,4 +1,4 @@
-// Delivered sound to chunks of 16-bit stereo: pure, values in, values out.
+// Delivered audio to chunks of 16-bit stereo: pure, values in, values out.
 #pragma once
 
 #include "platform/audio.h"

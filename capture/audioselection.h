@@ -29,7 +29,7 @@ struct Target {
     QString bundleRoot; ///< appBundleRoot(executable)
 };
 
-/// Whether a candidate's sound belongs to the target: the same process, an executable inside the target's bundle,
+/// Whether a candidate's audio belongs to the target: the same process, an executable inside the target's bundle,
 /// the same bundle identifier, or, only when the target has none, the same name.
 bool belongsTo(const Target& target, const platform::AudioApplication& candidate, const QString& candidateExecutable);
 

@@ -24,7 +24,7 @@ constexpr std::size_t mostCandidatesLogged = 12;
 
 constexpr auto queueLabel = "com.orvantis.recorder.screencapturekit.audio";
 
-/// The picture that comes with the sound is never read: as small and as slow as it can be.
+/// The video that comes with the audio is never read: as small and as slow as it can be.
 constexpr platform::AudioStreamConfiguration streamConfiguration{
     .width = 2,
     .height = 2,

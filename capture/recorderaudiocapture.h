@@ -1,4 +1,4 @@
-// RecorderAudioCapture: the sound of one application or of the whole display as PCM, whatever the platform below
+// RecorderAudioCapture: the audio of one application or of the whole display as PCM, whatever the platform below
 // (platform/audio.h) is.
 #pragma once
 
@@ -11,7 +11,7 @@
 class RecorderAudioCapturePrivate;
 
 /**
- * Made, started, read, stopped and destroyed by the recording worker. The sound arrives behind its back and is queued
+ * Made, started, read, stopped and destroyed by the recording worker. The audio arrives behind its back and is queued
  * as chunks in one fixed format, which the accessors name. Every call is harmless on an object that could not be
  * configured.
  */
@@ -25,7 +25,7 @@ public:
 
     /**
      * Configures the capture at once; waits for the system for 5 seconds at most. device, trimmed, is "app-pid:" and
-     * the process id of one application (decimal, blanks around it allowed), or anything else for the sound of the
+     * the process id of one application (decimal, blanks around it allowed), or anything else for the audio of the
      * first display. What fails is logged and leaves the object invalid.
      */
     explicit RecorderAudioCapture(const QString& device);
@@ -37,13 +37,13 @@ public:
 
     /// It was configured. Does not change.
     bool isValid() const;
-    /// Starts the sound; waits for the system for 5 seconds at most. True when it is started, also when it was
+    /// Starts the audio; waits for the system for 5 seconds at most. True when it is started, also when it was
     /// before.
     bool start();
     /// Stops it; waits for the system for 2 seconds at most. What was queued stays readable.
     void stop();
 
-    /// Asks a platform that meters its sound out to queue what belongs before this instant (milliseconds of the
+    /// Asks a platform that meters its audio out to queue what belongs before this instant (milliseconds of the
     /// monotonic clock), and, the last time, not to wait for what is on its way; see
     /// platform::AudioStream::deliverUntil(). Does nothing while not started.
     void deliverUntil(qint64 monotonicMs, bool last = false);

@@ -1,4 +1,4 @@
-// The course of a recording, seen from the launcher's side, and the judgement at its end.
+// The course of a recording, seen from the launcher's side, and the outcome at its end.
 #include "recordingsession.h"
 
 #include "endwithparent.h"
@@ -294,12 +294,12 @@ void RecordingSession::onRecorderEnded()
         outcome_.file = log_->outputInUse();
     if (!QFileInfo(outcome_.file).isFile())
         outcome_.file.clear();
-    judge();
+    checkOutcome();
     Q_EMIT over();
 }
 
 /// Fills in the exit code and the error; everything else is known.
-void RecordingSession::judge()
+void RecordingSession::checkOutcome()
 {
     const auto set = [this](ExitCode code, const QString& error) {
         outcome_.code = code;

@@ -62,7 +62,7 @@ private:
     void terminateRecorderIfRunning();
 
     void fail(ExitCode code, const QString& error);
-    void judge();
+    void checkOutcome();
     QString endOfRecorder() const;
 
     const Options options_;

@@ -1,4 +1,4 @@
-// Where captured sound belongs on the recording clock: the arithmetic, apart from FFmpeg's buffers. Times are
+// Where captured audio belongs on the recording clock: the arithmetic, apart from FFmpeg's buffers. Times are
 // milliseconds of that clock; samples are counted per channel, at the encoder's rate (hertz).
 #pragma once
 
@@ -9,7 +9,7 @@
 
 namespace audioalignment {
 
-/// Sound may lie this far ahead of the end of its chunk on the clock. What lies further is cut.
+/// Audio may lie this far ahead of the end of its chunk on the clock. What lies further is cut.
 inline constexpr qint64 lookaheadMs = 250;
 
 // Conversions round to the nearest.
@@ -30,7 +30,7 @@ int grownSize(int size, int added);
 
 /// Which part of a converted chunk is used.
 struct Part {
-    int drop = 0; ///< samples left out at its front: sound for that time is already there
+    int drop = 0; ///< samples left out at its front: audio for that time is already there
     int keep = 0; ///< samples used after them; what is left behind those would run ahead of the clock
 };
 

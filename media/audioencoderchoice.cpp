@@ -1,4 +1,4 @@
-// The rules of sound encoder selection.
+// The rules of audio encoder selection.
 #include "audioencoderchoice.h"
 
 #include <algorithm>

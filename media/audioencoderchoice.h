@@ -1,4 +1,4 @@
-// Which sound encoder, and what it is asked for: pure decisions about what FFmpeg offers.
+// Which audio encoder, and what it is asked for: pure decisions about what FFmpeg offers.
 #pragma once
 
 #include "avhandles.h"

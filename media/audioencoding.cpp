@@ -1,5 +1,5 @@
-// Captured sound to packets in the file, in step with the recording clock: gaps become silence, what runs ahead is
-// cut. Worker thread. A failure is logged and costs sound, never a picture; the hole that it leaves is filled with
+// Captured audio to packets in the file, in step with the recording clock: gaps become silence, what runs ahead is
+// cut. Worker thread. A failure is logged and costs audio, never video; the hole that it leaves is filled with
 // silence by the next call.
 #include "gstrecorder.h"
 
@@ -50,8 +50,8 @@ bool GstRecorder::encodePendingAudio(bool last)
         return true;
     const bool clockRuns = recordingClock.isValid();
     const qint64 elapsedMs = clockRuns ? recordingClock.elapsed() : 0; // the present, for this whole call
-    // A platform that meters its sound out by our clock hands over exactly what belongs before this instant. If it
-    // ran by a clock of its own, every call would pad or cut a few samples out of continuous sound: clicks.
+    // A platform that meters its audio out by our clock hands over exactly what belongs before this instant. If it
+    // ran by a clock of its own, every call would pad or cut a few samples out of continuous audio: clicks.
     if (clockRuns)
         audioCapture->deliverUntil(recordingClock.msecsSinceReference() + elapsedMs, last);
 
@@ -130,7 +130,7 @@ bool GstRecorder::queueAudioSamples(uint8_t** planes, int first, int count)
     return true;
 }
 
-/// Samples that the encoder has, and those that wait for it: the end of the sound so far.
+/// Samples that the encoder has, and those that wait for it: the end of the audio so far.
 qint64 GstRecorder::audioSamplesPresent() const
 {
     return audioSamplesWritten + av_audio_fifo_size(audioFifo);

@@ -1,5 +1,5 @@
 // The file's audio stream: capture, encoder, resampler, sample queue, stream. Worker thread. Whatever fails here is
-// logged and costs the sound, not the recording.
+// logged and costs the audio, not the recording.
 #include "gstrecorder.h"
 
 #include "audioencoderchoice.h"
@@ -23,7 +23,7 @@ const AVCodec* findEncoder(const QString& containerName)
     return nullptr;
 }
 
-/// A context with its settings for the capture's sound, not yet open. Null when there is no memory.
+/// A context with its settings for the capture's audio, not yet open. Null when there is no memory.
 AvCodecContextHandle configuredEncoder(
     const AVCodec* codec, const RecorderAudioCapture& capture, const AVFormatContext& container)
 {
@@ -60,7 +60,7 @@ bool openEncoder(AVCodecContext& context, const AVCodec* codec)
     return status >= 0;
 }
 
-/// From the capture's sound to the encoder's. Null after a line in the log.
+/// From the capture's audio to the encoder's. Null after a line in the log.
 AvResamplerHandle openResampler(const RecorderAudioCapture& capture, AVCodecContext& encoder)
 {
     AvChannelLayout input(capture.channelCount());
@@ -121,7 +121,7 @@ bool GstRecorder::openAudioOutput()
     return true;
 }
 
-/// The opened encoder for the capture's sound. Null after a line in the log.
+/// The opened encoder for the capture's audio. Null after a line in the log.
 AvCodecContextHandle GstRecorder::openAudioEncoder() const
 {
     const QString containerName = QString::fromLatin1(formatContext->oformat->name);
@@ -160,7 +160,7 @@ bool GstRecorder::createAudioStream(AVCodecContext& encoder)
     return true;
 }
 
-/// For a capture that does not start: pictures need not wait for sound that will not come. The stream stays in the
+/// For a capture that does not start: video need not wait for audio that will not come. The stream stays in the
 /// file, empty.
 void GstRecorder::abandonAudio()
 {

@@ -56,7 +56,7 @@ private:
     AVChannelLayout layout_{};
 };
 
-/// Sound in memory: one plane a channel for a planar format, else one plane.
+/// Audio in memory: one plane a channel for a planar format, else one plane.
 class AvSampleBuffer {
 public:
     AvSampleBuffer() = default;

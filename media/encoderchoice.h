@@ -18,7 +18,7 @@ inline constexpr int gopSize = 24; ///< one second: a fragment a second, and a f
 /// H.264 and HEVC are never used, by codec id or by name, whatever this FFmpeg offers.
 bool isForbidden(AVCodecID id, const QString& requestedName);
 
-/// The format that pictures are handed over in. formats is the encoder's own list, or nothing when it has
+/// The pixel format that images are handed over in. formats is the encoder's own list, or nothing when it has
 /// none. Nothing when the encoder takes no software format.
 std::optional<AVPixelFormat> inputPixelFormat(const std::optional<std::span<const AVPixelFormat>>& formats);
 

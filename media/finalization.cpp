@@ -9,7 +9,7 @@
 
 void GstRecorder::closeOutput()
 {
-    // 1. No more sound, no more conversions.
+    // 1. No more audio, no more conversions.
     stopAudioCapture();
     sws_freeContext(swsContext);
     swsContext = nullptr;
@@ -28,7 +28,7 @@ void GstRecorder::closeOutput()
             avio_closep(&formatContext->pb);
     }
 
-    // 3. Picture, encoders, sample queue, container with its streams. The calls null what they are given by address.
+    // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.
     av_frame_free(&videoFrame);
     videoFrameKey = 0;
     avcodec_free_context(&videoCodecContext);

@@ -1,4 +1,4 @@
-// Opening the output: directory, container, video encoder with its fallback, streams, file, header, picture
+// Opening the output: directory, container, video encoder with its fallback, streams, file, header, video frame
 // buffer. Worker thread. What a failure leaves half made stays in the members until closeOutput().
 #include "gstrecorder.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 const auto preferredEncoder = QStringLiteral("mpeg4");
 
-/// States in the stream what the pictures are, so that players need not guess: window pixels are sRGB;
+/// States in the stream what the colours are, so that players need not guess: window pixels are sRGB;
 /// libswscale turns them into limited-range YUV with the BT.601 matrix, and hands RGB formats over as they
 /// are.
 void tagColours(AVCodecContext* context)
@@ -59,7 +59,7 @@ bool GstRecorder::openOutput()
         return false;
     if (!createVideoStream())
         return false;
-    openAudioOutput(); // without sound the recording goes on
+    openAudioOutput(); // without audio the recording goes on
     if (!openFileAndWriteHeader() || !allocateVideoFrame())
         return false;
 

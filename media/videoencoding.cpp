@@ -1,4 +1,4 @@
-// Composed pictures to packets in the file. Worker thread. A failure is logged and costs one frame, not the
+// Composed images to packets in the file. Worker thread. A failure is logged and costs one frame, not the
 // recording.
 #include "gstrecorder.h"
 
@@ -14,12 +14,12 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
 {
     if (!videoCodecContext || !formatContext || !videoFrame)
         return false;
-    const QImage picture = image.convertToFormat(QImage::Format_ARGB32); // bytes in BGRA order
-    if (picture.width() != canvasWidth || picture.height() != canvasHeight) {
-        qWarning() << "Skipping frame with unexpected size" << picture.size();
+    const QImage bgra = image.convertToFormat(QImage::Format_ARGB32); // bytes in BGRA order
+    if (bgra.width() != canvasWidth || bgra.height() != canvasHeight) {
+        qWarning() << "Skipping frame with unexpected size" << bgra.size();
         return false;
     }
-    if (!fillVideoFrame(picture))
+    if (!fillVideoFrame(bgra))
         return false;
 
     videoFrame->pts = ptsMs;
@@ -31,10 +31,10 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
     return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
 }
 
-/// A picture that the frame already holds is not converted again; the encoder may still read it.
-bool GstRecorder::fillVideoFrame(const QImage& picture)
+/// An image that the frame already holds is not converted again; the encoder may still read it.
+bool GstRecorder::fillVideoFrame(const QImage& image)
 {
-    if (videoFrameKey == picture.cacheKey())
+    if (videoFrameKey == image.cacheKey())
         return true;
     videoFrameKey = 0;
     const int status = av_frame_make_writable(videoFrame);
@@ -42,9 +42,9 @@ bool GstRecorder::fillVideoFrame(const QImage& picture)
         qCritical() << "FFmpeg frame is not writable:" << avErrorString(status);
         return false;
     }
-    if (!transferPixels(picture))
+    if (!transferPixels(image))
         return false;
-    videoFrameKey = picture.cacheKey();
+    videoFrameKey = image.cacheKey();
     return true;
 }
 

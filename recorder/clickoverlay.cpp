@@ -67,7 +67,9 @@ void GstRecorder::addClick(
              << "display recording ms" << key;
 }
 
-QMap<qint64, GstRecorder::MouseClick> GstRecorder::takeLiveClicks(long long timestampMs)
+/// A copy of the clicks that a frame of this time shows, in the order of their keys; what no later frame can show is
+/// dropped. A click that arrives meanwhile waits for the next frame.
+std::vector<GstRecorder::LiveClick> GstRecorder::liveClicks(long long timestampMs)
 {
     const QMutexLocker lock(&clickMutex);
     const auto expired = [timestampMs](const QMap<qint64, MouseClick>::iterator& entry) {
@@ -75,28 +77,21 @@ QMap<qint64, GstRecorder::MouseClick> GstRecorder::takeLiveClicks(long long time
     };
     if (clicks.removeIf(expired) > 0)
         freeClickKey.forget();
-    return clicks; // shared, not copied: a click that arrives meanwhile waits for the next frame
-}
-
-/// Whoever adds a click changes the map in place when he finds it unshared, and must then come after all that was
-/// read here: the lock says so, the count of the sharers alone does not.
-void GstRecorder::dropLiveClicks(QMap<qint64, MouseClick>& live)
-{
-    const QMutexLocker lock(&clickMutex);
-    live = {};
+    std::vector<LiveClick> live;
+    for (auto entry = clicks.cbegin(); entry != clicks.cend() && entry.key() <= timestampMs; ++entry)
+        live.push_back({entry.key(), *entry});
+    return live;
 }
 
 void GstRecorder::drawClicks(
-    QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live, long long timestampMs)
+    QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs)
 {
     painter.setPen(Qt::NoPen);
-    for (auto entry = live.cbegin(); entry != live.cend(); ++entry) {
-        if (entry.key() > timestampMs)
-            break; // keys ascend: this click and all behind it are still to come
-        const auto inImage = clickInImage(*entry, geometry);
+    for (const LiveClick& entry : live) {
+        const auto inImage = clickInImage(entry.click, geometry);
         if (!inImage)
             continue;
-        const double fade = clickmarker::fade(timestampMs - entry.key());
+        const double fade = clickmarker::fade(timestampMs - entry.keyMs);
         const double radius = clickmarker::radius(fade);
         painter.setBrush(QColor(230, 0, 25, clickmarker::alpha(fade)));
         painter.drawEllipse(geometry.toCanvas(*inImage), radius, radius);

@@ -1,10 +1,10 @@
-// What a composed picture without click markers depends on, besides the size of the canvas.
+// What a composed image without click markers depends on, besides the size of the canvas.
 #pragma once
 
 #include <QRect>
 #include <QtGlobal>
 
-/// Two equal ones give the same picture, pixel by pixel.
+/// Two equal ones give the same image, pixel by pixel.
 struct CompositionSource {
     qint64 imageKey = 0; ///< QImage::cacheKey() of the window's image
     QRect windowBounds; ///< global screen points

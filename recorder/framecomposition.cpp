@@ -57,39 +57,30 @@ QImage withoutAlphaChannel(const QImage& opaque)
 
 }
 
+/// The same image again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
-    QMap<qint64, MouseClick> live = takeLiveClicks(timestampMs);
-    QImage picture = composeWithClicks(frame, live, timestampMs);
-    dropLiveClicks(live);
-    return picture;
-}
-
-/// The same picture again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
-QImage GstRecorder::composeWithClicks(
-    const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs)
-{
-    const bool showsClicks = !live.isEmpty() && live.firstKey() <= timestampMs;
+    const std::vector<LiveClick> live = liveClicks(timestampMs);
     const CompositionSource source{
         frame.image.cacheKey(), frame.windowBounds, frame.cursorX, frame.cursorY, frame.hasCursor};
-    if (!showsClicks && source == composedFrom && composedPicture.size() == QSize(canvasWidth, canvasHeight))
-        return composedPicture;
+    if (live.empty() && source == composedFrom && composedImage.size() == QSize(canvasWidth, canvasHeight))
+        return composedImage;
 
     composedFrom.reset();
     QImage canvas = takeCanvas();
     if (canvas.isNull()) // a canvas that no memory holds
         return canvas;
     paintFrame(canvas, frame, live, timestampMs);
-    composedPicture = canvas;
-    if (!showsClicks)
+    composedImage = canvas;
+    if (live.empty())
         composedFrom = source;
     return canvas;
 }
 
-/// Memory for the next picture: that of the last one, unless somebody still looks at it.
+/// Memory for the next image: that of the last one, unless somebody still looks at it.
 QImage GstRecorder::takeCanvas()
 {
-    QImage canvas = std::exchange(composedPicture, QImage());
+    QImage canvas = std::exchange(composedImage, QImage());
     if (canvas.isDetached() && canvas.size() == QSize(canvasWidth, canvasHeight))
         return canvas;
     return QImage(canvasWidth, canvasHeight, QImage::Format_ARGB32);
@@ -98,7 +89,7 @@ QImage GstRecorder::takeCanvas()
 /// Where nothing is scaled or translucent, a canvas without an alpha channel gives the same pixels and is several
 /// times quicker. (What is scaled would come out a shade different.)
 void GstRecorder::paintFrame(
-    QImage& canvas, const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs)
+    QImage& canvas, const CapturedFrame& frame, const std::vector<LiveClick>& live, long long timestampMs)
 {
     const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvas.size());
     const bool copied = isCopied(frame, geometry);

@@ -36,6 +36,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <vector>
 
 class MacWindowCapture;
 class RecorderAudioCapture;
@@ -70,6 +71,12 @@ public:
         double normalizedX = 0.0; ///< fraction of the window, 0.0 to 1.0; 0.0 when absent
         double normalizedY = 0.0;
         bool hasNormalized = false;
+    };
+
+    /// A click that a frame shows.
+    struct LiveClick {
+        qint64 keyMs = 0; ///< recording time
+        MouseClick click;
     };
 
     // ==== gstrecorder.cpp: life (main thread) ================================================================
@@ -150,17 +157,15 @@ private:
     // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
 
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
-    QImage composeWithClicks(const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs);
     QImage takeCanvas();
     static void paintFrame(
-        QImage& canvas, const CapturedFrame& frame, const QMap<qint64, MouseClick>& live, long long timestampMs);
+        QImage& canvas, const CapturedFrame& frame, const std::vector<LiveClick>& live, long long timestampMs);
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
-    QMap<qint64, MouseClick> takeLiveClicks(long long timestampMs);
-    void dropLiveClicks(QMap<qint64, MouseClick>& live);
-    static void drawClicks(QPainter& painter, const FrameGeometry& geometry, const QMap<qint64, MouseClick>& live,
-        long long timestampMs);
+    std::vector<LiveClick> liveClicks(long long timestampMs);
+    static void drawClicks(
+        QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
 
     // ==== outputcontainer.cpp: file, container, video encoder (worker) =======================================
 
@@ -183,7 +188,7 @@ private:
     bool createAudioStream(AVCodecContext& encoder);
     void abandonAudio();
 
-    // ==== audioencoding.cpp: sound to packet, in step with the recording clock (worker) ======================
+    // ==== audioencoding.cpp: audio to packet, in step with the recording clock (worker) ======================
 
     bool encodePendingAudio(bool last = false);
     bool padAudioToElapsedClock(qint64 elapsedMs);
@@ -197,11 +202,11 @@ private:
     AvFrameHandle takeAudioFrame(int samples);
     bool writeAudioPackets(const char* receiveError, const char* writeError, int missingDuration);
 
-    // ==== videoencoding.cpp: picture to packet (worker) ======================================================
+    // ==== videoencoding.cpp: image to packet (worker) ======================================================
 
     bool encodeImage(const QImage& image, long long ptsMs);
     bool drainEncoder();
-    bool fillVideoFrame(const QImage& picture);
+    bool fillVideoFrame(const QImage& image);
     bool transferPixels(const QImage& image);
     bool writeVideoPackets(const char* receiveError, const char* writeError);
 
@@ -248,22 +253,22 @@ private:
     FreeKeyHint freeClickKey; // makes a flood of clicks at one time cheap
     bool clickLimitLogged = false;
 
-    // The picture that was composed last: worker, framecomposition.cpp.
-    QImage composedPicture; // its memory serves the next one, too
+    // The image that was composed last: worker, framecomposition.cpp.
+    QImage composedImage; // its memory serves the next one, too
     std::optional<CompositionSource> composedFrom; // nothing when it shows clicks, which change with the time
 
     // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
     AVFormatContext* formatContext = nullptr; // also holds the file handle
     AVCodecContext* videoCodecContext = nullptr;
     AVStream* videoStream = nullptr; // owned by formatContext
-    AVFrame* videoFrame = nullptr; // the one frame, reused for every picture
-    qint64 videoFrameKey = 0; // QImage::cacheKey() of the picture that it holds, videoencoding.cpp; 0 is none
+    AVFrame* videoFrame = nullptr; // the one frame, reused for every image
+    qint64 videoFrameKey = 0; // QImage::cacheKey() of the image that it holds, videoencoding.cpp; 0 is none
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
     qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
 
-    // Its sound, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
+    // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
     AVCodecContext* audioCodecContext = nullptr; // set only when the whole set-up succeeded
     AVStream* audioStream = nullptr; // owned by formatContext
     AVAudioFifo* audioFifo = nullptr; // samples in the encoder's format that wait for a full frame

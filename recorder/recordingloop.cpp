@@ -1,4 +1,4 @@
-// The worker's loop: pacing, warm-up, readiness, delay queue, the turns of the sound, and the end of the recording.
+// The worker's loop: pacing, warm-up, readiness, delay queue, the turns of the audio, and the end of the recording.
 // Worker thread.
 #include "gstrecorder.h"
 
@@ -97,7 +97,7 @@ bool GstRecorder::waitingAfterReadiness(LoopState& loop, const CapturedFrame& fr
     return loop.ready.isValid() && loop.ready.elapsed() < readyDelayMs;
 }
 
-/// The first picture costs several times what later ones do: its memory was never touched. Without this that time
+/// The first frame costs several times what later ones do: its memory was never touched. Without this that time
 /// falls into the recording, when the delay queue begins to drain. Canvas and encoder's frame keep their memory.
 void GstRecorder::rehearse(const CapturedFrame& frame)
 {
@@ -129,7 +129,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     takeAudio();
 }
 
-/// Sound begins with the recording clock: its first sample belongs to the first recorded frame.
+/// Audio begins with the recording clock: its first sample belongs to the first recorded frame.
 void GstRecorder::startAudio()
 {
     if (!audioCapture || !audioCapture->isValid())
@@ -141,7 +141,7 @@ void GstRecorder::startAudio()
     abandonAudio();
 }
 
-/// What fails costs sound, never the picture.
+/// What fails costs audio, never video.
 void GstRecorder::takeAudio(bool last)
 {
     if (audioStarted)

@@ -1,4 +1,4 @@
-// Sound on the Mac, in Qt's types.
+// Audio on the Mac, in Qt's types.
 #include "platform/audio.h"
 
 #include "appkit.h"
@@ -72,7 +72,7 @@ bool Semaphore::wait(qint64 nanoseconds)
     return impl_->native.wait(nanoseconds);
 }
 
-// ---- sound -----------------------------------------------------------------------------------------------------
+// ---- audio -----------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -67,10 +67,10 @@ Retained<SCStreamConfiguration*> makeConfiguration(const StreamConfiguration& wa
  * The stream and what it uses, which the system may not keep alive for it. Shared by the AudioStream and the
  * completions that the system holds: it lives until the last of them is gone, also when that comes late or never.
  */
-struct AudioStream::Connection {
+struct AudioStream::CaptureSession {
     enum class Phase { Idle, Starting, Running, Stopping };
 
-    ~Connection();
+    ~CaptureSession();
 
     void enter(Phase next);
     /// The answer to a start. True when it has come too late, and the capture must be stopped.
@@ -80,7 +80,7 @@ struct AudioStream::Connection {
     /// The AudioStream is gone. True when the capture must be stopped.
     bool abandon();
 
-    static void stop(const std::shared_ptr<Connection>& connection, Completion completion);
+    static void stop(const std::shared_ptr<CaptureSession>& session, Completion completion);
 
     Retained<MacScreenAudioOutput*> delegate;
     Retained<MacScreenAudioOutput*> output; ///< nil until added
@@ -96,7 +96,7 @@ private:
 // The system may have put samples for the objects on the queue without keeping these alive. So the last thing on the
 // queue releases them. (The news of the stream's end comes elsewhere; a stream that is released must itself not call
 // a delegate that it does not keep.) The stream is not released there: nobody knows what it does at its end.
-AudioStream::Connection::~Connection()
+AudioStream::CaptureSession::~CaptureSession()
 {
     stream = {};
     if (!queue)
@@ -106,13 +106,13 @@ AudioStream::Connection::~Connection()
     dispatch_async_f(queue.get(), objects, [](void* last) { delete static_cast<Objects*>(last); });
 }
 
-void AudioStream::Connection::enter(Phase next)
+void AudioStream::CaptureSession::enter(Phase next)
 {
     const std::lock_guard lock(mutex_);
     phase_ = next;
 }
 
-bool AudioStream::Connection::started(bool success)
+bool AudioStream::CaptureSession::started(bool success)
 {
     const std::lock_guard lock(mutex_);
     if (phase_ == Phase::Stopping)
@@ -121,23 +121,23 @@ bool AudioStream::Connection::started(bool success)
     return success && abandoned_;
 }
 
-void AudioStream::Connection::stopped()
+void AudioStream::CaptureSession::stopped()
 {
     const std::lock_guard lock(mutex_);
     if (phase_ == Phase::Stopping)
         phase_ = Phase::Idle;
 }
 
-bool AudioStream::Connection::abandon()
+bool AudioStream::CaptureSession::abandon()
 {
     const std::lock_guard lock(mutex_);
     abandoned_ = true;
     return phase_ == Phase::Running;
 }
 
-void AudioStream::Connection::stop(const std::shared_ptr<Connection>& connection, Completion completion)
+void AudioStream::CaptureSession::stop(const std::shared_ptr<CaptureSession>& session, Completion completion)
 {
-    const std::shared_ptr<Connection> kept = connection; // a block copies values, not what references name
+    const std::shared_ptr<CaptureSession> kept = session; // a block copies values, not what references name
     kept->enter(Phase::Stopping);
     [kept->stream.get() stopCaptureWithCompletionHandler:^(NSError* error) {
         @autoreleasepool {
@@ -149,7 +149,7 @@ void AudioStream::Connection::stop(const std::shared_ptr<Connection>& connection
 }
 
 AudioStream::AudioStream(const Filter& filter, const StreamConfiguration& configuration, AudioOutput& delegate)
-    : connection_(std::make_shared<Connection>())
+    : session_(std::make_shared<CaptureSession>())
 {
     @autoreleasepool {
         const auto nativeFilter = makeFilter(filter);
@@ -157,54 +157,54 @@ AudioStream::AudioStream(const Filter& filter, const StreamConfiguration& config
         if (!nativeFilter || !nativeConfiguration)
             return;
         MacScreenAudioOutput* object = delegate.impl().object.get();
-        connection_->delegate = Retained<MacScreenAudioOutput*>::share(object);
-        connection_->stream = Retained<SCStream*>::adopt([[SCStream alloc] initWithFilter:nativeFilter.get()
-                                                                            configuration:nativeConfiguration.get()
-                                                                                 delegate:object]);
+        session_->delegate = Retained<MacScreenAudioOutput*>::share(object);
+        session_->stream = Retained<SCStream*>::adopt([[SCStream alloc] initWithFilter:nativeFilter.get()
+                                                                         configuration:nativeConfiguration.get()
+                                                                              delegate:object]);
     }
 }
 
 AudioStream::~AudioStream()
 {
     @autoreleasepool {
-        disown(connection_->delegate.get());
-        disown(connection_->output.get());
-        if (connection_->abandon())
-            Connection::stop(connection_, nullptr);
-        connection_.reset();
+        disown(session_->delegate.get());
+        disown(session_->output.get());
+        if (session_->abandon())
+            CaptureSession::stop(session_, nullptr);
+        session_.reset();
     }
 }
 
 AddResult AudioStream::addStreamOutput(AudioOutput& output, const SerialQueue& queue)
 {
-    if (!connection_->stream)
+    if (!session_->stream)
         return {};
     @autoreleasepool {
         MacScreenAudioOutput* object = output.impl().object.get();
-        connection_->output = Retained<MacScreenAudioOutput*>::share(object);
-        connection_->queue = Retained<dispatch_queue_t>::share(queue.impl().queue.get());
+        session_->output = Retained<MacScreenAudioOutput*>::share(object);
+        session_->queue = Retained<dispatch_queue_t>::share(queue.impl().queue.get());
         NSError* error = nil;
-        const bool added = [connection_->stream.get() addStreamOutput:object
-                                                                 type:SCStreamOutputTypeAudio
-                                                   sampleHandlerQueue:connection_->queue.get()
-                                                                error:&error];
+        const bool added = [session_->stream.get() addStreamOutput:object
+                                                              type:SCStreamOutputTypeAudio
+                                                sampleHandlerQueue:session_->queue.get()
+                                                             error:&error];
         return {added, added ? std::nullopt : errorText(error)};
     }
 }
 
 void AudioStream::startCapture(Completion completion)
 {
-    const std::shared_ptr<Connection> connection = connection_;
-    if (!connection->stream) {
+    const std::shared_ptr<CaptureSession> session = session_;
+    if (!session->stream) {
         completion(std::string());
         return;
     }
     @autoreleasepool {
-        connection->enter(Connection::Phase::Starting);
-        [connection->stream.get() startCaptureWithCompletionHandler:^(NSError* error) {
+        session->enter(CaptureSession::Phase::Starting);
+        [session->stream.get() startCaptureWithCompletionHandler:^(NSError* error) {
             @autoreleasepool {
-                if (connection->started(!error))
-                    Connection::stop(connection, nullptr);
+                if (session->started(!error))
+                    CaptureSession::stop(session, nullptr);
                 completion(errorText(error));
             }
         }];
@@ -213,12 +213,12 @@ void AudioStream::startCapture(Completion completion)
 
 void AudioStream::stopCapture(Completion completion)
 {
-    if (!connection_->stream) {
+    if (!session_->stream) {
         completion(std::string());
         return;
     }
     @autoreleasepool {
-        Connection::stop(connection_, std::move(completion));
+        CaptureSession::stop(session_, std::move(completion));
     }
 }
 

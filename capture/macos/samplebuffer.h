@@ -1,4 +1,4 @@
-// One block of sound, as CoreMedia hands it out. Plain C++: no Objective-C, no Qt.
+// One block of audio, as CoreMedia hands it out. Plain C++: no Objective-C, no Qt.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ public:
     explicit SampleBuffer(void* native) : native_(native) { }
 
     bool isValid() const;
-    /// Nothing when the buffer tells no format of sound.
+    /// Nothing when the buffer tells no format of audio.
     std::optional<StreamDescription> description() const;
     /// One sample of every channel each.
     std::int64_t frames() const;

@@ -24,7 +24,7 @@ CMSampleBufferRef nativeBuffer(void* buffer)
     return static_cast<CMSampleBufferRef>(buffer);
 }
 
-/// How many bytes a list of this sound's buffers takes; 0 when the system cannot tell.
+/// How many bytes a list of this audio's buffers takes; 0 when the system cannot tell.
 std::size_t listSize(CMSampleBufferRef buffer)
 {
     std::size_t size = 0;

@@ -1,4 +1,4 @@
-// Sound, as ScreenCaptureKit captures it. Plain C++: no Objective-C, no Qt. Texts are UTF-8; an error is nothing for
+// Audio, as ScreenCaptureKit captures it. Plain C++: no Objective-C, no Qt. Texts are UTF-8; an error is nothing for
 // success, else the system's text for people, which may be empty.
 #pragma once
 
@@ -38,9 +38,9 @@ using ContentCompletion = std::function<void(std::shared_ptr<const ShareableCont
 /// Returns at once. The completion is called on a thread of the system's, or never. Any thread.
 void requestShareableContent(bool excludeDesktopWindows, bool onScreenWindowsOnly, ContentCompletion completion);
 
-// ---- sound -----------------------------------------------------------------------------------------------------
+// ---- audio -----------------------------------------------------------------------------------------------------
 
-/// The sound of one display, or of the display without some applications.
+/// The audio of one display, or of the display without some applications.
 struct Filter {
     std::shared_ptr<const void> native; ///< of the content; may be null
     std::size_t display = 0; ///< index
@@ -48,7 +48,7 @@ struct Filter {
 };
 
 struct StreamConfiguration {
-    std::size_t width = 0; ///< of the picture, pixels
+    std::size_t width = 0; ///< of the image, pixels
     std::size_t height = 0;
     int minimumFrameIntervalNumerator = 0; ///< seconds: numerator / denominator
     int minimumFrameIntervalDenominator = 1;
@@ -90,7 +90,7 @@ struct AddResult {
 };
 
 /**
- * A stream of sound. One thread. Delegate, output and queue must outlive it; what the system may still use of them
+ * A stream of audio. One thread. Delegate, output and queue must outlive it; what the system may still use of them
  * when it is destroyed, it keeps.
  */
 class AudioStream {
@@ -107,8 +107,8 @@ public:
     void stopCapture(Completion completion);
 
 private:
-    struct Connection;
-    std::shared_ptr<Connection> connection_; ///< shared with the completions that the system holds
+    struct CaptureSession;
+    std::shared_ptr<CaptureSession> session_; ///< shared with the completions that the system holds
 };
 
 }

@@ -1,4 +1,4 @@
-// The seam between the audio capture and the operating system's sound. Each platform folder (capture/linux, ...)
+// The seam between the audio capture and the operating system's audio. Each platform folder (capture/linux, ...)
 // defines all of it; which one is used is decided at link time. An adapter holds no rule: matching, time limits,
 // conversion, states and log texts live in recorderaudiocapture.cpp and audiosampleintake.cpp.
 #pragma once
@@ -60,7 +60,7 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-// ---- sound -----------------------------------------------------------------------------------------------------
+// ---- audio -----------------------------------------------------------------------------------------------------
 
 inline constexpr quint32 linearPcm = 0x6c70636d; ///< AudioStreamDescription::formatId: 'lpcm'
 inline constexpr quint32 pcmIsFloat = 1; ///< AudioStreamDescription::formatFlags
@@ -86,7 +86,7 @@ struct AudioBufferList {
     std::shared_ptr<const void> owner; ///< keeps the memory of the buffers; null when that outlives the call anyway
 };
 
-/// One block of sound as the platform delivers it. Lives as long as the call that delivers it.
+/// One block of audio as the platform delivers it. Lives as long as the call that delivers it.
 struct AudioSampleBuffer {
     bool valid = true;
     std::optional<AudioStreamDescription> description; ///< nothing when the platform cannot tell
@@ -95,17 +95,17 @@ struct AudioSampleBuffer {
     std::function<std::optional<AudioBufferList>()> bufferList;
 };
 
-/// Which sound: that of one display, or that of the display without some applications.
+/// Which audio: that of one display, or that of the display without some applications.
 struct AudioFilter {
     std::shared_ptr<const AudioContent> content;
     std::size_t display = 0; ///< index
-    /// Indices into content->applications; nothing for the sound of the whole display.
+    /// Indices into content->applications; nothing for the audio of the whole display.
     std::optional<std::vector<std::size_t>> excludedApplications;
 };
 
-/// How to deliver it. The picture that some platforms tie to the sound is never read.
+/// How to deliver it. The video that some platforms tie to the audio is never read.
 struct AudioStreamConfiguration {
-    int width = 0; ///< of the picture, pixels
+    int width = 0; ///< of the video, pixels
     int height = 0;
     int minimumFrameIntervalNumerator = 0; ///< seconds: numerator / denominator
     int minimumFrameIntervalDenominator = 1;
@@ -125,7 +125,7 @@ struct AudioReceiver {
     std::function<void(const std::optional<QString>& error)> streamStopped;
 };
 
-/// The object that the system calls: receives the sound and the news of one stream. Calls nobody after the destructor
+/// The object that the system calls: receives the audio and the news of one stream. Calls nobody after the destructor
 /// of either.
 class AudioOutput {
 public:
@@ -161,7 +161,7 @@ private:
 using AudioCompletion = std::function<void(std::optional<QString> error)>;
 
 /**
- * A stream of sound. Made, started, stopped and destroyed on one thread (another than the platform's own). Making it
+ * A stream of audio. Made, started, stopped and destroyed on one thread (another than the platform's own). Making it
  * never fails; what fails is told by addStreamOutput() or startCapture(). The output (and delegate) and the queue
  * outlive it.
  */
@@ -173,7 +173,7 @@ public:
     AudioStream(const AudioStream&) = delete;
     AudioStream& operator=(const AudioStream&) = delete;
 
-    /// Asks for the sound to be delivered to output, on queue. False on failure; error is then the system's text, or
+    /// Asks for the audio to be delivered to output, on queue. False on failure; error is then the system's text, or
     /// nothing when the system gives no error.
     bool addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error);
 
@@ -181,10 +181,10 @@ public:
     void stopCapture(AudioCompletion completion);
 
     /**
-     * For a platform whose sound the reader's clock meters out: delivers, before it returns and on the caller's
-     * thread, the sound from the end of the last delivery (at first: from the start of the capture) up to this
-     * instant, in whole milliseconds, so that the reader finds exactly as much sound as its clock has advanced. It
-     * delivers nothing while sound of that time is still on its way. A platform that delivers on its own does
+     * For a platform whose audio the reader's clock meters out: delivers, before it returns and on the caller's
+     * thread, the audio from the end of the last delivery (at first: from the start of the capture) up to this
+     * instant, in whole milliseconds, so that the reader finds exactly as much audio as its clock has advanced. It
+     * delivers nothing while audio of that time is still on its way. A platform that delivers on its own does
      * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock, the
      * reference of QElapsedTimer::msecsSinceReference()). The last time, what has not arrived is silence instead:
      * nobody will ask for it later.

@@ -1,5 +1,5 @@
 // Reading the process table.
-#include "linux/processtable.h"
+#include "linux/pipewire/processtable.h"
 
 #include <QProcess>
 #include <QTest>

@@ -1,5 +1,5 @@
 // Pixel layouts and their conversion, without a server.
-#include "linux/x11pixels.h"
+#include "linux/x11/x11pixels.h"
 
 #include <QTest>
 

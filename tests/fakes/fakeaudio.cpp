@@ -6,9 +6,9 @@
 
 namespace fakeplatform {
 
-SoundState& sound()
+AudioState& audio()
 {
-    static SoundState instance;
+    static AudioState instance;
     return instance;
 }
 
@@ -71,22 +71,22 @@ bool stopStream(const std::optional<QString>& error)
 
 namespace platform {
 
-using fakeplatform::sound;
+using fakeplatform::audio;
 
 void requestAudioContent(bool excludeDesktopWindows, bool onScreenWindowsOnly, AudioContentCompletion completion)
 {
-    sound().lookups.push_back({excludeDesktopWindows, onScreenWindowsOnly});
-    if (sound().lookup)
-        sound().lookup(std::move(completion));
+    audio().lookups.push_back({excludeDesktopWindows, onScreenWindowsOnly});
+    if (audio().lookup)
+        audio().lookup(std::move(completion));
     else
-        completion(nullptr, fakeplatform::noSoundError);
+        completion(nullptr, fakeplatform::noAudioError);
 }
 
 QString executablePath(qint64 processId)
 {
-    sound().executablesAsked.push_back(processId);
-    const auto found = sound().executables.find(processId);
-    return found != sound().executables.end() ? found->second : QString();
+    audio().executablesAsked.push_back(processId);
+    const auto found = audio().executables.find(processId);
+    return found != audio().executables.end() ? found->second : QString();
 }
 
 struct Semaphore::Impl {
@@ -108,8 +108,8 @@ void Semaphore::signal()
 
 bool Semaphore::wait(qint64 nanoseconds)
 {
-    sound().waits.push_back(nanoseconds);
-    const auto limit = std::min<std::chrono::nanoseconds>(std::chrono::nanoseconds(nanoseconds), sound().longestWait);
+    audio().waits.push_back(nanoseconds);
+    const auto limit = std::min<std::chrono::nanoseconds>(std::chrono::nanoseconds(nanoseconds), audio().longestWait);
     std::unique_lock lock(impl_->mutex);
     if (!impl_->changed.wait_for(lock, limit, [this] { return impl_->signals > 0; }))
         return false;
@@ -125,7 +125,7 @@ AudioOutput::AudioOutput(AudioReceiver owner) : impl_(std::make_unique<Impl>(Imp
 {
     const std::scoped_lock lock(fakeplatform::current().mutex);
     fakeplatform::current().receiver = &impl_->receiver;
-    ++sound().liveOutputs;
+    ++audio().liveOutputs;
 }
 
 AudioOutput::~AudioOutput()
@@ -133,20 +133,20 @@ AudioOutput::~AudioOutput()
     const std::scoped_lock lock(fakeplatform::current().mutex);
     if (fakeplatform::current().receiver == &impl_->receiver)
         fakeplatform::current().receiver = nullptr;
-    --sound().liveOutputs;
+    --audio().liveOutputs;
 }
 
 struct AudioQueue::Impl { };
 
 AudioQueue::AudioQueue(const char* label) : impl_(std::make_unique<Impl>())
 {
-    sound().queueLabels.emplace_back(label);
-    ++sound().liveQueues;
+    audio().queueLabels.emplace_back(label);
+    ++audio().liveQueues;
 }
 
 AudioQueue::~AudioQueue()
 {
-    --sound().liveQueues;
+    --audio().liveQueues;
 }
 
 struct AudioStream::Impl { };
@@ -154,47 +154,47 @@ struct AudioStream::Impl { };
 AudioStream::AudioStream(const AudioFilter& filter, const AudioStreamConfiguration& configuration, AudioOutput&)
     : impl_(std::make_unique<Impl>())
 {
-    sound().streams.push_back({filter, configuration});
-    ++sound().liveStreams;
+    audio().streams.push_back({filter, configuration});
+    ++audio().liveStreams;
 }
 
 AudioStream::~AudioStream()
 {
-    --sound().liveStreams;
+    --audio().liveStreams;
 }
 
 bool AudioStream::addStreamOutput(AudioOutput&, AudioQueue&, std::optional<QString>* error)
 {
-    ++sound().outputsAdded;
-    if (!sound().addOutputFailure)
+    ++audio().outputsAdded;
+    if (!audio().addOutputFailure)
         return true;
-    *error = *sound().addOutputFailure;
+    *error = *audio().addOutputFailure;
     return false;
 }
 
 void AudioStream::startCapture(AudioCompletion completion)
 {
-    ++sound().starts;
-    if (sound().start)
-        sound().start(std::move(completion));
+    ++audio().starts;
+    if (audio().start)
+        audio().start(std::move(completion));
     else
         completion(std::nullopt);
 }
 
 void AudioStream::stopCapture(AudioCompletion completion)
 {
-    ++sound().stops;
-    if (sound().stop)
-        sound().stop(std::move(completion));
+    ++audio().stops;
+    if (audio().stop)
+        audio().stop(std::move(completion));
     else
         completion(std::nullopt);
 }
 
 void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
 {
-    sound().lastDeliveries += last;
-    if (sound().deliverUntil)
-        sound().deliverUntil(monotonicMs);
+    audio().lastDeliveries += last;
+    if (audio().deliverUntil)
+        audio().deliverUntil(monotonicMs);
 }
 
 }

@@ -1,4 +1,4 @@
-// The sound of the fake platform: every answer is the test's, and every call is on record. fakeplatform::reset()
+// The audio of the fake platform: every answer is the test's, and every call is on record. fakeplatform::reset()
 // resets it too.
 #pragma once
 
@@ -18,10 +18,10 @@ namespace fakeplatform {
 
 /// What the fake answers, and what it was asked. Set it before the capture is made; the functions run on whatever
 /// thread asks.
-struct SoundState {
+struct AudioState {
     // ---- answers ----
 
-    /// Answers a lookup. Unset: it fails with noSoundError.
+    /// Answers a lookup. Unset: it fails with noAudioError.
     std::function<void(platform::AudioContentCompletion)> lookup;
     std::map<qint64, QString> executables; ///< by process id; none for the others
     /// Nothing: adding the output succeeds. Else it fails with that error, or without one.
@@ -57,11 +57,11 @@ struct SoundState {
     int liveQueues = 0;
 };
 
-inline const QString noSoundError = QStringLiteral("the fake platform has no sound");
+inline const QString noAudioError = QStringLiteral("the fake platform has no audio");
 
-SoundState& sound();
+AudioState& audio();
 
-/// An answer for SoundState::lookup: one display and these applications, at once.
+/// An answer for AudioState::lookup: one display and these applications, at once.
 std::function<void(platform::AudioContentCompletion)> contentOf(
     std::vector<platform::AudioApplication> applications, std::size_t displays = 1);
 

@@ -17,7 +17,7 @@ State& state()
 void reset()
 {
     state() = State();
-    sound() = SoundState();
+    audio() = AudioState();
 }
 
 QImage solidImage(int width, int height, QRgb colour)

@@ -1,4 +1,4 @@
-// What the seam allows and the capture does not do. The life of a sound stream is in macstream_test.
+// What the seam allows and the capture does not do. The life of an audio stream is in macstream_test.
 #include "macrig.h"
 #include "platform/screen.h"
 
@@ -42,7 +42,7 @@ void MacAdapterTest::samplesOutliveTheDelivery()
     Rig rig({[&kept](const platform::AudioSampleBuffer* buffer) { kept = buffer->bufferList(); },
         [](const std::optional<QString>&) {}});
     rig.startCapture();
-    QVERIFY(macsim::deliver(macsim::stereoSound({11, 12})));
+    QVERIFY(macsim::deliver(macsim::stereoAudio({11, 12})));
     QVERIFY(kept);
     QCOMPARE(kept->buffers.size(), 1U);
     QCOMPARE(kept->buffers[0].bytes, 4U);
@@ -69,7 +69,7 @@ void MacAdapterTest::listOfAnotherLength()
     Rig rig({[&list](const platform::AudioSampleBuffer* buffer) { list = buffer->bufferList(); },
         [](const std::optional<QString>&) {}});
     rig.startCapture();
-    macsim::Sound two = macsim::stereoSound({1, 2});
+    macsim::Audio two = macsim::stereoAudio({1, 2});
     two.buffers = {{1, 0}, {2, 0, 3, 0}};
     two.claimedBuffers = claimed;
     QVERIFY(macsim::deliver(two));
@@ -100,8 +100,7 @@ void MacAdapterTest::executableOfAHugeProcessId()
 
 void MacAdapterTest::imagesOfTwoWindows()
 {
-    answers().picture
-        = [](std::uint32_t id, int) { return std::optional(macsim::solidPicture(2, 2, 0xff000000U + id)); };
+    answers().image = [](std::uint32_t id, int) { return std::optional(macsim::solidImage(2, 2, 0xff000000U + id)); };
     platform::WindowSource one(1);
     platform::WindowSource two(2);
     QCOMPARE(one.image().pixel(0, 0), 0xff000001U);

@@ -1,4 +1,4 @@
-// The configuration of the sound: content, applications, filter, stream and output, from ScreenCaptureKit up to
+// The configuration of the audio: content, applications, filter, stream and output, from ScreenCaptureKit up to
 // RecorderAudioCapture.
 #include "macbench.h"
 #include "recorderaudiocapture.h"
@@ -39,10 +39,10 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void displaySound();
+    void displayAudio();
     void answerBeforeTheCallReturns();
     void streamIsConfigured();
-    void applicationSound();
+    void applicationAudio();
     void everythingOfOneBundleIsHeard();
     void applicationWithoutTexts();
     void namesDecideWithoutBundle();
@@ -94,7 +94,7 @@ std::unique_ptr<RecorderAudioCapture> MacAudioTest::configured(const QString& de
 
 // ---- what is captured -------------------------------------------------------------------------------------------
 
-void MacAudioTest::displaySound()
+void MacAudioTest::displayAudio()
 {
     answers().displays = 3;
     answers().applications = {application(7, "org.seven", "/seven")};
@@ -139,7 +139,7 @@ void MacAudioTest::streamIsConfigured()
     QCOMPARE(record.queueLabels, std::vector<std::string>{"com.orvantis.recorder.screencapturekit.audio"});
 }
 
-void MacAudioTest::applicationSound()
+void MacAudioTest::applicationAudio()
 {
     answers().applications = {
         application(1, "org.one", "/Applications/One.app/Contents/MacOS/One"),

@@ -1,5 +1,5 @@
-// The life of a sound stream: start, stop, what never answers or answers late, and what is delivered meanwhile.
-#include "macsound.h"
+// The life of an audio stream: start, stop, what never answers or answers late, and what is delivered meanwhile.
+#include "macaudio.h"
 
 using macsim::answers;
 using macsim::Call;
@@ -48,7 +48,7 @@ private Q_SLOTS:
 
     void streamEndsByItself_data();
     void streamEndsByItself();
-    void pictureIsIgnored();
+    void frameIsIgnored();
     void chunksSurviveStop();
 
 private:
@@ -349,7 +349,7 @@ void MacAudioLifeTest::streamEndsByItself()
     QCOMPARE(macsim::record().starts, 1);
 }
 
-void MacAudioLifeTest::pictureIsIgnored()
+void MacAudioLifeTest::frameIsIgnored()
 {
     const auto capture = started();
     QVERIFY(macsim::deliver(twoFrames, macsim::screenOutput));

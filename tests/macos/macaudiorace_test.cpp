@@ -1,5 +1,5 @@
-// What is delivered from another thread while a sound stream is stopped or destroyed.
-#include "macsound.h"
+// What is delivered from another thread while an audio stream is stopped or destroyed.
+#include "macaudio.h"
 
 #include <atomic>
 #include <future>

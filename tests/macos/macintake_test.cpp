@@ -7,7 +7,7 @@
 #include <cstring>
 #include <limits>
 
-using macsim::Sound;
+using macsim::Audio;
 
 namespace {
 
@@ -28,10 +28,10 @@ std::vector<std::uint8_t> bytesOf(const std::vector<T>& samples)
 
 /// One buffer for all channels, or one each.
 template <typename T>
-Sound sound(
+Audio audio(
     std::uint32_t flags, std::uint32_t channels, std::int64_t frames, const std::vector<std::vector<T>>& buffers)
 {
-    Sound made;
+    Audio made;
     made.formatFlags = flags;
     made.channels = channels;
     made.bitsPerChannel = sizeof(T) * 8;
@@ -45,10 +45,10 @@ Sound sound(
 using Samples = QList<qint16>;
 
 /// One frame of two samples that are not zero, in another width than that of any C++ type.
-Sound packedFrame(std::uint32_t flags, std::uint32_t bitsPerChannel)
+Audio packedFrame(std::uint32_t flags, std::uint32_t bitsPerChannel)
 {
     const std::size_t width = bitsPerChannel / 8;
-    Sound made = sound<std::uint8_t>(flags, 2, 1, {std::vector<std::uint8_t>(2 * width, 0x5a)});
+    Audio made = audio<std::uint8_t>(flags, 2, 1, {std::vector<std::uint8_t>(2 * width, 0x5a)});
     made.bitsPerChannel = bitsPerChannel;
     made.bytesPerFrame = std::uint32_t(2 * width);
     return made;
@@ -56,7 +56,7 @@ Sound packedFrame(std::uint32_t flags, std::uint32_t bitsPerChannel)
 
 }
 
-Q_DECLARE_METATYPE(macsim::Sound)
+Q_DECLARE_METATYPE(macsim::Audio)
 
 class MacIntakeTest : public QObject {
     Q_OBJECT
@@ -79,7 +79,7 @@ private Q_SLOTS:
 
 private:
     /// What the program made of it, left and right alternating; nothing when it queued no chunk.
-    std::optional<Samples> taken(const Sound& sound);
+    std::optional<Samples> taken(const Audio& audio);
 
     std::optional<MacBench> bench_;
     std::unique_ptr<RecorderAudioCapture> capture_;
@@ -100,9 +100,9 @@ void MacIntakeTest::cleanup()
     bench_.reset();
 }
 
-std::optional<Samples> MacIntakeTest::taken(const Sound& sound)
+std::optional<Samples> MacIntakeTest::taken(const Audio& audio)
 {
-    if (!macsim::deliver(sound))
+    if (!macsim::deliver(audio))
         qFatal("Nothing runs");
     const auto chunks = capture_->readAvailable();
     if (chunks.isEmpty())
@@ -117,50 +117,50 @@ std::optional<Samples> MacIntakeTest::taken(const Sound& sound)
 
 void MacIntakeTest::formats_data()
 {
-    QTest::addColumn<Sound>("delivered");
+    QTest::addColumn<Audio>("delivered");
     QTest::addColumn<Samples>("expected");
     using F = std::vector<float>;
     using S = std::vector<std::int16_t>;
     using U = std::vector<std::uint16_t>;
     using L = std::vector<std::int32_t>;
     QTest::newRow("float, interleaved, stereo")
-        << sound<float>(isFloat, 2, 2, {F{0.5F, -1.5F, 1.5F, 0}}) << Samples{16384, -32767, 32767, 0};
+        << audio<float>(isFloat, 2, 2, {F{0.5F, -1.5F, 1.5F, 0}}) << Samples{16384, -32767, 32767, 0};
     constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-    QTest::newRow("float that is no number") << sound<float>(isFloat, 2, 1, {F{nan, -nan}}) << Samples{32767, 32767};
-    QTest::newRow("float, planar, stereo") << sound<float>(isFloat | isPlanar, 2, 2, {F{0.5F, 1}, F{-0.5F, -1}})
+    QTest::newRow("float that is no number") << audio<float>(isFloat, 2, 1, {F{nan, -nan}}) << Samples{32767, 32767};
+    QTest::newRow("float, planar, stereo") << audio<float>(isFloat | isPlanar, 2, 2, {F{0.5F, 1}, F{-0.5F, -1}})
                                            << Samples{16384, -16384, 32767, -32767};
-    QTest::newRow("float, mono") << sound<float>(isFloat, 1, 2, {F{0.5F, -1}})
+    QTest::newRow("float, mono") << audio<float>(isFloat, 1, 2, {F{0.5F, -1}})
                                  << Samples{16384, 16384, -32767, -32767};
     QTest::newRow("float, planar, six channels")
-        << sound<float>(isFloat | isPlanar, 6, 1, {F{1}, F{-1}, F{0.1F}, F{0.2F}, F{0.3F}, F{0.4F}})
+        << audio<float>(isFloat | isPlanar, 6, 1, {F{1}, F{-1}, F{0.1F}, F{0.2F}, F{0.3F}, F{0.4F}})
         << Samples{32767, -32767};
     QTest::newRow("float, interleaved, six channels")
-        << sound<float>(isFloat, 6, 2, {F{1, -1, 0, 0, 0, 0, 0.5F, -0.5F, 0, 0, 0, 0}})
+        << audio<float>(isFloat, 6, 2, {F{1, -1, 0, 0, 0, 0, 0.5F, -0.5F, 0, 0, 0, 0}})
         << Samples{32767, -32767, 16384, -16384};
     QTest::newRow("signed 16, interleaved")
-        << sound<std::int16_t>(isSigned, 2, 2, {S{1, -2, 3, -4}}) << Samples{1, -2, 3, -4};
-    QTest::newRow("signed 16, planar") << sound<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}, S{-3, -4}})
+        << audio<std::int16_t>(isSigned, 2, 2, {S{1, -2, 3, -4}}) << Samples{1, -2, 3, -4};
+    QTest::newRow("signed 16, planar") << audio<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}, S{-3, -4}})
                                        << Samples{1, -3, 2, -4};
     QTest::newRow("signed 16, planar, one buffer")
-        << sound<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}}) << Samples{1, 0, 2, 0};
+        << audio<std::int16_t>(isSigned | isPlanar, 2, 2, {S{1, 2}}) << Samples{1, 0, 2, 0};
     QTest::newRow("signed 16 that is called big-endian")
-        << sound<std::int16_t>(isSigned | isBigEndian, 2, 1, {S{1, 0x0203}}) << Samples{1, 0x0203};
-    QTest::newRow("unsigned 16") << sound<std::uint16_t>(0, 2, 1, {U{0, 0xffff}}) << Samples{-32768, 32767};
+        << audio<std::int16_t>(isSigned | isBigEndian, 2, 1, {S{1, 0x0203}}) << Samples{1, 0x0203};
+    QTest::newRow("unsigned 16") << audio<std::uint16_t>(0, 2, 1, {U{0, 0xffff}}) << Samples{-32768, 32767};
     QTest::newRow("unsigned 16, planar")
-        << sound<std::uint16_t>(isPlanar, 2, 2, {U{0, 0x8000}, U{0x8001, 0xffff}}) << Samples{-32768, 1, 0, 32767};
+        << audio<std::uint16_t>(isPlanar, 2, 2, {U{0, 0x8000}, U{0x8001, 0xffff}}) << Samples{-32768, 1, 0, 32767};
     QTest::newRow("signed 32, interleaved")
-        << sound<std::int32_t>(isSigned, 2, 1, {L{0x12345678, -0x10000}}) << Samples{0x1234, -1};
-    QTest::newRow("signed 32, planar") << sound<std::int32_t>(isSigned | isPlanar, 2, 1, {L{0x7fff0000}, L{0x10000}})
+        << audio<std::int32_t>(isSigned, 2, 1, {L{0x12345678, -0x10000}}) << Samples{0x1234, -1};
+    QTest::newRow("signed 32, planar") << audio<std::int32_t>(isSigned | isPlanar, 2, 1, {L{0x7fff0000}, L{0x10000}})
                                        << Samples{32767, 1};
-    QTest::newRow("short buffer") << sound<std::int16_t>(isSigned, 2, 3, {S{1, 2}}) << Samples{1, 2, 0, 0, 0, 0};
-    Sound null = sound<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
+    QTest::newRow("short buffer") << audio<std::int16_t>(isSigned, 2, 3, {S{1, 2}}) << Samples{1, 2, 0, 0, 0, 0};
+    Audio null = audio<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
     null.nullBuffers = {false, true};
     QTest::newRow("null data") << null << Samples{5, 0};
 }
 
 void MacIntakeTest::formats()
 {
-    QFETCH(const Sound, delivered);
+    QFETCH(const Audio, delivered);
     QFETCH(const Samples, expected);
     const auto samples = taken(delivered);
     QVERIFY(samples);
@@ -170,53 +170,53 @@ void MacIntakeTest::formats()
 
 void MacIntakeTest::silence_data()
 {
-    QTest::addColumn<Sound>("delivered");
-    QTest::newRow("64-bit float") << sound<double>(isFloat, 2, 1, {std::vector<double>{1, 1}});
+    QTest::addColumn<Audio>("delivered");
+    QTest::newRow("64-bit float") << audio<double>(isFloat, 2, 1, {std::vector<double>{1, 1}});
     QTest::newRow("signed 8") << packedFrame(isSigned, 8);
     QTest::newRow("unsigned 8") << packedFrame(0, 8);
     QTest::newRow("signed 24") << packedFrame(isSigned, 24);
     QTest::newRow("unsigned 32") << packedFrame(0, 32);
-    QTest::newRow("no buffer") << sound<float>(isFloat, 2, 1, {});
-    const auto row = [](const char* name, std::uint32_t Sound::*field) {
-        Sound changed = macsim::stereoSound({257, 257});
+    QTest::newRow("no buffer") << audio<float>(isFloat, 2, 1, {});
+    const auto row = [](const char* name, std::uint32_t Audio::*field) {
+        Audio changed = macsim::stereoAudio({257, 257});
         changed.*field = 0;
         QTest::newRow(name) << changed;
     };
-    row("no bits", &Sound::bitsPerChannel);
-    row("no channels", &Sound::channels);
-    row("no bytes in a frame", &Sound::bytesPerFrame);
+    row("no bits", &Audio::bitsPerChannel);
+    row("no channels", &Audio::channels);
+    row("no bytes in a frame", &Audio::bytesPerFrame);
 }
 
 void MacIntakeTest::silence()
 {
-    QFETCH(const Sound, delivered);
+    QFETCH(const Audio, delivered);
     QCOMPARE(taken(delivered), std::optional(Samples{0, 0}));
     QCOMPARE(bench_->log.messages(), QStringList());
 }
 
 void MacIntakeTest::dropped_data()
 {
-    QTest::addColumn<Sound>("delivered");
-    const Sound good = macsim::stereoSound({1, 2});
+    QTest::addColumn<Audio>("delivered");
+    const Audio good = macsim::stereoAudio({1, 2});
     const auto row = [&good](const char* name, const auto& change) {
-        Sound changed = good;
+        Audio changed = good;
         change(changed);
         QTest::newRow(name) << changed;
     };
-    row("no buffer at all", [](Sound& s) { s.null = true; });
-    row("invalid", [](Sound& s) { s.valid = false; });
-    row("no frame", [](Sound& s) { s.frames = 0; });
-    row("less than no frame", [](Sound& s) { s.frames = -1; });
-    row("too many frames", [](Sound& s) { s.frames = std::int64_t(std::numeric_limits<qint32>::max()) + 1; });
-    row("frames whose low 32 bits are one", [](Sound& s) { s.frames = (std::int64_t(1) << 32) + 1; });
-    row("size cannot be told", [](Sound& s) { s.sizeStatus = -12731; });
-    row("size is zero", [](Sound& s) { s.claimedListSize = 0; });
-    row("size is less than an empty list's", [](Sound& s) {
+    row("no buffer at all", [](Audio& s) { s.null = true; });
+    row("invalid", [](Audio& s) { s.valid = false; });
+    row("no frame", [](Audio& s) { s.frames = 0; });
+    row("less than no frame", [](Audio& s) { s.frames = -1; });
+    row("too many frames", [](Audio& s) { s.frames = std::int64_t(std::numeric_limits<qint32>::max()) + 1; });
+    row("frames whose low 32 bits are one", [](Audio& s) { s.frames = (std::int64_t(1) << 32) + 1; });
+    row("size cannot be told", [](Audio& s) { s.sizeStatus = -12731; });
+    row("size is zero", [](Audio& s) { s.claimedListSize = 0; });
+    row("size is less than an empty list's", [](Audio& s) {
         s.claimedListSize = 7;
         s.claimedBuffers = 0;
     });
-    row("samples are not handed out", [](Sound& s) { s.listStatus = -12731; });
-    row("samples are not handed out, but a block buffer is", [](Sound& s) {
+    row("samples are not handed out", [](Audio& s) { s.listStatus = -12731; });
+    row("samples are not handed out, but a block buffer is", [](Audio& s) {
         s.listStatus = -12731;
         s.blockDespiteFailure = true;
     });
@@ -224,22 +224,22 @@ void MacIntakeTest::dropped_data()
 
 void MacIntakeTest::dropped()
 {
-    QFETCH(const Sound, delivered);
+    QFETCH(const Audio, delivered);
     QVERIFY(!taken(delivered));
     QCOMPARE(bench_->log.messages(), QStringList());
     QCOMPARE(macsim::live("SimBlockBuffer"), 0);
-    QCOMPARE(taken(macsim::stereoSound({7, 8})), std::optional(Samples{7, 8}));
+    QCOMPARE(taken(macsim::stereoAudio({7, 8})), std::optional(Samples{7, 8}));
 }
 
 void MacIntakeTest::unsupportedFormatIsToldOnce()
 {
-    Sound compressed = macsim::stereoSound({1, 2});
+    Audio compressed = macsim::stereoAudio({1, 2});
     compressed.formatId = 0x61616320; // 'aac '
-    Sound undescribed = macsim::stereoSound({1, 2});
+    Audio undescribed = macsim::stereoAudio({1, 2});
     undescribed.hasDescription = false;
-    Sound otherwise = macsim::stereoSound({1, 2});
+    Audio otherwise = macsim::stereoAudio({1, 2});
     otherwise.descriptionIsAudio = false;
-    for (const Sound& one : {undescribed, compressed, otherwise, undescribed})
+    for (const Audio& one : {undescribed, compressed, otherwise, undescribed})
         QVERIFY(!taken(one));
     QCOMPARE(bench_->log.messages(), QStringList(unsupportedLine));
     QVERIFY(macsim::record().listFlags.empty());
@@ -255,7 +255,7 @@ void MacIntakeTest::blockBuffer_data()
 void MacIntakeTest::blockBuffer()
 {
     QFETCH(const bool, none);
-    Sound one = macsim::stereoSound({21, 22, 23, 24});
+    Audio one = macsim::stereoAudio({21, 22, 23, 24});
     one.noBlock = none;
     QCOMPARE(taken(one), std::optional(Samples{21, 22, 23, 24}));
     QCOMPARE(macsim::live("SimBlockBuffer"), 0);
@@ -263,14 +263,14 @@ void MacIntakeTest::blockBuffer()
 
 void MacIntakeTest::listIsAskedForTwice()
 {
-    QVERIFY(taken(macsim::stereoSound({1, 2})));
+    QVERIFY(taken(macsim::stereoAudio({1, 2})));
     QCOMPARE(macsim::record().listFlags, (std::vector<std::uint32_t>{1, 1})); // 16-byte alignment
 }
 
 void MacIntakeTest::manyBlocksKeepTheirOrder()
 {
     for (qint16 i = 0; i < 200; ++i)
-        QVERIFY(macsim::deliver(macsim::stereoSound({i, qint16(-i)})));
+        QVERIFY(macsim::deliver(macsim::stereoAudio({i, qint16(-i)})));
     const auto chunks = capture_->readAvailable();
     QCOMPARE(chunks.size(), 200);
     for (qint16 i = 0; i < 200; ++i)

@@ -1,10 +1,10 @@
 // The whole recorder on the simulated Mac: a window that changes and a tone, recorded into a file that is read back.
+#include "audioanalysis.h"
 #include "launcherserver.h"
 #include "macbench.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
 #include "recorderprobe.h"
-#include "soundanalysis.h"
 #include "truthoverlay.h"
 
 #include <QElapsedTimer>
@@ -40,7 +40,7 @@ public:
             const double phase = 2.0 * M_PI * toneHz * double(position_) / rate;
             samples.insert(samples.end(), 2, std::int16_t(std::lrint(16384.0 * std::sin(phase))));
         }
-        return macsim::deliver(macsim::stereoSound(samples));
+        return macsim::deliver(macsim::stereoAudio(samples));
     }
 
 private:
@@ -48,21 +48,21 @@ private:
     qint64 position_ = 0;
 };
 
-/// The window shows one colour, which the test may change. With every image comes the sound up to it: so a busy
+/// The window shows one colour, which the test may change. With every image comes the audio up to it: so a busy
 /// machine changes how much there is of both, but not how they lie to each other.
-class SoundingWindow {
+class WindowWithAudio {
 public:
-    SoundingWindow()
+    WindowWithAudio()
     {
         answers().bounds = {0, 0, double(width), double(height)};
         answers().pointer.reset();
-        answers().picture = [this](std::uint32_t, int) -> std::optional<macsim::Picture> {
+        answers().image = [this](std::uint32_t, int) -> std::optional<macsim::WindowImage> {
             ++asked_;
             if (gone_)
                 return std::nullopt;
             if (tone_.deliver())
                 ++delivered_;
-            return macsim::solidPicture(width, height, colour_);
+            return macsim::solidImage(width, height, colour_);
         };
     }
 
@@ -74,7 +74,7 @@ public:
 private:
     Tone tone_; // of the recorder's worker
     std::atomic<int> asked_{0};
-    std::atomic<int> delivered_{0}; ///< buffers of sound that a stream took
+    std::atomic<int> delivered_{0}; ///< buffers of audio that a stream took
     std::atomic<std::uint32_t> colour_{grey};
     std::atomic<bool> gone_{false};
 };
@@ -108,7 +108,7 @@ private Q_SLOTS:
 
     void windowAndToneAreRecorded();
     void applicationBesideTheOriginIsRecorded();
-    void soundThatNeverStartsLeavesThePictures();
+    void audioThatNeverStartsLeavesTheImages();
     void refusedPermissionEndsTheRecording();
     void windowThatGoesAway();
     void destructionWithoutStop();
@@ -117,13 +117,13 @@ private:
     void make(const QString& audioSource = QString());
     /// Waits until the recording has begun and this many images more were asked for.
     void recordImages(int count);
-    void checkTone(MediaFile& file, double picturesEndMs);
+    void checkTone(MediaFile& file, double imagesEndMs);
     RecorderProbe probe() { return RecorderProbe(*recorder_); }
 
     PrivateTempDir directory_;
     std::optional<MacBench> bench_;
     std::optional<LauncherServer> launcher_;
-    std::optional<SoundingWindow> window_;
+    std::optional<WindowWithAudio> window_;
     std::unique_ptr<GstRecorder> recorder_;
 };
 
@@ -157,26 +157,25 @@ void MacRecordingTest::recordImages(int count)
     QTRY_VERIFY_WITH_TIMEOUT(window_->asked() >= asked + count, patienceMs);
 }
 
-/// The tone is there, whole, from the first picture to the last. The recorder takes a buffer a moment after it came,
-/// and pads or cuts what that moment changes, whole milliseconds and so whole waves; a hundredth of the sound or two.
-void MacRecordingTest::checkTone(MediaFile& file, double picturesEndMs)
+/// The tone is there, whole, from the first image to the last. The recorder takes a buffer a moment after it came,
+/// and pads or cuts what that moment changes, whole milliseconds and so whole waves; a hundredth of the audio or two.
+void MacRecordingTest::checkTone(MediaFile& file, double imagesEndMs)
 {
-    constexpr double edgeMs = 200.0; // the first buffer comes with the second picture
-    constexpr double mostZeros = 0.020 * rate; // half of what comes with one picture
+    constexpr double edgeMs = 200.0; // the first buffer comes with the second image
+    constexpr double mostZeros = 0.020 * rate; // half of what comes with one image
     QVERIFY(window_->delivered() > 0);
-    const auto recorded = file.sound();
+    const auto recorded = file.audio();
     QVERIFY2(recorded, qPrintable(file.errorString()));
     QCOMPARE(recorded->sampleRate, rate);
     QCOMPARE(recorded->channels.size(), 2);
     QVERIFY(recorded->durationMs() > 1000.0);
     const double endMs = recorded->startMs + recorded->durationMs();
-    QVERIFY2(
-        std::abs(endMs - picturesEndMs) < 100.0, qPrintable(QStringLiteral("%1 %2").arg(endMs).arg(picturesEndMs)));
+    QVERIFY2(std::abs(endMs - imagesEndMs) < 100.0, qPrintable(QStringLiteral("%1 %2").arg(endMs).arg(imagesEndMs)));
     for (const auto& channel : recorded->channels) {
-        const auto inside = soundanalysis::between(channel, rate, edgeMs, recorded->durationMs() - edgeMs);
-        const double level = soundanalysis::levelDb(inside, rate, toneHz);
+        const auto inside = audioanalysis::between(channel, rate, edgeMs, recorded->durationMs() - edgeMs);
+        const double level = audioanalysis::levelDb(inside, rate, toneHz);
         QVERIFY2(level > -7.0 && level < -5.5, qPrintable(QString::number(level)));
-        const auto zeros = soundanalysis::longestZeroRun(inside);
+        const auto zeros = audioanalysis::longestZeroRun(inside);
         QVERIFY2(double(zeros.length) < mostZeros, qPrintable(QString::number(zeros.length)));
     }
 }
@@ -205,12 +204,12 @@ void MacRecordingTest::windowAndToneAreRecorded()
     checkTone(file, endMs);
 }
 
-/// A window left of the main display, two pixels a point, with the sound of its application alone.
+/// A window left of the main display, two pixels a point, with the audio of its application alone.
 void MacRecordingTest::applicationBesideTheOriginIsRecorded()
 {
     constexpr double exact = 1.0; // pixels
     constexpr double lifetimeMs = 2000.0; // of a click
-    constexpr double near = 50.0; // ms; the file's times may be off the recording's by the first picture's
+    constexpr double near = 50.0; // ms; the file's times may be off the recording's by the first image's
     answers().bounds = {-300, 40, width / 2.0, height / 2.0};
     answers().pointer = macsim::Point{-260, 60};
     for (const int processId : {7, 42, 8}) {
@@ -253,7 +252,7 @@ void MacRecordingTest::applicationBesideTheOriginIsRecorded()
     checkTone(file, endMs);
 }
 
-void MacRecordingTest::soundThatNeverStartsLeavesThePictures()
+void MacRecordingTest::audioThatNeverStartsLeavesTheImages()
 {
     answers().start = macsim::When::Held;
     make();
@@ -297,7 +296,7 @@ void MacRecordingTest::destructionWithoutStop()
     const QString path = probe().outputPath();
     recorder_.reset();
     QCOMPARE(macsim::runningStreams(), 0);
-    QVERIFY(MediaFile(path).sound());
+    QVERIFY(MediaFile(path).audio());
 }
 
 QTEST_GUILESS_MAIN(MacRecordingTest)

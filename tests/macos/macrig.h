@@ -1,4 +1,4 @@
-// What the tests of the seam's sound streams share.
+// What the tests of the seam's audio streams share.
 #pragma once
 
 #include "macbench.h"
@@ -6,7 +6,7 @@
 
 #include <memory>
 
-inline const platform::AudioStreamConfiguration soundOnly{.width = 2, .height = 2, .capturesAudio = true};
+inline const platform::AudioStreamConfiguration audioOnly{.width = 2, .height = 2, .capturesAudio = true};
 
 /// A receiver that takes nothing.
 inline platform::AudioReceiver nobody()
@@ -46,7 +46,7 @@ struct Rig {
     explicit Rig(const platform::AudioReceiver& receiver = nobody())
         : output(std::make_unique<platform::AudioOutput>(receiver)),
           stream(std::make_unique<platform::AudioStream>(
-              platform::AudioFilter{content(), 0, std::nullopt}, soundOnly, *output))
+              platform::AudioFilter{content(), 0, std::nullopt}, audioOnly, *output))
     {
         std::optional<QString> error;
         if (!stream->addStreamOutput(*output, queue, &error))

@@ -1,4 +1,4 @@
-// Streams of sound at the seam: values that RecorderAudioCapture does not use, calls in an order that it does not
+// Streams of audio at the seam: values that RecorderAudioCapture does not use, calls in an order that it does not
 // make, and the end of each object.
 #include "macrig.h"
 
@@ -81,7 +81,7 @@ void MacStreamTest::streamWithoutParts()
 
     platform::AudioOutput output(nobody());
     platform::AudioQueue queue("queue");
-    platform::AudioStream stream(filter, soundOnly, output);
+    platform::AudioStream stream(filter, audioOnly, output);
     std::optional<QString> error;
     QVERIFY(!stream.addStreamOutput(output, queue, &error));
     QVERIFY(!error);
@@ -102,8 +102,8 @@ void MacStreamTest::configurationIsHandedOn_data()
     QTest::addColumn<bool>("audio");
     QTest::addColumn<bool>("withoutOwn");
     QTest::newRow("with the pointer") << true << false << false;
-    QTest::newRow("with the sound") << false << true << false;
-    QTest::newRow("without the own sound") << false << false << true;
+    QTest::newRow("with the audio") << false << true << false;
+    QTest::newRow("without the own audio") << false << false << true;
 }
 
 void MacStreamTest::configurationIsHandedOn()
@@ -144,7 +144,7 @@ void MacStreamTest::configurationIsHandedOn()
 void MacStreamTest::applicationsThatAreNotThere()
 {
     platform::AudioOutput output(nobody());
-    const platform::AudioStream stream({content(), 0, std::vector<std::size_t>{5, 0, 1}}, soundOnly, output);
+    const platform::AudioStream stream({content(), 0, std::vector<std::size_t>{5, 0, 1}}, audioOnly, output);
     QCOMPARE(macsim::record().streams.size(), 1U);
     QVERIFY((macsim::record().streams[0].excludedApplications == std::vector<std::int32_t>{7}));
 }
@@ -157,7 +157,7 @@ void MacStreamTest::contentOutlivesItsRequest()
     QCOMPARE(macsim::live("SCShareableContent"), 1);
     platform::AudioOutput output(nobody());
     {
-        const platform::AudioStream stream({kept, 0, std::nullopt}, soundOnly, output);
+        const platform::AudioStream stream({kept, 0, std::nullopt}, audioOnly, output);
         kept.reset();
         QCOMPARE(macsim::record().streams.size(), 1U);
     }
@@ -256,7 +256,7 @@ void MacStreamTest::outputMayGoFirst()
     Rig rig(counter(&calls));
     rig.startCapture();
     rig.output.reset();
-    QVERIFY(macsim::deliver(macsim::stereoSound({1, 2})));
+    QVERIFY(macsim::deliver(macsim::stereoAudio({1, 2})));
     QVERIFY(macsim::endStreams(macsim::Error("gone")));
     QCOMPARE(calls, 0);
 }
@@ -271,14 +271,14 @@ void MacStreamTest::delegateThatIsNotTheOutput()
     platform::AudioOutput output(counter(&delivered));
     platform::AudioQueue queue("queue");
     auto stream = std::make_unique<platform::AudioStream>(
-        platform::AudioFilter{content(), 0, std::nullopt}, soundOnly, delegate);
+        platform::AudioFilter{content(), 0, std::nullopt}, audioOnly, delegate);
     std::optional<QString> error;
     QVERIFY(stream->addStreamOutput(output, queue, &error));
     stream->startCapture([](const std::optional<QString>&) {});
-    QVERIFY(macsim::deliver(macsim::stereoSound({1, 2})));
+    QVERIFY(macsim::deliver(macsim::stereoAudio({1, 2})));
     QCOMPARE(delivered, 1);
     stream.reset();
-    QVERIFY(macsim::deliver(macsim::stereoSound({3, 4})));
+    QVERIFY(macsim::deliver(macsim::stereoAudio({3, 4})));
     QVERIFY(macsim::endStreams(macsim::Error("gone")));
     QCOMPARE(delivered, 1);
     QCOMPARE(told, 0);

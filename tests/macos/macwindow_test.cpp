@@ -8,7 +8,7 @@
 #include <thread>
 
 using macsim::answers;
-using macsim::Picture;
+using macsim::WindowImage;
 using macsim::WindowInfo;
 
 namespace {
@@ -17,9 +17,9 @@ constexpr std::uint32_t windowId = 42;
 const QString noImageLine = QStringLiteral("macOS CoreGraphics capture returned no image for window 42");
 
 /// What each window shows now; windows have no image unless it is set.
-void show(const Picture& picture)
+void show(const WindowImage& image)
 {
-    answers().picture = [picture](std::uint32_t, int) { return std::optional<Picture>(picture); };
+    answers().image = [image](std::uint32_t, int) { return std::optional<WindowImage>(image); };
 }
 
 }
@@ -84,7 +84,7 @@ void MacWindowTest::permissionIsHeld()
 void MacWindowTest::permissionIsGrantedOnRequest()
 {
     answers().preflight = {false, false};
-    show(macsim::solidPicture(2, 2, 0xff000000));
+    show(macsim::solidImage(2, 2, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("42"));
     QCOMPARE(macsim::record().preflights, 2);
     QCOMPARE(macsim::record().requests, 1);
@@ -97,7 +97,7 @@ void MacWindowTest::permissionIsRefused()
 {
     answers().preflight = {false, true};
     answers().request = false;
-    show(macsim::solidPicture(2, 2, 0xff000000));
+    show(macsim::solidImage(2, 2, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("42"));
     QCOMPARE(bench_->log.messages(QtWarningMsg),
         QStringList({QStringLiteral("macOS screen recording permission is not currently granted; requesting access."),
@@ -113,7 +113,7 @@ void MacWindowTest::permissionIsRefused()
 
 void MacWindowTest::callsAreTheRightOnes()
 {
-    show(macsim::solidPicture(5, 3, 0xff204060));
+    show(macsim::solidImage(5, 3, 0xff204060));
     const MacWindowCapture capture(QStringLiteral("42"));
     QRect bounds;
     const QImage image = capture.capture(&bounds);
@@ -155,8 +155,8 @@ void MacWindowTest::pixelsComeOutStraight()
 void MacWindowTest::unchangedImageIsShared()
 {
     auto colour = std::make_shared<std::uint32_t>(0xff101010);
-    answers().picture
-        = [colour](std::uint32_t, int) { return std::optional<Picture>(macsim::solidPicture(4, 4, *colour)); };
+    answers().image
+        = [colour](std::uint32_t, int) { return std::optional<WindowImage>(macsim::solidImage(4, 4, *colour)); };
     const MacWindowCapture capture(QStringLiteral("42"));
     const QImage first = capture.capture(nullptr);
     const QImage second = capture.capture(nullptr);
@@ -171,7 +171,7 @@ void MacWindowTest::unchangedImageIsShared()
 
 void MacWindowTest::idIsCutTo32Bits()
 {
-    show(macsim::solidPicture(1, 1, 0xff000000));
+    show(macsim::solidImage(1, 1, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("4294967338"));
     QVERIFY(!capture.capture(nullptr).isNull());
     QCOMPARE(macsim::record().images.at(0).windowId, windowId);
@@ -179,7 +179,7 @@ void MacWindowTest::idIsCutTo32Bits()
 
 void MacWindowTest::imageOfAnyThread()
 {
-    show(macsim::solidPicture(2, 2, 0xff0000ff));
+    show(macsim::solidImage(2, 2, 0xff0000ff));
     const MacWindowCapture capture(QStringLiteral("42"));
     QImage image;
     QRect bounds;
@@ -207,13 +207,13 @@ void MacWindowTest::noImage()
     QFETCH(const QString, why);
     constexpr auto beyondInt = std::size_t(std::numeric_limits<int>::max()) + 1;
     constexpr auto large = std::size_t(std::numeric_limits<int>::max());
-    Picture picture = macsim::solidPicture(4, 4, 0xff000000);
+    WindowImage image = macsim::solidImage(4, 4, 0xff000000);
     const QMap<QString, std::pair<std::size_t, std::size_t>> sizes{{"zero width", {0, 4}}, {"zero height", {4, 0}},
         {"width beyond int", {beyondInt, 4}}, {"height beyond int", {4, beyondInt}}, {"too large", {large, large}}};
     if (sizes.contains(why))
-        picture.claimedSize = sizes[why];
+        image.claimedSize = sizes[why];
     if (why != QLatin1String("null"))
-        show(picture);
+        show(image);
     answers().noImageFunction = why == QLatin1String("no function");
     answers().noColorSpace = why == QLatin1String("no colour space");
     answers().noBitmapContext = why == QLatin1String("no context");
@@ -241,8 +241,8 @@ void MacWindowTest::oneWarningOnly()
 
 void MacWindowTest::imageComesBack()
 {
-    answers().picture = [](std::uint32_t, int index) {
-        return index == 1 ? std::nullopt : std::optional<Picture>(macsim::solidPicture(2, 2, 0xff335577));
+    answers().image = [](std::uint32_t, int index) {
+        return index == 1 ? std::nullopt : std::optional<WindowImage>(macsim::solidImage(2, 2, 0xff335577));
     };
     const MacWindowCapture capture(QStringLiteral("42"));
     QVERIFY(!capture.capture(nullptr).isNull());
@@ -254,10 +254,10 @@ void MacWindowTest::imageComesBack()
 
 void MacWindowTest::unusableImageLeavesTheWarningForLater()
 {
-    Picture empty = macsim::solidPicture(4, 4, 0xff000000);
+    WindowImage empty = macsim::solidImage(4, 4, 0xff000000);
     empty.claimedSize = {0, 4};
-    answers().picture
-        = [empty](std::uint32_t, int index) { return index < 2 ? std::optional<Picture>(empty) : std::nullopt; };
+    answers().image
+        = [empty](std::uint32_t, int index) { return index < 2 ? std::optional<WindowImage>(empty) : std::nullopt; };
     const MacWindowCapture capture(QStringLiteral("42"));
     for (int i = 0; i < 2; ++i)
         QVERIFY(capture.capture(nullptr).isNull());
@@ -272,7 +272,7 @@ void MacWindowTest::unusableImageLeavesTheWarningForLater()
 void MacWindowTest::boundsAreRounded()
 {
     answers().bounds = {-0.5, 0.5, 99.5, 80.4};
-    show(macsim::solidPicture(2, 2, 0xff000000));
+    show(macsim::solidImage(2, 2, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("42"));
     QRect bounds;
     QVERIFY(!capture.capture(&bounds).isNull());
@@ -295,7 +295,7 @@ void MacWindowTest::boundsThatCannotBeTold()
     QFETCH(const int, info);
     answers().windowInfo = WindowInfo(info);
     answers().bounds = {5, 5, 0, 30};
-    show(macsim::solidPicture(7, 9, 0xff000000));
+    show(macsim::solidImage(7, 9, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("42"));
     QRect bounds;
     QVERIFY(!capture.capture(&bounds).isNull());
@@ -306,7 +306,7 @@ void MacWindowTest::boundsThatCannotBeTold()
 
 void MacWindowTest::boundsAreNotAskedForInVain()
 {
-    show(macsim::solidPicture(7, 9, 0xff000000));
+    show(macsim::solidImage(7, 9, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("42"));
     QVERIFY(!capture.capture(nullptr).isNull());
     QVERIFY(macsim::record().infos.empty());

@@ -1,4 +1,4 @@
-// Where captured sound belongs on the recording clock: the arithmetic, row by row, and over an hour.
+// Where captured audio belongs on the recording clock: the arithmetic, row by row, and over an hour.
 #include "audioalignment.h"
 
 #include <QTest>
@@ -222,7 +222,7 @@ void AudioAlignmentTest::parts_data()
     row("at 22050", 10, 220, 221, 22050, 0, 220);
 
     // The limit is that of the chunk's end. Converted samples last at most their rounded length, so it cuts only
-    // when the sound that is there reaches beyond it, and then the overlap has taken everything already.
+    // when the audio that is there reaches beyond it, and then the overlap has taken everything already.
     row("far ahead", 100, 480, 200000, 48000, 480, 0);
     row("a chunk of a minute", 0, 2880000, 0, 48000, 0, 2880000);
 
@@ -317,7 +317,7 @@ void AudioAlignmentTest::hourOfExactChunks()
     QCOMPARE(queue.cut, 0);
 }
 
-/// Sound that the reader's clock meters out is continuous, however irregular the reader is.
+/// Audio that the reader's clock meters out is continuous, however irregular the reader is.
 void AudioAlignmentTest::hourAtTheReadersPace()
 {
     Queue queue(48000);

@@ -1,7 +1,7 @@
-// Every way in which sound fails once it is open: the log line, the result, and that recording goes on.
+// Every way in which audio fails once it is open: the log line, the result, and that recording goes on.
 #include "ffmpegfaults.h"
 #include "mediafile.h"
-#include "soundingrecorder.h"
+#include "recorderwithaudio.h"
 
 #include <QTest>
 
@@ -89,25 +89,25 @@ void AudioEncodeFaultsTest::turnFails_data()
         "Unable to write FFmpeg audio packet: \"No space left on device\"", 1024);
 }
 
-/// One line, and one turn that says no. The next one fills the hole: the sound ends where the clock is, and so does
+/// One line, and one turn that says no. The next one fills the hole: the audio ends where the clock is, and so does
 /// the file's.
 void AudioEncodeFaultsTest::turnFails()
 {
     QFETCH(const Fault, fault);
     QFETCH(const QStringList, warnings);
     QFETCH(const int, lost);
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.encode({0}));
     failOnce(fault.call, fault.status, fault.nth);
-    QVERIFY(!recorder.turn(500, testsound::noise(0, 480)));
+    QVERIFY(!recorder.turn(500, testaudio::noise(0, 480)));
     QCOMPARE(recorder.warnings(), warnings);
     QVERIFY(recorder.criticals().isEmpty());
 
-    QVERIFY(recorder.turn(600, testsound::noise(480, 480)));
+    QVERIFY(recorder.turn(600, testaudio::noise(480, 480)));
     QCOMPARE(recorder.present(), 600 * 48);
     QVERIFY(recorder.encode({500}, 1));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     QCOMPARE(recorder.warnings(), warnings);
     QVERIFY(recorder.criticals().isEmpty());
     QVERIFY(recorder.isClosed());
@@ -124,10 +124,10 @@ void AudioEncodeFaultsTest::turnFails()
 
 void AudioEncodeFaultsTest::turnThatFailsLosesTheRestOfItsBatch()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     for (int i = 0; i < 3; ++i)
-        QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 480)));
+        QVERIFY(fakeplatform::deliverStereo(testaudio::noise(0, 480)));
     failOnce(Call::Resample, AVERROR(EINVAL), 2);
     QVERIFY(!recorder.turn(30));
     QCOMPARE(recorder.present(), 480);
@@ -135,14 +135,14 @@ void AudioEncodeFaultsTest::turnThatFailsLosesTheRestOfItsBatch()
     QCOMPARE(recorder.present(), 480);
 }
 
-/// It keeps the sound for later: neither aligned nor counted.
+/// It keeps the audio for later: neither aligned nor counted.
 void AudioEncodeFaultsTest::resamplerThatGivesNothingIsNoFailure()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 480)));
+    QVERIFY(fakeplatform::deliverStereo(testaudio::noise(0, 480)));
     failOnce(Call::Resample, 0);
-    QVERIFY(recorder.turn(40, testsound::noise(480, 960))); // 1440 frames: from 10 ms on
+    QVERIFY(recorder.turn(40, testaudio::noise(480, 960))); // 1440 frames: from 10 ms on
     QCOMPARE(recorder.present(), 40 * 48);
     QVERIFY(recorder.wasQuiet());
 }
@@ -150,20 +150,20 @@ void AudioEncodeFaultsTest::resamplerThatGivesNothingIsNoFailure()
 void AudioEncodeFaultsTest::writesThatFailFromNowOn()
 {
     const auto line = QStringLiteral("Unable to write FFmpeg audio packet: \"No space left on device\"");
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     failFrom(Call::WritePacket, AVERROR(ENOSPC));
     for (int i = 1; i <= 10; ++i)
-        QVERIFY(!recorder.turn(i * 100, testsound::noise(0, 4800)));
+        QVERIFY(!recorder.turn(i * 100, testaudio::noise(0, 4800)));
     QCOMPARE(recorder.warnings(), QStringList(10, line));
     heal(Call::WritePacket);
     QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(1100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(1100, testaudio::noise(0, 4800)));
     QCOMPARE(recorder.present(), 1100 * 48);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     MediaFile file(recorder->outputPath());
     QCOMPARE(file.frames().size(), 1);
-    QVERIFY(file.sound());
+    QVERIFY(file.audio());
 }
 
 void AudioEncodeFaultsTest::drainingFails_data()
@@ -191,11 +191,11 @@ void AudioEncodeFaultsTest::drainingFails()
 {
     QFETCH(const Fault, fault);
     QFETCH(const QStringList, warnings);
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     const qsizetype descriptors = openDescriptors();
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
     recorder->stopAudioCapture();
     failOnce(fault.call, fault.status, fault.nth);
     QVERIFY(!recorder->drainAudioEncoder());
@@ -214,9 +214,9 @@ void AudioEncodeFaultsTest::drainingFails()
 /// What the encoder holds is written, though the rest of the queue could not be given to it.
 void AudioEncodeFaultsTest::drainingGoesOnToTheFlushAfterAFailure()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800)));
     const int before = calls(Call::WritePacket);
     failOnce(Call::AllocSamples, AVERROR(ENOMEM));
     QVERIFY(!recorder->drainAudioEncoder());
@@ -228,7 +228,7 @@ void AudioEncodeFaultsTest::drainingGoesOnToTheFlushAfterAFailure()
 
 void AudioEncodeFaultsTest::encoderThatIsAlreadyDrainedIsNoFailure()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     failOnce(Call::SendFrame, AVERROR_EOF);
     failOnce(Call::ReceivePacket, AVERROR_EOF);
@@ -238,12 +238,12 @@ void AudioEncodeFaultsTest::encoderThatIsAlreadyDrainedIsNoFailure()
 
 void AudioEncodeFaultsTest::packetsBelongToTheAudioStream()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     surroundings().afterReceivePacket = [](AVPacket& packet) { packet.stream_index = 99; };
     QList<int> streams;
     surroundings().atWritePacket = [&](const AVPacket& packet) { streams.append(packet.stream_index); };
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800)));
     QVERIFY(recorder->drainAudioEncoder());
     QCOMPARE(streams, QList<int>(6, recorder->audioStream()->index));
 }
@@ -269,26 +269,26 @@ void AudioEncodeFaultsTest::missingDuration()
     QFETCH(const bool, matroska);
     QFETCH(const QByteArray, encoder);
     QFETCH(const qint64, stated);
-    QVERIFY(SoundingRecorder::useEncoder(encoder.constData()));
+    QVERIFY(RecorderWithAudio::useEncoder(encoder.constData()));
     if (matroska)
         surroundings().hiddenEncoders = {"mpeg4"};
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QCOMPARE(recorder->audioStream()->time_base.den, matroska ? 1000 : 48000);
     surroundings().afterReceivePacket = [&](AVPacket& packet) { packet.duration = stated; };
     qint64 written = -1;
     surroundings().atWritePacket = [&](const AVPacket& packet) { written = packet.duration; };
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800)));
     QTEST(written, "written");
 }
 
 /// Always that of 1024 samples, whatever the frames hold.
 void AudioEncodeFaultsTest::missingDurationOfAFlushedPacket()
 {
-    QVERIFY(SoundingRecorder::useEncoder("libmp3lame"));
-    SoundingRecorder recorder;
+    QVERIFY(RecorderWithAudio::useEncoder("libmp3lame"));
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(96, testsound::noise(0, 4 * 1152)));
+    QVERIFY(recorder.turn(96, testaudio::noise(0, 4 * 1152)));
     QCOMPARE(recorder.queued(), 0);
     surroundings().afterReceivePacket = [&](AVPacket& packet) { packet.duration = 0; };
     QList<qint64> durations;
@@ -300,13 +300,13 @@ void AudioEncodeFaultsTest::missingDurationOfAFlushedPacket()
 
 void AudioEncodeFaultsTest::everyPacketIsFlushed()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(500, testsound::noise(0, 24000)));
+    QVERIFY(recorder.turn(500, testaudio::noise(0, 24000)));
     QVERIFY(calls(Call::WritePacket) > 20);
     QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket));
     failOnce(Call::WritePacket, AVERROR(EIO));
-    QVERIFY(!recorder.turn(600, testsound::noise(0, 4800)));
+    QVERIFY(!recorder.turn(600, testaudio::noise(0, 4800)));
     QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket)); // also after a failure
     QVERIFY(recorder->drainAudioEncoder());
     QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket));
@@ -315,13 +315,13 @@ void AudioEncodeFaultsTest::everyPacketIsFlushed()
 void AudioEncodeFaultsTest::containerWithoutFileIsNotFlushed()
 {
     surroundings().muxer = "null";
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(!recorder->formatContext()->pb);
-    QVERIFY(recorder.turn(500, testsound::noise(0, 24000)));
+    QVERIFY(recorder.turn(500, testaudio::noise(0, 24000)));
     QVERIFY(calls(Call::WritePacket) > 20);
     QCOMPARE(calls(Call::FlushFile), 0);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
 }
 
 QTEST_GUILESS_MAIN(AudioEncodeFaultsTest)

@@ -1,4 +1,4 @@
-// Which sound encoder is looked for, and what it is asked for.
+// Which audio encoder is looked for, and what it is asked for.
 #include "audioencoderchoice.h"
 
 #include <QStringList>

@@ -1,10 +1,10 @@
-// Captured sound against the recording clock, turn by turn, through FFmpeg and back out of the file. FLAC in Matroska
+// Captured audio against the recording clock, turn by turn, through FFmpeg and back out of the file. FLAC in Matroska
 // gives every sample back as it was.
-#include "exactsound.h"
+#include "exactaudio.h"
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderaudiocapture_p.h"
-#include "soundingrecorder.h"
+#include "recorderwithaudio.h"
 
 #include <QTest>
 
@@ -26,11 +26,11 @@ Chunk chunkOf(const std::vector<qint16>& samples)
         qint32(samples.size() / 2)};
 }
 
-/// Lossless sound from now on.
+/// Lossless audio from now on.
 bool useExactEncoder()
 {
     surroundings().hiddenEncoders = {"mpeg4"};
-    return SoundingRecorder::useEncoder("flac");
+    return RecorderWithAudio::useEncoder("flac");
 }
 
 }
@@ -42,17 +42,17 @@ private Q_SLOTS:
     void init() { reset(); }
     void cleanup() { reset(); }
 
-    void metersTheSoundByTheClock();
+    void metersTheAudioByTheClock();
     void withoutAClockNothingIsMeteredOrAligned();
 
     void lateBurstIsPlacedBackFromNow();
-    void soundFasterThanTheClockIsDroppedWhereItOverlaps();
-    void soundAheadOfTheClockStays();
+    void audioFasterThanTheClockIsDroppedWhereItOverlaps();
+    void audioAheadOfTheClockStays();
     void gapBetweenBatchesIsSilent();
     void batchIsFilledUpToTheClock();
     void chunksOfABatchFollowEachOther();
-    void continuousSoundIsExact();
-    void resampledSoundKeepsUpWithTheClock();
+    void continuousAudioIsExact();
+    void resampledAudioKeepsUpWithTheClock();
     void thereIsRoomForWhatTheResamplerHolds();
 
     void withoutAChunkNothingIsPadded();
@@ -62,15 +62,15 @@ private Q_SLOTS:
     void firstFrameIsAtZero();
 };
 
-/// The platform is asked for the sound before this instant, and what it then delivers belongs to this turn.
-void AudioEncodingTest::metersTheSoundByTheClock()
+/// The platform is asked for the audio before this instant, and what it then delivers belongs to this turn.
+void AudioEncodingTest::metersTheAudioByTheClock()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QList<qint64> instants;
-    fakeplatform::sound().deliverUntil = [&](qint64 instant) {
+    fakeplatform::audio().deliverUntil = [&](qint64 instant) {
         instants.append(instant);
-        fakeplatform::deliverStereo(testsound::noise(0, 480));
+        fakeplatform::deliverStereo(testaudio::noise(0, 480));
     };
     QVERIFY(recorder.turn(10));
     QCOMPARE(recorder.present(), 480);
@@ -81,64 +81,64 @@ void AudioEncodingTest::metersTheSoundByTheClock()
 
 void AudioEncodingTest::withoutAClockNothingIsMeteredOrAligned()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     recorder->recordingClock().invalidate();
     int metered = 0;
-    fakeplatform::sound().deliverUntil = [&](qint64) { ++metered; };
-    QVERIFY(recorder.turn(5000, testsound::noise(0, 480)));
-    QVERIFY(recorder.turn(5000, testsound::noise(480, 1000)));
+    fakeplatform::audio().deliverUntil = [&](qint64) { ++metered; };
+    QVERIFY(recorder.turn(5000, testaudio::noise(0, 480)));
+    QVERIFY(recorder.turn(5000, testaudio::noise(480, 1000)));
     QCOMPARE(metered, 0);
     QCOMPARE(recorder.present(), 1480);
 }
 
-/// Half a second's sound in ten blocks at once: it ended now, so it began half a second ago.
+/// Half a second's audio in ten blocks at once: it ended now, so it began half a second ago.
 void AudioEncodingTest::lateBurstIsPlacedBackFromNow()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     for (int i = 0; i < 10; ++i)
-        QVERIFY(fakeplatform::deliverStereo(testsound::noise(i * 2400, 2400)));
+        QVERIFY(fakeplatform::deliverStereo(testaudio::noise(i * 2400, 2400)));
     QVERIFY(recorder.turn(800));
     QCOMPARE(recorder.present(), 800 * 48);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected = silence(300 * 48);
     appendNoise(expected, 0, 24000);
     QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
 }
 
-/// Twice as fast as the clock: of every chunk the part is left out whose time has sound already.
-void AudioEncodingTest::soundFasterThanTheClockIsDroppedWhereItOverlaps()
+/// Twice as fast as the clock: of every chunk the part is left out whose time has audio already.
+void AudioEncodingTest::audioFasterThanTheClockIsDroppedWhereItOverlaps()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     std::vector<qint16> expected;
     appendNoise(expected, 0, 480);
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
     for (qint64 i = 1; i < 200; ++i) {
-        QVERIFY(recorder.turn(10 + i * 5, testsound::noise(i * 480, 480)));
+        QVERIFY(recorder.turn(10 + i * 5, testaudio::noise(i * 480, 480)));
         QCOMPARE(recorder.present(), 480 + i * 240);
         appendNoise(expected, i * 480 + 240, 240);
     }
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
 }
 
 /// A block that is longer than the recording is kept whole, and what comes next waits for the clock.
-void AudioEncodingTest::soundAheadOfTheClockStays()
+void AudioEncodingTest::audioAheadOfTheClockStays()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(10, testsound::noise(0, 14400)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 14400)));
     QCOMPARE(recorder.present(), 14400);
-    QVERIFY(recorder.turn(100, testsound::noise(20000, 4320)));
+    QVERIFY(recorder.turn(100, testaudio::noise(20000, 4320)));
     QCOMPARE(recorder.present(), 14400);
-    QVERIFY(recorder.turn(310, testsound::noise(30000, 960))); // 290 to 310 ms
+    QVERIFY(recorder.turn(310, testaudio::noise(30000, 960))); // 290 to 310 ms
     QCOMPARE(recorder.present(), 310 * 48);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected;
     appendNoise(expected, 0, 14400);
     appendNoise(expected, 30480, 480);
@@ -148,12 +148,12 @@ void AudioEncodingTest::soundAheadOfTheClockStays()
 void AudioEncodingTest::gapBetweenBatchesIsSilent()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
     QVERIFY(recorder.turn(500));
-    QVERIFY(recorder.turn(1010, testsound::noise(480, 480)));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.turn(1010, testaudio::noise(480, 480)));
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected;
     appendNoise(expected, 0, 480);
     expected.resize(1000 * 48, 0);
@@ -165,12 +165,12 @@ void AudioEncodingTest::gapBetweenBatchesIsSilent()
 void AudioEncodingTest::batchIsFilledUpToTheClock()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(10, testsound::noise(0, 470)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 470)));
     QCOMPARE(recorder.present(), 480);
-    QVERIFY(recorder.turn(20, testsound::noise(470, 480)));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.turn(20, testaudio::noise(470, 480)));
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected;
     appendNoise(expected, 0, 470);
     expected.resize(480, 0);
@@ -181,48 +181,48 @@ void AudioEncodingTest::batchIsFilledUpToTheClock()
 void AudioEncodingTest::chunksOfABatchFollowEachOther()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     qint64 at = 0;
     for (const qint64 frames : {480, 96, 1440, 48, 2736}) {
-        QVERIFY(fakeplatform::deliverStereo(testsound::noise(at, frames)));
+        QVERIFY(fakeplatform::deliverStereo(testaudio::noise(at, frames)));
         at += frames;
     }
     QVERIFY(recorder.turn(at / 48));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected;
     appendNoise(expected, 0, at);
     QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
 }
 
-/// A minute of sound that the clock meters out, with turns as irregular as the loop's: every sample is in the file,
+/// A minute of audio that the clock meters out, with turns as irregular as the loop's: every sample is in the file,
 /// in its place, and the queue stays short.
-void AudioEncodingTest::continuousSoundIsExact()
+void AudioEncodingTest::continuousAudioIsExact()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     qint64 delivered = 0;
-    fakeplatform::sound().deliverUntil = [&](qint64 instant) {
+    fakeplatform::audio().deliverUntil = [&](qint64 instant) {
         const qint64 end = (instant - setclock::referenceMs) * 48;
-        fakeplatform::deliverStereo(testsound::noise(delivered, end - delivered));
+        fakeplatform::deliverStereo(testaudio::noise(delivered, end - delivered));
         delivered = end;
     };
     quint32 state = 5;
     qint64 now = 0;
-    qint64 nextPicture = 0;
+    qint64 nextFrame = 0;
     while (now < 60000) {
         state = state * 1664525u + 1013904223u;
         now += (state >> 8) % 52; // sometimes not at all
         QVERIFY(recorder.turn(now));
         QCOMPARE(recorder.present(), now * 48);
         QVERIFY(recorder.queued() < recorder->audioCodecContext()->frame_size);
-        if (now >= nextPicture) {
+        if (now >= nextFrame) {
             QVERIFY(recorder.encode({now}, int(now / 40)));
-            nextPicture = now + 1000;
+            nextFrame = now + 1000;
         }
     }
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected;
     appendNoise(expected, 0, now * 48);
     const std::vector<qint16> seen = exactSamples(recorder->outputPath());
@@ -231,20 +231,20 @@ void AudioEncodingTest::continuousSoundIsExact()
 }
 
 /// Eight thousand samples a second for every second of the clock, however they are rounded.
-void AudioEncodingTest::resampledSoundKeepsUpWithTheClock()
+void AudioEncodingTest::resampledAudioKeepsUpWithTheClock()
 {
     surroundings().hiddenEncoders = {"mpeg4"};
-    QVERIFY(SoundingRecorder::useEncoder("libspeex"));
-    SoundingRecorder recorder;
+    QVERIFY(RecorderWithAudio::useEncoder("libspeex"));
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QCOMPARE(recorder->audioCodecContext()->sample_rate, 8000);
     const int frameSize = recorder->audioCodecContext()->frame_size;
     for (qint64 now = 10; now <= 3000; now += 10) {
-        QVERIFY(recorder.turn(now, testsound::noise(now * 48, 480)));
+        QVERIFY(recorder.turn(now, testaudio::noise(now * 48, 480)));
         QVERIFY(std::abs(recorder.present() - now * 8) <= 1);
         QCOMPARE(recorder->audioSamplesWritten() % frameSize, 0);
     }
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     const MediaFile file(recorder->outputPath());
     QCOMPARE(file.audioStream()->sampleRate, 8000);
 }
@@ -252,25 +252,25 @@ void AudioEncodingTest::resampledSoundKeepsUpWithTheClock()
 void AudioEncodingTest::thereIsRoomForWhatTheResamplerHolds()
 {
     surroundings().hiddenEncoders = {"mpeg4"};
-    QVERIFY(SoundingRecorder::useEncoder("libspeex"));
-    SoundingRecorder recorder;
+    QVERIFY(RecorderWithAudio::useEncoder("libspeex"));
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
-    const qint64 held = swr_get_delay(recorder->audioResampler(), testsound::rate);
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
+    const qint64 held = swr_get_delay(recorder->audioResampler(), testaudio::rate);
     QVERIFY(held > 6); // more than one sample of the encoder's
     QList<int> rooms;
     surroundings().atAllocSamples = [&](int samples) { rooms.append(samples); };
-    QVERIFY(recorder.turn(20, testsound::noise(480, 481)));
+    QVERIFY(recorder.turn(20, testaudio::noise(480, 481)));
     QCOMPARE(rooms.value(0), int((held + 481 + 5) / 6));
 }
 
 void AudioEncodingTest::withoutAChunkNothingIsPadded()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.turn(5000));
     QCOMPARE(recorder.present(), 0);
-    QVERIFY(recorder.turn(5010, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(5010, testaudio::noise(0, 480)));
     QCOMPARE(recorder.present(), 5010 * 48);
     QVERIFY(recorder.turn(9000));
     QCOMPARE(recorder.present(), 5010 * 48);
@@ -278,7 +278,7 @@ void AudioEncodingTest::withoutAChunkNothingIsPadded()
 
 void AudioEncodingTest::fullFramesAreEncodedWithoutAChunk()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QCOMPARE(recorder->audioCodecContext()->frame_size, 1024);
     QVERIFY(recorder->padAudioFifoWithSilence(1500));
@@ -297,7 +297,7 @@ void AudioEncodingTest::fullFramesAreEncodedWithoutAChunk()
 void AudioEncodingTest::emptyChunksAreSkipped()
 {
     QVERIFY(useExactEncoder());
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     auto privateObject = std::make_unique<RecorderAudioCapturePrivate>(QString());
     privateObject->chunks
@@ -308,11 +308,11 @@ void AudioEncodingTest::emptyChunksAreSkipped()
     QCOMPARE(recorder.log().countStartingWith(pcmLine), 0);
     QCOMPARE(recorder.present(), 30 * 48); // padded to the clock: chunks were taken
 
-    inside->chunks = {Chunk{QByteArray(), 960}, chunkOf(testsound::noise(0, 480))};
+    inside->chunks = {Chunk{QByteArray(), 960}, chunkOf(testaudio::noise(0, 480))};
     QVERIFY(recorder.turn(100)); // begins at 70 ms, not at 90
     QCOMPARE(recorder.present(), 100 * 48);
     QCOMPARE(recorder.log().countStartingWith(pcmLine), 1);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     std::vector<qint16> expected = silence(70 * 48);
     appendNoise(expected, 0, 480);
     QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
@@ -320,15 +320,15 @@ void AudioEncodingTest::emptyChunksAreSkipped()
 
 void AudioEncodingTest::firstChunkIsLoggedOnce()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.turn(5));
     QCOMPARE(recorder.log().countStartingWith(pcmLine), 0);
-    std::vector<qint16> samples = testsound::constant(480, 100);
+    std::vector<qint16> samples = testaudio::constant(480, 100);
     samples[301] = -32768;
     QVERIFY(fakeplatform::deliverStereo(samples));
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480)));
-    QVERIFY(recorder.turn(20, testsound::noise(0, 480)));
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
+    QVERIFY(recorder.turn(20, testaudio::noise(0, 480)));
     QCOMPARE(recorder.log().countStartingWith(pcmLine), 1);
     QCOMPARE(
         recorder.log().count(QStringLiteral("Unix audio capture received PCM 1920 bytes 480 frames peak 32767")), 1);
@@ -337,12 +337,12 @@ void AudioEncodingTest::firstChunkIsLoggedOnce()
 
 void AudioEncodingTest::firstFrameIsAtZero()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QList<qint64> times;
     surroundings().afterReceivePacket = [&](AVPacket& packet) { times.append(packet.pts); };
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
-    QVERIFY(recorder.turn(200, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800)));
+    QVERIFY(recorder.turn(200, testaudio::noise(0, 4800)));
     QVERIFY(recorder->drainAudioEncoder());
     const int priming = recorder->audioCodecContext()->initial_padding;
     QCOMPARE(times.size(), 11); // 9600 samples and the priming

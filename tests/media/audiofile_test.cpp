@@ -1,9 +1,9 @@
-// Recordings with sound, decoded again: every encoder, other rates, and files that did not come to their end.
+// Recordings with audio, decoded again: every encoder, other rates, and files that did not come to their end.
+#include "audioanalysis.h"
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
-#include "soundanalysis.h"
-#include "soundingrecorder.h"
+#include "recorderwithaudio.h"
 
 #include <QFile>
 #include <QTest>
@@ -16,13 +16,13 @@ using namespace ffmpegfaults;
 
 namespace {
 
-constexpr double leftHz = 441.7; // no fault hides in it, see soundanalysis.h
+constexpr double leftHz = 441.7; // no fault hides in it, see audioanalysis.h
 constexpr double rightHz = 997.0;
 constexpr double amplitude = 0.5;
 
 qint16 sine(qint64 sample, double frequency)
 {
-    const double angle = 2 * std::numbers::pi * frequency * double(sample) / testsound::rate;
+    const double angle = 2 * std::numbers::pi * frequency * double(sample) / testaudio::rate;
     return qint16(std::lround(amplitude * 32767 * std::sin(angle)));
 }
 
@@ -37,8 +37,8 @@ std::vector<qint16> tones(qint64 first, qint64 count)
     return samples;
 }
 
-/// Pictures, and tones that arrive every 20 ms.
-bool recordTones(SoundingRecorder& recorder, qint64 lengthMs)
+/// Frames, and tones that arrive every 20 ms.
+bool recordTones(RecorderWithAudio& recorder, qint64 lengthMs)
 {
     for (qint64 at = 0; at < lengthMs; at += 20) {
         if (at % 40 == 0 && !recorder.encode({at}, int(at / 40)))
@@ -50,15 +50,15 @@ bool recordTones(SoundingRecorder& recorder, qint64 lengthMs)
 }
 
 /// Empty when the tones are there, each in its ear, without a fault.
-QString judgeTones(const MediaSound& sound, double fromMs, double toMs)
+QString judgeTones(const MediaAudio& audio, double fromMs, double toMs)
 {
     const auto part = [&](int channel) {
-        return soundanalysis::between(
-            sound.channels[channel], sound.sampleRate, fromMs - sound.startMs, toMs - sound.startMs);
+        return audioanalysis::between(
+            audio.channels[channel], audio.sampleRate, fromMs - audio.startMs, toMs - audio.startMs);
     };
     QStringList found;
     const auto expectLevel = [&](int channel, double frequency, double low, double high) {
-        const double level = soundanalysis::levelDb(part(channel), sound.sampleRate, frequency);
+        const double level = audioanalysis::levelDb(part(channel), audio.sampleRate, frequency);
         if (level < low || level > high)
             found.append(QStringLiteral("channel %1: %2 dB at %3 Hz").arg(channel).arg(level).arg(frequency));
     };
@@ -66,9 +66,9 @@ QString judgeTones(const MediaSound& sound, double fromMs, double toMs)
     expectLevel(0, rightHz, -300, -45);
     expectLevel(1, rightHz, -7, -5.5);
     expectLevel(1, leftHz, -300, -45);
-    const auto faults = soundanalysis::toneFaults(part(0), sound.sampleRate, leftHz);
+    const auto faults = audioanalysis::toneFaults(part(0), audio.sampleRate, leftHz);
     if (!faults.empty())
-        found.append(soundanalysis::describe(faults));
+        found.append(audioanalysis::describe(faults));
     return found.join(QStringLiteral(", "));
 }
 
@@ -107,10 +107,10 @@ private Q_SLOTS:
     void tonesComeBack_data();
     void tonesComeBack();
     void silenceIsSilence();
-    void soundEndsWithTheClock();
-    void soundThatComesAfterTheLastTurnIsLeftOut();
-    void unfinishedFilePlaysWithSound();
-    void cutFilePlaysWithSound();
+    void audioEndsWithTheClock();
+    void audioThatComesAfterTheLastTurnIsLeftOut();
+    void unfinishedFilePlaysWithAudio();
+    void cutFilePlaysWithAudio();
     void fullVolumeIsNotDistorted();
 };
 
@@ -139,104 +139,104 @@ void AudioFileTest::tonesComeBack()
     QFETCH(const QByteArray, encoder);
     QFETCH(const bool, matroska);
     QFETCH(const int, rate);
-    QVERIFY(SoundingRecorder::useEncoder(encoder.constData()));
+    QVERIFY(RecorderWithAudio::useEncoder(encoder.constData()));
     if (matroska)
         surroundings().hiddenEncoders = {"mpeg4"};
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recordTones(recorder, 4000));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     QVERIFY(recorder.criticals().isEmpty());
     QVERIFY(recorder.isClosed());
 
     MediaFile file(recorder->outputPath());
-    const auto sound = file.sound();
-    QVERIFY2(file.isValid() && sound, qPrintable(file.errorString()));
+    const auto audio = file.audio();
+    QVERIFY2(file.isValid() && audio, qPrintable(file.errorString()));
     QCOMPARE(file.frames().size(), 100);
-    QCOMPARE(sound->sampleRate, rate);
-    QCOMPARE(sound->channels.size(), 2);
-    QVERIFY(sound->durationMs() >= 4000);
-    QVERIFY(sound->durationMs() < 4000 + 150);
-    QVERIFY(sound->worstJoinMs < 1.0);
-    if (rate == testsound::rate)
-        QCOMPARE(judgeTones(*sound, 200, 3900), QString());
+    QCOMPARE(audio->sampleRate, rate);
+    QCOMPARE(audio->channels.size(), 2);
+    QVERIFY(audio->durationMs() >= 4000);
+    QVERIFY(audio->durationMs() < 4000 + 150);
+    QVERIFY(audio->worstJoinMs < 1.0);
+    if (rate == testaudio::rate)
+        QCOMPARE(judgeTones(*audio, 200, 3900), QString());
     else // speech coding: the tone is there
         QVERIFY(
-            soundanalysis::levelDb(soundanalysis::between(sound->channels[0], rate, 500, 3500), rate, leftHz) > -20);
+            audioanalysis::levelDb(audioanalysis::between(audio->channels[0], rate, 500, 3500), rate, leftHz) > -20);
 }
 
 void AudioFileTest::silenceIsSilence()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     for (qint64 at = 0; at < 3000; at += 40) {
         QVERIFY(recorder.encode({at}, int(at / 40)));
-        QVERIFY(recorder.turn(at + 40, testsound::constant(40 * 48, 0)));
+        QVERIFY(recorder.turn(at + 40, testaudio::constant(40 * 48, 0)));
     }
-    QVERIFY(recorder.finishSound());
-    const auto sound = MediaFile(recorder->outputPath()).sound();
-    QVERIFY(sound);
-    QVERIFY(sound->durationMs() >= 3000);
-    for (const std::vector<float>& channel : sound->channels)
-        QVERIFY(soundanalysis::peakDb(channel) < -120);
+    QVERIFY(recorder.finishAudio());
+    const auto audio = MediaFile(recorder->outputPath()).audio();
+    QVERIFY(audio);
+    QVERIFY(audio->durationMs() >= 3000);
+    for (const std::vector<float>& channel : audio->channels)
+        QVERIFY(audioanalysis::peakDb(channel) < -120);
 }
 
 /// Up to the end of the last frame, and no further.
-void AudioFileTest::soundEndsWithTheClock()
+void AudioFileTest::audioEndsWithTheClock()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recordTones(recorder, 1000));
     QCOMPARE(recorder.present(), 48000);
-    QVERIFY(recorder.finishSound());
-    const auto sound = MediaFile(recorder->outputPath()).sound();
-    QVERIFY(sound);
-    QCOMPARE(sound->channels[0].size(), std::size_t(1024 + 47 * 1024)); // priming, 46.9 frames of sound
-    const auto rest = soundanalysis::Samples(sound->channels[0]).subspan(1024 + 48000 + 16);
-    QVERIFY(soundanalysis::rmsDb(rest) < -30);
+    QVERIFY(recorder.finishAudio());
+    const auto audio = MediaFile(recorder->outputPath()).audio();
+    QVERIFY(audio);
+    QCOMPARE(audio->channels[0].size(), std::size_t(1024 + 47 * 1024)); // priming, 46.9 frames of audio
+    const auto rest = audioanalysis::Samples(audio->channels[0]).subspan(1024 + 48000 + 16);
+    QVERIFY(audioanalysis::rmsDb(rest) < -30);
 }
 
-void AudioFileTest::soundThatComesAfterTheLastTurnIsLeftOut()
+void AudioFileTest::audioThatComesAfterTheLastTurnIsLeftOut()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.turn(1000, tones(0, 48000)));
     QVERIFY(fakeplatform::deliverStereo(tones(48000, 48000)));
-    QVERIFY(recorder.finishSound());
-    QVERIFY(MediaFile(recorder->outputPath()).sound()->durationMs() < 1100);
+    QVERIFY(recorder.finishAudio());
+    QVERIFY(MediaFile(recorder->outputPath()).audio()->durationMs() < 1100);
 }
 
 /// What is on disk while the recording runs: at least all but the last second and a half, in step.
-void AudioFileTest::unfinishedFilePlaysWithSound()
+void AudioFileTest::unfinishedFilePlaysWithAudio()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recordTones(recorder, 10000));
     const QString copy = recorder.filePath(QStringLiteral("copy.mp4"));
     QVERIFY(writeFile(copy, contentOf(recorder->outputPath())));
     MediaFile file(copy);
-    const auto sound = file.sound();
-    QVERIFY2(sound, qPrintable(file.errorString()));
-    QVERIFY(sound->durationMs() > 8500);
-    QCOMPARE(judgeTones(*sound, 200, 8400), QString());
+    const auto audio = file.audio();
+    QVERIFY2(audio, qPrintable(file.errorString()));
+    QVERIFY(audio->durationMs() > 8500);
+    QCOMPARE(judgeTones(*audio, 200, 8400), QString());
     QVERIFY(file.frames().constLast().ptsMs > 8500);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
 }
 
-/// Cut within a fragment, pictures and sound reach to its beginning; cut behind one, to its end.
-void AudioFileTest::cutFilePlaysWithSound()
+/// Cut within a fragment, frames and audio reach to its beginning; cut behind one, to its end.
+void AudioFileTest::cutFilePlaysWithAudio()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recordTones(recorder, 10000));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     const QByteArray whole = contentOf(recorder->outputPath());
     const QString copy = recorder.filePath(QStringLiteral("cut.mp4"));
     int fragments = 0;
     for (const Mp4Box& box : mp4boxes::parse(whole)) {
         if (box.type != "mdat")
             continue;
-        const double wholeMs = 960.0 * fragments; // 24 pictures a fragment
+        const double wholeMs = 960.0 * fragments; // 24 frames a fragment
         QVERIFY(writeFile(copy, whole.left(box.offset + (box.end() - box.offset) / 2)));
         MediaFile half(copy);
         QVERIFY(half.videoStream() && half.audioStream());
@@ -246,10 +246,10 @@ void AudioFileTest::cutFilePlaysWithSound()
         ++fragments;
         QVERIFY(writeFile(copy, whole.left(box.end())));
         MediaFile file(copy);
-        const auto sound = file.sound();
-        QVERIFY2(sound, qPrintable(file.errorString()));
-        QVERIFY(sound->durationMs() >= std::min(960.0 * fragments, 10000.0));
-        QCOMPARE(judgeTones(*sound, 200, sound->durationMs() - 50), QString());
+        const auto audio = file.audio();
+        QVERIFY2(audio, qPrintable(file.errorString()));
+        QVERIFY(audio->durationMs() >= std::min(960.0 * fragments, 10000.0));
+        QCOMPARE(judgeTones(*audio, 200, audio->durationMs() - 50), QString());
     }
     QCOMPARE(fragments, 11);
 }
@@ -257,20 +257,20 @@ void AudioFileTest::cutFilePlaysWithSound()
 /// A square wave of full scale overshoots in the encoder, which takes it back a little; it does not wrap around.
 void AudioFileTest::fullVolumeIsNotDistorted()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     for (qint64 at = 0; at < 2000; at += 40) {
-        const auto square = testsound::frames(
+        const auto square = testaudio::frames(
             at * 48, 40 * 48, [](qint64 i) { return i / 60 % 2 ? qint16(-32768) : qint16(32767); }); // 400 Hz
         QVERIFY(recorder.turn(at + 40, square));
     }
-    QVERIFY(recorder.finishSound());
-    const auto sound = MediaFile(recorder->outputPath()).sound();
-    QVERIFY(sound);
-    const auto part = soundanalysis::between(sound->channels[0], 48000, 200, 1900);
+    QVERIFY(recorder.finishAudio());
+    const auto audio = MediaFile(recorder->outputPath()).audio();
+    QVERIFY(audio);
+    const auto part = audioanalysis::between(audio->channels[0], 48000, 200, 1900);
     const double fundamentalDb = 20 * std::log10(4 / std::numbers::pi);
-    QVERIFY(std::abs(soundanalysis::levelDb(part, 48000, 400) - fundamentalDb) < 1.0);
-    QVERIFY(std::abs(soundanalysis::rmsDb(part)) < 1.0);
+    QVERIFY(std::abs(audioanalysis::levelDb(part, 48000, 400) - fundamentalDb) < 1.0);
+    QVERIFY(std::abs(audioanalysis::rmsDb(part)) < 1.0);
 }
 
 QTEST_GUILESS_MAIN(AudioFileTest)

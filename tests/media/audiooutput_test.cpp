@@ -1,7 +1,7 @@
-// Opening the file's sound: encoders, settings, and every way in which it fails.
+// Opening the file's audio: encoders, settings, and every way in which it fails.
 #include "ffmpegfaults.h"
 #include "mediafile.h"
-#include "soundingrecorder.h"
+#include "recorderwithaudio.h"
 
 #include <QTest>
 
@@ -45,8 +45,8 @@ private Q_SLOTS:
     void captureThatCannotBeSetUp();
     void invalidDeviceLeavesItsOwnLineAndOne();
     void earlierCaptureIsDestroyed();
-    void soundFails_data();
-    void soundFails();
+    void audioFails_data();
+    void audioFails();
     void parametersAreNotCopied();
     void parametersAreNotCopiedAndTheHeaderRefused();
 };
@@ -73,12 +73,12 @@ void AudioOutputTest::encoderOfEachContainer()
     QFETCH(const QString, name);
     QFETCH(const AVCodecID, codec);
     surroundings().hiddenEncoders = hidden;
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openSound());
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAudio());
     QCOMPARE(recorder->audioEncoderName(), name);
     QCOMPARE(recorder->audioStream()->codecpar->codec_id, codec);
     QVERIFY(recorder.encode(IdleRecorder::steadyTimes(2)));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     const MediaFile file(recorder->outputPath());
     QVERIFY(file.audioStream());
     QCOMPARE(file.audioStream()->codecId, codec);
@@ -111,10 +111,10 @@ void AudioOutputTest::encoderIsOpenedWithItsSettings()
     QFETCH(const int, rate);
     QFETCH(const AVSampleFormat, format);
     QFETCH(const qint64, bitRate);
-    QVERIFY(SoundingRecorder::useEncoder(encoder.constData()));
+    QVERIFY(RecorderWithAudio::useEncoder(encoder.constData()));
     surroundings().hiddenEncoders = {"mpeg4"}; // into Matroska, which takes them all
     int opened = 0;
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     surroundings().atOpenCodec = [&](const AVCodecContext& context, const AVDictionary* options) {
         if (context.codec_type != AVMEDIA_TYPE_AUDIO)
             return;
@@ -133,7 +133,7 @@ void AudioOutputTest::encoderIsOpenedWithItsSettings()
         if (isOpus)
             QCOMPARE(av_dict_get(options, "application", nullptr, 0)->value, "audio");
     };
-    QVERIFY(recorder.openSound());
+    QVERIFY(recorder.openAudio());
     QCOMPARE(opened, 1);
     QCOMPARE(recorder->audioEncoderName(), QString::fromLatin1(encoder));
 }
@@ -148,25 +148,25 @@ void AudioOutputTest::globalHeaderOnlyWhereTheContainerWantsIt()
             opened += context.codec_type == AVMEDIA_TYPE_AUDIO;
             QCOMPARE(bool(context.flags & AV_CODEC_FLAG_GLOBAL_HEADER), wanted);
         };
-        SoundingRecorder recorder;
-        QVERIFY(recorder.openSound());
+        RecorderWithAudio recorder;
+        QVERIFY(recorder.openAudio());
         QCOMPARE(opened, 1);
     }
 }
 
 void AudioOutputTest::audioIsTheSecondStream()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     AVRational asked{};
     surroundings().atWriteHeader = [&](const AVFormatContext& context, const AVDictionary*) {
         QCOMPARE(context.nb_streams, 2u);
         asked = context.streams[1]->time_base;
     };
-    QVERIFY(recorder.openSound());
+    QVERIFY(recorder.openAudio());
     QCOMPARE(av_cmp_q(asked, AVRational{1, 48000}), 0);
     QCOMPARE(recorder->videoStream()->index, 0);
     QCOMPARE(recorder->audioStream()->index, 1);
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     const MediaFile file(recorder->outputPath());
     QCOMPARE(file.streams().size(), 2);
     QCOMPARE(file.streams()[0].type, AVMEDIA_TYPE_VIDEO);
@@ -176,8 +176,8 @@ void AudioOutputTest::audioIsTheSecondStream()
 
 void AudioOutputTest::logLine()
 {
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openSound());
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAudio());
     QCOMPARE(recorder.log().count(QStringLiteral(
                  "FFmpeg recorder using audio encoder \"aac\" sample rate 48000 channels 2 sample format fltp")),
         1);
@@ -186,16 +186,16 @@ void AudioOutputTest::logLine()
 
 void AudioOutputTest::queueHasRoomForAFewFrames()
 {
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openSound());
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAudio());
     QCOMPARE(recorder.queued(), 0);
     QCOMPARE(av_audio_fifo_space(recorder->audioFifo()), 4 * 1024);
     QCOMPARE(recorder->audioSamplesWritten(), 0);
 
-    QVERIFY(SoundingRecorder::useEncoder("pcm_s32le")); // takes any number
+    QVERIFY(RecorderWithAudio::useEncoder("pcm_s32le")); // takes any number
     surroundings().hiddenEncoders = {"mpeg4"};
-    SoundingRecorder other;
-    QVERIFY(other.openSound());
+    RecorderWithAudio other;
+    QVERIFY(other.openAudio());
     QCOMPARE(av_audio_fifo_space(other->audioFifo()), 1024);
 }
 
@@ -212,14 +212,14 @@ void AudioOutputTest::noEncoderAtAll()
     QFETCH(const QSet<QByteArray>, hidden);
     QFETCH(const QString, container);
     surroundings().hiddenEncoders = hidden;
-    SoundingRecorder recorder;
-    QVERIFY(!recorder.openSound());
+    RecorderWithAudio recorder;
+    QVERIFY(!recorder.openAudio());
     QVERIFY(recorder.warnings().contains(
         QStringLiteral("No FFmpeg audio encoder is available for \"%1\" ; continuing without audio.")
             .arg(container)));
     QVERIFY(recorder.criticals().isEmpty());
     QVERIFY(recorder.isSilent());
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
     QVERIFY(recorder.encode({0, 41}));
     QVERIFY(recorder.finish());
     MediaFile file(recorder->outputPath());
@@ -229,7 +229,7 @@ void AudioOutputTest::noEncoderAtAll()
 
 void AudioOutputTest::captureThatCannotBeSetUp()
 {
-    SoundingRecorder recorder; // the platform has no sound
+    RecorderWithAudio recorder; // the platform has no audio
     QVERIFY(recorder->allocateContainer());
     QVERIFY(!recorder->openAudioOutput());
     const QStringList lines = recorder.log().messages(QtWarningMsg);
@@ -241,8 +241,8 @@ void AudioOutputTest::captureThatCannotBeSetUp()
 
 void AudioOutputTest::invalidDeviceLeavesItsOwnLineAndOne()
 {
-    SoundingRecorder recorder;
-    recorder.giveSound();
+    RecorderWithAudio recorder;
+    recorder.giveAudio();
     recorder->audioSource() = QStringLiteral("app-pid:none");
     QVERIFY(recorder.record({0, 41}));
     const QStringList lines = recorder.log().messages(QtWarningMsg);
@@ -255,16 +255,16 @@ void AudioOutputTest::invalidDeviceLeavesItsOwnLineAndOne()
 
 void AudioOutputTest::earlierCaptureIsDestroyed()
 {
-    SoundingRecorder recorder;
-    recorder.giveSound();
+    RecorderWithAudio recorder;
+    recorder.giveAudio();
     recorder->audioCapture() = std::make_unique<RecorderAudioCapture>(QString());
-    QCOMPARE(fakeplatform::sound().liveStreams, 1);
-    QVERIFY(recorder.openSound());
-    QCOMPARE(fakeplatform::sound().streams.size(), std::size_t(2));
-    QCOMPARE(fakeplatform::sound().liveStreams, 1);
+    QCOMPARE(fakeplatform::audio().liveStreams, 1);
+    QVERIFY(recorder.openAudio());
+    QCOMPARE(fakeplatform::audio().streams.size(), std::size_t(2));
+    QCOMPARE(fakeplatform::audio().liveStreams, 1);
 }
 
-void AudioOutputTest::soundFails_data()
+void AudioOutputTest::audioFails_data()
 {
     QTest::addColumn<Fault>("fault");
     QTest::addColumn<QString>("warning");
@@ -289,22 +289,22 @@ void AudioOutputTest::soundFails_data()
     row("no stream", {Call::NewStream, 0, 2}, "Unable to create FFmpeg audio stream; continuing without audio.");
 }
 
-/// Nothing of the sound stays, and the pictures are recorded.
-void AudioOutputTest::soundFails()
+/// Nothing of the audio stays, and the frames are recorded.
+void AudioOutputTest::audioFails()
 {
     QFETCH(const Fault, fault);
     QFETCH(const QString, warning);
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     const qsizetype descriptors = openDescriptors();
     failOnce(fault.call, fault.status, fault.nth);
-    QVERIFY(!recorder.openSound());
+    QVERIFY(!recorder.openAudio());
     heal(fault.call);
     QCOMPARE(recorder.log().messages(QtWarningMsg), QStringList{warning});
     QVERIFY(recorder.criticals().isEmpty());
     QVERIFY(recorder.isSilent());
     QCOMPARE(recorder->audioEncoderName(), QString());
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
-    QCOMPARE(fakeplatform::sound().liveOutputs, 0);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
+    QCOMPARE(fakeplatform::audio().liveOutputs, 0);
 
     QVERIFY(recorder->encodePendingAudio());
     QVERIFY(recorder.encode({0, 41}));
@@ -321,8 +321,8 @@ void AudioOutputTest::soundFails()
 /// The one failure that leaves its objects: the stream cannot be taken out of the container again.
 void AudioOutputTest::parametersAreNotCopied()
 {
-    SoundingRecorder recorder;
-    recorder.giveSound();
+    RecorderWithAudio recorder;
+    recorder.giveAudio();
     QVERIFY(recorder->allocateContainer());
     failOnce(Call::CopyParameters, AVERROR(ENOMEM));
     QVERIFY(!recorder->openAudioOutput());
@@ -337,22 +337,22 @@ void AudioOutputTest::parametersAreNotCopied()
     QCOMPARE(recorder->audioEncoderName(), QString());
 
     // What is left half made does no harm.
-    QVERIFY(recorder.startSound());
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
+    QVERIFY(recorder.startAudio());
+    QVERIFY(fakeplatform::deliverStereo(testaudio::noise(0, 4800)));
     QVERIFY(recorder.turn(100));
     QVERIFY(recorder->drainAudioEncoder());
     QCOMPARE(recorder.present(), 0);
     recorder->closeOutput();
     QVERIFY(recorder.isClosed());
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
     QVERIFY(recorder.warnings().isEmpty());
 }
 
 /// FFmpeg does not write a header for a stream without parameters.
 void AudioOutputTest::parametersAreNotCopiedAndTheHeaderRefused()
 {
-    SoundingRecorder recorder;
-    recorder.giveSound();
+    RecorderWithAudio recorder;
+    recorder.giveAudio();
     failOnce(Call::CopyParameters, AVERROR(ENOMEM), 2);
     QVERIFY(!recorder->openOutput());
     QCOMPARE(recorder.criticals().size(), 2);

@@ -1,8 +1,8 @@
-// The calls of the sound in every state: not open, half open, started, drained, closed.
-#include "exactsound.h"
+// The calls of the audio in every state: not open, half open, started, drained, closed.
+#include "exactaudio.h"
 #include "ffmpegfaults.h"
 #include "mediafile.h"
-#include "soundingrecorder.h"
+#include "recorderwithaudio.h"
 
 #include <QTest>
 
@@ -19,7 +19,7 @@ private Q_SLOTS:
     void cleanup() { reset(); }
 
     void nothingIsDoneWithoutItsObjects();
-    void nothingIsDoneUntilTheSoundIsStarted();
+    void nothingIsDoneUntilTheAudioIsStarted();
 
     void paddingStopsAtTheClock_data();
     void paddingStopsAtTheClock();
@@ -32,18 +32,18 @@ private Q_SLOTS:
     void drainingBeforeOpeningAndAfterClosing();
     void stoppingTheCapture();
 
-    void closingReleasesTheSound();
-    void destructorReleasesTheSound();
-    void soundAfterClosingIsIgnored();
+    void closingReleasesTheAudio();
+    void destructorReleasesTheAudio();
+    void audioAfterClosingIsIgnored();
 };
 
 void AudioStatesTest::nothingIsDoneWithoutItsObjects()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     int metered = 0;
-    fakeplatform::sound().deliverUntil = [&](qint64) { ++metered; };
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
+    fakeplatform::audio().deliverUntil = [&](qint64) { ++metered; };
+    QVERIFY(fakeplatform::deliverStereo(testaudio::noise(0, 4800)));
     const auto idleWithout = [&](auto& member) {
         auto taken = std::exchange(member, {});
         const bool idle = recorder.turn(100) && metered == 0;
@@ -69,11 +69,11 @@ void AudioStatesTest::nothingIsDoneWithoutItsObjects()
     QVERIFY(recorder.wasQuiet());
 }
 
-void AudioStatesTest::nothingIsDoneUntilTheSoundIsStarted()
+void AudioStatesTest::nothingIsDoneUntilTheAudioIsStarted()
 {
-    SoundingRecorder recorder;
-    QVERIFY(recorder.openSound());
-    QVERIFY(fakeplatform::deliverStereo(testsound::noise(0, 4800)));
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAudio());
+    QVERIFY(fakeplatform::deliverStereo(testaudio::noise(0, 4800)));
     QVERIFY(recorder->encodePendingAudio());
     QCOMPARE(recorder.present(), 0);
     QCOMPARE(recorder->audioCapture()->readAvailable().size(), 1);
@@ -96,7 +96,7 @@ void AudioStatesTest::paddingStopsAtTheClock()
 {
     QFETCH(const qint64, elapsed);
     QFETCH(const int, before);
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder->padAudioFifoWithSilence(before));
     QCOMPARE(recorder.queued(), before);
@@ -112,7 +112,7 @@ void AudioStatesTest::paddingStopsAtTheClock()
 void AudioStatesTest::paddingThatIsTooLarge()
 {
     constexpr qint64 lastMs = 44739243; // 2147483664 samples
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     recorder->audioSamplesWritten() = 16;
     QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
@@ -124,23 +124,23 @@ void AudioStatesTest::paddingThatIsTooLarge()
         QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Invalid argument\"")});
 
     recorder.log().clear();
-    QVERIFY(!recorder.turn(lastMs + 1000, testsound::noise(0, 480)));
+    QVERIFY(!recorder.turn(lastMs + 1000, testaudio::noise(0, 480)));
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Audio clock gap is too large to pad: %1").arg((lastMs + 990) * 48 - 17)});
     QCOMPARE(recorder.queued(), 0); // the chunk is not written
     recorder->audioSamplesWritten() = 0;
-    QVERIFY(recorder.turn(10, testsound::noise(0, 480))); // and later ones are
+    QVERIFY(recorder.turn(10, testaudio::noise(0, 480))); // and later ones are
     QCOMPARE(recorder.queued(), 480);
 }
 
 void AudioStatesTest::nothingIsPaddedWithoutItsObjects()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder->padAudioToElapsedClock(1000));
     QVERIFY(recorder->padAudioFifoWithSilence(1000));
     QVERIFY(recorder->encodeAudioSamples(1000));
     QVERIFY(recorder->encodePendingAudio());
-    QVERIFY(recorder.openSound());
+    QVERIFY(recorder.openAudio());
     AVCodecContext* const encoder = std::exchange(recorder->audioCodecContext(), nullptr);
     QVERIFY(recorder->padAudioToElapsedClock(1000));
     QVERIFY(recorder->padAudioFifoWithSilence(1000));
@@ -160,10 +160,10 @@ void AudioStatesTest::nothingIsPaddedWithoutItsObjects()
 /// 300 samples and 724 of silence, for an encoder that takes whole frames only.
 void AudioStatesTest::drainingFillsTheLastFrame()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     recorder->recordingClock().invalidate();
-    QVERIFY(recorder.turn(0, testsound::constant(300, 8000)));
+    QVERIFY(recorder.turn(0, testaudio::constant(300, 8000)));
     QVERIFY(!(recorder->audioCodecContext()->codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE));
     recorder->stopAudioCapture();
     QVERIFY(recorder->drainAudioEncoder());
@@ -172,21 +172,21 @@ void AudioStatesTest::drainingFillsTheLastFrame()
     QVERIFY(recorder.finish());
     MediaFile file(recorder->outputPath());
     QCOMPARE(file.packets().size(), 2); // the priming's and the frame's
-    const auto sound = file.sound();
-    QVERIFY(sound);
-    QCOMPARE(sound->channels[0].size(), std::size_t(2048));
-    QVERIFY(std::abs(sound->channels[0][1024 + 150]) > 0.1F);
-    QVERIFY(std::abs(sound->channels[0][1024 + 1000]) < 0.02F);
+    const auto audio = file.audio();
+    QVERIFY(audio);
+    QCOMPARE(audio->channels[0].size(), std::size_t(2048));
+    QVERIFY(std::abs(audio->channels[0][1024 + 150]) > 0.1F);
+    QVERIFY(std::abs(audio->channels[0][1024 + 1000]) < 0.02F);
 }
 
 void AudioStatesTest::drainingGivesAShortFrameToAnEncoderThatTakesIt()
 {
     surroundings().hiddenEncoders = {"mpeg4"};
-    QVERIFY(SoundingRecorder::useEncoder("pcm_s32le"));
-    SoundingRecorder recorder;
+    QVERIFY(RecorderWithAudio::useEncoder("pcm_s32le"));
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     recorder->recordingClock().invalidate();
-    QVERIFY(recorder.turn(0, testsound::noise(0, 2048 + 300)));
+    QVERIFY(recorder.turn(0, testaudio::noise(0, 2048 + 300)));
     QCOMPARE(recorder->audioSamplesWritten(), 2048);
     QVERIFY(recorder->drainAudioEncoder());
     QCOMPARE(recorder->audioSamplesWritten(), 2348);
@@ -198,59 +198,59 @@ void AudioStatesTest::drainingGivesAShortFrameToAnEncoderThatTakesIt()
 
 void AudioStatesTest::drainingAnEmptyQueue()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     QVERIFY(recorder.wasQuiet());
     MediaFile file(recorder->outputPath());
     QVERIFY(file.audioStream());
-    QVERIFY(!file.sound());
+    QVERIFY(!file.audio());
     QCOMPARE(file.frames().size(), 1);
 }
 
 void AudioStatesTest::drainingBeforeOpeningAndAfterClosing()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder->drainAudioEncoder());
     QVERIFY(recorder.openAndStart());
     AVStream* const stream = std::exchange(recorder->audioStream(), nullptr);
     QVERIFY(recorder->drainAudioEncoder());
     recorder->audioStream() = stream;
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800))); // not drained: the encoder still takes sound
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800))); // not drained: the encoder still takes audio
     QVERIFY(recorder->drainAudioEncoder());
     QVERIFY(recorder->drainAudioEncoder()); // already at its end
-    QVERIFY(recorder.finishSound());
+    QVERIFY(recorder.finishAudio());
     QVERIFY(recorder->drainAudioEncoder());
     QVERIFY(recorder.wasQuiet());
 }
 
 void AudioStatesTest::stoppingTheCapture()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     recorder->stopAudioCapture(); // there is none
     QVERIFY(recorder.openAndStart());
-    QCOMPARE(fakeplatform::sound().stops, 0);
+    QCOMPARE(fakeplatform::audio().stops, 0);
     recorder->stopAudioCapture();
-    QCOMPARE(fakeplatform::sound().stops, 1);
+    QCOMPARE(fakeplatform::audio().stops, 1);
     QVERIFY(!recorder->audioStarted());
     QVERIFY(recorder->audioCapture());
     recorder->stopAudioCapture();
-    QCOMPARE(fakeplatform::sound().stops, 1);
+    QCOMPARE(fakeplatform::audio().stops, 1);
 }
 
-void AudioStatesTest::closingReleasesTheSound()
+void AudioStatesTest::closingReleasesTheAudio()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     const qsizetype descriptors = openDescriptors();
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(100, testsound::noise(0, 4800)));
+    QVERIFY(recorder.turn(100, testaudio::noise(0, 4800)));
     QVERIFY(recorder->audioSamplesWritten() > 0);
     recorder->closeOutput(); // drains nothing
     QVERIFY(recorder.isClosed());
-    QCOMPARE(fakeplatform::sound().stops, 1);
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
+    QCOMPARE(fakeplatform::audio().stops, 1);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
     QCOMPARE(openDescriptors(), descriptors);
     QCOMPARE(recorder->audioEncoderName(), QStringLiteral("aac"));
     QVERIFY(recorder.wasQuiet());
@@ -259,30 +259,30 @@ void AudioStatesTest::closingReleasesTheSound()
     recorder->closeOutput();
     QCOMPARE(recorder.log().messages(), QStringList());
     QVERIFY(recorder.isClosed());
-    QCOMPARE(fakeplatform::sound().stops, 1);
+    QCOMPARE(fakeplatform::audio().stops, 1);
 }
 
-void AudioStatesTest::destructorReleasesTheSound()
+void AudioStatesTest::destructorReleasesTheAudio()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     const QString path = recorder->outputPath();
     QVERIFY(recorder.openAndStart());
     QVERIFY(recorder.encode({0}));
-    QVERIFY(recorder.turn(1000, testsound::noise(0, 48000)));
+    QVERIFY(recorder.turn(1000, testaudio::noise(0, 48000)));
     recorder.destroy();
-    QCOMPARE(fakeplatform::sound().stops, 1);
-    QCOMPARE(fakeplatform::sound().liveStreams, 0);
-    QCOMPARE(fakeplatform::sound().liveOutputs, 0);
-    QCOMPARE(fakeplatform::sound().liveQueues, 0);
-    QVERIFY(MediaFile(path).sound()->durationMs() > 900);
+    QCOMPARE(fakeplatform::audio().stops, 1);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
+    QCOMPARE(fakeplatform::audio().liveOutputs, 0);
+    QCOMPARE(fakeplatform::audio().liveQueues, 0);
+    QVERIFY(MediaFile(path).audio()->durationMs() > 900);
 }
 
-void AudioStatesTest::soundAfterClosingIsIgnored()
+void AudioStatesTest::audioAfterClosingIsIgnored()
 {
-    SoundingRecorder recorder;
+    RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    QVERIFY(recorder.finishSound());
-    QVERIFY(!fakeplatform::deliverStereo(testsound::noise(0, 480)));
+    QVERIFY(recorder.finishAudio());
+    QVERIFY(!fakeplatform::deliverStereo(testaudio::noise(0, 480)));
     recorder->audioStarted() = true;
     QVERIFY(recorder.turn(10));
     recorder->audioStarted() = false;

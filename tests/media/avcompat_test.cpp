@@ -37,8 +37,8 @@ private Q_SLOTS:
     void newerTakesAnEmptyAnswerAsAList();
     void newerWithoutAnswerSaysNothing_data();
     void newerWithoutAnswerSaysNothing();
-    void olderReadsTheListsOfSound();
-    void olderWithoutListsOfSoundSaysNothing();
+    void olderReadsTheListsOfAudio();
+    void olderWithoutListsOfAudioSaysNothing();
     void newerAsksForSampleFormats();
     void newerAsksForSampleRates();
     void eachVersionAsksInItsOwnWay();
@@ -106,7 +106,7 @@ void AvCompatTest::newerWithoutAnswerSaysNothing()
     QVERIFY(!pixelFormatsSinceTheChange(&codec));
 }
 
-void AvCompatTest::olderReadsTheListsOfSound()
+void AvCompatTest::olderReadsTheListsOfAudio()
 {
     const InventedCodec codec{.sample_fmts = listedFormats.data(), .supported_samplerates = listedRates.data()};
     QVERIFY(holds(sampleFormatsBeforeTheChange(&codec), std::array{AV_SAMPLE_FMT_U8, AV_SAMPLE_FMT_S32P}));
@@ -114,7 +114,7 @@ void AvCompatTest::olderReadsTheListsOfSound()
     QVERIFY(!pixelFormatsBeforeTheChange(&codec));
 }
 
-void AvCompatTest::olderWithoutListsOfSoundSaysNothing()
+void AvCompatTest::olderWithoutListsOfAudioSaysNothing()
 {
     const InventedCodec codec{.queried = queriedRates.data(), .queriedCount = 2};
     QVERIFY(!sampleFormatsBeforeTheChange(&codec));
@@ -163,7 +163,7 @@ void AvCompatTest::installedFfmpegKnowsItsEncoders()
     QVERIFY(formats);
     QVERIFY(std::find(formats->begin(), formats->end(), AV_PIX_FMT_YUV420P) != formats->end());
 
-    // A sound encoder lists no pixel formats.
+    // An audio encoder lists no pixel formats.
     const AVCodec* const pcm = avcodec_find_encoder_by_name("pcm_s16le");
     QVERIFY(pcm);
     QVERIFY(!avcompat::pixelFormats(pcm));

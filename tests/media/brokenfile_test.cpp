@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int picturesPerFragment = 24;
+constexpr int framesPerFragment = 24;
 
 QByteArray contentOf(const QString& path)
 {
@@ -25,42 +25,42 @@ bool write(const QString& path, const QByteArray& bytes)
 }
 
 /// How many of the first packets are as they should be: whole, 41 ms apart, a key frame each second.
-int soundPackets(const QList<MediaPacket>& packets)
+int audioPackets(const QList<MediaPacket>& packets)
 {
     int count = 0;
     while (count < packets.size() && !packets[count].corrupt && packets[count].size > 0
-        && packets[count].ptsMs == count * 41.0 && packets[count].key == (count % picturesPerFragment == 0))
+        && packets[count].ptsMs == count * 41.0 && packets[count].key == (count % framesPerFragment == 0))
         ++count;
     return count;
 }
 
-/// The pictures that lie before a byte of an MP4 file in fragments that end there or earlier.
-int wholeFragmentPictures(const QList<Mp4Box>& boxes, qsizetype bytes)
+/// The images that lie before a byte of an MP4 file in fragments that end there or earlier.
+int wholeFragmentFrames(const QList<Mp4Box>& boxes, qsizetype bytes)
 {
-    return picturesPerFragment * int(std::count_if(boxes.cbegin(), boxes.cend(), [bytes](const Mp4Box& box) {
+    return framesPerFragment * int(std::count_if(boxes.cbegin(), boxes.cend(), [bytes](const Mp4Box& box) {
         return box.type == "mdat" && box.end() <= bytes;
     }));
 }
 
-/// FFmpeg's demuxer gives up a file that ends inside the list of a fragment's pictures, where players that read on as
-/// they play stop. A killed process leaves no such end: the list is written in one piece with the first pictures.
+/// FFmpeg's demuxer gives up a file that ends inside the list of a fragment's images, where players that read on as
+/// they play stop. A killed process leaves no such end: the list is written in one piece with the first images.
 bool endsInsideFragmentHeader(const QList<Mp4Box>& boxes, qsizetype bytes)
 {
     return std::any_of(boxes.cbegin(), boxes.cend(),
         [bytes](const Mp4Box& box) { return box.type == "moof" && box.offset < bytes && bytes < box.end(); });
 }
 
-/// Empty when the first pictures are there and show what was recorded.
-QString judgePictures(const QString& path, int atLeast)
+/// Empty when the first images are there and show what was recorded.
+QString checkFrames(const QString& path, int atLeast)
 {
     MediaFile file(path);
     const QList<MediaFrame> frames = file.frames();
     if (frames.size() < atLeast)
-        return QStringLiteral("%1 of %2 pictures").arg(frames.size()).arg(atLeast);
+        return QStringLiteral("%1 of %2 images").arg(frames.size()).arg(atLeast);
     for (int i = 0; i < atLeast; ++i) {
         const QRgb square = frames[i].image.pixel(i * 2 + 15, 120);
-        if (frames[i].ptsMs != i * 41.0 || testpictures::channelError(square, qRgb(200, 190, 120)) > 10)
-            return QStringLiteral("picture %1 at %2").arg(i).arg(frames[i].ptsMs);
+        if (frames[i].ptsMs != i * 41.0 || testimages::channelError(square, qRgb(200, 190, 120)) > 10)
+            return QStringLiteral("image %1 at %2").arg(i).arg(frames[i].ptsMs);
     }
     return QString();
 }
@@ -75,7 +75,7 @@ private Q_SLOTS:
     void cutInTheHeaderIsRefused();
     void fragmentThatEndsIsPlayed();
     void copyOfAnOpenFilePlays();
-    void headerIsOnTheDiskWithTheFirstPicture();
+    void headerIsOnTheDiskWithTheFirstFrame();
     void headerOnlyFileOpens();
     void fallbackCutAnywherePlaysToTheLastWholeCluster();
     void fallbackCopyOfAnOpenFilePlays();
@@ -84,7 +84,7 @@ private Q_SLOTS:
 void BrokenFileTest::cutAnywherePlaysToTheLastWholeFragment()
 {
     IdleRecorder recorder;
-    QVERIFY(recorder.record(IdleRecorder::steadyTimes(3 * picturesPerFragment)));
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(3 * framesPerFragment)));
     const QByteArray bytes = contentOf(recorder->outputPath());
     const QList<Mp4Box> boxes = mp4boxes::parse(bytes);
     const qsizetype headerEnd = mp4boxes::find(boxes, "moov")->end();
@@ -106,20 +106,20 @@ void BrokenFileTest::cutAnywherePlaysToTheLastWholeFragment()
             continue;
         QVERIFY(write(cutPath, bytes.left(cut)));
         MediaFile file(cutPath);
-        const int expected = wholeFragmentPictures(boxes, cut);
+        const int expected = wholeFragmentFrames(boxes, cut);
         QVERIFY2(expected == 0 || (file.isValid() && file.videoStream()), qPrintable(QString::number(cut)));
-        const int sound = soundPackets(file.packets());
-        QVERIFY2(sound >= expected, qPrintable(QStringLiteral("%1: %2 of %3").arg(cut).arg(sound).arg(expected)));
-        const QString judgement = judgePictures(cutPath, expected);
+        const int audio = audioPackets(file.packets());
+        QVERIFY2(audio >= expected, qPrintable(QStringLiteral("%1: %2 of %3").arg(cut).arg(audio).arg(expected)));
+        const QString judgement = checkFrames(cutPath, expected);
         QVERIFY2(judgement.isEmpty(), qPrintable(QStringLiteral("%1: %2").arg(cut).arg(judgement)));
         fewest = std::min(fewest, expected);
         most = std::max(most, expected);
     }
     QCOMPARE(fewest, 0);
-    QCOMPARE(most, 3 * picturesPerFragment);
+    QCOMPARE(most, 3 * framesPerFragment);
 }
 
-/// No crash, no made-up pictures.
+/// No crash, no made-up images.
 void BrokenFileTest::cutInTheHeaderIsRefused()
 {
     IdleRecorder recorder;
@@ -136,16 +136,16 @@ void BrokenFileTest::cutInTheHeaderIsRefused()
 void BrokenFileTest::fragmentThatEndsIsPlayed()
 {
     IdleRecorder recorder;
-    QVERIFY(recorder.record(IdleRecorder::steadyTimes(2 * picturesPerFragment)));
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(2 * framesPerFragment)));
     const QByteArray bytes = contentOf(recorder->outputPath());
-    const Mp4Box* const firstPictures = mp4boxes::find(mp4boxes::parse(bytes), "mdat");
-    QVERIFY(firstPictures);
+    const Mp4Box* const firstImages = mp4boxes::find(mp4boxes::parse(bytes), "mdat");
+    QVERIFY(firstImages);
     const QString cutPath = recorder.filePath(QStringLiteral("cut.mp4"));
     QVERIFY(write(cutPath, bytes.left(mp4boxes::find(mp4boxes::parse(bytes), "mdat")->end())));
     MediaFile file(cutPath);
-    QCOMPARE(file.packets().size(), picturesPerFragment);
-    QCOMPARE(judgePictures(cutPath, picturesPerFragment), QString());
-    QCOMPARE(file.durationMs(), picturesPerFragment * 41.0);
+    QCOMPARE(file.packets().size(), framesPerFragment);
+    QCOMPARE(checkFrames(cutPath, framesPerFragment), QString());
+    QCOMPARE(file.durationMs(), framesPerFragment * 41.0);
 }
 
 /// What a killed process leaves behind: no end was written, nothing was closed.
@@ -160,13 +160,13 @@ void BrokenFileTest::copyOfAnOpenFilePlays()
             continue;
         QVERIFY(write(copy, contentOf(recorder->outputPath())));
         // A key frame completes the fragment before it.
-        const int expected = i / picturesPerFragment * picturesPerFragment;
-        QCOMPARE(judgePictures(copy, expected), QString());
+        const int expected = i / framesPerFragment * framesPerFragment;
+        QCOMPARE(checkFrames(copy, expected), QString());
         QVERIFY(mp4boxes::types(mp4boxes::parseFile(copy)).first(2) == (QList<QByteArray>{"ftyp", "moov"}));
     }
 }
 
-void BrokenFileTest::headerIsOnTheDiskWithTheFirstPicture()
+void BrokenFileTest::headerIsOnTheDiskWithTheFirstFrame()
 {
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
@@ -184,9 +184,9 @@ void BrokenFileTest::headerOnlyFileOpens()
     QVERIFY(recorder.wasQuiet());
     const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
     QCOMPARE(mp4boxes::types(boxes), (QList<QByteArray>{"ftyp", "moov", "mfra"}));
-    const Mp4Box* const picture = mp4boxes::find(boxes, "moov/trak/mdia/minf/stbl/stsd/mp4v");
-    QVERIFY(picture);
-    QCOMPARE(mp4boxes::number32(*picture, 24), 320u << 16 | 240u);
+    const Mp4Box* const image = mp4boxes::find(boxes, "moov/trak/mdia/minf/stbl/stsd/mp4v");
+    QVERIFY(image);
+    QCOMPARE(mp4boxes::number32(*image, 24), 320u << 16 | 240u);
 
     MediaFile file(recorder->outputPath());
     QVERIFY2(file.isValid(), qPrintable(file.errorString()));
@@ -200,13 +200,13 @@ void BrokenFileTest::headerOnlyFileOpens()
 /// complete fragments.
 void BrokenFileTest::fallbackCutAnywherePlaysToTheLastWholeCluster()
 {
-    constexpr int pictures = 2 * picturesPerFragment + 5;
+    constexpr int images = 2 * framesPerFragment + 5;
     IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
     QVERIFY(recorder->openOutput());
     QList<qsizetype> wholeAt; // the size of the file when that many clusters were on the disk
-    for (int i = 0; i < pictures; ++i) {
+    for (int i = 0; i < images; ++i) {
         QVERIFY(recorder.encode({i * 41}, i));
-        if (i % picturesPerFragment == 0)
+        if (i % framesPerFragment == 0)
             wholeAt.append(contentOf(recorder->outputPath()).size());
     }
     QVERIFY(recorder.finish());
@@ -220,12 +220,12 @@ void BrokenFileTest::fallbackCutAnywherePlaysToTheLastWholeCluster()
         QVERIFY(write(cutPath, bytes.left(cut)));
         const auto clusters
             = std::count_if(wholeAt.cbegin() + 1, wholeAt.cend(), [cut](qsizetype size) { return size <= cut; });
-        const qsizetype expected = std::min<qsizetype>(clusters * picturesPerFragment, pictures);
+        const qsizetype expected = std::min<qsizetype>(clusters * framesPerFragment, images);
         const QList<MediaFrame> frames = MediaFile(cutPath).frames();
         QVERIFY2(frames.size() >= expected, qPrintable(QStringLiteral("%1: %2").arg(cut).arg(frames.size())));
         for (qsizetype i = 0; i < expected; ++i) {
             QCOMPARE(frames[i].image,
-                testpictures::walking(recorder.canvas(), int(i)).convertToFormat(QImage::Format_RGB32));
+                testimages::walking(recorder.canvas(), int(i)).convertToFormat(QImage::Format_RGB32));
         }
     }
 }
@@ -241,7 +241,7 @@ void BrokenFileTest::fallbackCopyOfAnOpenFilePlays()
             continue;
         QVERIFY(write(copy, contentOf(recorder->outputPath())));
         const QList<MediaFrame> frames = MediaFile(copy).frames();
-        QVERIFY(frames.size() >= i / picturesPerFragment * picturesPerFragment);
+        QVERIFY(frames.size() >= i / framesPerFragment * framesPerFragment);
     }
 }
 

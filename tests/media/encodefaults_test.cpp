@@ -26,8 +26,8 @@ private Q_SLOTS:
     void init() { reset(); }
     void cleanup() { reset(); }
 
-    void pictureFails_data();
-    void pictureFails();
+    void frameFails_data();
+    void frameFails();
     void writesThatFailFromNowOn();
     void failedWriteIsFlushedToo();
     void oneFlushAPacket();
@@ -46,11 +46,11 @@ private Q_SLOTS:
     void trailerFailsInTheDestructor();
 };
 
-void EncodeFaultsTest::pictureFails_data()
+void EncodeFaultsTest::frameFails_data()
 {
     QTest::addColumn<Fault>("fault");
     QTest::addColumn<QStringList>("criticals");
-    QTest::addColumn<int>("packets"); // in the file, of four pictures of which the third fails
+    QTest::addColumn<int>("packets"); // in the file, of four frames of which the third fails
     QTest::newRow("frame not writable") << Fault{Call::MakeWritable,
         AVERROR(ENOMEM)} << QStringList{QStringLiteral("FFmpeg frame is not writable: \"Cannot allocate memory\"")}
                                         << 3;
@@ -71,8 +71,8 @@ void EncodeFaultsTest::pictureFails_data()
                                         << 3;
 }
 
-/// It costs one picture at most. What the encoder had made already comes with the next one.
-void EncodeFaultsTest::pictureFails()
+/// It costs one frame at most. What the encoder had made already comes with the next one.
+void EncodeFaultsTest::frameFails()
 {
     QFETCH(const Fault, fault);
     QFETCH(const QStringList, criticals);
@@ -97,7 +97,7 @@ void EncodeFaultsTest::pictureFails()
     QCOMPARE(written.constLast().ptsMs, 123.0);
 }
 
-/// Every later picture is tried, and says so; what was written before stays.
+/// Every later frame is tried, and says so; what was written before stays.
 void EncodeFaultsTest::writesThatFailFromNowOn()
 {
     const auto line = QStringLiteral("Unable to write FFmpeg packet: \"No space left on device\"");
@@ -172,7 +172,7 @@ void EncodeFaultsTest::drainingFails()
     const qsizetype descriptors = openDescriptors();
     QVERIFY(recorder->openOutput());
     QVERIFY(recorder.encode({0}));
-    failOnce(Call::ReceivePacket, AVERROR(EAGAIN)); // leaves the second picture's packet for the end
+    failOnce(Call::ReceivePacket, AVERROR(EAGAIN)); // leaves the second frame's packet for the end
     QVERIFY(recorder.encode({41}, 1));
     heal(Call::ReceivePacket);
     failOnce(fault.call, fault.status);

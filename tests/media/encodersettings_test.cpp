@@ -33,7 +33,7 @@ private Q_SLOTS:
     void oneEncoderIsAskedFor();
     void muxerGetsItsOptions();
     void streamAsksForMilliseconds();
-    void pictureAndConverterMatchTheEncoder();
+    void frameAndConverterMatchTheEncoder();
     void muxerWithoutGlobalHeaderGetsNone();
     void muxerWithoutFileOpensNone();
 };
@@ -121,7 +121,7 @@ void EncoderSettingsTest::threadsFollowTheProcessors()
     QCOMPARE(asked, threads);
     const QList<MediaFrame> frames = MediaFile(recorder->outputPath()).frames();
     QCOMPARE(frames.size(), 26);
-    QVERIFY(testpictures::channelError(frames[25].image.pixel(25 * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    QVERIFY(testimages::channelError(frames[25].image.pixel(25 * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
 }
 
 void EncoderSettingsTest::oneEncoderIsAskedFor()
@@ -167,21 +167,21 @@ void EncoderSettingsTest::streamAsksForMilliseconds()
     QCOMPARE(headers, 1);
 }
 
-void EncoderSettingsTest::pictureAndConverterMatchTheEncoder()
+void EncoderSettingsTest::frameAndConverterMatchTheEncoder()
 {
     IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(322, 242));
     QVERIFY(recorder->openOutput());
-    const AVFrame* const picture = recorder->videoFrame();
-    QCOMPARE(picture->format, int(AV_PIX_FMT_YUV420P));
-    QCOMPARE(QSize(picture->width, picture->height), QSize(322, 242));
+    const AVFrame* const frame = recorder->videoFrame();
+    QCOMPARE(frame->format, int(AV_PIX_FMT_YUV420P));
+    QCOMPARE(QSize(frame->width, frame->height), QSize(322, 242));
     for (int plane = 0; plane < 3; ++plane) {
-        QVERIFY(picture->data[plane]);
-        QCOMPARE(picture->linesize[plane] % 32, 0);
+        QVERIFY(frame->data[plane]);
+        QCOMPARE(frame->linesize[plane] % 32, 0);
     }
     QVERIFY(recorder->swsContext());
     QCOMPARE(calls(Call::GetConverter), 1);
     QVERIFY(recorder.encode({0, 41, 82}));
-    QCOMPARE(recorder->videoFrame(), picture); // one for all
+    QCOMPARE(recorder->videoFrame(), frame); // one for all
     QCOMPARE(calls(Call::AllocFrame), 1);
     QCOMPARE(calls(Call::GetConverter), 1);
 }

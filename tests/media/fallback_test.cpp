@@ -134,17 +134,17 @@ void FallbackTest::pixelsAreExact()
 {
     IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(98, 66)); // no multiple of any alignment
     QVERIFY(recorder->openOutput());
-    constexpr int pictures = 30;
-    for (int i = 0; i < pictures; ++i)
-        QVERIFY(recorder->encodeImage(testpictures::noise(recorder.canvas(), quint32(i)), i * 41));
+    constexpr int images = 30;
+    for (int i = 0; i < images; ++i)
+        QVERIFY(recorder->encodeImage(testimages::noise(recorder.canvas(), quint32(i)), i * 41));
     QVERIFY(recorder.finish());
     MediaFile file(recorder->outputPath());
     const QList<MediaFrame> frames = file.frames();
     QVERIFY2(file.isValid(), qPrintable(file.errorString()));
-    QCOMPARE(frames.size(), pictures);
-    for (int i = 0; i < pictures; ++i) {
+    QCOMPARE(frames.size(), images);
+    for (int i = 0; i < images; ++i) {
         QVERIFY(frames[i].coloursTagged);
-        const QImage expected = testpictures::noise(recorder.canvas(), quint32(i));
+        const QImage expected = testimages::noise(recorder.canvas(), quint32(i));
         QCOMPARE(frames[i].image, expected.convertToFormat(QImage::Format_RGB32));
     }
 }
@@ -153,10 +153,10 @@ void FallbackTest::pixelsAreExact()
 void FallbackTest::transparencyIsKept()
 {
     IdleRecorder recorder;
-    QImage picture(recorder.canvas(), QImage::Format_ARGB32);
-    picture.fill(qRgba(200, 100, 50, 128));
+    QImage image(recorder.canvas(), QImage::Format_ARGB32);
+    image.fill(qRgba(200, 100, 50, 128));
     QVERIFY(recorder->openOutput());
-    QVERIFY(recorder->encodeImage(picture, 0));
+    QVERIFY(recorder->encodeImage(image, 0));
     QVERIFY(recorder.finish());
     const QList<MediaFrame> frames = MediaFile(recorder->outputPath()).frames();
     QCOMPARE(frames.size(), 1);
@@ -276,7 +276,7 @@ void FallbackTest::canvasTooLargeForMpeg4FallsBack()
             QStringLiteral("Unable to open video encoder \"mpeg4\" : \"Invalid argument\""), fallbackWarning}));
     const QList<MediaFrame> frames = MediaFile(recorder.filePath(QStringLiteral("clip.mkv"))).frames();
     QCOMPARE(frames.size(), 2);
-    QCOMPARE(frames[1].image, testpictures::walking(QSize(8192, 16), 1).convertToFormat(QImage::Format_RGB32));
+    QCOMPARE(frames[1].image, testimages::walking(QSize(8192, 16), 1).convertToFormat(QImage::Format_RGB32));
 }
 
 QTEST_GUILESS_MAIN(FallbackTest)

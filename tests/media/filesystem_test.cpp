@@ -41,7 +41,7 @@ private:
     rlimit old_{};
 };
 
-/// Encodes that many walking pictures, the results in their order.
+/// Encodes that many walking images, the results in their order.
 QList<bool> encodeEach(IdleRecorder& recorder, int count)
 {
     QList<bool> results;
@@ -162,7 +162,7 @@ void FileSystemTest::fullDiskBeforeTheHeader()
     QVERIFY(recorder.isClosed());
 }
 
-/// The rest of the header is still on its way when the first picture comes, so that one is told.
+/// The rest of the header is still on its way when the first image comes, so that one is told.
 void FileSystemTest::fullDiskBehindTheFirstBytes()
 {
     IdleRecorder recorder;
@@ -186,11 +186,11 @@ void FileSystemTest::fullDiskWhileRecording_data()
     QTest::newRow("at a block's end") << 8192;
 }
 
-/// Every picture that cannot be written says so, the rest is tried all the same, and what was written stays.
+/// Every image that cannot be written says so, the rest is tried all the same, and what was written stays.
 void FileSystemTest::fullDiskWhileRecording()
 {
     QFETCH(const int, limit);
-    constexpr int pictures = 24 * 6;
+    constexpr int images = 24 * 6;
     IdleRecorder recorder;
     const QString path = recorder->outputPath();
     const qsizetype descriptors = openDescriptors();
@@ -198,14 +198,14 @@ void FileSystemTest::fullDiskWhileRecording()
     {
         const FileSizeLimit fileSizeLimit{rlim_t(limit)};
         QVERIFY(recorder->openOutput());
-        results = encodeEach(recorder, pictures);
+        results = encodeEach(recorder, images);
         QVERIFY(recorder.finish());
     }
     const qsizetype firstFailure = results.indexOf(false);
     QVERIFY2(firstFailure > 24, qPrintable(QString::number(firstFailure)));
-    QVERIFY2(!results.mid(firstFailure).contains(true), "the disk is full and a picture was written");
+    QVERIFY2(!results.mid(firstFailure).contains(true), "the disk is full and a image was written");
     QCOMPARE(recorder.criticals(),
-        QStringList(pictures - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+        QStringList(images - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
     QVERIFY(recorder.isClosed());
@@ -220,11 +220,11 @@ void FileSystemTest::fullDiskWhileRecording()
     QVERIFY2(frames.size() >= wholeFragments * 24, qPrintable(QString::number(frames.size())));
     for (int i = 0; i < wholeFragments * 24; ++i) {
         QCOMPARE(frames[i].ptsMs, i * 41.0);
-        QVERIFY(testpictures::channelError(frames[i].image.pixel(i * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+        QVERIFY(testimages::channelError(frames[i].image.pixel(i * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
     }
 }
 
-/// Every picture was taken, and the last ones do not reach the disk: that is not silent.
+/// Every image was taken, and the last ones do not reach the disk: that is not silent.
 void FileSystemTest::fullDiskAtTheEnd()
 {
     IdleRecorder recorder;
@@ -245,26 +245,26 @@ void FileSystemTest::fullDiskAtTheEnd()
 
 void FileSystemTest::fullDiskInTheFallback()
 {
-    constexpr int pictures = 24 * 5;
+    constexpr int images = 24 * 5;
     IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
     QList<bool> results;
     {
         const FileSizeLimit limit(400000);
         QVERIFY(recorder->openOutput());
-        results = encodeEach(recorder, pictures);
+        results = encodeEach(recorder, images);
         QVERIFY(recorder.finish());
     }
     const qsizetype firstFailure = results.indexOf(false);
     QVERIFY2(firstFailure > 24, qPrintable(QString::number(firstFailure)));
     QVERIFY(!results.mid(firstFailure).contains(true));
     QCOMPARE(recorder.criticals(),
-        QStringList(pictures - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+        QStringList(images - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
     QVERIFY(
         recorder.warnings().contains(QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")));
     QVERIFY(recorder.isClosed());
     const QList<MediaFrame> frames = MediaFile(recorder.filePath(QStringLiteral("clip.mkv"))).frames();
     QVERIFY2(frames.size() >= 24, qPrintable(QString::number(frames.size())));
-    QCOMPARE(frames[23].image, testpictures::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
+    QCOMPARE(frames[23].image, testimages::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
 }
 
 QTEST_GUILESS_MAIN(FileSystemTest)

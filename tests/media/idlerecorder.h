@@ -9,7 +9,7 @@
 #include "pacing.h"
 #include "privatetempdir.h"
 #include "recorderprobe.h"
-#include "testpictures.h"
+#include "testimages.h"
 
 #include <QDir>
 #include <QList>
@@ -54,12 +54,12 @@ public:
 
     QSize canvas() { return QSize(probe_.canvasWidth(), probe_.canvasHeight()); }
 
-    /// The warnings in their order, without those of a platform that has no sound (they are no part of the picture).
+    /// The warnings in their order, without those of a platform that has no audio (they are no part of the frame).
     QStringList warnings() const
     {
         QStringList list = log_.messages(QtWarningMsg);
         list.removeAll(QStringLiteral("macOS ScreenCaptureKit shareable content lookup failed: \"%1\"")
-                           .arg(fakeplatform::noSoundError));
+                           .arg(fakeplatform::noAudioError));
         list.removeAll(QStringLiteral("Continuing video recording without audio."));
         return list;
     }
@@ -68,14 +68,14 @@ public:
     /// Neither a warning nor an error so far.
     bool wasQuiet() const { return warnings().isEmpty() && criticals().isEmpty(); }
 
-    /// Every FFmpeg object and the sound are gone and no header waits for its trailer.
+    /// Every FFmpeg object and the audio are gone and no header waits for its trailer.
     bool isClosed()
     {
         return !probe_.formatContext() && !probe_.videoCodecContext() && !probe_.videoStream() && !probe_.videoFrame()
             && !probe_.swsContext() && !probe_.headerWritten() && isSilent();
     }
 
-    /// Nothing is left of the sound.
+    /// Nothing is left of the audio.
     bool isSilent()
     {
         return !probe_.audioCapture() && !probe_.audioCodecContext() && !probe_.audioStream() && !probe_.audioFifo()
@@ -83,12 +83,12 @@ public:
             && probe_.audioSamplesWritten() == 0;
     }
 
-    /// One walking picture for each time (recording milliseconds), the first one being number `first`. False when one
+    /// One walking frame for each time (recording milliseconds), the first one being number `first`. False when one
     /// was refused.
     bool encode(const QList<qint64>& timesMs, int first = 0)
     {
         for (qsizetype i = 0; i < timesMs.size(); ++i) {
-            if (!probe_.encodeImage(testpictures::walking(canvas(), first + int(i)), timesMs[i]))
+            if (!probe_.encodeImage(testimages::walking(canvas(), first + int(i)), timesMs[i]))
                 return false;
         }
         return true;
@@ -105,7 +105,7 @@ public:
     /// A whole recording.
     bool record(const QList<qint64>& timesMs) { return probe_.openOutput() && encode(timesMs) && finish(); }
 
-    /// Times of `count` pictures that come as regularly as the recording loop takes them.
+    /// Times of `count` frames that come as regularly as the recording loop takes them.
     static QList<qint64> steadyTimes(int count, int first = 0)
     {
         QList<qint64> times;

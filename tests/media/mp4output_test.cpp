@@ -1,4 +1,4 @@
-// The MP4 file: what it says about the pictures, when each one is shown, and where it lies.
+// The MP4 file: what it says about the frames, when each one is shown, and where it lies.
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
@@ -12,17 +12,17 @@ class Mp4OutputTest : public QObject {
 
 private Q_SLOTS:
     void streamIsDescribed();
-    void soundlessRecordingHasOneStream();
+    void audiolessRecordingHasOneStream();
     void openedLineNamesEverything();
 
     void muxerTimeBaseDiffersAndTimesAreRight();
     void packetsKeepTheGivenTimes_data();
     void packetsKeepTheGivenTimes();
-    void timesCountFromTheFirstPicture_data();
-    void timesCountFromTheFirstPicture();
-    void dayWithoutPicturesCostsOneAtMost();
-    void durationsReachTheNextPicture();
-    void everyPictureIsDecoded();
+    void timesCountFromTheFirstFrame_data();
+    void timesCountFromTheFirstFrame();
+    void dayWithoutFramesCostsOneAtMost();
+    void durationsReachTheNextFrame();
+    void everyFrameIsDecoded();
     void blackFrameIsAtZero();
 
     void directoriesAreMade();
@@ -51,7 +51,7 @@ void Mp4OutputTest::streamIsDescribed()
     QCOMPARE(video->range, AVCOL_RANGE_MPEG);
 }
 
-void Mp4OutputTest::soundlessRecordingHasOneStream()
+void Mp4OutputTest::audiolessRecordingHasOneStream()
 {
     IdleRecorder recorder;
     QVERIFY(recorder.record({0}));
@@ -97,11 +97,11 @@ void Mp4OutputTest::packetsKeepTheGivenTimes_data()
     QTest::newRow("steady") << IdleRecorder::steadyTimes(50);
     QTest::newRow("late and early") << QList<qint64>{0, 44, 81, 130, 164, 202, 287, 288, 330, 1371};
     QTest::newRow("every millisecond") << QList<qint64>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-    QTest::newRow("an hour without pictures") << QList<qint64>{0, 41, hour, hour + 41};
+    QTest::newRow("an hour without frames") << QList<qint64>{0, 41, hour, hour + 41};
     QList<qint64> fortnight;
     for (qint64 t = 0; t <= 14 * 24 * hour; t += hour)
         fortnight.append(t);
-    QTest::newRow("a fortnight, a picture an hour") << fortnight;
+    QTest::newRow("a fortnight, a frame an hour") << fortnight;
 }
 
 void Mp4OutputTest::packetsKeepTheGivenTimes()
@@ -120,7 +120,7 @@ void Mp4OutputTest::packetsKeepTheGivenTimes()
     }
 }
 
-void Mp4OutputTest::timesCountFromTheFirstPicture_data()
+void Mp4OutputTest::timesCountFromTheFirstFrame_data()
 {
     QTest::addColumn<qint64>("firstMs");
     QTest::newRow("3 ms") << qint64(3);
@@ -128,8 +128,8 @@ void Mp4OutputTest::timesCountFromTheFirstPicture_data()
     QTest::newRow("a fortnight") << qint64(14) * 24 * 3600 * 1000;
 }
 
-/// A fragmented file begins with its first picture, whatever that one's time; the distances stay.
-void Mp4OutputTest::timesCountFromTheFirstPicture()
+/// A fragmented file begins with its first frame, whatever that one's time; the distances stay.
+void Mp4OutputTest::timesCountFromTheFirstFrame()
 {
     QFETCH(const qint64, firstMs);
     IdleRecorder recorder;
@@ -143,9 +143,9 @@ void Mp4OutputTest::timesCountFromTheFirstPicture()
     QCOMPARE(packets[2].ptsMs, 90.0);
 }
 
-/// MPEG-4 has no way to say that a picture is shown for more than an hour. FFmpeg may refuse the picture that
+/// MPEG-4 has no way to say that a frame is shown for more than an hour. FFmpeg may refuse the frame that
 /// follows; the recording goes on behind it.
-void Mp4OutputTest::dayWithoutPicturesCostsOneAtMost()
+void Mp4OutputTest::dayWithoutFramesCostsOneAtMost()
 {
     constexpr qint64 dayMs = 24 * 3600 * 1000;
     IdleRecorder recorder;
@@ -161,10 +161,10 @@ void Mp4OutputTest::dayWithoutPicturesCostsOneAtMost()
     QVERIFY2(file.isValid(), qPrintable(file.errorString()));
     QCOMPARE(frames.size(), accepted ? 13 : 12);
     QCOMPARE(frames.constLast().ptsMs, double(dayMs + 82));
-    QVERIFY(testpictures::channelError(frames.constLast().image.pixel(12 * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    QVERIFY(testimages::channelError(frames.constLast().image.pixel(12 * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
 }
 
-void Mp4OutputTest::durationsReachTheNextPicture()
+void Mp4OutputTest::durationsReachTheNextFrame()
 {
     const QList<qint64> times{0, 41, 82, 400, 441, 460, 3000, 3041};
     IdleRecorder recorder;
@@ -177,7 +177,7 @@ void Mp4OutputTest::durationsReachTheNextPicture()
     QCOMPARE(packets.constLast().durationMs, 41.0);
 }
 
-void Mp4OutputTest::everyPictureIsDecoded()
+void Mp4OutputTest::everyFrameIsDecoded()
 {
     const QList<qint64> times = IdleRecorder::steadyTimes(55);
     IdleRecorder recorder;
@@ -188,10 +188,10 @@ void Mp4OutputTest::everyPictureIsDecoded()
     QCOMPARE(frames.size(), times.size());
     for (qsizetype i = 0; i < frames.size(); ++i) {
         QCOMPARE(frames[i].ptsMs, double(times[i]));
-        // The square's middle, where the picture's number puts it, and a place that it has left or not reached.
+        // The square's middle, where the frame's number puts it, and a place that it has left or not reached.
         const QImage& image = frames[i].image;
-        QVERIFY(testpictures::channelError(image.pixel(int(i) * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
-        QVERIFY(testpictures::channelError(image.pixel(int(i) * 2 + 60, 120), qRgb(40, 44, 60)) <= 10);
+        QVERIFY(testimages::channelError(image.pixel(int(i) * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+        QVERIFY(testimages::channelError(image.pixel(int(i) * 2 + 60, 120), qRgb(40, 44, 60)) <= 10);
     }
 }
 
@@ -199,7 +199,7 @@ void Mp4OutputTest::blackFrameIsAtZero()
 {
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
-    QVERIFY(recorder->encodeImage(testpictures::solid(recorder.canvas(), Qt::black), 0));
+    QVERIFY(recorder->encodeImage(testimages::solid(recorder.canvas(), Qt::black), 0));
     QVERIFY(recorder.finish());
     MediaFile file(recorder->outputPath());
     const QList<MediaPacket> packets = file.packets();
@@ -209,7 +209,7 @@ void Mp4OutputTest::blackFrameIsAtZero()
     QCOMPARE(packets[0].durationMs, 41.0);
     const QList<MediaFrame> frames = file.frames();
     QCOMPARE(frames.size(), 1);
-    QVERIFY(testpictures::channelError(frames[0].image.pixel(160, 120), qRgb(0, 0, 0)) <= 2);
+    QVERIFY(testimages::channelError(frames[0].image.pixel(160, 120), qRgb(0, 0, 0)) <= 2);
 }
 
 void Mp4OutputTest::directoriesAreMade()

@@ -22,7 +22,7 @@ QList<Mp4Box> fragmentsOf(const QList<Mp4Box>& boxes)
     return fragments;
 }
 
-/// The time at which a fragment's first picture is shown, in milliseconds.
+/// The time at which a fragment's first frame is shown, in milliseconds.
 qint64 startMs(const Mp4Box& fragment)
 {
     const Mp4Box* const time = mp4boxes::find(fragment.children, "traf/tfdt");
@@ -62,7 +62,7 @@ private Q_SLOTS:
     void indexPointsAtEveryFragment();
     void keyFrameEverySecond();
     void fragmentASecond();
-    void fragmentASecondWithFewPictures();
+    void fragmentASecondWithFewFrames();
     void fragmentAtEveryNewScene();
 };
 
@@ -107,7 +107,7 @@ void Mp4StructureTest::boxesAreHeaderFragmentsAndIndex()
     for (const Mp4Box& box : boxes)
         QVERIFY2(box.whole, box.type.constData());
     QVERIFY(mp4boxes::find(boxes, "moov/mvex/trex"));
-    // The header holds no pictures: their count in the sample table is 0.
+    // The header holds no frames: their count in the sample table is 0.
     const Mp4Box* const sampleSizes = mp4boxes::find(boxes, "moov/trak/mdia/minf/stbl/stsz");
     QVERIFY(sampleSizes);
     QCOMPARE(mp4boxes::number32(*sampleSizes, 8), 0u);
@@ -155,8 +155,8 @@ void Mp4StructureTest::fragmentASecond()
     QCOMPARE(startsMs(recorder->outputPath()), expected);
 }
 
-/// A window that gives a picture now and then: the key frames are twelve seconds apart, the fragments are not.
-void Mp4StructureTest::fragmentASecondWithFewPictures()
+/// A window that gives a frame now and then: the key frames are twelve seconds apart, the fragments are not.
+void Mp4StructureTest::fragmentASecondWithFewFrames()
 {
     QList<qint64> times;
     for (qint64 i = 0; i < 40; ++i)
@@ -176,9 +176,9 @@ void Mp4StructureTest::fragmentAtEveryNewScene()
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
     for (int i = 0; i < 40; ++i) {
-        const QImage picture
-            = i < 10 ? testpictures::walking(recorder.canvas(), i) : testpictures::noise(recorder.canvas(), 7);
-        QVERIFY(recorder->encodeImage(picture, i * 41));
+        const QImage frame
+            = i < 10 ? testimages::walking(recorder.canvas(), i) : testimages::noise(recorder.canvas(), 7);
+        QVERIFY(recorder->encodeImage(frame, i * 41));
     }
     QVERIFY(recorder.finish());
     MediaFile file(recorder->outputPath());

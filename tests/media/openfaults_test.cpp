@@ -115,16 +115,15 @@ void OpenFaultsTest::openingFailsAfterTheHeader_data()
 {
     QTest::addColumn<Fault>("fault");
     QTest::addColumn<QString>("critical");
-    QTest::newRow("no picture") << Fault{Call::AllocFrame}
-                                << QStringLiteral("Unable to allocate FFmpeg video frame.");
-    QTest::newRow("no picture buffer") << Fault{Call::GetFrameBuffer,
+    QTest::newRow("no frame") << Fault{Call::AllocFrame} << QStringLiteral("Unable to allocate FFmpeg video frame.");
+    QTest::newRow("no frame buffer") << Fault{Call::GetFrameBuffer,
         AVERROR(
             ENOMEM)} << QStringLiteral("Unable to allocate FFmpeg video frame buffer: \"Cannot allocate memory\"");
     QTest::newRow("no converter") << Fault{Call::GetConverter}
                                   << QStringLiteral("Unable to create FFmpeg pixel conversion context.");
 }
 
-/// The header is there, so the file gets its end: a file without pictures, but a whole one.
+/// The header is there, so the file gets its end: a file without frames, but a whole one.
 void OpenFaultsTest::openingFailsAfterTheHeader()
 {
     QFETCH(const Fault, fault);

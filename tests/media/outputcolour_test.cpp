@@ -17,7 +17,7 @@ constexpr int patchSize = 32;
 QImage chart(const QList<QRgb>& colours, int columns)
 {
     const int rows = (int(colours.size()) + columns - 1) / columns;
-    QImage image = testpictures::solid(QSize(columns, rows) * patchSize, Qt::black);
+    QImage image = testimages::solid(QSize(columns, rows) * patchSize, Qt::black);
     QPainter painter(&image);
     for (int i = 0; i < colours.size(); ++i)
         painter.fillRect(i % columns * patchSize, i / columns * patchSize, patchSize, patchSize, QColor(colours[i]));
@@ -42,10 +42,10 @@ QList<QRgb> cube(int step)
     return colours;
 }
 
-/// The one decoded picture of a recording of this picture alone.
-MediaFrame recorded(IdleRecorder& recorder, const QImage& picture)
+/// The one decoded image of a recording of this image alone.
+MediaFrame recorded(IdleRecorder& recorder, const QImage& image)
 {
-    if (!recorder->openOutput() || !recorder->encodeImage(picture, 0) || !recorder.finish())
+    if (!recorder->openOutput() || !recorder->encodeImage(image, 0) || !recorder.finish())
         return MediaFrame();
     const QList<MediaFrame> frames = MediaFile(recorder->outputPath()).frames();
     return frames.size() == 1 ? frames.constFirst() : MediaFrame();
@@ -60,28 +60,28 @@ private Q_SLOTS:
     void quadrantsKeepTheirColours();
     void patchesKeepTheirColours_data();
     void patchesKeepTheirColours();
-    void coloursHoldOverManyPictures();
-    void everyInputFormatIsTheSamePicture_data();
-    void everyInputFormatIsTheSamePicture();
+    void coloursHoldOverManyImages();
+    void everyInputFormatIsTheSameImage_data();
+    void everyInputFormatIsTheSameImage();
     void edgesStayInPlace();
 };
 
 void OutputColourTest::quadrantsKeepTheirColours()
 {
     IdleRecorder recorder;
-    QImage picture = testpictures::solid(recorder.canvas(), QColor(255, 255, 255));
-    QPainter painter(&picture);
+    QImage image = testimages::solid(recorder.canvas(), QColor(255, 255, 255));
+    QPainter painter(&image);
     painter.fillRect(0, 0, 160, 120, QColor(255, 0, 0));
     painter.fillRect(160, 0, 160, 120, QColor(0, 255, 0));
     painter.fillRect(0, 120, 160, 120, QColor(0, 0, 255));
     painter.end();
-    const MediaFrame frame = recorded(recorder, picture);
+    const MediaFrame frame = recorded(recorder, image);
     QCOMPARE(frame.image.size(), recorder.canvas());
     QVERIFY(frame.coloursTagged);
-    QVERIFY(testpictures::channelError(frame.image.pixel(80, 60), qRgb(255, 0, 0)) <= tolerance);
-    QVERIFY(testpictures::channelError(frame.image.pixel(240, 60), qRgb(0, 255, 0)) <= tolerance);
-    QVERIFY(testpictures::channelError(frame.image.pixel(80, 180), qRgb(0, 0, 255)) <= tolerance);
-    QVERIFY(testpictures::channelError(frame.image.pixel(240, 180), qRgb(255, 255, 255)) <= tolerance);
+    QVERIFY(testimages::channelError(frame.image.pixel(80, 60), qRgb(255, 0, 0)) <= tolerance);
+    QVERIFY(testimages::channelError(frame.image.pixel(240, 60), qRgb(0, 255, 0)) <= tolerance);
+    QVERIFY(testimages::channelError(frame.image.pixel(80, 180), qRgb(0, 0, 255)) <= tolerance);
+    QVERIFY(testimages::channelError(frame.image.pixel(240, 180), qRgb(255, 255, 255)) <= tolerance);
 }
 
 void OutputColourTest::patchesKeepTheirColours_data()
@@ -102,39 +102,39 @@ void OutputColourTest::patchesKeepTheirColours()
 {
     QFETCH(const QList<QRgb>, colours);
     QFETCH(const int, columns);
-    const QImage picture = chart(colours, columns);
-    IdleRecorder recorder(QStringLiteral("clip.mp4"), picture.size());
-    const MediaFrame frame = recorded(recorder, picture);
-    QCOMPARE(frame.image.size(), picture.size());
+    const QImage image = chart(colours, columns);
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), image.size());
+    const MediaFrame frame = recorded(recorder, image);
+    QCOMPARE(frame.image.size(), image.size());
     QVERIFY(frame.coloursTagged);
     for (int i = 0; i < colours.size(); ++i) {
         const QRgb seen = middleOf(frame.image, i, columns);
-        QVERIFY2(testpictures::channelError(seen, colours[i]) <= tolerance,
+        QVERIFY2(testimages::channelError(seen, colours[i]) <= tolerance,
             qPrintable(QStringLiteral("%1 instead of %2").arg(QColor(seen).name(), QColor(colours[i]).name())));
     }
 }
 
-/// Predicted pictures do not drift away.
-void OutputColourTest::coloursHoldOverManyPictures()
+/// Predicted images do not drift away.
+void OutputColourTest::coloursHoldOverManyImages()
 {
     const QList<QRgb> colours = cube(85);
     constexpr int columns = 8;
-    constexpr int pictures = 60;
-    const QImage picture = chart(colours, columns);
-    IdleRecorder recorder(QStringLiteral("clip.mp4"), picture.size());
+    constexpr int images = 60;
+    const QImage image = chart(colours, columns);
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), image.size());
     QVERIFY(recorder->openOutput());
-    for (int i = 0; i < pictures; ++i)
-        QVERIFY(recorder->encodeImage(picture, i * 41));
+    for (int i = 0; i < images; ++i)
+        QVERIFY(recorder->encodeImage(image, i * 41));
     QVERIFY(recorder.finish());
     const QList<MediaFrame> frames = MediaFile(recorder->outputPath()).frames();
-    QCOMPARE(frames.size(), pictures);
+    QCOMPARE(frames.size(), images);
     for (const MediaFrame& frame : frames) {
         for (int i = 0; i < colours.size(); ++i)
-            QVERIFY(testpictures::channelError(middleOf(frame.image, i, columns), colours[i]) <= tolerance);
+            QVERIFY(testimages::channelError(middleOf(frame.image, i, columns), colours[i]) <= tolerance);
     }
 }
 
-void OutputColourTest::everyInputFormatIsTheSamePicture_data()
+void OutputColourTest::everyInputFormatIsTheSameImage_data()
 {
     QTest::addColumn<int>("format");
     QTest::newRow("ARGB32") << int(QImage::Format_ARGB32);
@@ -145,30 +145,30 @@ void OutputColourTest::everyInputFormatIsTheSamePicture_data()
     QTest::newRow("RGB30") << int(QImage::Format_RGB30);
 }
 
-/// The encoder is handed blue, green, red, alpha, whatever the picture came as.
-void OutputColourTest::everyInputFormatIsTheSamePicture()
+/// The encoder is handed blue, green, red, alpha, whatever the image came as.
+void OutputColourTest::everyInputFormatIsTheSameImage()
 {
     QFETCH(const int, format);
-    const QImage picture = chart(cube(255), 4);
-    IdleRecorder recorder(QStringLiteral("clip.mp4"), picture.size());
-    const MediaFrame frame = recorded(recorder, picture.convertToFormat(QImage::Format(format)));
-    QCOMPARE(frame.image.size(), picture.size());
+    const QImage image = chart(cube(255), 4);
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), image.size());
+    const MediaFrame frame = recorded(recorder, image.convertToFormat(QImage::Format(format)));
+    QCOMPARE(frame.image.size(), image.size());
     for (int i = 0; i < 8; ++i)
-        QVERIFY(testpictures::channelError(middleOf(frame.image, i, 4), middleOf(picture, i, 4)) <= tolerance);
+        QVERIFY(testimages::channelError(middleOf(frame.image, i, 4), middleOf(image, i, 4)) <= tolerance);
 }
 
 /// Rows and columns are not shifted: single lines are where they were painted.
 void OutputColourTest::edgesStayInPlace()
 {
     IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(98, 66)); // no multiple of any alignment
-    QImage picture = testpictures::solid(recorder.canvas(), Qt::black);
-    QPainter painter(&picture);
+    QImage image = testimages::solid(recorder.canvas(), Qt::black);
+    QPainter painter(&image);
     painter.fillRect(0, 0, 98, 4, Qt::white);
     painter.fillRect(0, 62, 98, 4, Qt::white);
     painter.fillRect(0, 0, 4, 66, Qt::white);
     painter.fillRect(94, 0, 4, 66, Qt::white);
     painter.end();
-    const MediaFrame frame = recorded(recorder, picture);
+    const MediaFrame frame = recorded(recorder, image);
     QCOMPARE(frame.image.size(), recorder.canvas());
     for (const QPoint corner : {QPoint(1, 1), QPoint(96, 1), QPoint(1, 64), QPoint(96, 64)})
         QVERIFY(qGray(frame.image.pixel(corner)) > 200);

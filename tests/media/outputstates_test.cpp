@@ -17,7 +17,7 @@ private Q_SLOTS:
     void closingTwiceIsSilent();
     void closingKeepsWhatIsStillAskedFor();
     void drainingTwiceSucceeds();
-    void pictureAfterDrainingIsRefused();
+    void frameAfterDrainingIsRefused();
     void nothingIsEncodedWithoutItsObjects_data();
     void nothingIsEncodedWithoutItsObjects();
     void nothingIsDrainedWithoutItsObjects();
@@ -42,7 +42,7 @@ private Q_SLOTS:
 void OutputStatesTest::callsBeforeOpeningDoNothing()
 {
     IdleRecorder recorder;
-    QVERIFY(!recorder->encodeImage(testpictures::walking(recorder.canvas(), 0), 0));
+    QVERIFY(!recorder->encodeImage(testimages::walking(recorder.canvas(), 0), 0));
     QVERIFY(recorder->drainEncoder());
     recorder->closeOutput();
     QCOMPARE(recorder.log().messages(), QStringList());
@@ -56,7 +56,7 @@ void OutputStatesTest::callsAfterClosingDoNothing()
     QVERIFY(recorder.record({0}));
     const qint64 size = QFileInfo(recorder->outputPath()).size();
     recorder.log().clear();
-    QVERIFY(!recorder->encodeImage(testpictures::walking(recorder.canvas(), 1), 41));
+    QVERIFY(!recorder->encodeImage(testimages::walking(recorder.canvas(), 1), 41));
     QVERIFY(recorder->drainEncoder());
     QCOMPARE(recorder.log().messages(), QStringList());
     QCOMPARE(QFileInfo(recorder->outputPath()).size(), size);
@@ -99,7 +99,7 @@ void OutputStatesTest::drainingTwiceSucceeds()
     QCOMPARE(MediaFile(recorder->outputPath()).packets().size(), 2);
 }
 
-void OutputStatesTest::pictureAfterDrainingIsRefused()
+void OutputStatesTest::frameAfterDrainingIsRefused()
 {
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
@@ -114,7 +114,7 @@ void OutputStatesTest::pictureAfterDrainingIsRefused()
 void OutputStatesTest::nothingIsEncodedWithoutItsObjects_data()
 {
     QTest::addColumn<QString>("missing");
-    for (const char* name : {"encoder", "container", "picture"})
+    for (const char* name : {"encoder", "container", "frame"})
         QTest::newRow(name) << QString::fromLatin1(name);
 }
 
@@ -124,10 +124,10 @@ void OutputStatesTest::nothingIsEncodedWithoutItsObjects()
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
     recorder.log().clear();
-    const QImage picture = testpictures::walking(recorder.canvas(), 0);
+    const QImage frame = testimages::walking(recorder.canvas(), 0);
     const auto refusedWithout = [&](auto& member) {
         auto* const taken = std::exchange(member, nullptr);
-        const bool refused = !recorder->encodeImage(picture, 0);
+        const bool refused = !recorder->encodeImage(frame, 0);
         member = taken;
         return refused;
     };
@@ -138,7 +138,7 @@ void OutputStatesTest::nothingIsEncodedWithoutItsObjects()
     else
         QVERIFY(refusedWithout(recorder->videoFrame()));
     QCOMPARE(recorder.log().messages(), QStringList());
-    QVERIFY(recorder->encodeImage(picture, 0));
+    QVERIFY(recorder->encodeImage(frame, 0));
 }
 
 void OutputStatesTest::nothingIsDrainedWithoutItsObjects()
@@ -229,7 +229,7 @@ void OutputStatesTest::wrongSizeIsRefused_data()
     QTest::newRow("lower") << QSize(320, 238);
     QTest::newRow("sides swapped") << QSize(240, 320);
     QTest::newRow("one pixel") << QSize(1, 1);
-    QTest::newRow("no picture") << QSize(0, 0);
+    QTest::newRow("no frame") << QSize(0, 0);
 }
 
 void OutputStatesTest::wrongSizeIsRefused()
@@ -238,8 +238,8 @@ void OutputStatesTest::wrongSizeIsRefused()
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
     QVERIFY(recorder.encode({0}));
-    const QImage picture = size.isEmpty() ? QImage() : testpictures::solid(size, Qt::red);
-    QVERIFY(!recorder->encodeImage(picture, 41));
+    const QImage frame = size.isEmpty() ? QImage() : testimages::solid(size, Qt::red);
+    QVERIFY(!recorder->encodeImage(frame, 41));
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Skipping frame with unexpected size QSize(%1, %2)")
                         .arg(size.width())
@@ -298,7 +298,7 @@ void OutputStatesTest::hugeCanvasIsRefused()
         QStringList{QStringLiteral("Unable to open video encoder \"mpeg4\" : \"Invalid argument\"")});
     QCOMPARE(recorder.criticals(),
         QStringList{QStringLiteral("Unable to open FFmpeg FFV1 fallback encoder: \"Invalid argument\"")});
-    QVERIFY(!recorder->encodeImage(testpictures::solid(QSize(16, 16), Qt::black), 0));
+    QVERIFY(!recorder->encodeImage(testimages::solid(QSize(16, 16), Qt::black), 0));
     recorder->closeOutput();
     QVERIFY(recorder.isClosed());
     QCOMPARE(openDescriptors(), before);
@@ -312,13 +312,13 @@ void OutputStatesTest::smallestCanvas()
     QCOMPARE(recorder.canvas(), QSize(16, 16));
     QVERIFY(recorder->openOutput());
     for (int i = 0; i < 50; ++i)
-        QVERIFY(recorder->encodeImage(testpictures::solid(QSize(16, 16), QColor(200, 5 * i, 0)), i * 41));
+        QVERIFY(recorder->encodeImage(testimages::solid(QSize(16, 16), QColor(200, 5 * i, 0)), i * 41));
     QVERIFY(recorder.finish());
     QVERIFY(recorder.wasQuiet());
     const QList<MediaFrame> frames = MediaFile(recorder->outputPath()).frames();
     QCOMPARE(frames.size(), 50);
     for (int i = 0; i < 50; ++i)
-        QVERIFY(testpictures::channelError(frames[i].image.pixel(8, 8), qRgb(200, 5 * i, 0)) <= 8);
+        QVERIFY(testimages::channelError(frames[i].image.pixel(8, 8), qRgb(200, 5 * i, 0)) <= 8);
 }
 
 void OutputStatesTest::canvasesThatPlayersMeet_data()

@@ -36,7 +36,7 @@ class StatedByTheBundle(unittest.TestCase):
     def test_nothing_is_left_unfilled(self):
         self.assertEqual(re.findall(r"@\w*@|\$\{", INFO_FILE.read_text(encoding="utf-8")), [])
 
-    def test_queue_of_the_sound_carries_the_identifier(self):
+    def test_queue_of_the_audio_carries_the_identifier(self):
         label = re.search(r'queueLabel = "([^"]+)"', text("capture/recorderaudiocapture.cpp"))[1]
         self.assertEqual(label, self.info["CFBundleIdentifier"] + ".screencapturekit.audio")
 

@@ -77,7 +77,7 @@ void EndingsTest::stopAtOnce()
     QVERIFY(scene.launcher.send("{\"action\":\"stop\"}\n{\"action\":\"exit\"}\n"));
     QVERIFY2(scene.recorder.waitForEnd(), scene.story());
     QCOMPARE(scene.recorder.exitCode(), 0);
-    // Nothing was recorded yet, so there is one black picture, which counts as readiness.
+    // Nothing was recorded yet, so there is one black frame, which counts as readiness.
     QByteArray received = scene.launcher.received();
     received.replace("{\"duration\":41}\n", "");
     QVERIFY2(received == "1", scene.story());
@@ -140,7 +140,7 @@ void EndingsTest::signal()
     QCOMPARE(scene.launcher.received(), "1");
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.isWhole(), file.description());
-    QVERIFY2(file.ptsMs.last() >= 200.0, file.description()); // the queued pictures are there
+    QVERIFY2(file.ptsMs.last() >= 200.0, file.description()); // the queued frames are there
 }
 
 void EndingsTest::hangUpIgnoredFromTheStart()
@@ -191,7 +191,7 @@ void EndingsTest::launcherGone()
     QVERIFY2(scene.waitUntilRecorded(300), scene.story());
     scene.launcher.disconnectClient();
     QVERIFY(scene.launcher.waitForDisconnected(hangLimitMs));
-    // The first fragment is written when the pictures of its second have left the queue, which is long after this.
+    // The first fragment is written when the frames of its second have left the queue, which is long after this.
     QVERIFY2(scene.waitForFragments(1), scene.story());
     QVERIFY(scene.recorder.isRunning());
     scene.recorder.send(SIGTERM);
@@ -244,7 +244,7 @@ void EndingsTest::killed()
     QCOMPARE(scene.recorder.exitCode(), -SIGKILL);
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.plays() && !file.finished, file.description());
-    QVERIFY2(file.ptsMs.last() >= 1500.0, file.description()); // two fragments, of 24 pictures or a second each
+    QVERIFY2(file.ptsMs.last() >= 1500.0, file.description()); // two fragments, of 24 frames or a second each
 }
 
 QTEST_GUILESS_MAIN(EndingsTest)

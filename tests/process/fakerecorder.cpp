@@ -124,7 +124,7 @@ private:
 
     void writeOutput(const QByteArray& label, const QByteArray& rest)
     {
-        append(output_, "picture\n");
+        append(output_, "content\n");
         QString quoted;
         QDebug(&quoted) << output_;
         log("FFmpeg recorder " + label + quoted.trimmed().toUtf8() + rest);

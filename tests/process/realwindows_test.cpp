@@ -31,22 +31,22 @@ bool isNear(QRgb pixel, QRgb wanted, int tolerance)
 }
 
 /// How many pixels from a start on, in a direction, have the colour of the page's frame.
-int frameWidth(const QImage& picture, QPoint start, QPoint step)
+int frameWidth(const QImage& frame, QPoint start, QPoint step)
 {
     int width = 0;
-    for (QPoint at = start; picture.rect().contains(at) && isNear(picture.pixel(at), 0xff0080ff, 60); at += step)
+    for (QPoint at = start; frame.rect().contains(at) && isNear(frame.pixel(at), 0xff0080ff, 60); at += step)
         ++width;
     return width;
 }
 
 /// The middle column of the pixels that look like the bar; below 0 when there are none.
-double barColumn(const QImage& picture)
+double barColumn(const QImage& frame)
 {
-    const int y = picture.height() / 2;
+    const int y = frame.height() / 2;
     double sum = 0.0;
     int count = 0;
-    for (int x = 0; x < picture.width(); ++x) {
-        if (isNear(picture.pixel(x, y), 0xffc02000, 60)) {
+    for (int x = 0; x < frame.width(); ++x) {
+        if (isNear(frame.pixel(x, y), 0xffc02000, 60)) {
             sum += x;
             ++count;
         }
@@ -54,7 +54,7 @@ double barColumn(const QImage& picture)
     return count > 0 ? sum / count : -1.0;
 }
 
-/// In how many pictures of a file the bar is somewhere else than in the one before.
+/// In how many frames of a file the bar is somewhere else than in the one before.
 int barMoves(const QString& path)
 {
     int moves = 0;

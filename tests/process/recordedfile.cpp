@@ -1,4 +1,4 @@
-// Boxes and pictures of a recording. An MP4 box is a length of four bytes and a type of four; length 1 stands for one
+// Boxes and frames of a recording. An MP4 box is a length of four bytes and a type of four; length 1 stands for one
 // of eight bytes behind the type, length 0 for the rest of the file.
 #include "recordedfile.h"
 
@@ -50,7 +50,7 @@ Playback playBack(const QString& path)
 
 QByteArray Playback::description() const
 {
-    return QByteArray::number(ptsMs.size()) + " pictures, the last at "
+    return QByteArray::number(ptsMs.size()) + " frames, the last at "
         + QByteArray::number(ptsMs.isEmpty() ? -1.0 : ptsMs.last()) + " ms, " + (finished ? "" : "not ") + "finished "
         + error.toUtf8();
 }

@@ -12,12 +12,12 @@ QList<QByteArray> topLevelBoxes(const QString& path);
 
 /// A file as a player sees it.
 struct Playback {
-    QString error; ///< empty when every picture was decoded
-    QList<double> ptsMs; ///< of the pictures, in their order
+    QString error; ///< empty when every frame was decoded
+    QList<double> ptsMs; ///< of the frames, in their order
     QImage last; ///< QImage::Format_RGB32
     bool finished = false; ///< it ends with the index that only the orderly end of a recording writes
 
-    /// It plays from the first picture to the last, and was ended in order.
+    /// It plays from the first frame to the last, and was ended in order.
     bool isWhole() const { return plays() && finished; }
     /// It plays, as far as it goes.
     bool plays() const { return error.isEmpty() && !ptsMs.isEmpty(); }

@@ -1,4 +1,4 @@
-// A whole recording of an animated window, measured in the file: pictures, times, colours, pointer, click markers;
+// A whole recording of an animated window, measured in the file: frames, times, colours, pointer, click markers;
 // and the log that goes with it.
 #include "desktop.h"
 #include "mediafile.h"
@@ -36,7 +36,7 @@ struct Click {
     qint64 delayMs = 0; // from the click to its report
 };
 
-/// A picture's time in the file and the time at which the window painted what it shows.
+/// A frame's time in the file and the time at which the window painted what it shows.
 struct Shown {
     double ptsMs;
     qint64 paintedAtMs; // wall clock
@@ -97,7 +97,7 @@ private Q_SLOTS:
     void replies();
     void container();
     void times();
-    void pictures();
+    void frames();
     void pointer();
     void clickMarkers();
     void clickTimes();
@@ -231,7 +231,7 @@ void RecordingTest::container()
     QCOMPARE(boxes.last(), "mfra");
     for (qsizetype i = 2; i + 1 < boxes.size(); ++i)
         QCOMPARE(boxes[i], i % 2 == 0 ? "moof" : "mdat");
-    // A fragment at every 24th picture, and another one when these take longer than a second.
+    // A fragment at every 24th frame, and another one when these take longer than a second.
     const qsizetype least = (report_.framesInFile + 23) / 24;
     const qsizetype fragments = boxes.count("moof");
     QVERIFY2(fragments >= least && fragments <= least + *durationMs_ / 1000 + 1, QByteArray::number(fragments));
@@ -257,11 +257,11 @@ void RecordingTest::times()
     QVERIFY(double(packets.size() + report_.missedSlots) >= lastMs / 41.0 - 2.0);
     QVERIFY2(lastMs <= double(*durationMs_), qPrintable(QString::number(lastMs)));
     QVERIFY(*durationMs_ >= 6000);
-    // The file ends with its last picture.
+    // The file ends with its last frame.
     QVERIFY2(
         std::abs(file.durationMs() - double(*durationMs_)) < 1000.0, qPrintable(QString::number(file.durationMs())));
 
-    // No picture is older than the one before it, and none shows what was painted after its time.
+    // No frame is older than the one before it, and none shows what was painted after its time.
     const QList<Shown> shown = shownIn(scene_->command.output);
     QCOMPARE(shown.size(), packets.size());
     for (qsizetype i = 0; i < shown.size(); ++i) {
@@ -272,7 +272,7 @@ void RecordingTest::times()
     QVERIFY2(report_.timing && report_.timing->medianMs < 41.0, qPrintable(truthReportTable(report_)));
 }
 
-void RecordingTest::pictures()
+void RecordingTest::frames()
 {
     QVERIFY(report_.coloursTagged);
     QCOMPARE(report_.framesDecoded, report_.framesInFile);
@@ -307,7 +307,7 @@ void RecordingTest::clickMarkers()
         QVERIFY2(worstErrorPx(marker) <= 1.5, which);
         QVERIFY2(marker.medianErrorPx <= 1.0, which);
 
-        // From the first picture of its time on (a report that came so late that this picture had left the queue
+        // From the first frame of its time on (a report that came so late that this frame had left the queue
         // counts from the next ones), for the next 1.5 seconds; then it gets too faint to tell.
         const qint64 fromMs = std::max(click.keyMs, click.keyMs + click.delayMs - 3000);
         const auto first = std::find_if(
@@ -317,7 +317,7 @@ void RecordingTest::clickMarkers()
         const auto frames = std::count_if(
             first, shown.end(), [&](const Shown& frame) { return frame.ptsMs <= double(click.keyMs) + 1500.0; });
         QVERIFY2(marker.samples.size() >= frames, which);
-        // Then it is gone; what the encoder leaves of it is gone with the next picture that builds on no other.
+        // Then it is gone; what the encoder leaves of it is gone with the next frame that builds on no other.
         const auto fresh = std::find_if(first, shown.end(),
             [&](const Shown& frame) { return frame.key && frame.ptsMs > double(click.keyMs) + 2000.0; });
         QVERIFY2(fresh != shown.end() && marker.lastSeenPtsMs < fresh->ptsMs, which);

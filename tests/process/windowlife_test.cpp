@@ -22,9 +22,9 @@ namespace {
 const QRect windowPlace(40, 30, 640, 360); // pixels of the screen
 const auto noImage = QStringLiteral("macOS CoreGraphics capture returned no image for window ");
 
-bool showsTruth(const QImage& picture, QSize window)
+bool showsTruth(const QImage& frame, QSize window)
 {
-    return truthcode::decode(picture, truthscene::letterboxed(window, picture.size())).has_value();
+    return truthcode::decode(frame, truthscene::letterboxed(window, frame.size())).has_value();
 }
 
 }
@@ -224,7 +224,7 @@ void WindowLifeTest::neverThere()
     QVERIFY2(scene.waitForLine(noImage), scene.story());
     QTest::qWait(300);
     QCOMPARE(scene.launcher.received(), "");
-    // The file gets a black picture, which counts as readiness: the launcher hears both.
+    // The file gets a black frame, which counts as readiness: the launcher hears both.
     QVERIFY(scene.launcher.send("{\"action\":\"stop\"}\n"));
     const QByteArray both = "{\"duration\":41}\n1";
     QVERIFY2(scene.launcher.waitForReceived(both.size(), hangLimitMs), scene.story());

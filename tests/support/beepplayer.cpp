@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t rate = 48000;
 constexpr std::uint32_t channels = 2;
 constexpr std::uint32_t bytesPerFrame = channels * sizeof(float);
-constexpr int waitLimitSeconds = 20; // until sound flows
+constexpr int waitLimitSeconds = 20; // until audio flows
 
 qint64 nanoseconds(clockid_t clock)
 {
@@ -146,16 +146,16 @@ void BeepPlayer::Impl::start(const QByteArray& name)
     pw_init(nullptr, nullptr);
     loop = pw_thread_loop_new("beeps", nullptr);
     if (!loop || pw_thread_loop_start(loop) < 0) {
-        error = QStringLiteral("no thread for the sound");
+        error = QStringLiteral("no thread for the audio");
         return;
     }
     pw_thread_loop_lock(loop);
     const bool connected = connect(name);
     pw_thread_loop_unlock(loop);
     if (!connected)
-        error = QStringLiteral("no sound server");
+        error = QStringLiteral("no audio server");
     else if (!waitUntilItFlows())
-        error = QStringLiteral("the sound server plays nothing");
+        error = QStringLiteral("the audio server plays nothing");
 }
 
 BeepPlayer::BeepPlayer(const QString& applicationName) : impl_(std::make_unique<Impl>())

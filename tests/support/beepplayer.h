@@ -1,4 +1,4 @@
-// BeepPlayer: the sound of the truth window.
+// BeepPlayer: the audio of the truth window.
 #pragma once
 
 #include <QString>
@@ -6,7 +6,7 @@
 #include <memory>
 
 /// Plays the beeps of truthbeeps to PipeWire, each at its time to the sample, and exact silence between them; a
-/// sample's time is that of the graph's clock at the start of its cycle, and on. The constructor returns once sound
+/// sample's time is that of the graph's clock at the start of its cycle, and on. The constructor returns once audio
 /// flows, or with a text in errorString(). One thread.
 class BeepPlayer {
 public:

@@ -1,4 +1,4 @@
-// ClipWriter: short recordings from generated pictures and sound.
+// ClipWriter: short recordings from generated frames and audio.
 #include "clipwriter.h"
 
 #include "avhandles.h"
@@ -27,7 +27,7 @@ constexpr qint64 frameMs = 41;
 constexpr int sampleRate = 48000;
 constexpr AVRational sampleTime{1, sampleRate};
 constexpr int videoIndex = 0; // places of the streams in the file
-constexpr int soundIndex = 1;
+constexpr int audioIndex = 1;
 
 }
 
@@ -35,7 +35,7 @@ struct ClipWriter::Impl {
     QString error;
     std::unique_ptr<AVFormatContext, OutputDeleter> output;
     AvCodecContextHandle encoder;
-    AvCodecContextHandle soundEncoder; // null without sound
+    AvCodecContextHandle audioEncoder; // null without audio
     AvFrameHandle frame;
     std::unique_ptr<SwsContext, ConverterDeleter> converter;
 
@@ -43,10 +43,10 @@ struct ClipWriter::Impl {
     void open(const QByteArray& path, QSize size, const ClipOptions& options);
     bool openEncoder(QSize size, const ClipOptions& options);
     bool openFile(const QByteArray& path);
-    bool openSoundEncoder();
+    bool openAudioEncoder();
     bool addStream(const AVCodecContext& source);
-    bool encodePicture(const AVFrame* picture);
-    bool encodeSound(const AVFrame* block);
+    bool encodeFrame(const AVFrame* input);
+    bool encodeAudio(const AVFrame* block);
     bool encode(AVCodecContext& with, const AVFrame* input, int streamIndex, qint64 duration);
 };
 
@@ -66,19 +66,19 @@ void ClipWriter::Impl::open(const QByteArray& path, QSize size, const ClipOption
     if (!succeeded(avformat_alloc_output_context2(&context, nullptr, "mp4", path.constData()), "container"))
         return;
     output.reset(context);
-    if (!openEncoder(size, options) || (options.withSound && !openSoundEncoder()) || !openFile(path))
+    if (!openEncoder(size, options) || (options.withAudio && !openAudioEncoder()) || !openFile(path))
         return;
     frame.reset(av_frame_alloc());
     converter.reset(sws_getContext(size.width(), size.height(), AV_PIX_FMT_BGRA, size.width(), size.height(),
         AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
     if (!frame || !converter) {
-        succeeded(AVERROR(ENOMEM), "picture");
+        succeeded(AVERROR(ENOMEM), "frame");
         return;
     }
     frame->format = AV_PIX_FMT_YUV420P;
     frame->width = size.width();
     frame->height = size.height();
-    succeeded(av_frame_get_buffer(frame.get(), 0), "picture");
+    succeeded(av_frame_get_buffer(frame.get(), 0), "frame");
 }
 
 bool ClipWriter::Impl::openEncoder(QSize size, const ClipOptions& options)
@@ -104,19 +104,19 @@ bool ClipWriter::Impl::openEncoder(QSize size, const ClipOptions& options)
     return succeeded(avcodec_open2(encoder.get(), codec, nullptr), "encoder");
 }
 
-bool ClipWriter::Impl::openSoundEncoder()
+bool ClipWriter::Impl::openAudioEncoder()
 {
     const AVCodec* const codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-    soundEncoder.reset(codec ? avcodec_alloc_context3(codec) : nullptr);
-    if (!soundEncoder)
-        return succeeded(AVERROR_ENCODER_NOT_FOUND, "sound encoder");
-    soundEncoder->sample_rate = sampleRate;
-    soundEncoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    soundEncoder->time_base = sampleTime;
-    soundEncoder->bit_rate = 128'000;
-    soundEncoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    av_channel_layout_default(&soundEncoder->ch_layout, 2);
-    return succeeded(avcodec_open2(soundEncoder.get(), codec, nullptr), "sound encoder");
+    audioEncoder.reset(codec ? avcodec_alloc_context3(codec) : nullptr);
+    if (!audioEncoder)
+        return succeeded(AVERROR_ENCODER_NOT_FOUND, "audio encoder");
+    audioEncoder->sample_rate = sampleRate;
+    audioEncoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    audioEncoder->time_base = sampleTime;
+    audioEncoder->bit_rate = 128'000;
+    audioEncoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    av_channel_layout_default(&audioEncoder->ch_layout, 2);
+    return succeeded(avcodec_open2(audioEncoder.get(), codec, nullptr), "audio encoder");
 }
 
 bool ClipWriter::Impl::addStream(const AVCodecContext& source)
@@ -134,21 +134,21 @@ bool ClipWriter::Impl::openFile(const QByteArray& path)
     // index.
     AvOptions muxing;
     muxing.set("movflags",
-        soundEncoder ? "+empty_moov+delay_moov+default_base_moof+frag_keyframe"
+        audioEncoder ? "+empty_moov+delay_moov+default_base_moof+frag_keyframe"
                      : "+empty_moov+default_base_moof+frag_keyframe");
-    return addStream(*encoder) && (!soundEncoder || addStream(*soundEncoder))
+    return addStream(*encoder) && (!audioEncoder || addStream(*audioEncoder))
         && succeeded(avio_open(&output->pb, path.constData(), AVIO_FLAG_WRITE), "file")
         && succeeded(avformat_write_header(output.get(), muxing.out()), "header");
 }
 
-bool ClipWriter::Impl::encodePicture(const AVFrame* picture)
+bool ClipWriter::Impl::encodeFrame(const AVFrame* input)
 {
-    return encode(*encoder, picture, videoIndex, frameMs);
+    return encode(*encoder, input, videoIndex, frameMs);
 }
 
-bool ClipWriter::Impl::encodeSound(const AVFrame* block)
+bool ClipWriter::Impl::encodeAudio(const AVFrame* block)
 {
-    return encode(*soundEncoder, block, soundIndex, soundEncoder->frame_size);
+    return encode(*audioEncoder, block, audioIndex, audioEncoder->frame_size);
 }
 
 /// A null frame ends the stream. The duration of each packet is in units of the encoder's time base.
@@ -185,47 +185,47 @@ QString ClipWriter::errorString() const
     return impl_->error;
 }
 
-bool ClipWriter::add(const QImage& picture, qint64 ptsMs)
+bool ClipWriter::add(const QImage& image, qint64 ptsMs)
 {
-    if (!impl_->error.isEmpty() || !impl_->succeeded(av_frame_make_writable(impl_->frame.get()), "picture"))
+    if (!impl_->error.isEmpty() || !impl_->succeeded(av_frame_make_writable(impl_->frame.get()), "frame"))
         return false;
-    if (picture.size() != QSize(impl_->encoder->width, impl_->encoder->height))
-        return impl_->succeeded(AVERROR(EINVAL), "size of the picture");
-    const QImage bgra = picture.convertToFormat(QImage::Format_ARGB32);
+    if (image.size() != QSize(impl_->encoder->width, impl_->encoder->height))
+        return impl_->succeeded(AVERROR(EINVAL), "size of the image");
+    const QImage bgra = image.convertToFormat(QImage::Format_ARGB32);
     const quint8* const planes[] = {bgra.constBits(), nullptr, nullptr, nullptr};
     const int strides[] = {int(bgra.bytesPerLine()), 0, 0, 0};
     sws_scale(impl_->converter.get(), planes, strides, 0, bgra.height(), impl_->frame->data, impl_->frame->linesize);
     impl_->frame->pts = ptsMs;
-    return impl_->encodePicture(impl_->frame.get());
+    return impl_->encodeFrame(impl_->frame.get());
 }
 
-bool ClipWriter::addSound(std::span<const float> samples)
+bool ClipWriter::addAudio(std::span<const float> samples)
 {
-    if (!impl_->error.isEmpty() || !impl_->soundEncoder)
+    if (!impl_->error.isEmpty() || !impl_->audioEncoder)
         return false;
-    const std::size_t blockSize = std::size_t(impl_->soundEncoder->frame_size);
+    const std::size_t blockSize = std::size_t(impl_->audioEncoder->frame_size);
     for (std::size_t first = 0; first < samples.size(); first += blockSize) {
         const std::span<const float> part = samples.subspan(first, std::min(blockSize, samples.size() - first));
         const AvFrameHandle block(av_frame_alloc());
         if (!block)
-            return impl_->succeeded(AVERROR(ENOMEM), "sound");
+            return impl_->succeeded(AVERROR(ENOMEM), "audio");
         block->format = AV_SAMPLE_FMT_FLTP;
         block->nb_samples = int(part.size());
         block->sample_rate = sampleRate;
         block->pts = qint64(first);
         av_channel_layout_default(&block->ch_layout, 2);
-        if (!impl_->succeeded(av_frame_get_buffer(block.get(), 0), "sound"))
+        if (!impl_->succeeded(av_frame_get_buffer(block.get(), 0), "audio"))
             return false;
         for (int channel = 0; channel < 2; ++channel)
             std::copy(part.begin(), part.end(), reinterpret_cast<float*>(block->data[channel]));
-        if (!impl_->encodeSound(block.get()))
+        if (!impl_->encodeAudio(block.get()))
             return false;
     }
-    return impl_->encodeSound(nullptr);
+    return impl_->encodeAudio(nullptr);
 }
 
 bool ClipWriter::finish()
 {
-    return impl_->error.isEmpty() && impl_->encodePicture(nullptr)
+    return impl_->error.isEmpty() && impl_->encodeFrame(nullptr)
         && impl_->succeeded(av_write_trailer(impl_->output.get()), "trailer");
 }

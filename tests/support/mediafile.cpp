@@ -3,7 +3,7 @@
 
 #include "avhandles.h"
 #include "fragmentdurations.h"
-#include "pictureconverter.h"
+#include "frameconverter.h"
 
 #include <QFile>
 
@@ -100,7 +100,7 @@ int decodePacket(
 }
 
 /// Notes the rate and makes the channels and their converter, which changes the sample format only.
-int startSound(const AVFrame& first, MediaSound& sound, AvResamplerHandle& converter)
+int startAudio(const AVFrame& first, MediaAudio& audio, AvResamplerHandle& converter)
 {
     SwrContext* context = nullptr;
     AvChannelLayout layout(first.ch_layout.nb_channels);
@@ -109,17 +109,17 @@ int startSound(const AVFrame& first, MediaSound& sound, AvResamplerHandle& conve
     converter.reset(context);
     if (status < 0)
         return status;
-    sound.sampleRate = first.sample_rate;
-    sound.channels.resize(first.ch_layout.nb_channels);
+    audio.sampleRate = first.sample_rate;
+    audio.channels.resize(first.ch_layout.nb_channels);
     return swr_init(converter.get());
 }
 
-int appendSound(const AVFrame& frame, MediaSound& sound, SwrContext& converter)
+int appendAudio(const AVFrame& frame, MediaAudio& audio, SwrContext& converter)
 {
-    if (frame.sample_rate != sound.sampleRate || frame.ch_layout.nb_channels != int(sound.channels.size()))
+    if (frame.sample_rate != audio.sampleRate || frame.ch_layout.nb_channels != int(audio.channels.size()))
         return AVERROR_INPUT_CHANGED;
     std::vector<quint8*> places;
-    for (std::vector<float>& channel : sound.channels) {
+    for (std::vector<float>& channel : audio.channels) {
         channel.resize(channel.size() + std::size_t(frame.nb_samples));
         places.push_back(reinterpret_cast<quint8*>(channel.data() + channel.size() - frame.nb_samples));
     }
@@ -233,39 +233,39 @@ bool MediaFile::forEachFrame(const std::function<bool(const MediaFrame&)>& visit
     const MediaStream* const video = videoStream();
     if (!video)
         return fail(QStringLiteral("no video stream"), AVERROR_STREAM_NOT_FOUND);
-    PictureConverter converter;
-    MediaFrame picture;
-    return decodeStream(video->index, [&](const AVFrame& frame, const AVStream& stream) {
-        const int converted = converter.convert(frame, video->matrix, video->range, picture.image);
+    FrameConverter converter;
+    MediaFrame frame;
+    return decodeStream(video->index, [&](const AVFrame& decoded, const AVStream& stream) {
+        const int converted = converter.convert(decoded, video->matrix, video->range, frame.image);
         if (converted < 0)
             return converted;
-        picture.coloursTagged = converter.coloursTagged();
-        picture.ptsMs = toMs(frame.pts, stream.time_base);
-        picture.key = frame.pict_type == AV_PICTURE_TYPE_I;
-        return visit(picture) ? 0 : AVERROR_EXIT;
+        frame.coloursTagged = converter.coloursTagged();
+        frame.ptsMs = toMs(decoded.pts, stream.time_base);
+        frame.key = decoded.pict_type == AV_PICTURE_TYPE_I;
+        return visit(frame) ? 0 : AVERROR_EXIT;
     });
 }
 
-std::optional<MediaSound> MediaFile::sound()
+std::optional<MediaAudio> MediaFile::audio()
 {
-    const MediaStream* const audio = audioStream();
-    if (!audio)
+    const MediaStream* const stream = audioStream();
+    if (!stream)
         return std::nullopt;
-    MediaSound sound;
+    MediaAudio audio;
     AvResamplerHandle converter;
-    const bool whole = decodeStream(audio->index, [&](const AVFrame& frame, const AVStream& stream) {
-        const double ptsMs = toMs(frame.pts, stream.time_base);
+    const bool whole = decodeStream(stream->index, [&](const AVFrame& frame, const AVStream& source) {
+        const double ptsMs = toMs(frame.pts, source.time_base);
         if (!converter) {
-            const int status = startSound(frame, sound, converter);
+            const int status = startAudio(frame, audio, converter);
             if (status < 0)
                 return status;
-            sound.startMs = ptsMs;
+            audio.startMs = ptsMs;
         }
-        const double joinMs = std::abs(ptsMs - (sound.startMs + sound.durationMs()));
-        sound.worstJoinMs = joinMs <= sound.worstJoinMs ? sound.worstJoinMs : joinMs; // a missing time stays
-        return appendSound(frame, sound, *converter);
+        const double joinMs = std::abs(ptsMs - (audio.startMs + audio.durationMs()));
+        audio.worstJoinMs = joinMs <= audio.worstJoinMs ? audio.worstJoinMs : joinMs; // a missing time stays
+        return appendAudio(frame, audio, *converter);
     });
-    return whole && sound.durationMs() > 0.0 ? std::optional(std::move(sound)) : std::nullopt;
+    return whole && audio.durationMs() > 0.0 ? std::optional(std::move(audio)) : std::nullopt;
 }
 
 QList<MediaFrame> MediaFile::frames()

@@ -1,4 +1,4 @@
-// MediaFile: a finished (or cut-off) recording, read back with FFmpeg: streams, packets, pictures and sound.
+// MediaFile: a finished (or cut-off) recording, read back with FFmpeg: streams, packets, frames and audio.
 #pragma once
 
 #include <QImage>
@@ -55,23 +55,23 @@ struct MediaPacket {
     bool corrupt = false; ///< the demuxer found it damaged, as the last one of a cut-off file is
 };
 
-/// One decoded picture of the video stream.
+/// One decoded frame of the video stream.
 struct MediaFrame {
     QImage image; ///< QImage::Format_RGB32
     double ptsMs = 0.0; ///< not-a-number when the file gives none
     bool key = false;
-    /// Frame or stream state both matrix and range, or the pixels are RGB. When false, the picture was
+    /// Frame or stream state both matrix and range, or the pixels are RGB. When false, the frame was
     /// converted as BT.601 with limited range, which is a guess: other players guess otherwise.
     bool coloursTagged = false;
 };
 
-/// The decoded sound of the first audio stream.
-struct MediaSound {
+/// The decoded audio of the first audio stream.
+struct MediaAudio {
     int sampleRate = 0; ///< Hz
-    double startMs = 0.0; ///< presentation time of the first sample, on the same time line as the pictures' times
+    double startMs = 0.0; ///< presentation time of the first sample, on the same time line as the frames' times
     QList<std::vector<float>> channels; ///< of equal length; full scale is 1
     /// How far a block's own presentation time ever was from where the samples before it end: a player would
-    /// leave a hole there, or drop sound.
+    /// leave a hole there, or drop audio.
     double worstJoinMs = 0.0;
 
     double durationMs() const
@@ -99,17 +99,17 @@ public:
     /// All packets in the order of the file.
     QList<MediaPacket> packets();
 
-    /// Decodes the first video stream and hands out one picture after the other until the visitor returns
-    /// false. The picture is the visitor's to keep (the buffer is reused only when it was not kept). False on
+    /// Decodes the first video stream and hands out one frame after the other until the visitor returns
+    /// false. The frame is the visitor's to keep (the buffer is reused only when it was not kept). False on
     /// a failure.
     bool forEachFrame(const std::function<bool(const MediaFrame&)>& visit);
 
-    /// All pictures at once: for short recordings.
+    /// All frames at once: for short recordings.
     QList<MediaFrame> frames();
 
-    /// The whole sound, at its own rate. Nothing on a failure, and when there is no audio stream or no sample in
+    /// The whole audio, at its own rate. Nothing on a failure, and when there is no audio stream or no sample in
     /// it (the error text is empty then).
-    std::optional<MediaSound> sound();
+    std::optional<MediaAudio> audio();
 
 private:
     /// Decodes one stream and hands out its frames until the visitor returns something negative, which becomes the

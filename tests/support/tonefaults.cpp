@@ -1,5 +1,5 @@
 // Faults of a long tone: every few milliseconds of it are held against the sine that fits a wider window best.
-#include "soundanalysis.h"
+#include "audioanalysis.h"
 
 #include <QStringList>
 
@@ -8,7 +8,7 @@
 #include <complex>
 #include <numbers>
 
-namespace soundanalysis {
+namespace audioanalysis {
 
 namespace {
 

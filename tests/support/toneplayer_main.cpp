@@ -3,11 +3,11 @@
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
 //              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1]
 //
-// Spread over its channels, the sound has one, two, three... times the frequency in the first, second, third... one.
+// Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
 // takes in a cycle. The schedule is in seconds; the stream is paused in the OFF parts, keeps its
 // phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N seconds or on
-// SIGTERM or SIGINT, with 1 when the sound server refuses or goes, with 2 for a wrong command line.
+// SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -319,7 +319,7 @@ int Player::run()
     news_ = pw_loop_add_event(
         loop_, [](void* self, uint64_t) { static_cast<Player*>(self)->report(); }, this);
     if (!connect()) {
-        std::cerr << "toneplayer: no sound server" << std::endl;
+        std::cerr << "toneplayer: no audio server" << std::endl;
         return 1;
     }
     nextPart();

@@ -5,8 +5,8 @@
 #include <QString>
 #include <QStringList>
 
-/// Plays until the object goes or the player ends, to the sound server of the calling process's environment. The
-/// constructor returns once sound flows, or with isPlaying() false; errorString() then says why. One thread.
+/// Plays until the object goes or the player ends, to the audio server of the calling process's environment. The
+/// constructor returns once audio flows, or with isPlaying() false; errorString() then says why. One thread.
 class ToneProcess {
 public:
     /// What toneplayer_main.cpp takes.

@@ -36,7 +36,7 @@ bool flashes(quint32 clockMs)
 float sample(double clockMs)
 {
     const double sinceStartMs = clockMs - double(startMs(quint32(quint64(clockMs)) / secondMs));
-    return amplitude * float(soundanalysis::beepSample(beep, sinceStartMs));
+    return amplitude * float(audioanalysis::beepSample(beep, sinceStartMs));
 }
 
 }

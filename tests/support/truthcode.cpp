@@ -58,20 +58,20 @@ std::uint64_t number(const Bits& bits, int first, int count)
     return value;
 }
 
-/// The mean brightness of a rectangle's pixels; nothing when it is not wholly in the picture or holds no
+/// The mean brightness of a rectangle's pixels; nothing when it is not wholly in the frame or holds no
 /// pixel.
-std::optional<double> meanBrightness(const QImage& picture, const QRectF& area)
+std::optional<double> meanBrightness(const QImage& frame, const QRectF& area)
 {
     const int left = int(std::ceil(area.left()));
     const int top = int(std::ceil(area.top()));
     const int right = int(std::floor(area.right())); // one past the last column
     const int bottom = int(std::floor(area.bottom()));
-    if (left < 0 || top < 0 || right > picture.width() || bottom > picture.height() || left >= right || top >= bottom)
+    if (left < 0 || top < 0 || right > frame.width() || bottom > frame.height() || left >= right || top >= bottom)
         return std::nullopt;
     double sum = 0.0;
     for (int y = top; y < bottom; ++y) {
         for (int x = left; x < right; ++x)
-            sum += qGray(picture.pixel(x, y));
+            sum += qGray(frame.pixel(x, y));
     }
     return sum / ((right - left) * (bottom - top));
 }

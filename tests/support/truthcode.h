@@ -31,7 +31,7 @@ inline constexpr QSizeF blockInCells(columns + 2, rows + 2);
 /// Paints into the image of a whole window.
 void paint(QImage& window, const TruthStamp& stamp);
 
-/// Reads it from a picture that shows the window, scaled, in the given rectangle (pixels of the picture).
+/// Reads it from a frame that shows the window, scaled, in the given rectangle (pixels of the frame).
 /// Nothing when a cell is neither black nor white or the checksum does not match: the barcode is not there,
 /// covered or torn.
 std::optional<TruthStamp> decode(const QImage& canvas, const QRectF& whereTheWindowIs);

@@ -39,13 +39,13 @@ constexpr double certainBrightness = 40.0;
 constexpr double certainRedness = 14.0;
 
 /// The field's own brightness: the median, which small things on the field do not move.
-double fieldBrightness(const QImage& picture, const QRect& field)
+double fieldBrightness(const QImage& frame, const QRect& field)
 {
     constexpr int step = 7; // one pixel in 49 is plenty
     std::array<int, 256> histogram{};
     int count = 0;
     for (int y = field.top(); y <= field.bottom(); y += step) {
-        const auto* const line = reinterpret_cast<const QRgb*>(picture.constScanLine(y));
+        const auto* const line = reinterpret_cast<const QRgb*>(frame.constScanLine(y));
         for (int x = field.left(); x <= field.right(); x += step, ++count)
             ++histogram[std::size_t(qGray(line[x]))];
     }
@@ -77,11 +77,11 @@ struct Moments {
 };
 
 /// Brightness against the field's, over the neutral pixels of an area.
-Moments brightnessMoments(const QImage& picture, const QRect& area, double background)
+Moments brightnessMoments(const QImage& frame, const QRect& area, double background)
 {
     Moments moments;
     for (int y = area.top(); y <= area.bottom(); ++y) {
-        const auto* const line = reinterpret_cast<const QRgb*>(picture.constScanLine(y));
+        const auto* const line = reinterpret_cast<const QRgb*>(frame.constScanLine(y));
         for (int x = area.left(); x <= area.right(); ++x) {
             const double difference = qGray(line[x]) - background;
             if (std::abs(difference) > brightnessNoise && redness(line[x]) < certainRedness)
@@ -92,12 +92,12 @@ Moments brightnessMoments(const QImage& picture, const QRect& area, double backg
 }
 
 /// The middle of everything that is certainly not field: the median position, in pixels.
-std::optional<QPoint> medianOfDisturbance(const QImage& picture, const QRect& field, double background)
+std::optional<QPoint> medianOfDisturbance(const QImage& frame, const QRect& field, double background)
 {
     std::vector<int> columns;
     std::vector<int> lines;
     for (int y = field.top(); y <= field.bottom(); ++y) {
-        const auto* const line = reinterpret_cast<const QRgb*>(picture.constScanLine(y));
+        const auto* const line = reinterpret_cast<const QRgb*>(frame.constScanLine(y));
         for (int x = field.left(); x <= field.right(); ++x) {
             if (std::abs(qGray(line[x]) - background) > certainBrightness && redness(line[x]) < certainRedness) {
                 columns.push_back(x);
@@ -115,8 +115,8 @@ std::optional<QPoint> medianOfDisturbance(const QImage& picture, const QRect& fi
 /// Grows one red spot from a pixel to all that touch it. Each pixel of the field is visited once.
 class RedSpots {
 public:
-    RedSpots(const QImage& picture, const QRect& field)
-        : picture_(picture), field_(field), seen_(std::size_t(field.width()) * std::size_t(field.height()), false)
+    RedSpots(const QImage& frame, const QRect& field)
+        : frame_(frame), field_(field), seen_(std::size_t(field.width()) * std::size_t(field.height()), false)
     {
     }
 
@@ -138,11 +138,11 @@ public:
         while (!toMeasure_.empty()) {
             const QPoint point = toMeasure_.back();
             toMeasure_.pop_back();
-            moments.add(point.x(), point.y(), redness(picture_.pixel(point)));
+            moments.add(point.x(), point.y(), redness(frame_.pixel(point)));
             const QRect around = QRect(point - QPoint(1, 1), QSize(3, 3)) & field_;
             for (int y = around.top(); y <= around.bottom(); ++y) {
                 for (int x = around.left(); x <= around.right(); ++x) {
-                    if (redness(picture_.pixel(x, y)) > rednessNoise)
+                    if (redness(frame_.pixel(x, y)) > rednessNoise)
                         visit({x, y});
                 }
             }
@@ -151,7 +151,7 @@ public:
     }
 
 private:
-    const QImage& picture_;
+    const QImage& frame_;
     const QRect field_;
     std::vector<bool> seen_;
     std::vector<QPoint> toMeasure_;
@@ -205,10 +205,10 @@ void drawMarker(QPainter& painter, const QPointF& centre, double ageMs)
     painter.restore();
 }
 
-std::optional<QPointF> findPointer(const QImage& picture, const QRect& field, double arrowScale)
+std::optional<QPointF> findPointer(const QImage& frame, const QRect& field, double arrowScale)
 {
-    const double background = fieldBrightness(picture, field);
-    const std::optional<QPoint> start = medianOfDisturbance(picture, field, background);
+    const double background = fieldBrightness(frame, field);
+    const std::optional<QPoint> start = medianOfDisturbance(frame, field, background);
     if (!start)
         return std::nullopt;
 
@@ -223,7 +223,7 @@ std::optional<QPointF> findPointer(const QImage& picture, const QRect& field, do
         const QRect area = arrow.adjusted(-margin, -margin, margin, margin).toAlignedRect();
         if (!field.contains(area))
             return std::nullopt;
-        const Moments moments = brightnessMoments(picture, area, background);
+        const Moments moments = brightnessMoments(frame, area, background);
         weight = moments.weight;
         if (weight < model.weight / 2)
             return std::nullopt;
@@ -235,15 +235,15 @@ std::optional<QPointF> findPointer(const QImage& picture, const QRect& field, do
     return tip;
 }
 
-QList<Spot> findMarkers(const QImage& picture, const QRect& field)
+QList<Spot> findMarkers(const QImage& frame, const QRect& field)
 {
     // Half of what the faintest marker adds up to: the rest may drown in the noise.
     constexpr double leastWeight
         = std::numbers::pi * leastRadius * leastRadius * markerRedness * leastAlpha / 255.0 / 2.0;
-    RedSpots finder(picture, field);
+    RedSpots finder(frame, field);
     QList<Spot> spots;
     for (int y = field.top(); y <= field.bottom(); ++y) {
-        const auto* const line = reinterpret_cast<const QRgb*>(picture.constScanLine(y));
+        const auto* const line = reinterpret_cast<const QRgb*>(frame.constScanLine(y));
         for (int x = field.left(); x <= field.right(); ++x) {
             if (redness(line[x]) < certainRedness || !finder.visit({x, y}))
                 continue;

@@ -1,5 +1,5 @@
 // What a recording shows over the truth window's field: the pointer and the click markers. How they look by
-// contract, written down a second time on purpose, and where they are in a picture.
+// contract, written down a second time on purpose, and where they are in a frame.
 #pragma once
 
 #include <QImage>
@@ -20,20 +20,20 @@ void drawPointer(QPainter& painter, const QPointF& tip, double scale);
 /// radius.
 void drawMarker(QPainter& painter, const QPointF& centre, double ageMs);
 
-/// The pointer's tip in pixels of the picture (the first pixel spans 0 to 1), found on a mid-grey field by
+/// The pointer's tip in pixels of the frame (the first pixel spans 0 to 1), found on a mid-grey field by
 /// the centroid of what is brighter or darker than the field, less where the centroid of the arrow itself
 /// lies from its tip. Blur and compression hardly move a centroid. Nothing when the field shows no such
 /// arrow, or only a part of one: at the field's edge, or with a marker over it.
-std::optional<QPointF> findPointer(const QImage& picture, const QRect& field, double arrowScale);
+std::optional<QPointF> findPointer(const QImage& frame, const QRect& field, double arrowScale);
 
 struct Spot {
-    QPointF centre; ///< pixels of the picture, weighted by the strength of the red
+    QPointF centre; ///< pixels of the frame, weighted by the strength of the red
     double radius
         = 0.0; ///< pixels; of the even disc with the same spread. Halved chroma makes 2 pixels look like 2.8
 };
 
 /// All red spots of the field that are at least as strong as the faintest marker. Touching markers are one
 /// spot.
-QList<Spot> findMarkers(const QImage& picture, const QRect& field);
+QList<Spot> findMarkers(const QImage& frame, const QRect& field);
 
 }

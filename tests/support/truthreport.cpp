@@ -137,7 +137,7 @@ int missedSlots(const QList<double>& ptsMs)
 struct TruthMeter::Measurements {
     TruthQuery query;
     QSize canvas;
-    QRectF where; // pixels of the picture, as everything here
+    QRectF where; // pixels of the frame, as everything here
     QList<QRect> patchAreas; // the middle of each
     QRect field;
     double arrowScale;
@@ -151,12 +151,12 @@ struct TruthMeter::Measurements {
 
     void place();
     void stamp(double framePtsMs, const TruthStamp& read);
-    void measurePatches(const QImage& picture);
-    void measurePointer(const QImage& picture);
-    void measureMarkers(const QImage& picture, double framePtsMs);
+    void measurePatches(const QImage& frame);
+    void measurePointer(const QImage& frame);
+    void measureMarkers(const QImage& frame, double framePtsMs);
     QList<TruthPatch> patchReport() const;
     QList<TruthMarker> markerReport() const;
-    QPointF onCanvas(const QPointF& inWindow) const { return truthscene::toPicture(inWindow, query.window, where); }
+    QPointF onCanvas(const QPointF& inWindow) const { return truthscene::toImage(inWindow, query.window, where); }
 };
 
 void TruthMeter::Measurements::place()
@@ -165,13 +165,13 @@ void TruthMeter::Measurements::place()
     const truthscene::Layout layout = truthscene::layout(query.window);
     for (const QRect& patch : layout.patches) {
         // The middle half of each side: scaling and halved chroma blur the rims.
-        const QRectF area = truthscene::toPicture(QRectF(patch), query.window, where);
+        const QRectF area = truthscene::toImage(QRectF(patch), query.window, where);
         const double marginX = area.width() / 4;
         const double marginY = area.height() / 4;
         patchAreas.append(inside(area.adjusted(marginX, marginY, -marginX, -marginY)) & QRect({}, canvas));
     }
     constexpr double blurred = 16.0; // as far as a block of the encoder reaches
-    field = inside(truthscene::toPicture(QRectF(layout.field), query.window, where)
+    field = inside(truthscene::toImage(QRectF(layout.field), query.window, where)
                        .adjusted(blurred, blurred, -blurred, -blurred))
         & QRect({}, canvas);
     arrowScale = std::max(where.width() / query.window.width(), 1.0);
@@ -187,28 +187,28 @@ void TruthMeter::Measurements::stamp(double framePtsMs, const TruthStamp& read)
     stamped.push_back({framePtsMs, double(qint32(read.clockMs - firstClockMs)), read.counter});
 }
 
-void TruthMeter::Measurements::measurePatches(const QImage& picture)
+void TruthMeter::Measurements::measurePatches(const QImage& frame)
 {
     for (std::size_t i = 0; i < patches.size(); ++i) {
         const QRect& area = patchAreas[qsizetype(i)];
         for (int y = area.top(); y <= area.bottom(); ++y) {
             for (int x = area.left(); x <= area.right(); ++x)
-                patches[i].add(picture.pixel(x, y), truthscene::patchColours[i]);
+                patches[i].add(frame.pixel(x, y), truthscene::patchColours[i]);
         }
     }
 }
 
-void TruthMeter::Measurements::measurePointer(const QImage& picture)
+void TruthMeter::Measurements::measurePointer(const QImage& frame)
 {
-    if (const std::optional<QPointF> tip = truthoverlay::findPointer(picture, field, arrowScale))
+    if (const std::optional<QPointF> tip = truthoverlay::findPointer(frame, field, arrowScale))
         pointerErrors.push_back(distance(*tip, onCanvas(*query.pointer)));
 }
 
-void TruthMeter::Measurements::measureMarkers(const QImage& picture, double framePtsMs)
+void TruthMeter::Measurements::measureMarkers(const QImage& frame, double framePtsMs)
 {
     constexpr double farthest = 48.0; // a spot further away is another click's
     std::vector<std::optional<TruthMarker::Sample>> best(std::size_t(markers.size()));
-    for (const truthoverlay::Spot& spot : truthoverlay::findMarkers(picture, field)) {
+    for (const truthoverlay::Spot& spot : truthoverlay::findMarkers(frame, field)) {
         const auto nearest = std::min_element(markers.cbegin(), markers.cend(), [&](const auto& a, const auto& b) {
             return distance(a.expected, spot.centre) < distance(b.expected, spot.centre);
         });
@@ -263,19 +263,19 @@ TruthMeter::TruthMeter(const TruthQuery& query, QSize canvas) : measurements_(st
 
 TruthMeter::~TruthMeter() = default;
 
-void TruthMeter::add(const QImage& picture, double ptsMs)
+void TruthMeter::add(const QImage& frame, double ptsMs)
 {
     Measurements& all = *measurements_;
     all.ptsMs.append(ptsMs);
-    const std::optional<TruthStamp> read = truthcode::decode(picture, all.where);
-    if (!read || picture.size() != all.canvas)
+    const std::optional<TruthStamp> read = truthcode::decode(frame, all.where);
+    if (!read || frame.size() != all.canvas)
         return;
     all.stamp(ptsMs, *read);
-    all.measurePatches(picture);
+    all.measurePatches(frame);
     if (all.query.pointer)
-        all.measurePointer(picture);
+        all.measurePointer(frame);
     if (!all.markers.isEmpty())
-        all.measureMarkers(picture, ptsMs);
+        all.measureMarkers(frame, ptsMs);
 }
 
 TruthReport TruthMeter::report() const
@@ -288,8 +288,8 @@ TruthReport TruthMeter::report() const
     report.framesDecoded = int(all.stamped.size());
     report.missedSlots = missedSlots(all.ptsMs);
     if (!all.ptsMs.isEmpty()) {
-        report.firstPictureMs = all.ptsMs.first();
-        report.lastPictureMs = all.ptsMs.last();
+        report.firstFrameMs = all.ptsMs.first();
+        report.lastFrameMs = all.ptsMs.last();
     }
 
     if (!all.stamped.empty()) {
@@ -316,8 +316,8 @@ TruthReport TruthMeter::report() const
 
 namespace {
 
-/// What the file says beside its pictures.
-void addSound(MediaFile& file, const TruthQuery& query, TruthReport& report)
+/// What the file says beside its frames.
+void addAudio(MediaFile& file, const TruthQuery& query, TruthReport& report)
 {
     const QList<MediaPacket> packets = file.packets();
     const auto durationOf = [&](const MediaStream* stream) {
@@ -332,11 +332,11 @@ void addSound(MediaFile& file, const TruthQuery& query, TruthReport& report)
         return toMs >= fromMs ? std::optional(toMs - fromMs) : std::nullopt;
     };
     report.videoDurationMs = durationOf(file.videoStream());
-    report.soundDurationMs = durationOf(file.audioStream());
+    report.audioDurationMs = durationOf(file.audioStream());
     if (!query.beeps || !report.clock)
         return;
-    if (const std::optional<MediaSound> sound = file.sound())
-        report.sound = measureBeeps(*sound, *report.clock, report.firstPictureMs, report.lastPictureMs);
+    if (const std::optional<MediaAudio> audio = file.audio())
+        report.audio = measureBeeps(*audio, *report.clock, report.firstFrameMs, report.lastFrameMs);
 }
 
 }
@@ -365,7 +365,7 @@ TruthReport measureTruth(const QString& path, const TruthQuery& query)
     });
     TruthReport report = meter.report();
     report.coloursTagged = coloursTagged && report.framesInFile > 0;
-    addSound(file, query, report);
+    addAudio(file, query, report);
     report.error = file.errorString();
     return report;
 }

@@ -1,8 +1,8 @@
 // What a recording of the truth window says about its recorder: lost frames, time, colour and position
-// errors, and how well its sound is in step.
+// errors, and how well its audio is in step.
 #pragma once
 
-#include "truthsound.h"
+#include "truthaudio.h"
 
 #include <QList>
 #include <QPointF>
@@ -20,7 +20,7 @@ class QImage;
 /// What the recording was made of. Points are in window pixels.
 struct TruthQuery {
     QSize window;
-    std::optional<QRectF> whereTheWindowIs; ///< pixels of the picture; without it, letterboxed by the usual rule
+    std::optional<QRectF> whereTheWindowIs; ///< pixels of the frame; without it, letterboxed by the usual rule
     std::optional<QPointF> pointer; ///< where the pointer rested; on the field
     QList<QPointF> markers; ///< where clicks were made; on the field
     bool beeps = false; ///< the window flashed and beeped
@@ -44,7 +44,7 @@ struct TruthPatch {
     std::array<int, 3> max{};
 };
 
-/// The pointer over the frames in which it was found whole. Pixels of the picture.
+/// The pointer over the frames in which it was found whole. Pixels of the frame.
 struct TruthPointer {
     QPointF expected;
     int framesSeen = 0;
@@ -52,7 +52,7 @@ struct TruthPointer {
     double worstErrorPx = 0.0;
 };
 
-/// One click marker. Positions and radius in pixels of the picture, times in milliseconds of the file. In its
+/// One click marker. Positions and radius in pixels of the frame, times in milliseconds of the file. In its
 /// last half second a marker is so small and faint that an encoder may move it by a pixel or swallow it.
 struct TruthMarker {
     struct Sample {
@@ -74,13 +74,13 @@ struct TruthMarker {
 struct TruthReport {
     QString error; ///< empty when the whole file was measured
     QSize canvas; ///< pixels
-    QRectF whereTheWindowIs; ///< pixels of the picture
+    QRectF whereTheWindowIs; ///< pixels of the frame
     bool coloursTagged = false; ///< false: the colours below were measured on a guess
 
     int framesInFile = 0;
     int framesDecoded = 0; ///< those whose barcode was read
-    double firstPictureMs = 0.0; ///< presentation times
-    double lastPictureMs = 0.0;
+    double firstFrameMs = 0.0; ///< presentation times
+    double lastFrameMs = 0.0;
     int missedSlots = 0;
     /// The window repainted itself more than twice per slot, so that no two frames may show the same
     /// painting.
@@ -90,17 +90,17 @@ struct TruthReport {
     int framesLost() const { return missedSlots + repeatedFrames; }
 
     std::optional<TruthTiming> timing; ///< nothing when the window was not animated
-    /// A picture shows a painting that is half a repaint interval old on average, which is taken into account.
+    /// A frame shows a painting that is half a repaint interval old on average, which is taken into account.
     std::optional<TruthClock> clock; ///< likewise
     QList<TruthPatch> patches;
     std::optional<TruthPointer> pointer; ///< present when asked for
     QList<TruthMarker> markers; ///< as asked for
 
     /// From the first packet's time to the end of the last one; nothing without such a stream, or for frames without
-    /// a file, as is the sound.
+    /// a file, as is the audio.
     std::optional<double> videoDurationMs;
-    std::optional<double> soundDurationMs;
-    std::optional<TruthSound> sound; ///< present when asked for, the window was animated and the file has sound
+    std::optional<double> audioDurationMs;
+    std::optional<TruthAudio> audio; ///< present when asked for, the window was animated and the file has audio
 };
 
 /// How many frames are missing between those that are there: recording has a slot every 41 ms, and a gap
@@ -116,7 +116,7 @@ public:
     TruthMeter& operator=(const TruthMeter&) = delete;
 
     /// The next frame, QImage::Format_RGB32, in the order of presentation.
-    void add(const QImage& picture, double ptsMs);
+    void add(const QImage& frame, double ptsMs);
     /// What the frames up to now say.
     TruthReport report() const;
 

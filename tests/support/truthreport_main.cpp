@@ -74,13 +74,13 @@ int main(int argc, char** argv)
     parser.addOptions({
         {QStringLiteral("window"), QStringLiteral("Size of the truth window, pixels."), QStringLiteral("WxH")},
         {QStringLiteral("canvas"),
-            QStringLiteral("Where the picture shows the window: auto (letterboxed) or WxH+X+Y, pixels."),
+            QStringLiteral("Where the frame shows the window: auto (letterboxed) or WxH+X+Y, pixels."),
             QStringLiteral("where"), QStringLiteral("auto")},
         {QStringLiteral("pointer"), QStringLiteral("Where the pointer rested, window pixels."),
             QStringLiteral("X,Y")},
         {QStringLiteral("marker"), QStringLiteral("Where a click was made, window pixels; may be repeated."),
             QStringLiteral("X,Y")},
-        {QStringLiteral("beeps"), QStringLiteral("The window beeped: measure the sound against the picture.")},
+        {QStringLiteral("beeps"), QStringLiteral("The window beeped: measure the audio against the frame.")},
         {QStringLiteral("json"), QStringLiteral("Print JSON instead of the table.")},
     });
     TruthQuery query;

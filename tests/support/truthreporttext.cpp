@@ -41,25 +41,25 @@ QString timingRows(const TruthReport& report)
         + row(QStringLiteral("drift, ms per minute"), fixed(report.timing->driftMsPerMinute, 2));
 }
 
-QString soundRows(const TruthReport& report)
+QString audioRows(const TruthReport& report)
 {
     const auto duration = [](const std::optional<double>& ms) { return ms ? fixed(*ms) : QStringLiteral("none"); };
     QString text = row(QStringLiteral("duration, ms"),
-        QStringLiteral("video %1, sound %2").arg(duration(report.videoDurationMs), duration(report.soundDurationMs)));
-    if (!report.sound)
+        QStringLiteral("video %1, audio %2").arg(duration(report.videoDurationMs), duration(report.audioDurationMs)));
+    if (!report.audio)
         return text;
-    const TruthSound& sound = *report.sound;
+    const TruthAudio& audio = *report.audio;
     text += row(QStringLiteral("beeps"),
         QStringLiteral("%1 heard, %2 missing, %3 stray")
-            .arg(sound.beeps.size())
-            .arg(sound.missedBeeps)
-            .arg(sound.strayBeeps));
-    if (sound.beeps.isEmpty())
+            .arg(audio.beeps.size())
+            .arg(audio.missedBeeps)
+            .arg(audio.strayBeeps));
+    if (audio.beeps.isEmpty())
         return text;
     return text
-        + row(QStringLiteral("sound behind picture, ms"),
+        + row(QStringLiteral("audio behind frame, ms"),
             QStringLiteral("mean %1, worst %2, drift %3 a minute")
-                .arg(fixed(sound.meanMs, 2), fixed(sound.worstMs, 2), fixed(sound.driftMsPerMinute, 2)));
+                .arg(fixed(audio.meanMs, 2), fixed(audio.worstMs, 2), fixed(audio.driftMsPerMinute, 2)));
 }
 
 QString markerRows(const TruthMarker& marker)
@@ -102,15 +102,15 @@ QJsonObject markerJson(const TruthMarker& marker)
         {QStringLiteral("worstErrorPx"), marker.worstErrorPx}, {QStringLiteral("samples"), samples}};
 }
 
-QJsonObject soundJson(const TruthSound& sound)
+QJsonObject audioJson(const TruthAudio& audio)
 {
     QJsonArray beeps;
-    for (const TruthBeep& beep : sound.beeps)
+    for (const TruthBeep& beep : audio.beeps)
         beeps.append(
             QJsonObject{{QStringLiteral("fileMs"), beep.fileMs}, {QStringLiteral("offsetMs"), beep.offsetMs}});
-    return {{QStringLiteral("flashes"), sound.flashes}, {QStringLiteral("missedBeeps"), sound.missedBeeps},
-        {QStringLiteral("strayBeeps"), sound.strayBeeps}, {QStringLiteral("meanMs"), sound.meanMs},
-        {QStringLiteral("worstMs"), sound.worstMs}, {QStringLiteral("driftMsPerMinute"), sound.driftMsPerMinute},
+    return {{QStringLiteral("flashes"), audio.flashes}, {QStringLiteral("missedBeeps"), audio.missedBeeps},
+        {QStringLiteral("strayBeeps"), audio.strayBeeps}, {QStringLiteral("meanMs"), audio.meanMs},
+        {QStringLiteral("worstMs"), audio.worstMs}, {QStringLiteral("driftMsPerMinute"), audio.driftMsPerMinute},
         {QStringLiteral("beeps"), beeps}};
 }
 
@@ -138,7 +138,7 @@ QString truthReportTable(const TruthReport& report)
             .arg(report.repeatedFrames));
     text += row(QStringLiteral("window repainted every"), fixed(report.repaintIntervalMs) + QStringLiteral(" ms"));
     text += timingRows(report);
-    text += soundRows(report);
+    text += audioRows(report);
     text += row(QStringLiteral("colours"),
         report.coloursTagged ? QStringLiteral("tagged") : QStringLiteral("NOT TAGGED: measured on a guess"));
     for (const TruthPatch& patch : report.patches) {
@@ -177,9 +177,9 @@ QByteArray truthReportJson(const TruthReport& report)
         {QStringLiteral("pointer"), QJsonValue()},
         {QStringLiteral("videoDurationMs"),
             report.videoDurationMs ? QJsonValue(*report.videoDurationMs) : QJsonValue()},
-        {QStringLiteral("soundDurationMs"),
-            report.soundDurationMs ? QJsonValue(*report.soundDurationMs) : QJsonValue()},
-        {QStringLiteral("sound"), report.sound ? QJsonValue(soundJson(*report.sound)) : QJsonValue()},
+        {QStringLiteral("audioDurationMs"),
+            report.audioDurationMs ? QJsonValue(*report.audioDurationMs) : QJsonValue()},
+        {QStringLiteral("audio"), report.audio ? QJsonValue(audioJson(*report.audio)) : QJsonValue()},
     };
     if (report.timing) {
         json[QStringLiteral("timing")] = QJsonObject{{QStringLiteral("medianMs"), report.timing->medianMs},

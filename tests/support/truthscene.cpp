@@ -96,17 +96,17 @@ QRectF letterboxed(QSize window, QSize canvas)
     return QRectF(QPointF((canvas.width() - shown.width()) / 2, (canvas.height() - shown.height()) / 2), shown);
 }
 
-QPointF toPicture(const QPointF& inWindow, QSize window, const QRectF& whereTheWindowIs)
+QPointF toImage(const QPointF& inWindow, QSize window, const QRectF& whereTheWindowIs)
 {
     return whereTheWindowIs.topLeft()
         + QPointF(inWindow.x() * whereTheWindowIs.width() / window.width(),
             inWindow.y() * whereTheWindowIs.height() / window.height());
 }
 
-QRectF toPicture(const QRectF& inWindow, QSize window, const QRectF& whereTheWindowIs)
+QRectF toImage(const QRectF& inWindow, QSize window, const QRectF& whereTheWindowIs)
 {
-    return {toPicture(inWindow.topLeft(), window, whereTheWindowIs),
-        toPicture(inWindow.bottomRight(), window, whereTheWindowIs)};
+    return {toImage(inWindow.topLeft(), window, whereTheWindowIs),
+        toImage(inWindow.bottomRight(), window, whereTheWindowIs)};
 }
 
 }

@@ -56,8 +56,8 @@ void paintAnimated(QImage& window, const TruthStamp& stamp, bool flash = false);
 /// sides: whole pixels, an odd bar being smaller on the left or top.
 QRectF letterboxed(QSize window, QSize canvas);
 
-/// From window pixels to the pixels of a picture that shows the window in the given rectangle.
-QRectF toPicture(const QRectF& inWindow, QSize window, const QRectF& whereTheWindowIs);
-QPointF toPicture(const QPointF& inWindow, QSize window, const QRectF& whereTheWindowIs);
+/// From window pixels to the pixels of a frame that shows the window in the given rectangle.
+QRectF toImage(const QRectF& inWindow, QSize window, const QRectF& whereTheWindowIs);
+QPointF toImage(const QPointF& inWindow, QSize window, const QRectF& whereTheWindowIs);
 
 }

@@ -1,4 +1,4 @@
-// truthwindow: an X11 window that says in its own picture when it was painted, with colours and a plain field
+// truthwindow: an X11 window that says in its own frame when it was painted, with colours and a plain field
 // to measure on; it can flash and beep in the same instants. Prints its window id, then "ready" once all of it is on
 // the screen. Ends with 0 on SIGTERM or SIGINT, or when the window is destroyed or closed; with 1 and a line on
 // stderr when something fails; with 2 for a wrong command line.
@@ -118,7 +118,7 @@ bool run(XcbWindow& window, Painting& painting, int fps)
     qint64 paintings = 0;
     const auto nextPaintingMs = [&] { return (paintings + 1) * 1000 / fps; };
     for (;;) {
-        // Until nothing is left: showing a picture reads from the connection too, and what it read makes no
+        // Until nothing is left: showing a frame reads from the connection too, and what it read makes no
         // descriptor readable.
         const XcbWindow::State state = window.handleEvents();
         if (state == XcbWindow::State::Gone)
@@ -158,8 +158,8 @@ int main(int argc, char** argv)
         {QStringLiteral("background"),
             QStringLiteral("Colour of the field. Pointer and markers are measured on the default only."),
             QStringLiteral("RRGGBB"), QStringLiteral("808080")},
-        {QStringLiteral("beep"), QStringLiteral("Flash and beep about once a second, to the sound server.")},
-        {QStringLiteral("name"), QStringLiteral("The name that the sound server is told."), QStringLiteral("NAME"),
+        {QStringLiteral("beep"), QStringLiteral("Flash and beep about once a second, to the audio server.")},
+        {QStringLiteral("name"), QStringLiteral("The name that the audio server is told."), QStringLiteral("NAME"),
             QStringLiteral("truthwindow")},
     });
     const bool understood = parser.parse(QCoreApplication::arguments());

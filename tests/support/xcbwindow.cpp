@@ -1,4 +1,4 @@
-// XcbWindow: a plain X11 window with a shared picture.
+// XcbWindow: a plain X11 window with a shared frame.
 #include "xcbwindow.h"
 
 #include <xcb/shm.h>
@@ -25,13 +25,13 @@ struct ConnectionDeleter {
 };
 using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
 
-/// A picture in memory that the X server reads too.
-class SharedPicture {
+/// A frame in memory that the X server reads too.
+class SharedImage {
 public:
-    SharedPicture(xcb_connection_t* connection, QSize size)
+    SharedImage(xcb_connection_t* connection, QSize size)
         : connection_(connection), bytes_(std::size_t(size.width()) * std::size_t(size.height()) * 4)
     {
-        const int descriptor = memfd_create("picture", MFD_CLOEXEC);
+        const int descriptor = memfd_create("frame", MFD_CLOEXEC);
         if (descriptor < 0 || ftruncate(descriptor, off_t(bytes_)) < 0) {
             close(descriptor);
             return;
@@ -49,15 +49,15 @@ public:
         if (!error)
             image_ = QImage(memory_, size.width(), size.height(), size.width() * 4, QImage::Format_RGB32);
     }
-    ~SharedPicture()
+    ~SharedImage()
     {
         if (!image_.isNull())
             xcb_shm_detach(connection_, segment_);
         if (memory_)
             munmap(memory_, bytes_);
     }
-    SharedPicture(const SharedPicture&) = delete;
-    SharedPicture& operator=(const SharedPicture&) = delete;
+    SharedImage(const SharedImage&) = delete;
+    SharedImage& operator=(const SharedImage&) = delete;
 
     QImage& image() { return image_; } ///< null when the memory could not be shared
     xcb_shm_seg_t segment() const { return segment_; }
@@ -87,13 +87,13 @@ struct XcbWindow::Impl {
     xcb_atom_t protocols = XCB_ATOM_NONE;
     xcb_atom_t deleteWindow = XCB_ATOM_NONE;
     QSize size; // pixels; as last reported by the server
-    std::unique_ptr<SharedPicture> picture;
+    std::unique_ptr<SharedImage> frame;
 
     bool open(const QRect& geometry, const char* title);
     void create(const xcb_screen_t& screen, const QRect& geometry);
     void describe(const QRect& geometry, const char* title);
     bool waitUntilMapped();
-    bool sharePicture();
+    bool shareImage();
 };
 
 bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
@@ -114,13 +114,13 @@ bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
     create(*screen, geometry);
     describe(geometry, title);
     xcb_map_window(connection.get(), window);
-    return waitUntilMapped() && sharePicture();
+    return waitUntilMapped() && shareImage();
 }
 
 void XcbWindow::Impl::create(const xcb_screen_t& screen, const QRect& geometry)
 {
     window = xcb_generate_id(connection.get());
-    // No background: the server never paints anything between two pictures.
+    // No background: the server never paints anything between two frames.
     const quint32 values[] = {XCB_BACK_PIXMAP_NONE, XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_STRUCTURE_NOTIFY};
     xcb_create_window(connection.get(), XCB_COPY_FROM_PARENT, window, screen.root, qint16(geometry.x()),
         qint16(geometry.y()), quint16(geometry.width()), quint16(geometry.height()), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
@@ -166,11 +166,11 @@ bool XcbWindow::Impl::waitUntilMapped()
     return false;
 }
 
-bool XcbWindow::Impl::sharePicture()
+bool XcbWindow::Impl::shareImage()
 {
-    picture.reset();
-    picture = std::make_unique<SharedPicture>(connection.get(), size);
-    if (picture->image().isNull())
+    frame.reset();
+    frame = std::make_unique<SharedImage>(connection.get(), size);
+    if (frame->image().isNull())
         error = QStringLiteral("no memory to share with the X server");
     return error.isEmpty();
 }
@@ -199,17 +199,17 @@ int XcbWindow::descriptor() const
 
 QImage& XcbWindow::image()
 {
-    return impl_->picture->image();
+    return impl_->frame->image();
 }
 
 void XcbWindow::show(const QRect& area)
 {
-    const QImage& image = impl_->picture->image();
+    const QImage& image = impl_->frame->image();
     xcb_connection_t* const c = impl_->connection.get();
     const auto cookie = xcb_shm_put_image_checked(c, impl_->window, impl_->context, quint16(image.width()),
         quint16(image.height()), quint16(area.x()), quint16(area.y()), quint16(area.width()), quint16(area.height()),
-        qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false, impl_->picture->segment(), 0);
-    // The check waits for the server, which has read the picture then. An error says that the window is gone,
+        qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false, impl_->frame->segment(), 0);
+    // The check waits for the server, which has read the frame then. An error says that the window is gone,
     // which handleEvents() reports.
     const Reply<xcb_generic_error_t> error(xcb_request_check(c, cookie));
 }
@@ -244,7 +244,7 @@ XcbWindow::State XcbWindow::handleEvents()
         return State::ConnectionLost;
     if (newSize != impl_->size) {
         impl_->size = newSize;
-        state = impl_->sharePicture() ? State::NeedsPainting : State::ConnectionLost;
+        state = impl_->shareImage() ? State::NeedsPainting : State::ConnectionLost;
     }
     return state;
 }

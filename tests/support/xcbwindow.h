@@ -1,4 +1,4 @@
-// XcbWindow: a plain X11 window with a picture in memory that it shares with the X server.
+// XcbWindow: a plain X11 window with a frame in memory that it shares with the X server.
 #pragma once
 
 #include <QImage>
@@ -7,13 +7,13 @@
 
 #include <memory>
 
-/// A mapped top-level window on the default display, or a text in errorString(). Its picture reaches the
+/// A mapped top-level window on the default display, or a text in errorString(). Its frame reaches the
 /// screen in one request, so that another client never grabs half of one. One thread.
 class XcbWindow {
 public:
     enum class State {
         Unchanged,
-        NeedsPainting, ///< uncovered, or of another size: the picture is to be painted and shown whole
+        NeedsPainting, ///< uncovered, or of another size: the frame is to be painted and shown whole
         Gone, ///< destroyed, or closed by its user
         ConnectionLost,
     };
@@ -30,7 +30,7 @@ public:
 
     /// QImage::Format_RGB32, of the window's size; its buffer changes when handleEvents() says NeedsPainting.
     QImage& image();
-    /// Brings an area of the picture to the screen; returns when the X server has read it.
+    /// Brings an area of the frame to the screen; returns when the X server has read it.
     void show(const QRect& area);
     State handleEvents();
 

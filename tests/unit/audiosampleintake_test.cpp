@@ -324,7 +324,7 @@ struct Intake {
 
     Intake()
     {
-        fakeplatform::sound().lookup = fakeplatform::contentOf({});
+        fakeplatform::audio().lookup = fakeplatform::contentOf({});
         capture = std::make_unique<RecorderAudioCapture>(QString());
         capture->start();
         log.clear();

@@ -32,7 +32,7 @@ RecorderProbe::CapturedFrame withPointer(RecorderProbe::CapturedFrame frame, dou
     return frame;
 }
 
-/// Whether every pixel of a part of the picture has the colour, within a tolerance.
+/// Whether every pixel of a part of the frame has the colour, within a tolerance.
 bool isFilled(const QImage& image, const QRect& area, QRgb colour, int tolerance = 0)
 {
     for (int y = area.top(); y <= area.bottom(); ++y) {
@@ -59,7 +59,7 @@ private Q_SLOTS:
     void imageIsNeitherCroppedNorDistorted();
     void translucentWindowStandsOnBlack();
     void nullImageGivesABlackCanvas();
-    void canvasThatNoMemoryHoldsGivesNoPicture();
+    void canvasThatNoMemoryHoldsGivesNoFrame();
     void screenOriginAndScaleTakeNoPart();
 
     void pointerTipIsAtThePointer();
@@ -186,7 +186,7 @@ void CompositionTest::nullImageGivesABlackCanvas()
     QVERIFY(isFilled(composed, composed.rect(), black));
 }
 
-void CompositionTest::canvasThatNoMemoryHoldsGivesNoPicture()
+void CompositionTest::canvasThatNoMemoryHoldsGivesNoFrame()
 {
     RecorderArguments arguments;
     arguments.canvasWidth = 1e308;

@@ -1,4 +1,4 @@
-// What composition saves: a picture that would look the same is not painted again, memory is used again, and what is
+// What composition saves: a image that would look the same is not painted again, memory is used again, and what is
 // known to be opaque is copied. None of it may be seen.
 #include "recorderbench.h"
 
@@ -33,15 +33,15 @@ RecorderProbe::CapturedFrame frameOf(const QImage& image)
     return frame;
 }
 
-/// The window's image on the canvas, painted in the format that pictures have.
+/// The window's image on the canvas, painted in the format that images have.
 QImage paintedPlainly(const QImage& image, const QSize& size)
 {
-    QImage picture(size, QImage::Format_ARGB32);
-    picture.fill(Qt::black);
-    QPainter painter(&picture);
+    QImage target(size, QImage::Format_ARGB32);
+    target.fill(Qt::black);
+    QPainter painter(&target);
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
     painter.drawImage(FrameGeometry(image.size(), image.rect(), size).target(), image, QRectF(image.rect()));
-    return picture;
+    return target;
 }
 
 }
@@ -58,15 +58,15 @@ private Q_SLOTS:
     void pointerAndMarkersLookTheSameOnAnOpaqueWindow_data();
     void pointerAndMarkersLookTheSameOnAnOpaqueWindow();
 
-    void unchangedFrameGivesTheSamePicture();
-    void anyChangeGivesAnotherPicture_data();
-    void anyChangeGivesAnotherPicture();
+    void unchangedFrameGivesTheSameImage();
+    void anyChangeGivesAnotherImage_data();
+    void anyChangeGivesAnotherImage();
     void markersArePaintedOnEveryFrame();
     void clickOfALaterFrameChangesNothing();
-    void otherCanvasIsAnotherPicture();
+    void otherCanvasIsAnotherImage();
 
     void memoryIsUsedAgain();
-    void pictureThatSomebodyKeepsIsLeftAlone();
+    void imageThatSomebodyKeepsIsLeftAlone();
 
 private:
     QImage compose(const RecorderProbe::CapturedFrame& frame, long long timestampMs = 0)
@@ -159,10 +159,10 @@ void CompositionReuseTest::pointerAndMarkersLookTheSameOnAnOpaqueWindow()
     QVERIFY(compose(frame, 1500) != blended);
 }
 
-// ---- pictures that would look the same
+// ---- images that would look the same
 // ------------------------------------------------------------------------------
 
-void CompositionReuseTest::unchangedFrameGivesTheSamePicture()
+void CompositionReuseTest::unchangedFrameGivesTheSameImage()
 {
     const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
     const QImage first = compose(frame);
@@ -173,7 +173,7 @@ void CompositionReuseTest::unchangedFrameGivesTheSamePicture()
     QCOMPARE(second, composeAnew(later));
 }
 
-void CompositionReuseTest::anyChangeGivesAnotherPicture_data()
+void CompositionReuseTest::anyChangeGivesAnotherImage_data()
 {
     QTest::addColumn<RecorderProbe::CapturedFrame>("changed");
     const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
@@ -191,7 +191,7 @@ void CompositionReuseTest::anyChangeGivesAnotherPicture_data()
     row("no pointer", [](auto& changed) { changed.hasCursor = false; });
 }
 
-void CompositionReuseTest::anyChangeGivesAnotherPicture()
+void CompositionReuseTest::anyChangeGivesAnotherImage()
 {
     QFETCH(const RecorderProbe::CapturedFrame, changed);
     const QImage before = compose(frameOf(speckled(canvas, true)));
@@ -223,7 +223,7 @@ void CompositionReuseTest::clickOfALaterFrameChangesNothing()
     QVERIFY(compose(frame, 500) != first);
 }
 
-void CompositionReuseTest::otherCanvasIsAnotherPicture()
+void CompositionReuseTest::otherCanvasIsAnotherImage()
 {
     const RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
     compose(frame);
@@ -240,13 +240,13 @@ void CompositionReuseTest::memoryIsUsedAgain()
     const uchar* memory = compose(frame).constBits();
     for (int i = 0; i < 3; ++i) {
         frame.image = speckled(canvas, true, quint32(i) + 2);
-        const QImage picture = compose(frame);
-        QCOMPARE(picture.constBits(), memory);
-        QCOMPARE(picture, composeAnew(frame));
+        const QImage image = compose(frame);
+        QCOMPARE(image.constBits(), memory);
+        QCOMPARE(image, composeAnew(frame));
     }
 }
 
-void CompositionReuseTest::pictureThatSomebodyKeepsIsLeftAlone()
+void CompositionReuseTest::imageThatSomebodyKeepsIsLeftAlone()
 {
     const QImage kept = compose(frameOf(speckled(canvas, true)));
     const QImage asItWas = kept.copy();

@@ -1,4 +1,4 @@
-// Where two pictures differ.
+// Where two frames differ.
 #pragma once
 
 #include <QImage>
@@ -13,7 +13,7 @@ inline int distance(QRgb a, QRgb b)
         qAbs(qAlpha(a) - qAlpha(b))});
 }
 
-/// The smallest rectangle that holds every pixel in which two pictures of one size differ by more than tolerance;
+/// The smallest rectangle that holds every pixel in which two frames of one size differ by more than tolerance;
 /// QRect() when there is none.
 inline QRect changedArea(const QImage& before, const QImage& after, int tolerance = 0)
 {

@@ -37,7 +37,7 @@ private Q_SLOTS:
     void pauseAndUnpauseChangeNothing();
     void lateClickReachesItsFrames();
     void clickLaterThanTheHoldTimeMissesItsFirstFrames();
-    void picturesAreReleasedOnceTheyAreEncoded();
+    void framesAreReleasedOnceTheyAreEncoded();
 
 private:
     void record(GstRecorder& recorder, RecorderBench& bench, const NumberedWindow& window);
@@ -59,8 +59,8 @@ private:
     qint64 tooLateKeyMs_ = 0; ///< of the click that was reported 3.3 s late
     qint64 reportedMs_ = 0; ///< recording time after both were reported
     int settledNumber_ = 0; ///< an image whose share of the queue was encoded before that
-    int mostLivePictures_ = 0;
-    int livePicturesAfterwards_ = -1;
+    int mostLiveFrames_ = 0;
+    int liveFramesAfterwards_ = -1;
 };
 
 void LongRecordingTest::initTestCase()
@@ -72,8 +72,8 @@ void LongRecordingTest::initTestCase()
     std::unique_ptr<GstRecorder> recorder = makeRecorder(arguments);
     record(*recorder, bench, window);
     recorder.reset();
-    mostLivePictures_ = window.mostLivePictures();
-    livePicturesAfterwards_ = window.livePictures();
+    mostLiveFrames_ = window.mostLiveFrames();
+    liveFramesAfterwards_ = window.liveFrames();
     frames_ = readFrames(output_);
 }
 
@@ -225,12 +225,12 @@ void LongRecordingTest::clickLaterThanTheHoldTimeMissesItsFirstFrames()
     QVERIFY(reached > 0);
 }
 
-void LongRecordingTest::picturesAreReleasedOnceTheyAreEncoded()
+void LongRecordingTest::framesAreReleasedOnceTheyAreEncoded()
 {
     QVERIFY(askedAtMs_.size() > pacing::queueReserve);
-    QVERIFY2(mostLivePictures_ <= pacing::queueReserve, qPrintable(QString::number(mostLivePictures_)));
-    QVERIFY(mostLivePictures_ > 50); // they were held
-    QCOMPARE(livePicturesAfterwards_, 0);
+    QVERIFY2(mostLiveFrames_ <= pacing::queueReserve, qPrintable(QString::number(mostLiveFrames_)));
+    QVERIFY(mostLiveFrames_ > 50); // they were held
+    QCOMPARE(liveFramesAfterwards_, 0);
 }
 
 QTEST_GUILESS_MAIN(LongRecordingTest)

@@ -17,7 +17,7 @@ constexpr QSize size(320, 240);
 constexpr int frameCount = 30;
 
 /// Four quadrants: red, green, blue, and a grey that changes with the frame.
-QImage picture(int index)
+QImage frame(int index)
 {
     QImage image(size, QImage::Format_RGB32);
     QPainter painter(&image);
@@ -44,7 +44,7 @@ QString writeClip(const QString& path, const ClipOptions& options = ClipOptions(
 {
     ClipWriter clip(path, size, options);
     for (int i = 0; i < frameCount; ++i) {
-        if (!clip.add(picture(i), i * 41 + (i >= 20 ? 100 : 0)))
+        if (!clip.add(frame(i), i * 41 + (i >= 20 ? 100 : 0)))
             return clip.errorString();
     }
     return clip.finish() ? QString() : clip.errorString();
@@ -62,8 +62,8 @@ private Q_SLOTS:
     void packetsKeepTheirTimes();
     void framesKeepTimesAndColours();
     void framesCanBeKeptAndStopped();
-    void soundKeepsTimeAndSamples();
-    void fileWithoutSoundHasNone();
+    void audioKeepsTimeAndSamples();
+    void fileWithoutAudioHasNone();
     void cutOffFileIsReadToTheCut();
     void damagedPacketIsAFailure();
     void noRecordingIsAnError();
@@ -170,20 +170,20 @@ void MediaFileTest::framesCanBeKeptAndStopped()
     QVERIFY(file.isValid());
 }
 
-/// A step in the sound and the picture of the same time are at the same time when they are read.
-void MediaFileTest::soundKeepsTimeAndSamples()
+/// A step in the audio and the frame of the same time are at the same time when they are read.
+void MediaFileTest::audioKeepsTimeAndSamples()
 {
     constexpr int rate = 48000;
-    const QString path = directory_.filePath(QStringLiteral("sound.mp4"));
+    const QString path = directory_.filePath(QStringLiteral("audio.mp4"));
     ClipOptions options;
-    options.withSound = true;
+    options.withAudio = true;
     ClipWriter clip(path, size, options);
     for (int i = 0; i < frameCount; ++i)
-        QVERIFY(clip.add(picture(i), i * 41));
+        QVERIFY(clip.add(frame(i), i * 41));
     std::vector<float> samples(rate * 5 / 4);
     for (std::size_t i = rate / 2; i < samples.size(); ++i)
         samples[i] = 0.5f * float(std::sin(0.1 * double(i)));
-    QVERIFY(clip.addSound(samples));
+    QVERIFY(clip.addAudio(samples));
     QVERIFY2(clip.finish(), qPrintable(clip.errorString()));
 
     MediaFile file(path);
@@ -191,17 +191,17 @@ void MediaFileTest::soundKeepsTimeAndSamples()
     QCOMPARE(file.audioStream()->codecId, AV_CODEC_ID_AAC);
     QCOMPARE(file.audioStream()->sampleRate, rate);
     QCOMPARE(file.audioStream()->channels, 2);
-    const std::optional<MediaSound> sound = file.sound();
-    QVERIFY2(sound, qPrintable(file.errorString()));
-    QCOMPARE(sound->sampleRate, rate);
-    QCOMPARE(sound->channels.size(), 2);
-    QVERIFY(sound->startMs > -25.0 && sound->startMs <= 0.0); // what the encoder puts before the sound may be there
-    const double endMs = sound->startMs + sound->durationMs();
+    const std::optional<MediaAudio> audio = file.audio();
+    QVERIFY2(audio, qPrintable(file.errorString()));
+    QCOMPARE(audio->sampleRate, rate);
+    QCOMPARE(audio->channels.size(), 2);
+    QVERIFY(audio->startMs > -25.0 && audio->startMs <= 0.0); // what the encoder puts before the audio may be there
+    const double endMs = audio->startMs + audio->durationMs();
     QVERIFY2(endMs >= 1250.0 && endMs < 1272.0, qPrintable(QString::number(endMs)));
-    QVERIFY2(sound->worstJoinMs < 0.1, qPrintable(QString::number(sound->worstJoinMs)));
-    for (const std::vector<float>& channel : sound->channels) {
+    QVERIFY2(audio->worstJoinMs < 0.1, qPrintable(QString::number(audio->worstJoinMs)));
+    for (const std::vector<float>& channel : audio->channels) {
         const auto loud = std::find_if(channel.begin(), channel.end(), [](float sample) { return sample > 0.25f; });
-        const double atMs = sound->startMs + double(loud - channel.begin()) * 1000.0 / rate;
+        const double atMs = audio->startMs + double(loud - channel.begin()) * 1000.0 / rate;
         QVERIFY2(std::abs(atMs - 500.0) < 1.0, qPrintable(QString::number(atMs)));
     }
     const QList<MediaFrame> frames = file.frames();
@@ -210,12 +210,12 @@ void MediaFileTest::soundKeepsTimeAndSamples()
         QCOMPARE(frames[i].ptsMs, i * 41.0);
 }
 
-void MediaFileTest::fileWithoutSoundHasNone()
+void MediaFileTest::fileWithoutAudioHasNone()
 {
     MediaFile file(path_);
-    QVERIFY(!file.sound());
+    QVERIFY(!file.audio());
     QVERIFY2(file.isValid(), qPrintable(file.errorString()));
-    QVERIFY(!MediaFile(directory_.filePath(QStringLiteral("missing.mp4"))).sound());
+    QVERIFY(!MediaFile(directory_.filePath(QStringLiteral("missing.mp4"))).audio());
 }
 
 void MediaFileTest::cutOffFileIsReadToTheCut()

@@ -14,7 +14,7 @@
 #include <functional>
 #include <mutex>
 
-/// Becomes the fake platform's window; lives longer than every recorder that looks at it. Pictures are opaque: eight
+/// Becomes the fake platform's window; lives longer than every recorder that looks at it. Frames are opaque: eight
 /// black or white blocks in the upper two thirds are the number's bits, the lower third is grey.
 class NumberedWindow {
 public:
@@ -46,10 +46,10 @@ public:
         return askedAtMs_;
     }
     /// Pixel buffers of this window that are not released yet, and the most there were at one time.
-    int livePictures() const { return live_; }
-    int mostLivePictures() const { return mostLive_; }
+    int liveFrames() const { return live_; }
+    int mostLiveFrames() const { return mostLive_; }
 
-    /// The number in a picture of the canvas; the window fills the given part of it.
+    /// The number in a frame of the canvas; the window fills the given part of it.
     static int numberIn(const QImage& canvas, const QRectF& part = QRectF(0, 0, width, height))
     {
         int number = 0;

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
+using pipewire::AudioBlock;
 using pipewire::BlockQueue;
-using pipewire::SoundBlock;
 
 namespace {
 

@@ -204,7 +204,7 @@ void RecorderTest::destructorFinishesTheFile()
 {
     startRecording();
     recorder_.reset();
-    QCOMPARE(window_->livePictures(), 0);
+    QCOMPARE(window_->liveFrames(), 0);
     MediaFile file(output());
     QVERIFY(file.frames().size() >= 3);
     QVERIFY2(file.isValid(), qPrintable(file.errorString()));

@@ -11,7 +11,7 @@
 #include <atomic>
 #include <thread>
 
-using fakeplatform::sound;
+using fakeplatform::audio;
 using platform::AudioApplication;
 
 namespace {
@@ -33,7 +33,7 @@ const QString startedLine
 /// A capture of the display, configured.
 std::unique_ptr<RecorderAudioCapture> displayCapture()
 {
-    sound().lookup = fakeplatform::contentOf({});
+    audio().lookup = fakeplatform::contentOf({});
     return std::make_unique<RecorderAudioCapture>(QString());
 }
 
@@ -48,8 +48,8 @@ private Q_SLOTS:
     void formatIsFixed();
     void invalidPidFailsBeforeAnyPlatformCall_data();
     void invalidPidFailsBeforeAnyPlatformCall();
-    void displaySound_data();
-    void displaySound();
+    void displayAudio_data();
+    void displayAudio();
     void streamConfiguration();
     void lookupTimesOut();
     void lateLookupIsHarmless();
@@ -59,7 +59,7 @@ private Q_SLOTS:
     void pidOfNobody();
     void twelveCandidatesAtMost();
     void pidBeyond32BitsMatchesNobody();
-    void applicationSound();
+    void applicationAudio();
     void applicationWithoutBundle();
     void applicationWithoutNames();
     void outputSetupFails_data();
@@ -123,12 +123,12 @@ void RecorderAudioCaptureTest::invalidPidFailsBeforeAnyPlatformCall()
     QCOMPARE(log.messages(QtWarningMsg),
         QStringList("macOS app-only audio capture received an invalid app-pid device: \"" + quoted + "\""));
     QCOMPARE(log.messages().size(), 1);
-    QCOMPARE(sound().lookups.size(), 0U);
-    QCOMPARE(sound().waits.size(), 0U);
-    QCOMPARE(sound().streams.size(), 0U);
+    QCOMPARE(audio().lookups.size(), 0U);
+    QCOMPARE(audio().waits.size(), 0U);
+    QCOMPARE(audio().streams.size(), 0U);
 }
 
-void RecorderAudioCaptureTest::displaySound_data()
+void RecorderAudioCaptureTest::displayAudio_data()
 {
     QTest::addColumn<QString>("device");
     QTest::addColumn<QString>("quoted");
@@ -140,31 +140,31 @@ void RecorderAudioCaptureTest::displaySound_data()
                                 << "APP-PID:42";
 }
 
-void RecorderAudioCaptureTest::displaySound()
+void RecorderAudioCaptureTest::displayAudio()
 {
     QFETCH(const QString, device);
     QFETCH(const QString, quoted);
-    sound().lookup = fakeplatform::contentOf({{42, "a", "b"}}, 3);
+    audio().lookup = fakeplatform::contentOf({{42, "a", "b"}}, 3);
     const LogCapture log;
     const RecorderAudioCapture capture{device};
     QVERIFY(capture.isValid());
     QCOMPARE(log.messages(), QStringList(configuredLine(quoted, false)));
-    QCOMPARE(sound().lookups.size(), 1U);
-    QVERIFY(sound().lookups[0].excludeDesktopWindows);
-    QVERIFY(!sound().lookups[0].onScreenWindowsOnly);
-    QCOMPARE(sound().waits, std::vector<qint64>{fiveSeconds});
-    QCOMPARE(sound().streams.size(), 1U);
-    QCOMPARE(sound().streams[0].filter.display, 0U);
-    QVERIFY(!sound().streams[0].filter.excludedApplications);
-    QCOMPARE(sound().executablesAsked.size(), 0U);
-    QCOMPARE(sound().outputsAdded, 1);
-    QCOMPARE(sound().starts, 0);
+    QCOMPARE(audio().lookups.size(), 1U);
+    QVERIFY(audio().lookups[0].excludeDesktopWindows);
+    QVERIFY(!audio().lookups[0].onScreenWindowsOnly);
+    QCOMPARE(audio().waits, std::vector<qint64>{fiveSeconds});
+    QCOMPARE(audio().streams.size(), 1U);
+    QCOMPARE(audio().streams[0].filter.display, 0U);
+    QVERIFY(!audio().streams[0].filter.excludedApplications);
+    QCOMPARE(audio().executablesAsked.size(), 0U);
+    QCOMPARE(audio().outputsAdded, 1);
+    QCOMPARE(audio().starts, 0);
 }
 
 void RecorderAudioCaptureTest::streamConfiguration()
 {
     const auto capture = displayCapture();
-    const auto& configuration = sound().streams.at(0).configuration;
+    const auto& configuration = audio().streams.at(0).configuration;
     QCOMPARE(configuration.width, 2);
     QCOMPARE(configuration.height, 2);
     QCOMPARE(configuration.minimumFrameIntervalNumerator, 1);
@@ -175,26 +175,26 @@ void RecorderAudioCaptureTest::streamConfiguration()
     QCOMPARE(configuration.sampleRate, 48000);
     QCOMPARE(configuration.channelCount, 2);
     QVERIFY(!configuration.excludesCurrentProcessAudio);
-    QCOMPARE(sound().queueLabels.size(), 1U);
-    QVERIFY(sound().queueLabels[0].endsWith(".screencapturekit.audio"));
-    QVERIFY(sound().queueLabels[0].size() > qsizetype(qstrlen(".screencapturekit.audio")));
+    QCOMPARE(audio().queueLabels.size(), 1U);
+    QVERIFY(audio().queueLabels[0].endsWith(".screencapturekit.audio"));
+    QVERIFY(audio().queueLabels[0].size() > qsizetype(qstrlen(".screencapturekit.audio")));
 }
 
 void RecorderAudioCaptureTest::lookupTimesOut()
 {
-    sound().lookup = [](const platform::AudioContentCompletion&) {};
+    audio().lookup = [](const platform::AudioContentCompletion&) {};
     const LogCapture log;
     const RecorderAudioCapture capture{QString()};
     QVERIFY(!capture.isValid());
     QCOMPARE(log.messages(QtWarningMsg), QStringList("macOS ScreenCaptureKit shareable content lookup timed out."));
-    QCOMPARE(sound().waits, std::vector<qint64>{fiveSeconds});
-    QCOMPARE(sound().streams.size(), 0U);
+    QCOMPARE(audio().waits, std::vector<qint64>{fiveSeconds});
+    QCOMPARE(audio().streams.size(), 0U);
 }
 
 void RecorderAudioCaptureTest::lateLookupIsHarmless()
 {
     platform::AudioContentCompletion late;
-    sound().lookup = [&late](platform::AudioContentCompletion completion) { late = std::move(completion); };
+    audio().lookup = [&late](platform::AudioContentCompletion completion) { late = std::move(completion); };
     {
         const RecorderAudioCapture capture{QString()};
         QVERIFY(!capture.isValid());
@@ -203,7 +203,7 @@ void RecorderAudioCaptureTest::lateLookupIsHarmless()
     const LogCapture log;
     late(std::make_shared<platform::AudioContent>(), std::nullopt);
     QCOMPARE(log.messages(), QStringList());
-    QCOMPARE(sound().streams.size(), 0U);
+    QCOMPARE(audio().streams.size(), 0U);
 }
 
 void RecorderAudioCaptureTest::lookupFails()
@@ -213,13 +213,13 @@ void RecorderAudioCaptureTest::lookupFails()
     QVERIFY(!capture.isValid());
     QCOMPARE(log.messages(QtWarningMsg),
         QStringList(
-            "macOS ScreenCaptureKit shareable content lookup failed: \"" + fakeplatform::noSoundError + "\""));
-    QCOMPARE(sound().streams.size(), 0U);
+            "macOS ScreenCaptureKit shareable content lookup failed: \"" + fakeplatform::noAudioError + "\""));
+    QCOMPARE(audio().streams.size(), 0U);
 }
 
 void RecorderAudioCaptureTest::lookupFailsWithoutText()
 {
-    sound().lookup = [](const platform::AudioContentCompletion& completion) { completion(nullptr, QString()); };
+    audio().lookup = [](const platform::AudioContentCompletion& completion) { completion(nullptr, QString()); };
     const LogCapture log;
     const RecorderAudioCapture capture{QString()};
     QVERIFY(!capture.isValid());
@@ -228,7 +228,7 @@ void RecorderAudioCaptureTest::lookupFailsWithoutText()
 
 void RecorderAudioCaptureTest::noDisplay()
 {
-    sound().lookup = fakeplatform::contentOf({{42, "", "x"}}, 0);
+    audio().lookup = fakeplatform::contentOf({{42, "", "x"}}, 0);
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral("app-pid:42")};
     QVERIFY(!capture.isValid());
@@ -237,7 +237,7 @@ void RecorderAudioCaptureTest::noDisplay()
 
 void RecorderAudioCaptureTest::pidOfNobody()
 {
-    sound().lookup = fakeplatform::contentOf({{7, "org.seven", "Seven"}, {8, QString(), QString()}});
+    audio().lookup = fakeplatform::contentOf({{7, "org.seven", "Seven"}, {8, QString(), QString()}});
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral(" app-pid: 42 ")};
     QVERIFY(!capture.isValid());
@@ -247,7 +247,7 @@ void RecorderAudioCaptureTest::pidOfNobody()
     QCOMPARE(log.messages(QtDebugMsg),
         QStringList({"macOS ScreenCaptureKit audio app candidate pid 7 name \"Seven\" bundle \"org.seven\"",
             "macOS ScreenCaptureKit audio app candidate pid 8 name \"\" bundle \"\""}));
-    QCOMPARE(sound().streams.size(), 0U);
+    QCOMPARE(audio().streams.size(), 0U);
 }
 
 void RecorderAudioCaptureTest::twelveCandidatesAtMost()
@@ -255,7 +255,7 @@ void RecorderAudioCaptureTest::twelveCandidatesAtMost()
     std::vector<AudioApplication> applications;
     for (int pid = 100; pid < 140; ++pid)
         applications.push_back({pid, "", ""});
-    sound().lookup = fakeplatform::contentOf(applications);
+    audio().lookup = fakeplatform::contentOf(applications);
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral("app-pid:1")};
     QCOMPARE(log.countStartingWith("macOS ScreenCaptureKit audio app candidate pid "), 12);
@@ -267,16 +267,16 @@ void RecorderAudioCaptureTest::twelveCandidatesAtMost()
 
 void RecorderAudioCaptureTest::pidBeyond32BitsMatchesNobody()
 {
-    sound().lookup = fakeplatform::contentOf({{1, "", "one"}});
+    audio().lookup = fakeplatform::contentOf({{1, "", "one"}});
     const RecorderAudioCapture capture{QStringLiteral("app-pid:4294967297")}; // 1 in its low 32 bits
     QVERIFY(!capture.isValid());
 }
 
-void RecorderAudioCaptureTest::applicationSound()
+void RecorderAudioCaptureTest::applicationAudio()
 {
-    sound().lookup = fakeplatform::contentOf({{7, "org.seven", "Seven"}, {42, "org.player", "Player"},
+    audio().lookup = fakeplatform::contentOf({{7, "org.seven", "Seven"}, {42, "org.player", "Player"},
         {43, "", "Helper"}, {44, "org.player", "Second"}, {45, "", "Player"}});
-    sound().executables = {{42, player}, {43, QStringLiteral("/Applications/Player.app/Contents/Helpers/X")},
+    audio().executables = {{42, player}, {43, QStringLiteral("/Applications/Player.app/Contents/Helpers/X")},
         {45, QStringLiteral("/Applications/Player.application/X")}};
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral("app-pid:42")};
@@ -287,15 +287,15 @@ void RecorderAudioCaptureTest::applicationSound()
                      "bundle \"org.player\" executable \"/Applications/Player.app/Contents/MacOS/Player\" app bundle "
                      "root \"/Applications/Player.app\" allowed applications 3 excluded applications 2",
             configuredLine("app-pid:42", true)}));
-    QCOMPARE(sound().streams.size(), 1U);
-    QCOMPARE(*sound().streams[0].filter.excludedApplications, (std::vector<std::size_t>{0, 4}));
-    QCOMPARE(sound().executablesAsked, (std::vector<qint64>{42, 7, 42, 43, 44, 45}));
+    QCOMPARE(audio().streams.size(), 1U);
+    QCOMPARE(*audio().streams[0].filter.excludedApplications, (std::vector<std::size_t>{0, 4}));
+    QCOMPARE(audio().executablesAsked, (std::vector<qint64>{42, 7, 42, 43, 44, 45}));
 }
 
 void RecorderAudioCaptureTest::applicationWithoutBundle()
 {
-    sound().lookup = fakeplatform::contentOf({{42, "", "player"}, {43, "", "player"}, {44, "", "other"}});
-    sound().executables = {{42, QStringLiteral("/usr/bin/player")}};
+    audio().lookup = fakeplatform::contentOf({{42, "", "player"}, {43, "", "player"}, {44, "", "other"}});
+    audio().executables = {{42, QStringLiteral("/usr/bin/player")}};
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral("app-pid:42")};
     QVERIFY(capture.isValid());
@@ -303,18 +303,18 @@ void RecorderAudioCaptureTest::applicationWithoutBundle()
         log.contains("macOS ScreenCaptureKit audio limited by excluding other applications pid 42 name \"player\" "
                      "bundle \"\" executable \"/usr/bin/player\" app bundle root \"\" allowed applications 2 "
                      "excluded applications 1"));
-    QCOMPARE(*sound().streams[0].filter.excludedApplications, std::vector<std::size_t>{2});
+    QCOMPARE(*audio().streams[0].filter.excludedApplications, std::vector<std::size_t>{2});
 }
 
 void RecorderAudioCaptureTest::applicationWithoutNames()
 {
-    sound().lookup = fakeplatform::contentOf({{42, QString(), QString()}, {43, QString(), QString()}});
+    audio().lookup = fakeplatform::contentOf({{42, QString(), QString()}, {43, QString(), QString()}});
     const LogCapture log;
     const RecorderAudioCapture capture{QStringLiteral("app-pid:42")};
     QVERIFY(
         log.contains("macOS ScreenCaptureKit audio limited by excluding other applications pid 42 name \"\" bundle "
                      "\"\" executable \"\" app bundle root \"\" allowed applications 1 excluded applications 1"));
-    QCOMPARE(*sound().streams[0].filter.excludedApplications, std::vector<std::size_t>{1});
+    QCOMPARE(*audio().streams[0].filter.excludedApplications, std::vector<std::size_t>{1});
 }
 
 void RecorderAudioCaptureTest::outputSetupFails_data()
@@ -329,15 +329,15 @@ void RecorderAudioCaptureTest::outputSetupFails()
 {
     QFETCH(const bool, hasError);
     QFETCH(const QString, text);
-    sound().lookup = fakeplatform::contentOf({});
-    sound().addOutputFailure.emplace(hasError ? std::optional(text) : std::nullopt);
+    audio().lookup = fakeplatform::contentOf({});
+    audio().addOutputFailure.emplace(hasError ? std::optional(text) : std::nullopt);
     const LogCapture log;
     RecorderAudioCapture capture{QString()};
     QVERIFY(!capture.isValid());
     QCOMPARE(log.messages(), QStringList("macOS ScreenCaptureKit audio output setup failed: \"" + text + "\""));
-    QCOMPARE(sound().liveStreams + sound().liveOutputs + sound().liveQueues, 0);
+    QCOMPARE(audio().liveStreams + audio().liveOutputs + audio().liveQueues, 0);
     QVERIFY(!capture.start());
-    QCOMPARE(sound().starts, 0);
+    QCOMPARE(audio().starts, 0);
 }
 
 // ---- start and stop --------------------------------------------------------------------------------------------
@@ -345,15 +345,15 @@ void RecorderAudioCaptureTest::outputSetupFails()
 void RecorderAudioCaptureTest::startAndStop()
 {
     const auto capture = displayCapture();
-    sound().waits.clear();
+    audio().waits.clear();
     const LogCapture log;
     QVERIFY(capture->start());
     QCOMPARE(log.messages(), QStringList(startedLine));
-    QCOMPARE(sound().waits, std::vector<qint64>{fiveSeconds});
+    QCOMPARE(audio().waits, std::vector<qint64>{fiveSeconds});
     capture->stop();
-    QCOMPARE(sound().waits, (std::vector<qint64>{fiveSeconds, twoSeconds}));
-    QCOMPARE(sound().starts, 1);
-    QCOMPARE(sound().stops, 1);
+    QCOMPARE(audio().waits, (std::vector<qint64>{fiveSeconds, twoSeconds}));
+    QCOMPARE(audio().starts, 1);
+    QCOMPARE(audio().stops, 1);
     QCOMPARE(log.messages().size(), 1);
     QVERIFY(capture->isValid());
 }
@@ -364,7 +364,7 @@ void RecorderAudioCaptureTest::startTwice()
     QVERIFY(capture->start());
     const LogCapture log;
     QVERIFY(capture->start());
-    QCOMPARE(sound().starts, 1);
+    QCOMPARE(audio().starts, 1);
     QCOMPARE(log.messages(), QStringList());
 }
 
@@ -372,25 +372,25 @@ void RecorderAudioCaptureTest::startOfAnInvalidCapture()
 {
     RecorderAudioCapture capture{QString()};
     QVERIFY(!capture.start());
-    QCOMPARE(sound().starts, 0);
+    QCOMPARE(audio().starts, 0);
 }
 
 void RecorderAudioCaptureTest::startTimesOut()
 {
     const auto capture = displayCapture();
-    sound().start = [](const platform::AudioCompletion&) {};
+    audio().start = [](const platform::AudioCompletion&) {};
     const LogCapture log;
     QVERIFY(!capture->start());
     QCOMPARE(log.messages(QtWarningMsg), QStringList("macOS ScreenCaptureKit audio capture start timed out."));
     capture->stop();
-    QCOMPARE(sound().stops, 0);
+    QCOMPARE(audio().stops, 0);
 }
 
 void RecorderAudioCaptureTest::lateStartIsHarmless()
 {
     platform::AudioCompletion late;
     auto capture = displayCapture();
-    sound().start = [&late](platform::AudioCompletion completion) { late = std::move(completion); };
+    audio().start = [&late](platform::AudioCompletion completion) { late = std::move(completion); };
     QVERIFY(!capture->start());
     capture.reset();
     const LogCapture log;
@@ -401,7 +401,7 @@ void RecorderAudioCaptureTest::lateStartIsHarmless()
 void RecorderAudioCaptureTest::startFails()
 {
     const auto capture = displayCapture();
-    sound().start = [](const platform::AudioCompletion& completion) { completion(QStringLiteral("not now")); };
+    audio().start = [](const platform::AudioCompletion& completion) { completion(QStringLiteral("not now")); };
     const LogCapture log;
     QVERIFY(!capture->start());
     QCOMPARE(log.messages(), QStringList("macOS ScreenCaptureKit audio capture failed to start: \"not now\""));
@@ -410,9 +410,9 @@ void RecorderAudioCaptureTest::startFails()
 void RecorderAudioCaptureTest::startAfterAFailure()
 {
     const auto capture = displayCapture();
-    sound().start = [](const platform::AudioCompletion& completion) { completion(QString()); };
+    audio().start = [](const platform::AudioCompletion& completion) { completion(QString()); };
     QVERIFY(!capture->start());
-    sound().start = nullptr;
+    audio().start = nullptr;
     QVERIFY(capture->start());
 }
 
@@ -420,19 +420,19 @@ void RecorderAudioCaptureTest::stopWithoutStart()
 {
     const auto capture = displayCapture();
     capture->stop();
-    QCOMPARE(sound().stops, 0);
+    QCOMPARE(audio().stops, 0);
 }
 
 void RecorderAudioCaptureTest::stopFails()
 {
     const auto capture = displayCapture();
     QVERIFY(capture->start());
-    sound().stop = [](const platform::AudioCompletion& completion) { completion(QStringLiteral("gone")); };
+    audio().stop = [](const platform::AudioCompletion& completion) { completion(QStringLiteral("gone")); };
     const LogCapture log;
     capture->stop();
     QCOMPARE(log.messages(QtWarningMsg), QStringList("macOS ScreenCaptureKit audio capture stop error: \"gone\""));
     capture->stop();
-    QCOMPARE(sound().stops, 1);
+    QCOMPARE(audio().stops, 1);
 }
 
 void RecorderAudioCaptureTest::stopTimesOut()
@@ -440,14 +440,14 @@ void RecorderAudioCaptureTest::stopTimesOut()
     platform::AudioCompletion late;
     const auto capture = displayCapture();
     QVERIFY(capture->start());
-    sound().stop = [&late](platform::AudioCompletion completion) { late = std::move(completion); };
+    audio().stop = [&late](platform::AudioCompletion completion) { late = std::move(completion); };
     const LogCapture log;
     capture->stop();
     QCOMPARE(log.messages(), QStringList());
     late(QStringLiteral("late"));
     QCOMPARE(log.messages(), QStringList("macOS ScreenCaptureKit audio capture stop error: \"late\""));
     capture->stop();
-    QCOMPARE(sound().stops, 1);
+    QCOMPARE(audio().stops, 1);
 }
 
 void RecorderAudioCaptureTest::startAfterStop()
@@ -456,7 +456,7 @@ void RecorderAudioCaptureTest::startAfterStop()
     QVERIFY(capture->start());
     capture->stop();
     QVERIFY(capture->start());
-    QCOMPARE(sound().starts, 2);
+    QCOMPARE(audio().starts, 2);
     QVERIFY(fakeplatform::deliverStereo({1, 1}));
     QCOMPARE(capture->readAvailable().size(), 1);
 }
@@ -475,8 +475,8 @@ void RecorderAudioCaptureTest::destructionStops()
     auto capture = displayCapture();
     QVERIFY(capture->start());
     capture.reset();
-    QCOMPARE(sound().stops, 1);
-    QCOMPARE(sound().waits.back(), twoSeconds);
+    QCOMPARE(audio().stops, 1);
+    QCOMPARE(audio().waits.back(), twoSeconds);
     QVERIFY(!fakeplatform::deliverStereo({1, 2}));
 }
 
@@ -485,7 +485,7 @@ void RecorderAudioCaptureTest::destructionWhileAStartIsPending()
     auto capture = displayCapture();
     std::thread system;
     std::atomic<bool> answered = false;
-    sound().start = [&](platform::AudioCompletion completion) {
+    audio().start = [&](platform::AudioCompletion completion) {
         system = std::thread([&answered, completion = std::move(completion)] {
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
             completion(std::nullopt);
@@ -495,7 +495,7 @@ void RecorderAudioCaptureTest::destructionWhileAStartIsPending()
     QVERIFY(!capture->start());
     QVERIFY(!answered);
     capture.reset();
-    QCOMPARE(sound().stops, 0);
+    QCOMPARE(audio().stops, 0);
     system.join();
     QVERIFY(answered);
 }
@@ -512,9 +512,9 @@ void RecorderAudioCaptureTest::streamEndsByItself()
         log.messages(QtWarningMsg), QStringList("macOS ScreenCaptureKit audio stream stopped: \"the user said so\""));
     QVERIFY(capture->isValid());
     QVERIFY(capture->start()); // still started
-    QCOMPARE(sound().starts, 1);
+    QCOMPARE(audio().starts, 1);
     capture->stop();
-    QCOMPARE(sound().stops, 1);
+    QCOMPARE(audio().stops, 1);
 }
 
 void RecorderAudioCaptureTest::streamEndsWithoutError()
@@ -528,7 +528,7 @@ void RecorderAudioCaptureTest::streamEndsWithoutError()
 void RecorderAudioCaptureTest::meteringOnlyWhileStarted()
 {
     std::vector<qint64> asked;
-    sound().deliverUntil = [&asked](qint64 monotonicMs) {
+    audio().deliverUntil = [&asked](qint64 monotonicMs) {
         asked.push_back(monotonicMs);
         fakeplatform::deliverStereo({1, 2});
     };
@@ -566,11 +566,11 @@ void RecorderAudioCaptureTest::everythingIsReleased()
     auto capture = displayCapture();
     QVERIFY(capture->start());
     QVERIFY(fakeplatform::deliverStereo({1, 2}));
-    QCOMPARE(sound().liveStreams, 1);
-    QCOMPARE(sound().liveOutputs, 1);
-    QCOMPARE(sound().liveQueues, 1);
+    QCOMPARE(audio().liveStreams, 1);
+    QCOMPARE(audio().liveOutputs, 1);
+    QCOMPARE(audio().liveQueues, 1);
     capture.reset();
-    QCOMPARE(sound().liveStreams + sound().liveOutputs + sound().liveQueues, 0);
+    QCOMPARE(audio().liveStreams + audio().liveOutputs + audio().liveQueues, 0);
 }
 
 QTEST_APPLESS_MAIN(RecorderAudioCaptureTest)

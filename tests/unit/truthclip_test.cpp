@@ -108,11 +108,11 @@ void TruthClipTest::textsHoldTheNumbers()
     query.markers = {QPointF(400, 300)};
     TruthMeter meter(query, windowSize);
     for (const Frame& frame : steadyFrames(3)) {
-        QImage picture = windowWith(frame.stamp);
-        QPainter painter(&picture);
+        QImage image = windowWith(frame.stamp);
+        QPainter painter(&image);
         truthoverlay::drawMarker(painter, QPointF(400, 300), frame.ptsMs);
         painter.end();
-        meter.add(picture, frame.ptsMs * 3);
+        meter.add(image, frame.ptsMs * 3);
     }
     const TruthReport report = meter.report();
     const QString table = truthReportTable(report);

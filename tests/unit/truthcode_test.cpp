@@ -1,4 +1,4 @@
-// The truth window's barcode: what is painted is read again, from any picture that shows it well, and nothing
+// The truth window's barcode: what is painted is read again, from any frame that shows it well, and nothing
 // else is.
 #include "clipwriter.h"
 #include "mediafile.h"
@@ -68,8 +68,8 @@ private Q_SLOTS:
     void coveredCellIsRefused();
     void tornPaintingIsRefused();
     void noiseIsRefused();
-    void flatPicturesAreRefused();
-    void windowOutsideThePictureIsRefused();
+    void flatFramesAreRefused();
+    void windowOutsideTheFrameIsRefused();
     void letterboxIsCentred_data();
     void letterboxIsCentred();
     void layoutKeepsItsPromises_data();
@@ -115,8 +115,8 @@ void TruthCodeTest::survivesScaling()
 {
     QFETCH(QSize, window);
     QFETCH(QSize, canvas);
-    const QImage picture = onCanvas(windowWith(someStamp, window), canvas);
-    QCOMPARE(truthcode::decode(picture, truthscene::letterboxed(window, canvas)), std::optional(someStamp));
+    const QImage frame = onCanvas(windowWith(someStamp, window), canvas);
+    QCOMPARE(truthcode::decode(frame, truthscene::letterboxed(window, canvas)), std::optional(someStamp));
 }
 
 void TruthCodeTest::survivesMpeg4_data()
@@ -208,22 +208,22 @@ void TruthCodeTest::noiseIsRefused()
     }
 }
 
-void TruthCodeTest::flatPicturesAreRefused()
+void TruthCodeTest::flatFramesAreRefused()
 {
     for (const QRgb colour : {qRgb(0, 0, 0), qRgb(255, 255, 255), qRgb(128, 128, 128)}) {
-        QImage picture(windowSize, QImage::Format_RGB32);
-        picture.fill(colour);
-        QVERIFY(!decodeWindow(picture));
+        QImage frame(windowSize, QImage::Format_RGB32);
+        frame.fill(colour);
+        QVERIFY(!decodeWindow(frame));
     }
 }
 
-void TruthCodeTest::windowOutsideThePictureIsRefused()
+void TruthCodeTest::windowOutsideTheFrameIsRefused()
 {
-    const QImage picture = windowWith(someStamp);
-    QVERIFY(!truthcode::decode(picture, QRectF(picture.rect()).translated(-100, 0)));
-    QVERIFY(!truthcode::decode(picture, QRectF(picture.rect()).translated(700, 0)));
-    QVERIFY(!truthcode::decode(picture, QRectF()));
-    QVERIFY(!truthcode::decode(QImage(), QRectF(picture.rect())));
+    const QImage frame = windowWith(someStamp);
+    QVERIFY(!truthcode::decode(frame, QRectF(frame.rect()).translated(-100, 0)));
+    QVERIFY(!truthcode::decode(frame, QRectF(frame.rect()).translated(700, 0)));
+    QVERIFY(!truthcode::decode(frame, QRectF()));
+    QVERIFY(!truthcode::decode(QImage(), QRectF(frame.rect())));
 }
 
 void TruthCodeTest::letterboxIsCentred_data()

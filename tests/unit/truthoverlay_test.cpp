@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr QSize pictureSize(640, 480);
+constexpr QSize frameSize(640, 480);
 constexpr QRect field(10, 20, 620, 450);
 constexpr QRgb grey = qRgb(128, 128, 128);
 constexpr double cleanPx = 0.15; // as painted
@@ -19,24 +19,24 @@ constexpr double encodedPx = 0.5; // after MPEG-4
 
 QImage plainField()
 {
-    QImage picture(pictureSize, QImage::Format_RGB32);
-    picture.fill(grey);
-    return picture;
+    QImage frame(frameSize, QImage::Format_RGB32);
+    frame.fill(grey);
+    return frame;
 }
 
 QImage withPointer(const QPointF& tip, double scale)
 {
-    QImage picture = plainField();
-    QPainter painter(&picture);
+    QImage frame = plainField();
+    QPainter painter(&frame);
     truthoverlay::drawPointer(painter, tip, scale);
-    return picture;
+    return frame;
 }
 
-QImage withMarker(QImage picture, const QPointF& centre, double ageMs)
+QImage withMarker(QImage frame, const QPointF& centre, double ageMs)
 {
-    QPainter painter(&picture);
+    QPainter painter(&frame);
     truthoverlay::drawMarker(painter, centre, ageMs);
-    return picture;
+    return frame;
 }
 
 double distance(const QPointF& a, const QPointF& b)
@@ -49,15 +49,15 @@ double radiusAt(double ageMs)
     return std::max(16.0 * (1.0 - ageMs / 2000.0), 2.0);
 }
 
-/// The pictures after a lossy encoder. Fewer than were given when something failed.
-QList<QImage> encodedAndDecoded(const QList<QImage>& pictures)
+/// The frames after a lossy encoder. Fewer than were given when something failed.
+QList<QImage> encodedAndDecoded(const QList<QImage>& frames)
 {
     const PrivateTempDir directory;
     const QString path = directory.filePath(QStringLiteral("clip.mp4"));
-    ClipWriter clip(path, pictureSize);
+    ClipWriter clip(path, frameSize);
     qint64 ptsMs = 0;
-    for (const QImage& picture : pictures) {
-        if (!clip.add(picture, ptsMs))
+    for (const QImage& frame : frames) {
+        if (!clip.add(frame, ptsMs))
             return {};
         ptsMs += 41;
     }
@@ -117,10 +117,10 @@ void TruthOverlayTest::pointerIsFoundAfterEncoding()
 {
     const QList<QPointF> tips{{300, 200}, {310.4, 207.7}, {123.5, 321.25}, {555.1, 60.9}};
     for (const double scale : {1.0, 1.5}) {
-        QList<QImage> pictures;
+        QList<QImage> frames;
         for (const QPointF& tip : tips)
-            pictures.append(withPointer(tip, scale));
-        const QList<QImage> decoded = encodedAndDecoded(pictures);
+            frames.append(withPointer(tip, scale));
+        const QList<QImage> decoded = encodedAndDecoded(frames);
         QCOMPARE(decoded.size(), tips.size());
         for (qsizetype i = 0; i < tips.size(); ++i) {
             const std::optional<QPointF> found = truthoverlay::findPointer(decoded[i], field, scale);
@@ -182,12 +182,12 @@ void TruthOverlayTest::markerIsFound()
 
 void TruthOverlayTest::markerIsFoundAfterEncoding()
 {
-    QList<QImage> pictures;
+    QList<QImage> frames;
     const QPointF centre(301.4, 198.7);
     const QList<double> agesMs{0, 250, 500, 750, 1000, 1250};
     for (const double ageMs : agesMs)
-        pictures.append(withMarker(plainField(), centre, ageMs));
-    const QList<QImage> decoded = encodedAndDecoded(pictures);
+        frames.append(withMarker(plainField(), centre, ageMs));
+    const QList<QImage> decoded = encodedAndDecoded(frames);
     QCOMPARE(decoded.size(), agesMs.size());
     for (qsizetype i = 0; i < agesMs.size(); ++i) {
         const auto spots = truthoverlay::findMarkers(decoded[i], field);
@@ -211,8 +211,8 @@ void TruthOverlayTest::markerIsFoundOverThePointer()
 
 void TruthOverlayTest::twoMarkersAreTwoSpots()
 {
-    const QImage picture = withMarker(withMarker(plainField(), {100, 100}, 0), {400, 300}, 1000);
-    const auto spots = truthoverlay::findMarkers(picture, field);
+    const QImage frame = withMarker(withMarker(plainField(), {100, 100}, 0), {400, 300}, 1000);
+    const auto spots = truthoverlay::findMarkers(frame, field);
     QCOMPARE(spots.size(), 2);
     QVERIFY(distance(spots[0].centre, {100, 100}) < cleanPx);
     QVERIFY(distance(spots[1].centre, {400, 300}) < cleanPx);
@@ -231,9 +231,9 @@ void TruthOverlayTest::noMarkerWithoutRed()
 /// The outline's points, one by one: a white inside, a black rim around it, and grey beyond.
 void TruthOverlayTest::arrowKeepsItsOutline()
 {
-    const QImage picture = withPointer({300, 200}, 4.0);
+    const QImage frame = withPointer({300, 200}, 4.0);
     const auto brightness = [&](double x, double y) {
-        return qGray(picture.pixel(int(std::floor(300 + 4 * x)), int(std::floor(200 + 4 * y))));
+        return qGray(frame.pixel(int(std::floor(300 + 4 * x)), int(std::floor(200 + 4 * y))));
     };
     for (const QPointF& inside : {QPointF(2, 6), QPointF(3, 17), QPointF(12, 13), QPointF(11, 24), QPointF(0.25, 22)})
         QVERIFY2(brightness(inside.x(), inside.y()) > 250, qPrintable(QString::number(inside.y())));

@@ -237,11 +237,11 @@ void TruthReportTest::pointerErrorIsADistance()
     const QSize canvas(1280, 960); // everything is twice as large
     TruthMeter meter(query, canvas);
     for (int i = 0; i < 3; ++i) {
-        QImage picture = windowWith({quint32(i), quint32(i)}).scaled(canvas);
-        QPainter painter(&picture);
+        QImage image = windowWith({quint32(i), quint32(i)}).scaled(canvas);
+        QPainter painter(&image);
         truthoverlay::drawPointer(painter, i < 2 ? QPointF(400, 600) : QPointF(403, 604), 2.0);
         painter.end();
-        meter.add(picture, i * 41.0);
+        meter.add(image, i * 41.0);
     }
     const TruthReport report = meter.report();
     QVERIFY(report.pointer);
@@ -270,13 +270,13 @@ void TruthReportTest::markerIsFollowed()
     TruthMeter meter(query, windowSize);
     constexpr double clickMs = 410;
     for (const Frame& frame : steadyFrames(80)) {
-        QImage picture = windowWith(frame.stamp);
+        QImage image = windowWith(frame.stamp);
         const double ageMs = frame.ptsMs - clickMs;
-        QPainter painter(&picture);
+        QPainter painter(&image);
         if (ageMs >= 0 && ageMs <= 2000)
             truthoverlay::drawMarker(painter, QPointF(301.5, 252), ageMs);
         painter.end();
-        meter.add(picture, frame.ptsMs);
+        meter.add(image, frame.ptsMs);
     }
     const TruthReport report = meter.report();
     QCOMPARE(report.markers.size(), 1);
@@ -296,13 +296,13 @@ void TruthReportTest::secondMarkerIsToldApart()
     TruthQuery query = plainQuery();
     query.markers = {QPointF(100, 300), QPointF(500, 300), QPointF(300, 400)};
     TruthMeter meter(query, windowSize);
-    QImage picture = windowWith({});
-    QPainter painter(&picture);
+    QImage image = windowWith({});
+    QPainter painter(&image);
     truthoverlay::drawMarker(painter, QPointF(101, 300), 0);
     truthoverlay::drawMarker(painter, QPointF(500, 302), 500);
     truthoverlay::drawMarker(painter, QPointF(240, 400), 0); // too far from all of them
     painter.end();
-    meter.add(picture, 70.0);
+    meter.add(image, 70.0);
     const TruthReport report = meter.report();
     QVERIFY(about(report.markers[0].worstErrorPx, 1.0, 0.2));
     QVERIFY(about(report.markers[1].worstErrorPx, 2.0, 0.2));

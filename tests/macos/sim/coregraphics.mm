@@ -46,8 +46,8 @@ struct DictionaryBody : macsim::ledger::Body {
 };
 
 struct ImageBody : macsim::ledger::Body {
-    macsim::Picture picture;
-    void end() override { std::fill(picture.pixels.begin(), picture.pixels.end(), 0xdeaddeadU); }
+    macsim::WindowImage image;
+    void end() override { std::fill(image.pixels.begin(), image.pixels.end(), 0xdeaddeadU); }
 };
 
 struct ContextBody : macsim::ledger::Body {
@@ -85,20 +85,20 @@ std::uint32_t over(std::uint32_t source, std::uint32_t destination)
     return result;
 }
 
-void drawRow(const ContextBody& context, const ImageBody& image, std::size_t row, const CGRect& rect)
+void drawRow(const ContextBody& context, const ImageBody& body, std::size_t row, const CGRect& rect)
 {
-    const auto& picture = image.picture;
+    const macsim::WindowImage& image = body.image;
     for (std::size_t column = 0; column < context.width; ++column) {
         const double x = (double(column) + 0.5 - rect.origin.x) / rect.size.width;
         const double y = (double(row) + 0.5 - rect.origin.y) / rect.size.height;
         if (x < 0 || x >= 1 || y < 0 || y >= 1)
             continue;
-        const auto fromX = std::size_t(x * double(picture.width));
-        const auto fromY = std::size_t(y * double(picture.height));
+        const auto fromX = std::size_t(x * double(image.width));
+        const auto fromY = std::size_t(y * double(image.height));
         unsigned char* place = context.data + row * context.bytesPerRow + column * 4;
         std::uint32_t value = 0;
         std::memcpy(&value, place, sizeof(value));
-        value = over(picture.pixels[fromY * picture.width + fromX], value);
+        value = over(image.pixels[fromY * image.width + fromX], value);
         if (!context.littleEndian)
             value = __builtin_bswap32(value);
         std::memcpy(place, &value, sizeof(value));
@@ -127,7 +127,7 @@ Strong describeWindow()
 
 namespace macsim {
 
-Picture solidPicture(std::size_t width, std::size_t height, std::uint32_t premultiplied)
+WindowImage solidImage(std::size_t width, std::size_t height, std::uint32_t premultiplied)
 {
     return {width, height, std::vector<std::uint32_t>(width * height, premultiplied), std::nullopt};
 }
@@ -203,11 +203,11 @@ CGImageRef CGWindowListCreateImage(
         record.images.push_back(
             {std::isinf(bounds.origin.x) && std::isinf(bounds.origin.y), listOption, windowId, imageOption});
     });
-    auto picture = answers().picture ? answers().picture(windowId, index) : std::nullopt;
-    if (!picture)
+    auto shown = answers().image ? answers().image(windowId, index) : std::nullopt;
+    if (!shown)
         return nullptr;
     id image = [SimImage alloc];
-    bodyOf<ImageBody>(image)->picture = std::move(*picture);
+    bodyOf<ImageBody>(image)->image = std::move(*shown);
     return handleOf<CGImageRef>(image);
 }
 
@@ -239,13 +239,13 @@ bool CGRectMakeWithDictionaryRepresentation(CFDictionaryRef dictionary, CGRect* 
 size_t CGImageGetWidth(CGImageRef image)
 {
     const auto body = bodyOf<ImageBody>(image);
-    return body->picture.claimedSize ? body->picture.claimedSize->first : body->picture.width;
+    return body->image.claimedSize ? body->image.claimedSize->first : body->image.width;
 }
 
 size_t CGImageGetHeight(CGImageRef image)
 {
     const auto body = bodyOf<ImageBody>(image);
-    return body->picture.claimedSize ? body->picture.claimedSize->second : body->picture.height;
+    return body->image.claimedSize ? body->image.claimedSize->second : body->image.height;
 }
 
 void CGImageRelease(CGImageRef image)

@@ -40,7 +40,7 @@ struct FormatBody : macsim::ledger::Body {
 };
 
 struct SampleBody : macsim::ledger::Body {
-    macsim::Sound sound;
+    macsim::Audio audio;
     std::optional<Strong> format;
     std::optional<Strong> block; ///< when the caller gets none
     void end() override
@@ -83,50 +83,50 @@ BlockBody::Piece pieceOf(const std::vector<std::uint8_t>& bytes, bool aligned)
     return piece;
 }
 
-Strong makeBlock(const macsim::Sound& sound, bool aligned)
+Strong makeBlock(const macsim::Audio& audio, bool aligned)
 {
     Strong block = Strong::adopt([SimBlockBuffer alloc]);
     const auto body = bodyOf<BlockBody>(block.get());
-    for (const auto& bytes : sound.buffers)
+    for (const auto& bytes : audio.buffers)
         body->pieces.push_back(pieceOf(bytes, aligned));
     return block;
 }
 
-std::size_t listSize(const macsim::Sound& sound)
+std::size_t listSize(const macsim::Audio& audio)
 {
-    const std::size_t truth = offsetof(AudioBufferList, mBuffers) + sound.buffers.size() * sizeof(AudioBuffer);
-    return sound.claimedListSize.value_or(truth);
+    const std::size_t truth = offsetof(AudioBufferList, mBuffers) + audio.buffers.size() * sizeof(AudioBuffer);
+    return audio.claimedListSize.value_or(truth);
 }
 
 /// As many of the buffers as have room in that size.
-void fillList(AudioBufferList* list, std::size_t size, const macsim::Sound& sound, const BlockBody& block)
+void fillList(AudioBufferList* list, std::size_t size, const macsim::Audio& audio, const BlockBody& block)
 {
-    list->mNumberBuffers = sound.claimedBuffers.value_or(std::uint32_t(sound.buffers.size()));
-    for (std::size_t i = 0; i < sound.buffers.size(); ++i) {
+    list->mNumberBuffers = audio.claimedBuffers.value_or(std::uint32_t(audio.buffers.size()));
+    for (std::size_t i = 0; i < audio.buffers.size(); ++i) {
         if (size < offsetof(AudioBufferList, mBuffers) + (i + 1) * sizeof(AudioBuffer))
             return;
-        const bool null = i < sound.nullBuffers.size() && sound.nullBuffers[i];
+        const bool null = i < audio.nullBuffers.size() && audio.nullBuffers[i];
         AudioBuffer buffer{};
-        buffer.mNumberChannels = std::uint32_t(sound.channels / std::max<std::size_t>(1, sound.buffers.size()));
-        buffer.mDataByteSize = std::uint32_t(sound.buffers[i].size());
+        buffer.mNumberChannels = std::uint32_t(audio.channels / std::max<std::size_t>(1, audio.buffers.size()));
+        buffer.mDataByteSize = std::uint32_t(audio.buffers[i].size());
         buffer.mData = null ? nullptr : block.pieces[i].data;
         std::memcpy(list->mBuffers + i, &buffer, sizeof(buffer));
     }
 }
 
-Strong makeFormat(const macsim::Sound& sound)
+Strong makeFormat(const macsim::Audio& audio)
 {
     Strong format = Strong::adopt([SimFormatDescription alloc]);
     const auto body = bodyOf<FormatBody>(format.get());
-    body->isAudio = sound.descriptionIsAudio;
+    body->isAudio = audio.descriptionIsAudio;
     body->description.mSampleRate = 48000;
-    body->description.mFormatID = sound.formatId;
-    body->description.mFormatFlags = sound.formatFlags;
-    body->description.mBytesPerPacket = sound.bytesPerFrame;
+    body->description.mFormatID = audio.formatId;
+    body->description.mFormatFlags = audio.formatFlags;
+    body->description.mBytesPerPacket = audio.bytesPerFrame;
     body->description.mFramesPerPacket = 1;
-    body->description.mBytesPerFrame = sound.bytesPerFrame;
-    body->description.mChannelsPerFrame = sound.channels;
-    body->description.mBitsPerChannel = sound.bitsPerChannel;
+    body->description.mBytesPerFrame = audio.bytesPerFrame;
+    body->description.mChannelsPerFrame = audio.channels;
+    body->description.mBitsPerChannel = audio.bitsPerChannel;
     return format;
 }
 
@@ -134,30 +134,30 @@ Strong makeFormat(const macsim::Sound& sound)
 
 namespace macsim {
 
-id makeSampleBuffer(const Sound& sound)
+id makeSampleBuffer(const Audio& audio)
 {
-    if (sound.null)
+    if (audio.null)
         return nil;
     id buffer = [SimSampleBuffer alloc];
     const auto body = bodyOf<SampleBody>(buffer);
-    body->sound = sound;
-    if (sound.hasDescription)
-        body->format = makeFormat(sound);
+    body->audio = audio;
+    if (audio.hasDescription)
+        body->format = makeFormat(audio);
     return buffer;
 }
 
-Sound stereoSound(const std::vector<std::int16_t>& samples)
+Audio stereoAudio(const std::vector<std::int16_t>& samples)
 {
-    Sound sound;
-    sound.formatFlags = 4 | 8;
-    sound.bytesPerFrame = 4;
-    sound.channels = 2;
-    sound.bitsPerChannel = 16;
-    sound.frames = std::int64_t(samples.size() / 2);
-    sound.buffers.resize(1);
-    sound.buffers[0].resize(samples.size() * sizeof(std::int16_t));
-    std::memcpy(sound.buffers[0].data(), samples.data(), sound.buffers[0].size());
-    return sound;
+    Audio audio;
+    audio.formatFlags = 4 | 8;
+    audio.bytesPerFrame = 4;
+    audio.channels = 2;
+    audio.bitsPerChannel = 16;
+    audio.frames = std::int64_t(samples.size() / 2);
+    audio.buffers.resize(1);
+    audio.buffers[0].resize(samples.size() * sizeof(std::int16_t));
+    std::memcpy(audio.buffers[0].data(), samples.data(), audio.buffers[0].size());
+    return audio;
 }
 
 }
@@ -175,12 +175,12 @@ CMTime CMTimeMake(int64_t value, int32_t timescale)
 
 Boolean CMSampleBufferIsValid(CMSampleBufferRef buffer)
 {
-    return buffer && bodyOf<SampleBody>(buffer)->sound.valid;
+    return buffer && bodyOf<SampleBody>(buffer)->audio.valid;
 }
 
 CMItemCount CMSampleBufferGetNumSamples(CMSampleBufferRef buffer)
 {
-    return bodyOf<SampleBody>(buffer)->sound.frames;
+    return bodyOf<SampleBody>(buffer)->audio.frames;
 }
 
 CMFormatDescriptionRef CMSampleBufferGetFormatDescription(CMSampleBufferRef buffer)
@@ -206,28 +206,28 @@ OSStatus CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(CMSampleBufferR
     macsim::system::note([flags](macsim::Record& record) { record.listFlags.push_back(flags); });
     if (!list && macsim::answers().samplesAsked)
         macsim::answers().samplesAsked();
-    const auto& sound = bodyOf<SampleBody>(buffer)->sound;
+    const auto& audio = bodyOf<SampleBody>(buffer)->audio;
     if (sizeNeeded)
-        *sizeNeeded = listSize(sound);
+        *sizeNeeded = listSize(audio);
     if (!list)
-        return sound.sizeStatus;
+        return audio.sizeStatus;
     if (!block)
         macsim::ledger::fault("samples without the block buffer that keeps them");
-    if (size < listSize(sound))
+    if (size < listSize(audio))
         return arrayTooSmall;
     if (malloc_usable_size(list) < size) { // the program keeps its lists on the heap
         macsim::ledger::fault("a buffer list that is larger than its memory");
         return arrayTooSmall;
     }
-    Strong made = makeBlock(sound, flags & alignTo16);
-    const bool given = sound.listStatus == 0 ? !sound.noBlock : sound.blockDespiteFailure;
+    Strong made = makeBlock(audio, flags & alignTo16);
+    const bool given = audio.listStatus == 0 ? !audio.noBlock : audio.blockDespiteFailure;
     if (given && block)
         *block = handleOf<CMBlockBufferRef>([made.get() retain]);
-    if (sound.listStatus != 0)
-        return sound.listStatus;
+    if (audio.listStatus != 0)
+        return audio.listStatus;
     if (!given)
         bodyOf<SampleBody>(buffer)->block = made;
-    fillList(list, size, sound, *bodyOf<BlockBody>(made.get()));
+    fillList(list, size, audio, *bodyOf<BlockBody>(made.get()));
     return 0;
 }
 }

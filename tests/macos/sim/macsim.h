@@ -31,7 +31,7 @@ struct Point {
 };
 
 /// A window's image: premultiplied ARGB values, row by row from the top.
-struct Picture {
+struct WindowImage {
     std::size_t width = 0;
     std::size_t height = 0;
     std::vector<std::uint32_t> pixels;
@@ -39,7 +39,7 @@ struct Picture {
     std::optional<std::pair<std::size_t, std::size_t>> claimedSize;
 };
 
-Picture solidPicture(std::size_t width, std::size_t height, std::uint32_t premultiplied);
+WindowImage solidImage(std::size_t width, std::size_t height, std::uint32_t premultiplied);
 
 enum class WindowInfo {
     Whole,
@@ -82,7 +82,7 @@ struct Answers {
     bool request = true;
 
     /// The window's image, by its id and the number of images that were asked for before; nothing: null.
-    std::function<std::optional<Picture>(std::uint32_t, int)> picture;
+    std::function<std::optional<WindowImage>(std::uint32_t, int)> image;
     bool noImageFunction = false; ///< the system has no CGWindowListCreateImage any more
     bool noColorSpace = false;
     bool noBitmapContext = false;
@@ -202,7 +202,7 @@ void forgetHeld();
 void settle();
 
 /// A sample buffer.
-struct Sound {
+struct Audio {
     bool null = false; ///< there is no buffer at all
     bool valid = true;
     bool hasDescription = true;
@@ -229,11 +229,11 @@ inline constexpr long screenOutput = 0;
 inline constexpr long audioOutput = 1;
 
 /// Signed 16-bit stereo.
-Sound stereoSound(const std::vector<std::int16_t>& samples);
+Audio stereoAudio(const std::vector<std::int16_t>& samples);
 
 /// Delivers to every output of every running stream, on its queue, and waits until the program has taken it. False
 /// when nothing runs.
-bool deliver(const Sound& sound, long type = audioOutput);
+bool deliver(const Audio& audio, long type = audioOutput);
 /// Every running stream ends by itself, and its delegate is told on another thread; waits for that. False when
 /// nothing runs.
 bool endStreams(const Outcome& error);

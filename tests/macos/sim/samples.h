@@ -7,7 +7,7 @@
 
 namespace macsim {
 
-/// A CMSampleBufferRef with one reference; nil when the sound says so.
-id makeSampleBuffer(const Sound& sound);
+/// A CMSampleBufferRef with one reference; nil when the audio says so.
+id makeSampleBuffer(const Audio& audio);
 
 }

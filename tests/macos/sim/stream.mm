@@ -93,7 +93,7 @@ std::vector<Strong> running()
     return found;
 }
 
-void callOutput(const Output& output, id stream, const macsim::Sound& sound, long type)
+void callOutput(const Output& output, id stream, const macsim::Audio& audio, long type)
 {
     if (answers().beforeDelivery)
         answers().beforeDelivery();
@@ -101,7 +101,7 @@ void callOutput(const Output& output, id stream, const macsim::Sound& sound, lon
         macsim::ledger::fault("a sample for an output that is gone");
         return;
     }
-    id buffer = macsim::makeSampleBuffer(sound);
+    id buffer = macsim::makeSampleBuffer(audio);
     [static_cast<id<SCStreamOutput>>(output.object) stream:stream
                                      didOutputSampleBuffer:reinterpret_cast<CMSampleBufferRef>(buffer)
                                                     ofType:SCStreamOutputType(type)];
@@ -135,7 +135,7 @@ private:
 };
 
 /// Appends the delivery to the queues of the stream's outputs, unless the stream has just been stopped.
-void deliverFrom(const Strong& stream, const macsim::Sound& sound, long type, const std::shared_ptr<Remaining>& left)
+void deliverFrom(const Strong& stream, const macsim::Audio& audio, long type, const std::shared_ptr<Remaining>& left)
 {
     const auto body = bodyOf<StreamBody>(stream.get());
     const std::scoped_lock lock(body->mutex);
@@ -143,8 +143,8 @@ void deliverFrom(const Strong& stream, const macsim::Sound& sound, long type, co
         return;
     for (const Output& output : body->outputs) {
         left->add();
-        macsim::runOnQueue(output.queue.get(), [output, stream, sound, type, left] {
-            callOutput(output, stream.get(), sound, type);
+        macsim::runOnQueue(output.queue.get(), [output, stream, audio, type, left] {
+            callOutput(output, stream.get(), audio, type);
             left->takeAway();
         });
     }
@@ -177,13 +177,13 @@ int runningStreams()
     }
 }
 
-bool deliver(const Sound& sound, long type)
+bool deliver(const Audio& audio, long type)
 {
     @autoreleasepool {
         const auto to = running();
         const auto left = std::make_shared<Remaining>();
         for (const Strong& stream : to)
-            deliverFrom(stream, sound, type, left);
+            deliverFrom(stream, audio, type, left);
         left->waitForNone();
         return !to.empty();
     }

@@ -1,4 +1,4 @@
-// CoreMedia: rational time, and sample buffers of sound.
+// CoreMedia: rational time, and sample buffers of audio.
 #pragma once
 
 #include <CoreAudioTypes/CoreAudioTypes.h>

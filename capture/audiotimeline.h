@@ -1,0 +1,65 @@
+// AudioTimeline: blocks of audio that carry time stamps become one gapless stream that is read by the millisecond.
+#pragma once
+
+#include "audiodrift.h"
+
+#include <QtGlobal>
+
+#include <optional>
+#include <span>
+#include <vector>
+
+/**
+ * Stereo float samples at 48000 Hz. Times are those of one monotonic clock. One thread at a time.
+ *
+ * A block follows the one before it without a gap as long as its time stamp is about right, for time stamps jitter;
+ * what builds up over time is taken back by a minute change of speed. A block that is further off lies where its time
+ * stamp says: a gap before it is silence, and what comes before the end of the audio so far is cut off.
+ */
+class AudioTimeline {
+public:
+    struct Block {
+        qint64 startNs = 0; ///< when its first sample plays
+        qint64 arrivedNs = 0; ///< when it became known
+    };
+
+    /// Audio is delivered this much later than its time stamps say. It must be as long as the reader's turns are
+    /// apart when blocks arrive at the end of their time or later, and 0 when they arrive ahead of it.
+    explicit AudioTimeline(int holdBackMs);
+
+    /// Begins anew: the first delivery starts at this instant.
+    void start(qint64 startMs);
+
+    /// stereo: two samples a frame. A block of no frames, or of a time that is far ahead, is left out.
+    void append(const Block& block, std::span<const float> stereo);
+
+    /// The audio from the end of the last delivery up to this instant, 48 frames for each millisecond; nothing when
+    /// there is no such time, or while its audio is on its way. When no block has come for a while, the rest of it is
+    /// silence; the last time it is silence at once. Of more than 10 seconds only the last 10 are delivered.
+    std::optional<std::vector<float>> deliver(qint64 untilMs, bool last = false);
+
+private:
+    qint64 queuedFrames() const { return qint64(queue_.size() / 2); }
+    double frameAt(qint64 ns) const;
+    void beginRun(double startFrame, std::span<const float>& stereo);
+    void endRun();
+    bool isStalled(qint64 untilMs) const;
+    void waitForMore(qint64 untilMs, qint64 missingFrames);
+    void growHoldBack(qint64 milliseconds);
+    void skip(qint64 frames);
+    std::vector<float> take(qint64 frames);
+
+    int holdBackMs_;
+    qint64 startMs_ = 0;
+    qint64 delivered_ = 0; // frames since the start
+    std::vector<float> queue_; // follows what was delivered
+    VariableResampler stretch_; // holds what follows the queue
+    DriftController drift_;
+    bool running_ = false; // a block can follow the last one
+    qint64 arrivedNs_ = 0; // the last block, at first the start
+    qint64 blockNs_ = 0; // length of the last block
+
+    // While audio is awaited:
+    std::optional<qint64> waitingSinceMs_;
+    qint64 leastMissing_ = 0; // frames; the reader came that close
+};

@@ -1,0 +1,172 @@
+// Audio on Linux: PipeWire. Its blocks come with the cycles of the graph, up to 170 ms at a time; the reader gets
+// them metered out by its own clock.
+#include "platform/audio.h"
+
+#include "audiotimeline.h"
+#include "pipewirecapture.h"
+#include "streamowners.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+
+namespace platform {
+
+struct Semaphore::Impl {
+    std::mutex mutex;
+    std::condition_variable signalled;
+    qint64 count = 0;
+};
+
+Semaphore::Semaphore() : impl_(std::make_unique<Impl>()) { }
+
+Semaphore::~Semaphore() = default;
+
+void Semaphore::signal()
+{
+    const std::lock_guard lock(impl_->mutex);
+    ++impl_->count;
+    impl_->signalled.notify_one();
+}
+
+bool Semaphore::wait(qint64 nanoseconds)
+{
+    std::unique_lock lock(impl_->mutex);
+    const auto limit = std::chrono::nanoseconds(nanoseconds);
+    if (!impl_->signalled.wait_for(lock, limit, [this] { return impl_->count > 0; }))
+        return false;
+    --impl_->count;
+    return true;
+}
+
+struct AudioOutput::Impl {
+    AudioReceiver owner;
+};
+
+AudioOutput::AudioOutput(AudioReceiver owner) : impl_(std::make_unique<Impl>(Impl{std::move(owner)})) { }
+
+AudioOutput::~AudioOutput() = default;
+
+/// Deliveries are made on the reader's own thread; the queue only keeps them apart.
+struct AudioQueue::Impl {
+    std::mutex mutex;
+};
+
+AudioQueue::AudioQueue(const char* /*label*/) : impl_(std::make_unique<Impl>()) { }
+
+AudioQueue::~AudioQueue() = default;
+
+namespace {
+
+/// Programs are heard a cycle ahead of their time, a sink at the end of it: the reader, who comes every 10 ms, mostly
+/// finds that in its next turn.
+constexpr int monitorHoldBackMs = 8;
+
+qint64 monotonicMs()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+pipewire::AudioCapture::ProcessFilter processFilter(const AudioFilter& filter)
+{
+    if (!filter.excludedApplications)
+        return nullptr;
+    auto snapshot = std::static_pointer_cast<const streamowners::ApplicationSnapshot>(filter.content->native);
+    auto accepting = std::make_shared<streamowners::ProcessFilter>(std::move(snapshot), *filter.excludedApplications);
+    return [accepting](qint64 processId) { return accepting->accepts(processId); };
+}
+
+AudioStreamDescription stereoFloat()
+{
+    AudioStreamDescription description;
+    description.formatFlags = pcmIsFloat;
+    description.bytesPerFrame = pipewire::BlockQueue::frameBytes;
+    description.channelsPerFrame = 2;
+    description.bitsPerChannel = 32;
+    return description;
+}
+
+}
+
+struct AudioStream::Impl {
+    Impl(const AudioFilter& filter, AudioOutput& delegate)
+        : timeline(filter.excludedApplications ? 0 : monitorHoldBackMs),
+          capture(processFilter(filter),
+              [&delegate](const QString& error) { delegate.impl().owner.streamStopped(error); })
+    {
+    }
+
+    void deliver(std::vector<float> stereo) const
+    {
+        const auto memory = std::make_shared<const std::vector<float>>(std::move(stereo));
+        AudioSampleBuffer buffer;
+        buffer.description = stereoFloat();
+        buffer.frames = qint64(memory->size() / 2);
+        buffer.bufferList = [memory] {
+            return AudioBufferList{{AudioBuffer{memory->data(), memory->size() * sizeof(float)}}, memory};
+        };
+        const std::lock_guard lock(queue->impl().mutex);
+        output->impl().owner.handleSampleBuffer(&buffer);
+    }
+
+    AudioTimeline timeline;
+    std::vector<float> block; // its samples
+    AudioOutput* output = nullptr; // null until added
+    AudioQueue* queue = nullptr;
+    bool started = false;
+    pipewire::AudioCapture capture;
+};
+
+AudioStream::AudioStream(
+    const AudioFilter& filter, const AudioStreamConfiguration& /*configuration*/, AudioOutput& delegate)
+    : impl_(std::make_unique<Impl>(filter, delegate))
+{
+}
+
+AudioStream::~AudioStream() = default;
+
+bool AudioStream::addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error)
+{
+    if (impl_->capture.error()) {
+        *error = impl_->capture.error();
+        return false;
+    }
+    impl_->output = &output;
+    impl_->queue = &queue;
+    return true;
+}
+
+void AudioStream::startCapture(AudioCompletion completion)
+{
+    if (impl_->capture.error()) {
+        completion(impl_->capture.error());
+        return;
+    }
+    impl_->timeline.start(monotonicMs());
+    impl_->started = true;
+    impl_->capture.setActive(true, std::move(completion));
+}
+
+void AudioStream::stopCapture(AudioCompletion completion)
+{
+    if (impl_->capture.error()) {
+        completion(impl_->capture.error());
+        return;
+    }
+    impl_->started = false;
+    impl_->capture.setActive(false, std::move(completion));
+}
+
+void AudioStream::deliverUntil(qint64 untilMs, bool last)
+{
+    if (!impl_->started || !impl_->output)
+        return;
+    while (const auto taken = impl_->capture.takeBlock(impl_->block))
+        impl_->timeline.append({taken->startNs, taken->arrivedNs}, impl_->block);
+    if (auto audio = impl_->timeline.deliver(untilMs, last))
+        impl_->deliver(std::move(*audio));
+}
+
+}

@@ -1,0 +1,62 @@
+// Whose audio is it: the applications that run now, and whether a stream's process belongs to one that is left out.
+//
+// An audio stream belongs to a process, and that process to an application: the nearest one, from the process upwards
+// through its parents, that is wanted or owns a window. Helper processes (a browser's audio process, say) are thereby
+// part of their application, and a program with a window of its own does not belong to the terminal that started it.
+#pragma once
+
+#include "platform/audio.h"
+
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+namespace streamowners {
+
+/// A stream that plays or could play, as the audio server tells it.
+struct Stream {
+    qint64 processId = 0; ///< of the program behind it; 0 when the server does not know
+    QString applicationName; ///< may be empty
+    QString applicationId; ///< portal or desktop id where the server knows one; else empty
+};
+
+/// The applications of one moment. Immutable; any thread.
+class ApplicationSnapshot {
+public:
+    struct Data;
+
+    /// Counts what runs now: owners of windows, owners of streams, then every other process of this user. Waits for
+    /// the X server with a bound; without one nobody owns a window.
+    static std::shared_ptr<const ApplicationSnapshot> take(const std::vector<Stream>& streams);
+
+    explicit ApplicationSnapshot(std::unique_ptr<const Data> data);
+    ~ApplicationSnapshot();
+
+    const std::vector<platform::AudioApplication>& applications() const;
+    const Data& data() const { return *data_; }
+
+private:
+    std::unique_ptr<const Data> data_;
+};
+
+/// Decides for streams that appear later which of them a filter lets through. One thread at a time.
+class ProcessFilter {
+public:
+    /// excluded: indices into snapshot->applications().
+    ProcessFilter(std::shared_ptr<const ApplicationSnapshot> snapshot, std::vector<std::size_t> excluded);
+    ~ProcessFilter();
+    ProcessFilter(const ProcessFilter&) = delete;
+    ProcessFilter& operator=(const ProcessFilter&) = delete;
+
+    /// Whether the stream of this process is heard. It reads the process table and may ask the X server (bounded), so
+    /// ask once for each stream and keep the answer: parents end, and with them the proof. A process id of 0 belongs
+    /// to nobody that is left out.
+    bool accepts(qint64 processId);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}

@@ -1,0 +1,221 @@
+// Who owns windows on the display.
+#include "windowowners.h"
+
+#include "x11connection.h"
+
+#include <QByteArray>
+#include <QList>
+
+#include <xcb/res.h>
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <optional>
+
+namespace windowowners {
+
+namespace {
+
+using x11::Allocated;
+using x11::DisplayConnection;
+using x11::Request;
+using Property = Request<xcb_get_property_reply_t>;
+
+constexpr std::size_t mostWindows = 1024; // a bound for what one round of requests may hold
+constexpr quint32 textWords = 128; // of a property, 4 bytes each
+
+struct Atoms {
+    xcb_atom_t clientList = XCB_ATOM_NONE;
+    xcb_atom_t supportingCheck = XCB_ATOM_NONE;
+    xcb_atom_t processId = XCB_ATOM_NONE;
+    xcb_atom_t applicationId = XCB_ATOM_NONE;
+    xcb_atom_t utf8 = XCB_ATOM_NONE;
+};
+
+/// Atoms that nobody has made yet stay 0: then no window has such a property.
+Atoms findAtoms(DisplayConnection& connection)
+{
+    struct Wanted {
+        const char* name;
+        xcb_atom_t Atoms::*atom;
+    };
+    constexpr Wanted wanted[] = {{"_NET_CLIENT_LIST", &Atoms::clientList},
+        {"_NET_SUPPORTING_WM_CHECK", &Atoms::supportingCheck}, {"_NET_WM_PID", &Atoms::processId},
+        {"_GTK_APPLICATION_ID", &Atoms::applicationId}, {"UTF8_STRING", &Atoms::utf8}};
+    std::deque<Request<xcb_intern_atom_reply_t>> requests;
+    for (const Wanted& entry : wanted)
+        requests.emplace_back(
+            connection, xcb_intern_atom(connection.xcb(), 1, uint16_t(qstrlen(entry.name)), entry.name));
+    Atoms atoms;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        if (const auto reply = requests[i].reply())
+            atoms.*wanted[i].atom = reply->atom;
+    }
+    return atoms;
+}
+
+xcb_get_property_cookie_t getProperty(
+    DisplayConnection& connection, xcb_window_t window, xcb_atom_t property, xcb_atom_t type, quint32 words)
+{
+    return xcb_get_property(connection.xcb(), 0, window, property, type, 0, words);
+}
+
+/// The 32-bit values of a property; none when it is not of that kind.
+std::vector<quint32> values(xcb_get_property_reply_t* reply)
+{
+    if (!reply || reply->format != 32)
+        return {};
+    const auto* first = static_cast<const quint32*>(xcb_get_property_value(reply));
+    return std::vector<quint32>(first, first + reply->value_len);
+}
+
+QByteArray text(xcb_get_property_reply_t* reply)
+{
+    if (!reply || reply->format != 8)
+        return QByteArray();
+    return QByteArray(static_cast<const char*>(xcb_get_property_value(reply)), int(reply->value_len));
+}
+
+/// The windows that a window manager keeps; nothing when none runs. A manager that has died leaves its list behind,
+/// but not the window that both the root and that window itself name.
+std::optional<std::vector<xcb_window_t>> managedWindows(
+    DisplayConnection& connection, xcb_window_t root, const Atoms& atoms)
+{
+    if (!atoms.clientList || !atoms.supportingCheck)
+        return std::nullopt;
+    Property checkOfRoot(connection, getProperty(connection, root, atoms.supportingCheck, XCB_ATOM_WINDOW, 1));
+    Property list(connection, getProperty(connection, root, atoms.clientList, XCB_ATOM_WINDOW, quint32(mostWindows)));
+    const std::vector<quint32> manager = values(checkOfRoot.reply().get());
+    const auto listReply = list.reply();
+    if (manager.empty() || !listReply || listReply->type != XCB_ATOM_WINDOW)
+        return std::nullopt;
+    Property checkOfManager(
+        connection, getProperty(connection, manager[0], atoms.supportingCheck, XCB_ATOM_WINDOW, 1));
+    if (values(checkOfManager.reply().get()) != manager)
+        return std::nullopt;
+    return values(listReply.get());
+}
+
+/// Without a window manager: what lies on the root and can be seen, menus and tool tips left out.
+std::vector<xcb_window_t> shownWindows(DisplayConnection& connection, xcb_window_t root)
+{
+    Request<xcb_query_tree_reply_t> treeRequest(connection, xcb_query_tree(connection.xcb(), root));
+    const auto tree = treeRequest.reply();
+    if (!tree)
+        return {};
+    const xcb_window_t* children = xcb_query_tree_children(tree.get());
+    const std::size_t count = std::min(std::size_t(xcb_query_tree_children_length(tree.get())), mostWindows);
+    std::deque<Request<xcb_get_window_attributes_reply_t>> requests;
+    for (std::size_t i = 0; i < count; ++i)
+        requests.emplace_back(connection, xcb_get_window_attributes(connection.xcb(), children[i]));
+    std::vector<xcb_window_t> windows;
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto reply = requests[i].reply();
+        if (reply && reply->map_state != XCB_MAP_STATE_UNMAPPED && reply->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT
+            && !reply->override_redirect)
+            windows.push_back(children[i]);
+    }
+    return windows;
+}
+
+/// The X server knows who is at the other end of a connection on this machine; what a window says about itself is
+/// asked where it does not.
+bool knowsProcesses(DisplayConnection& connection)
+{
+    xcb_prefetch_extension_data(connection.xcb(), &xcb_res_id);
+    if (!connection.synchronise())
+        return false;
+    const xcb_query_extension_reply_t* data = xcb_get_extension_data(connection.xcb(), &xcb_res_id);
+    if (!data || !data->present)
+        return false;
+    Request<xcb_res_query_version_reply_t> request(connection, xcb_res_query_version(connection.xcb(), 1, 2));
+    const auto version = request.reply();
+    return version && (version->server_major > 1 || (version->server_major == 1 && version->server_minor >= 2));
+}
+
+qint64 localProcess(const xcb_res_query_client_ids_reply_t* reply)
+{
+    if (!reply)
+        return 0;
+    for (auto id = xcb_res_query_client_ids_ids_iterator(reply); id.rem > 0; xcb_res_client_id_value_next(&id)) {
+        if ((id.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID)
+            && xcb_res_client_id_value_value_length(id.data) > 0)
+            return *xcb_res_client_id_value_value(id.data);
+    }
+    return 0;
+}
+
+/// What is asked about one window.
+struct OwnerQuery {
+    OwnerQuery(DisplayConnection& connection, xcb_window_t window, const Atoms& atoms, bool askServer)
+        : classes(connection, getProperty(connection, window, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, textWords)),
+          applicationId(connection, getProperty(connection, window, atoms.applicationId, atoms.utf8, textWords)),
+          claimedPid(connection, getProperty(connection, window, atoms.processId, XCB_ATOM_CARDINAL, 1))
+    {
+        const xcb_res_client_id_spec_t spec{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
+        if (askServer)
+            client.emplace(connection, xcb_res_query_client_ids(connection.xcb(), 1, &spec));
+    }
+
+    Property classes;
+    Property applicationId;
+    Property claimedPid;
+    std::optional<Request<xcb_res_query_client_ids_reply_t>> client;
+};
+
+Owner readOwner(OwnerQuery& query)
+{
+    Owner owner;
+    const std::vector<quint32> claimedPid = values(query.claimedPid.reply().get());
+    owner.processId = query.client ? localProcess(query.client->reply().get()) : 0;
+    if (owner.processId == 0 && !claimedPid.empty())
+        owner.processId = claimedPid[0];
+    // Instance, then class, each with a zero byte behind it.
+    owner.name = QString::fromLatin1(text(query.classes.reply().get()).split('\0').value(1));
+    owner.applicationId = QString::fromUtf8(text(query.applicationId.reply().get()));
+    return owner;
+}
+
+void add(std::vector<Owner>& owners, const Owner& owner)
+{
+    const auto same = std::find_if(
+        owners.begin(), owners.end(), [&owner](const Owner& other) { return other.processId == owner.processId; });
+    if (same == owners.end()) {
+        owners.push_back(owner);
+        return;
+    }
+    if (same->name.isEmpty())
+        same->name = owner.name;
+    if (same->applicationId.isEmpty())
+        same->applicationId = owner.applicationId;
+}
+
+}
+
+std::vector<Owner> find()
+{
+    const std::unique_ptr<DisplayConnection> connection = DisplayConnection::open();
+    if (!connection)
+        return {};
+    const Atoms atoms = findAtoms(*connection);
+    const bool askServer = knowsProcesses(*connection);
+    std::vector<Owner> owners;
+    for (auto screen = xcb_setup_roots_iterator(xcb_get_setup(connection->xcb())); screen.rem > 0;
+         xcb_screen_next(&screen)) {
+        const xcb_window_t root = screen.data->root;
+        const std::optional<std::vector<xcb_window_t>> managed = managedWindows(*connection, root, atoms);
+        const std::vector<xcb_window_t> windows = managed ? *managed : shownWindows(*connection, root);
+        std::deque<OwnerQuery> queries;
+        for (const xcb_window_t window : windows)
+            queries.emplace_back(*connection, window, atoms, askServer);
+        for (OwnerQuery& query : queries) {
+            const Owner owner = readOwner(query);
+            if (owner.processId > 1)
+                add(owners, owner);
+        }
+    }
+    return owners;
+}
+
+}

@@ -1,0 +1,40 @@
+// PixelReader: brings pixels of the X server into this process, by the fastest way that works.
+#pragma once
+
+#include "x11connection.h"
+#include "x11pixels.h"
+#include "x11sharedmemory.h"
+
+#include <QRect>
+
+namespace x11 {
+
+class PixelReader {
+public:
+    /// The connection outlives the reader.
+    explicit PixelReader(DisplayConnection& connection);
+
+    /// The pixels of an area of a drawable, laid out as the layout says; they stay as they are until the next call.
+    /// Null when the area is not all inside the drawable, when there is no memory for it, or when the server does not
+    /// answer.
+    const uchar* read(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout);
+
+private:
+    /// Ordered: what does not work is followed by the next.
+    enum class Way { SharedDescriptor, SharedSystemV, Plain };
+
+    bool ensureSegment(size_t size);
+    const uchar* readShared(xcb_drawable_t drawable, const QRect& area);
+    const uchar* readPlain(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout);
+    bool readTile(
+        xcb_drawable_t drawable, const QRect& tile, const PixelLayout& layout, uchar* target, qsizetype targetStride);
+
+    DisplayConnection& connection_;
+    Way way_;
+    xcb_shm_seg_t segmentId_ = XCB_NONE;
+    std::unique_ptr<SharedSegment> segment_; ///< null until the first use
+    Allocated<uchar> buffer_; ///< the plain way's; null until the first use
+    size_t bufferSize_ = 0;
+};
+
+}

@@ -1,0 +1,71 @@
+// Transport: the socket between libxcb and the X server, made so that neither can hold up this process.
+#pragma once
+
+#include <QDeadlineTimer>
+#include <QtGlobal>
+
+#include <xcb/xcb.h>
+
+#include <memory>
+#include <vector>
+
+namespace x11 {
+
+/// A file descriptor that closes itself.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) { }
+    ~Descriptor();
+    Descriptor(Descriptor&& other) noexcept : number_(other.number_) { other.number_ = -1; }
+    Descriptor& operator=(Descriptor&&) = delete;
+
+    int number() const { return number_; }
+    bool isValid() const { return number_ >= 0; }
+
+private:
+    int number_;
+};
+
+/**
+ * libxcb, once it has the beginning of an answer, waits for the rest without a bound, and servers write header and
+ * body of an answer apart. It also waits until the server has taken a request, and it writes so that a server that
+ * has just died can end the process (SIGPIPE). Therefore libxcb gets one end of a pair of sockets in place of its
+ * own. The line holds the other end and the server's socket, passes on what comes, and hands libxcb whole packets
+ * only (replies, events, errors). No method but wait() waits.
+ */
+class Transport {
+public:
+    /// For a connection that is open and idle. Null when the system has no descriptor left.
+    static std::unique_ptr<Transport> insert(xcb_connection_t* connection);
+    Transport(const Transport&) = delete;
+    Transport& operator=(const Transport&) = delete;
+
+    /// The server is on this machine, behind a Unix socket.
+    bool isLocal() const;
+
+    /// Passes on what libxcb has written, and receives what the server has sent. What either does not take is kept.
+    void exchange();
+
+    /// Puts whole packets before libxcb, which has to read them before the next are put there. False when there are
+    /// none. When the server has gone, libxcb then sees the end.
+    bool handOverPackets();
+
+    /// Until there is something to exchange; false when the time is over.
+    bool wait(QDeadlineTimer deadline) const;
+
+private:
+    Transport(Descriptor server, Descriptor library);
+
+    void takeRequests();
+    void sendRequests();
+    void receive();
+
+    Descriptor server_;
+    Descriptor library_; ///< the other end of libxcb's
+    std::vector<uchar> requests_; ///< not yet sent
+    std::vector<Descriptor> attached_; ///< go with them; one at most, as nothing more is sent before it has gone
+    std::vector<uchar> packets_; ///< received and not yet handed over; begins with the beginning of a packet
+    bool serverGone_ = false;
+};
+
+}

@@ -1,0 +1,196 @@
+// Looking up, starting, fetching.
+#include "audiopuller.h"
+
+#include "audioanalysis.h"
+
+#include <QThread>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+constexpr qint64 nsPerMs = 1'000'000;
+constexpr int waitLimitMs = 20'000; // against hanging; milliseconds when nothing else runs
+constexpr int turnMs = 10;
+
+qint64 monotonicMs()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+/// An answer that may come after nobody waits for it any more.
+struct Answer {
+    platform::Semaphore arrived;
+    std::mutex mutex;
+    std::shared_ptr<const platform::AudioContent> content;
+    std::optional<QString> error;
+};
+
+}
+
+std::shared_ptr<const platform::AudioContent> lookUpAudio(QString* error, int limitMs)
+{
+    const auto answer = std::make_shared<Answer>();
+    platform::requestAudioContent(true, false,
+        [answer](std::shared_ptr<const platform::AudioContent> content, const std::optional<QString>& text) {
+            {
+                const std::lock_guard lock(answer->mutex);
+                answer->content = std::move(content);
+                answer->error = text;
+            }
+            answer->arrived.signal();
+        });
+    const bool arrived = answer->arrived.wait(limitMs * nsPerMs);
+    const std::lock_guard lock(answer->mutex);
+    *error = arrived ? answer->error.value_or(QString()) : QStringLiteral("no answer");
+    return answer->content;
+}
+
+std::optional<std::size_t> indexOf(const platform::AudioContent& content, qint64 pid)
+{
+    for (std::size_t i = 0; i < content.applications.size(); ++i) {
+        if (content.applications[i].processId == pid)
+            return i;
+    }
+    return std::nullopt;
+}
+
+AudioPuller::AudioPuller() : output_(receiver())
+{
+    capturing_ = start(nullptr);
+}
+
+AudioPuller::AudioPuller(const std::set<qint64>& wanted) : output_(receiver())
+{
+    capturing_ = start(&wanted);
+}
+
+platform::AudioReceiver AudioPuller::receiver()
+{
+    return {[this](const platform::AudioSampleBuffer* buffer) { append(*buffer); },
+        [this](const std::optional<QString>&) { ++timesStopped_; }};
+}
+
+AudioPuller::~AudioPuller() = default;
+
+/// wanted: null for everything.
+bool AudioPuller::start(const std::set<qint64>* wanted)
+{
+    platform::AudioFilter filter;
+    filter.content = lookUpAudio(&error_);
+    if (!filter.content)
+        return false;
+    if (wanted) {
+        filter.excludedApplications.emplace();
+        for (std::size_t i = 0; i < filter.content->applications.size(); ++i) {
+            if (wanted->count(filter.content->applications[i].processId) == 0)
+                filter.excludedApplications->push_back(i);
+        }
+        if (filter.excludedApplications->size() + wanted->size() != filter.content->applications.size()) {
+            error_ = QStringLiteral("not every wanted process is in the content");
+            return false;
+        }
+    }
+    platform::AudioStreamConfiguration configuration;
+    configuration.capturesAudio = true;
+    configuration.sampleRate = 48000;
+    configuration.channelCount = 2;
+    stream_ = std::make_unique<platform::AudioStream>(filter, configuration, output_);
+    std::optional<QString> refusal;
+    if (!stream_->addStreamOutput(output_, queue_, &refusal)) {
+        error_ = refusal.value_or(QStringLiteral("no reason"));
+        return false;
+    }
+    return startCapture();
+}
+
+bool AudioPuller::waitFor(void (platform::AudioStream::*request)(platform::AudioCompletion))
+{
+    const auto answer = std::make_shared<Answer>();
+    (stream_.get()->*request)([answer](const std::optional<QString>& error) {
+        {
+            const std::lock_guard lock(answer->mutex);
+            answer->error = error;
+        }
+        answer->arrived.signal();
+    });
+    const bool arrived = answer->arrived.wait(waitLimitMs * nsPerMs);
+    const std::lock_guard lock(answer->mutex);
+    error_ = arrived ? answer->error.value_or(QString()) : QStringLiteral("no answer");
+    return error_.isEmpty() && !answer->error;
+}
+
+bool AudioPuller::startCapture()
+{
+    startMs_ = monotonicMs() - qint64(audio_.size() / 96);
+    return waitFor(&platform::AudioStream::startCapture);
+}
+
+bool AudioPuller::stopCapture()
+{
+    return waitFor(&platform::AudioStream::stopCapture);
+}
+
+void AudioPuller::fetch()
+{
+    const std::size_t before = audio_.size();
+    const qint64 now = monotonicMs();
+    stream_->deliverUntil(now);
+    if (audio_.size() != before)
+        surplusMs_ = qint64(audio_.size() / 96) - (now - startMs_);
+}
+
+void AudioPuller::append(const platform::AudioSampleBuffer& buffer)
+{
+    const std::optional<platform::AudioBufferList> list = buffer.bufferList();
+    const std::size_t count = list && list->buffers.size() == 1 ? list->buffers[0].bytes / sizeof(float) : 0;
+    if (count != std::size_t(buffer.frames) * 2)
+        return; // the missing audio shows
+    const std::size_t old = audio_.size();
+    audio_.resize(old + count);
+    std::memcpy(audio_.data() + old, list->buffers[0].data, count * sizeof(float));
+}
+
+void AudioPuller::pull(int ms)
+{
+    const qint64 until = monotonicMs() + ms;
+    while (monotonicMs() < until) {
+        QThread::msleep(turnMs);
+        fetch();
+    }
+}
+
+void AudioPuller::pullBoth(AudioPuller& first, AudioPuller& second, int ms)
+{
+    const qint64 until = monotonicMs() + ms;
+    while (monotonicMs() < until) {
+        QThread::msleep(turnMs);
+        first.fetch();
+        second.fetch();
+    }
+}
+
+std::vector<float> AudioPuller::listen(int ms)
+{
+    const std::size_t first = audio_.size();
+    const std::size_t wanted = std::size_t(ms) * 96;
+    const qint64 limit = monotonicMs() + waitLimitMs;
+    while (audio_.size() < first + wanted && monotonicMs() < limit)
+        pull(turnMs);
+    const auto begin = audio_.begin() + std::ptrdiff_t(first);
+    return std::vector<float>(begin, begin + std::ptrdiff_t(std::min(wanted, audio_.size() - first)));
+}
+
+std::vector<float> AudioPuller::listen(int ms, int channel)
+{
+    return audioanalysis::channelOf(listen(ms), 2, channel);
+}
+
+double AudioPuller::levelDb(double frequency)
+{
+    return audioanalysis::levelDb(listen(200, 0), 48000, frequency);
+}

@@ -1,0 +1,72 @@
+// AudioPuller: captures audio through the platform seam as the recorder does, and keeps it.
+#pragma once
+
+#include "platform/audio.h"
+
+#include <QString>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+/// What can be captured now; null when the platform refuses (then with its text) or does not answer.
+std::shared_ptr<const platform::AudioContent> lookUpAudio(QString* error, int limitMs = 20'000);
+
+/// The index of a process in the content.
+std::optional<std::size_t> indexOf(const platform::AudioContent& content, qint64 pid);
+
+/// Stereo at 48000 Hz, from the end of the constructor on, fetched every 10 ms while a method of this object runs.
+/// When there is no capture, isCapturing() is false and errorString() says why. One thread.
+class AudioPuller {
+public:
+    /// Of everything.
+    AudioPuller();
+    /// Without all processes that run now but these.
+    explicit AudioPuller(const std::set<qint64>& wanted);
+    ~AudioPuller();
+    AudioPuller(const AudioPuller&) = delete;
+    AudioPuller& operator=(const AudioPuller&) = delete;
+
+    bool isCapturing() const { return capturing_; }
+    QString errorString() const { return error_; }
+
+    /// Fetches for that long.
+    void pull(int ms);
+    /// Two of them at a time.
+    static void pullBoth(AudioPuller& first, AudioPuller& second, int ms);
+    /// The next audio, channels alternating; less of it when it does not come.
+    std::vector<float> listen(int ms);
+    /// The same, one channel.
+    std::vector<float> listen(int ms, int channel);
+    /// Of the left channel's next 200 ms.
+    double levelDb(double frequency);
+
+    /// Everything since the constructor.
+    const std::vector<float>& audio() const { return audio_; }
+    qint64 startMs() const { return startMs_; } ///< when that begins, by the monotonic clock
+    /// Milliseconds of audio that are missing or too many, by the clock, at the last delivery.
+    qint64 surplusMs() const { return surplusMs_; }
+
+    int timesStopped() const { return timesStopped_; }
+    bool stopCapture();
+    bool startCapture(); ///< after stopCapture()
+
+private:
+    platform::AudioReceiver receiver();
+    bool start(const std::set<qint64>* wanted);
+    bool waitFor(void (platform::AudioStream::*request)(platform::AudioCompletion));
+    void fetch();
+    void append(const platform::AudioSampleBuffer& buffer);
+
+    std::vector<float> audio_;
+    qint64 startMs_ = 0;
+    qint64 surplusMs_ = 0;
+    std::atomic<int> timesStopped_ = 0;
+    bool capturing_ = false;
+    QString error_;
+    platform::AudioOutput output_;
+    platform::AudioQueue queue_{"audio test"};
+    std::unique_ptr<platform::AudioStream> stream_; // ends first
+};

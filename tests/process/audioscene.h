@@ -1,0 +1,50 @@
+// AudioScene: a recording of a window while something plays, and what is heard in its file.
+#pragma once
+
+#include "audioanalysis.h"
+#include "mediafile.h"
+#include "privateaudioserver.h"
+#include "recordingscene.h"
+
+#include <QString>
+
+#include <vector>
+
+/// A RecordingScene whose recorder hears an audio server.
+class AudioScene : public RecordingScene {
+public:
+    /// The audio is that of a process, or for an empty source that of the display.
+    AudioScene(const QByteArray& display, quint32 window, const PrivateAudioServer& server, const QString& source);
+
+    /// Starts, records for so long, stops and waits for the end. False, with story(), when anything goes wrong.
+    bool record(int recordingMs);
+};
+
+/// The audio source for a process.
+QString audioOf(qint64 pid);
+
+/// The audio of a recording, one channel at 48000 Hz whose time 0 is that of the file.
+class Heard {
+public:
+    /// The sum of both sides, halved.
+    explicit Heard(const QString& path);
+
+    bool isThere() const { return !samples_.empty(); }
+    double durationMs() const { return double(samples_.size()) / samplesPerMs; }
+    /// Between two times of the file.
+    audioanalysis::Samples part(double fromMs, double toMs) const;
+    /// In dB of a full-scale sine.
+    double levelDb(double frequency, double fromMs, double toMs) const;
+    double rmsDb(double fromMs, double toMs) const;
+    std::vector<audioanalysis::ToneFault> toneFaults(double frequency, double fromMs, double toMs) const;
+    /// When a tone is first there for 0.1 s, in 10 ms; below 0 when never.
+    double firstMs(double frequency, double fromMs = 0.0) const;
+    /// When it is first gone for 0.1 s.
+    double goneMs(double frequency, double fromMs) const;
+
+private:
+    double firstMsWhere(double frequency, double fromMs, bool there) const;
+
+    static constexpr double samplesPerMs = 48.0;
+    std::vector<float> samples_;
+};

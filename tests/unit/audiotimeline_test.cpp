@@ -1,0 +1,400 @@
+// Blocks of audio with time stamps, metered out by the millisecond.
+#include "audiotimeline.h"
+
+#include <QTest>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr qint64 nsPerMs = 1000000;
+constexpr qint64 startMs = 5000000; // any instant
+constexpr qint64 quantum = 1024;
+
+using Samples = std::vector<float>;
+
+/// Frames that tell their number, from 1 on: left as it is, right as its negative.
+Samples numbered(qint64 first, qint64 frames)
+{
+    Samples samples;
+    for (qint64 i = 0; i < frames; ++i) {
+        samples.push_back(float(first + i));
+        samples.push_back(-float(first + i));
+    }
+    return samples;
+}
+
+qint64 atFrame(qint64 frame)
+{
+    return startMs * nsPerMs + frame * nsPerMs / 48;
+}
+
+/// A source of numbered frames: frame n + 1 audios n / 48 ms after the start.
+void appendAt(AudioTimeline& timeline, qint64 startNs, qint64 first, qint64 frames)
+{
+    timeline.append({startNs, startNs}, numbered(first, frames));
+}
+
+void append(AudioTimeline& timeline, qint64 frame, qint64 frames)
+{
+    appendAt(timeline, atFrame(frame), frame + 1, frames);
+}
+
+/// Left samples as whole numbers.
+std::vector<qint64> left(const std::optional<Samples>& delivered)
+{
+    std::vector<qint64> numbers;
+    for (size_t i = 0; delivered && i < delivered->size(); i += 2)
+        numbers.push_back(qint64((*delivered)[i]));
+    return numbers;
+}
+
+std::vector<qint64> range(qint64 first, qint64 count)
+{
+    std::vector<qint64> numbers(static_cast<size_t>(count));
+    for (qint64& number : numbers)
+        number = first++;
+    return numbers;
+}
+
+std::vector<qint64> joined(std::vector<qint64> first, const std::vector<qint64>& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+/// Rises and falls by 1 in a millisecond, between 0 and 500.
+double triangle(double ms)
+{
+    const double inPeriod = std::fmod(ms, 1000);
+    return inPeriod < 500 ? inPeriod : 1000 - inPeriod;
+}
+
+AudioTimeline started(int holdBackMs = 0)
+{
+    AudioTimeline timeline(holdBackMs);
+    timeline.start(startMs);
+    return timeline;
+}
+
+}
+
+class AudioTimelineTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void deliversWhatLiesBetweenTwoInstants();
+    void keepsBothChannelsApart();
+    void jitterMakesNoGap();
+    void gapIsSilence();
+    void overlapIsCut();
+    void whatComesTooLateIsCut();
+    void waitsForAudioOnItsWay();
+    void doesNotWaitTheLastTime();
+    void holdsBack();
+    void silenceWhenNothingComes();
+    void audioAfterAStallLiesAtItsTime();
+    void stallLastsThreeBlocksAtLeast();
+    void readerThatAlwaysComesTooEarlyIsHelpedOnce();
+    void eachDeliveryEndsAtItsInstant_data();
+    void eachDeliveryEndsAtItsInstant();
+    void senselessBlocksAreLeftOut();
+    void timeThatStandsOrRunsBackDeliversNothing();
+    void longPauseOfTheReaderIsBounded();
+    void hourOfAudioNeverPilesUp();
+    void beginsAnew();
+    void foreignClockIsFollowed_data();
+    void foreignClockIsFollowed();
+};
+
+void AudioTimelineTest::deliversWhatLiesBetweenTwoInstants()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 2000);
+    QCOMPARE(left(timeline.deliver(startMs + 10)), range(1, 480));
+    QCOMPARE(left(timeline.deliver(startMs + 11)), range(481, 48));
+    QCOMPARE(left(timeline.deliver(startMs + 40)), range(529, 29 * 48));
+}
+
+void AudioTimelineTest::keepsBothChannelsApart()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 480);
+    const auto delivered = timeline.deliver(startMs + 5);
+    QVERIFY(delivered);
+    QCOMPARE(*delivered, numbered(1, 240));
+}
+
+void AudioTimelineTest::jitterMakesNoGap()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, quantum);
+    appendAt(timeline, atFrame(quantum) + 11 * nsPerMs, quantum + 1, quantum);
+    appendAt(timeline, atFrame(2 * quantum) - 11 * nsPerMs, 2 * quantum + 1, quantum);
+    QCOMPARE(left(timeline.deliver(startMs + 60)), range(1, 60 * 48));
+}
+
+void AudioTimelineTest::gapIsSilence()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 480);
+    append(timeline, 480 + 20 * 48, 480);
+    auto expected = joined(range(1, 480), std::vector<qint64>(20 * 48, 0));
+    expected = joined(expected, range(480 + 20 * 48 + 1, 240));
+    QCOMPARE(left(timeline.deliver(startMs + 35)), expected);
+}
+
+void AudioTimelineTest::overlapIsCut()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 2000);
+    append(timeline, 1000, 2000);
+    QCOMPARE(left(timeline.deliver(startMs + 60)), range(1, 60 * 48));
+}
+
+void AudioTimelineTest::whatComesTooLateIsCut()
+{
+    AudioTimeline timeline = started();
+    append(timeline, -100, 580); // the source ran before the start
+    QCOMPARE(left(timeline.deliver(startMs + 9)), range(1, 9 * 48));
+    append(timeline, 480 + 20 * 48, 48);
+    append(timeline, -5000, 1000); // all of it is over
+    append(timeline, 480 + 21 * 48, 480);
+    const auto expected = joined(std::vector<qint64>(20 * 48, 0), range(480 + 20 * 48 + 1, 96));
+    QCOMPARE(left(timeline.deliver(startMs + 32)), joined(range(9 * 48 + 1, 48), expected));
+}
+
+void AudioTimelineTest::waitsForAudioOnItsWay()
+{
+    AudioTimeline timeline = started();
+    QVERIFY(!timeline.deliver(startMs + 10));
+    append(timeline, 0, quantum);
+    QVERIFY(!timeline.deliver(startMs + 30));
+    append(timeline, quantum, quantum);
+    QCOMPARE(left(timeline.deliver(startMs + 40)), range(1, 40 * 48));
+}
+
+void AudioTimelineTest::doesNotWaitTheLastTime()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, quantum);
+    QVERIFY(!timeline.deliver(startMs + 30));
+    const auto expected = joined(range(1, quantum), std::vector<qint64>(30 * 48 - quantum, 0));
+    QCOMPARE(left(timeline.deliver(startMs + 30, true)), expected);
+}
+
+void AudioTimelineTest::holdsBack()
+{
+    AudioTimeline timeline = started(8);
+    append(timeline, 0, 480);
+    QCOMPARE(left(timeline.deliver(startMs + 17)), joined(std::vector<qint64>(8 * 48, 0), range(1, 9 * 48)));
+}
+
+void AudioTimelineTest::silenceWhenNothingComes()
+{
+    AudioTimeline timeline = started();
+    QVERIFY(!timeline.deliver(startMs + 300));
+    QCOMPARE(left(timeline.deliver(startMs + 301)), std::vector<qint64>(301 * 48, 0));
+    QCOMPARE(left(timeline.deliver(startMs + 311)), std::vector<qint64>(10 * 48, 0));
+}
+
+void AudioTimelineTest::audioAfterAStallLiesAtItsTime()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 480);
+    QVERIFY(!timeline.deliver(startMs + 20));
+    QCOMPARE(left(timeline.deliver(startMs + 400)), joined(range(1, 480), std::vector<qint64>(390 * 48, 0)));
+    // Within what time stamps may be wrong by, and yet exactly there: there is nothing that it could follow.
+    append(timeline, 405 * 48, quantum);
+    QCOMPARE(
+        left(timeline.deliver(startMs + 410)), joined(std::vector<qint64>(5 * 48, 0), range(405 * 48 + 1, 5 * 48)));
+}
+
+void AudioTimelineTest::stallLastsThreeBlocksAtLeast()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 9600); // 200 ms
+    QVERIFY(!timeline.deliver(startMs + 600));
+    QCOMPARE(left(timeline.deliver(startMs + 601)), joined(range(1, 9600), std::vector<qint64>(401 * 48, 0)));
+}
+
+/// Blocks of 20 ms become known 1 ms after their time; the reader comes every 20 ms, 10 ms after that.
+void AudioTimelineTest::readerThatAlwaysComesTooEarlyIsHelpedOnce()
+{
+    AudioTimeline timeline = started(8);
+    std::vector<qint64> all;
+    qint64 turnsWithout = 0;
+    for (qint64 ms = 20; ms <= 4000; ms += 20) {
+        timeline.append(
+            {(startMs + ms - 20) * nsPerMs, (startMs + ms + 1) * nsPerMs}, numbered((ms - 20) * 48 + 1, 20 * 48));
+        const auto delivered = timeline.deliver(startMs + ms + 11);
+        turnsWithout += delivered ? 0 : 1;
+        all = joined(std::move(all), left(delivered));
+    }
+    QVERIFY2(turnsWithout <= 30, qPrintable(QString::number(turnsWithout))); // half a second, once
+
+    // 8 ms of silence, the audio up to the discontinuity, 6 ms of silence (a bit more than 3
+    // were missing), the rest of the audio.
+    const auto second = std::find(all.begin() + 8 * 48, all.end(), 0);
+    QVERIFY(second != all.end());
+    const qint64 before = second - all.begin() - 8 * 48;
+    auto expected = joined(std::vector<qint64>(8 * 48, 0), range(1, before));
+    expected = joined(expected, std::vector<qint64>(6 * 48, 0));
+    QCOMPARE(all, joined(expected, range(before + 1, qint64(all.size()) - 14 * 48 - before)));
+}
+
+void AudioTimelineTest::eachDeliveryEndsAtItsInstant_data()
+{
+    QTest::addColumn<int>("blockFrames");
+    QTest::addColumn<int>("holdBackMs");
+    QTest::addColumn<int>("blockAgeMs"); // when its first sample becomes known
+    for (const int frames : {64, 1024, 4096, 8192}) {
+        QTest::addRow("%d, known ahead", frames) << frames << 0 << 1;
+        QTest::addRow("%d, known at its end", frames) << frames << 8 << frames / 48 + 1;
+    }
+}
+
+/// A reader whose turns are 1 to 40 ms apart: what it gets is the audio without gap, and always ends at its instant.
+void AudioTimelineTest::eachDeliveryEndsAtItsInstant()
+{
+    QFETCH(int, blockFrames);
+    QFETCH(int, holdBackMs);
+    QFETCH(int, blockAgeMs);
+    AudioTimeline timeline = started(holdBackMs);
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> pause(1, 40);
+    qint64 appended = 0;
+    std::vector<qint64> all;
+    for (qint64 ms = 0; ms < 5000; ms += pause(random)) {
+        for (; appended + blockAgeMs * 48 <= ms * 48; appended += blockFrames)
+            timeline.append({atFrame(appended), (startMs + ms) * nsPerMs}, numbered(appended + 1, blockFrames));
+        if (const auto delivered = timeline.deliver(startMs + ms)) {
+            all = joined(std::move(all), left(delivered));
+            QCOMPARE(qint64(all.size()), ms * 48);
+        }
+    }
+    QVERIFY(all.size() > 3000 * 48);
+    std::erase(all, 0);
+    QCOMPARE(all, range(1, qint64(all.size())));
+}
+
+void AudioTimelineTest::senselessBlocksAreLeftOut()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 0);
+    append(timeline, 3600 * 48000, 480); // in an hour
+    append(timeline, 0, 480);
+    append(timeline, -3600 * 48000, 480);
+    append(timeline, 480, 48 * 11000); // longer than anything is kept
+    append(timeline, 480, 480);
+    QCOMPARE(left(timeline.deliver(startMs + 15)), range(1, 15 * 48));
+}
+
+void AudioTimelineTest::timeThatStandsOrRunsBackDeliversNothing()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 4800);
+    QVERIFY(!timeline.deliver(startMs));
+    QVERIFY(!timeline.deliver(startMs - 1000));
+    QCOMPARE(left(timeline.deliver(startMs + 20)), range(1, 20 * 48));
+    QVERIFY(!timeline.deliver(startMs + 20));
+    QVERIFY(!timeline.deliver(startMs + 19));
+    QCOMPARE(left(timeline.deliver(startMs + 21)), range(20 * 48 + 1, 48));
+}
+
+void AudioTimelineTest::longPauseOfTheReaderIsBounded()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 4800);
+    QCOMPARE(left(timeline.deliver(startMs + 3600 * 1000)), std::vector<qint64>(10000 * 48, 0));
+    appendAt(timeline, atFrame(3600 * 48000), 1, 480);
+    QCOMPARE(left(timeline.deliver(startMs + 3600 * 1000 + 5)), range(1, 5 * 48));
+}
+
+/// A reader that comes every 10 to 100 ms, and once a minute only after 3 s.
+void AudioTimelineTest::hourOfAudioNeverPilesUp()
+{
+    constexpr qint64 hourMs = 3600 * 1000;
+    AudioTimeline timeline = started();
+    std::mt19937 random(11);
+    const Samples block(std::size_t(quantum) * 2, 0.25F);
+    qint64 appended = 0; // frames
+    qint64 delivered = 0;
+    qint64 most = 0; // that waited at one time
+    for (qint64 nowMs = 0; nowMs < hourMs;) {
+        nowMs += nowMs % 60000 < 100 ? 3000 : 10 + qint64(random() % 90);
+        for (; appended < nowMs * 48; appended += quantum) // each is there when its time begins
+            timeline.append({atFrame(appended), atFrame(appended)}, block);
+        most = std::max(most, appended - delivered);
+        if (const auto audio = timeline.deliver(startMs + nowMs)) {
+            delivered += qint64(audio->size() / 2);
+            QCOMPARE(delivered, nowMs * 48);
+            QVERIFY(std::all_of(audio->begin(), audio->end(), [](float sample) { return sample == 0.25F; }));
+        }
+    }
+    QVERIFY(delivered > (hourMs - 4000) * 48);
+    QVERIFY2(most <= 3100 * 48 + quantum, qPrintable(QString::number(most)));
+}
+
+void AudioTimelineTest::beginsAnew()
+{
+    AudioTimeline timeline = started();
+    append(timeline, 0, 4800);
+    QVERIFY(timeline.deliver(startMs + 50));
+    timeline.start(startMs + 500);
+    append(timeline, 490 * 48, 960); // 10 ms of it are from before the start
+    QCOMPARE(left(timeline.deliver(startMs + 505)), range(500 * 48 + 1, 5 * 48));
+}
+
+void AudioTimelineTest::foreignClockIsFollowed_data()
+{
+    QTest::addColumn<double>("partsPerMillion");
+    QTest::newRow("slow") << -300.0;
+    QTest::newRow("slightly fast") << 40.0;
+    QTest::newRow("fast") << 300.0;
+}
+
+/// Some minutes of a triangle that tells when it is meant to audio, by a source whose clock has another speed. The
+/// time stamps jitter by 5 ms.
+void AudioTimelineTest::foreignClockIsFollowed()
+{
+    QFETCH(double, partsPerMillion);
+    const double speed = 1 + partsPerMillion * 1e-6; // how fast the source's clock runs
+    AudioTimeline timeline = started();
+    std::mt19937 random(2);
+    std::uniform_real_distribution<double> jitterMs(-5, 5);
+    qint64 appended = 0;
+    double largestErrorMs = 0;
+    double largestJumpMs = 0;
+    double last = 0;
+    for (qint64 ms = 0; ms < 200000; ms += 10) {
+        for (; double(appended) / 48 / speed <= double(ms); appended += quantum) {
+            const double jitter = appended == 0 ? 0 : jitterMs(random);
+            Samples ramp;
+            for (qint64 i = 0; i < quantum; ++i)
+                ramp.insert(ramp.end(), 2, float(triangle(double(appended + i) / 48 / speed)));
+            const auto sinceStartNs = qint64((double(appended) / 48 / speed + jitter) * nsPerMs);
+            timeline.append({startMs * nsPerMs + sinceStartNs, (startMs + ms) * nsPerMs}, ramp);
+        }
+        const auto delivered = timeline.deliver(startMs + ms);
+        if (!delivered)
+            continue;
+        const auto frames = qint64(delivered->size() / 2);
+        for (qint64 i = 0; i < frames; ++i) {
+            const auto value = double((*delivered)[size_t(2 * i)]);
+            const double time = double(ms) - double(frames - i) / 48;
+            largestErrorMs = std::max(largestErrorMs, std::abs(value - triangle(time)));
+            largestJumpMs = std::max(largestJumpMs, std::abs(value - last));
+            last = value;
+        }
+    }
+    QVERIFY2(largestErrorMs <= 3, qPrintable(QString::number(largestErrorMs)));
+    // A frame is 0.0208, and the corners of the triangle ring; a frame too many or too few would be 0.0416.
+    QVERIFY2(largestJumpMs <= 0.03, qPrintable(QString::number(largestJumpMs)));
+}
+
+QTEST_GUILESS_MAIN(AudioTimelineTest)
+#include "audiotimeline_test.moc"
