@@ -1,6 +1,7 @@
 // Which players an application's audio consists of, while they come and go.
 #include "audiofixture.h"
 #include "linux/pipewire/processtable.h"
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include "privatetempdir.h"
@@ -200,6 +201,6 @@ void AudioFilterTest::processesThatAreNobodys()
     QVERIFY(!indexOf(*content, 0));
 }
 
-QTEST_GUILESS_MAIN(AudioFilterTest)
+ORVANTIS_TEST(AudioFilterTest)
 
 #include "audiofilter_test.moc"

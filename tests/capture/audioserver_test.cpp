@@ -2,6 +2,7 @@
 #include "audioanalysis.h"
 #include "linux/pipewire/processtable.h"
 #include "privateaudioserver.h"
+#include "testregistry.h"
 #include "toneprocess.h"
 
 #include <QDir>
@@ -240,6 +241,6 @@ void AudioServerTest::endsWithItsParent()
     QVERIFY(QDir(directory).removeRecursively()); // a killed owner cannot
 }
 
-QTEST_GUILESS_MAIN(AudioServerTest)
+ORVANTIS_TEST(AudioServerTest)
 
 #include "audioserver_test.moc"

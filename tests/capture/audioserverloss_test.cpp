@@ -1,5 +1,6 @@
 // An audio server that is not there, goes, hangs, or changes its mind; and what the capture must not do to it.
 #include "audiofixture.h"
+#include "testregistry.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -307,6 +308,6 @@ void AudioServerLossTest::othersAreNotTouched()
     QCOMPARE(settings(), settingsBefore);
 }
 
-QTEST_GUILESS_MAIN(AudioServerLossTest)
+ORVANTIS_TEST(AudioServerLossTest)
 
 #include "audioserverloss_test.moc"

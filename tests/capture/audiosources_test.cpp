@@ -1,5 +1,6 @@
 // Audio of players of all kinds, alone and with everything else.
 #include "audiofixture.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QFile>
@@ -357,6 +358,6 @@ void AudioSourcesTest::bothKindsAreInTime()
     QVERIFY2(late > -2 && late < 20, qPrintable(QStringLiteral("%1 ms").arg(late)));
 }
 
-QTEST_GUILESS_MAIN(AudioSourcesTest)
+ORVANTIS_TEST(AudioSourcesTest)
 
 #include "audiosources_test.moc"

@@ -1,5 +1,6 @@
 // The process on Linux: Qt's platform, bundles, and who is at the other end of a socket.
 #include "platform/application.h"
+#include "testregistry.h"
 
 #include <QFile>
 #include <QTest>
@@ -73,5 +74,5 @@ void LinuxApplicationTest::whatHasNoPeerHasNoUser()
     QCOMPARE(platform::peerUserId(-1), std::nullopt);
 }
 
-QTEST_GUILESS_MAIN(LinuxApplicationTest)
+ORVANTIS_TEST(LinuxApplicationTest)
 #include "linuxapplication_test.moc"

@@ -1,5 +1,6 @@
 // The rules by which a stream is heard or not, without a machine.
 #include "linux/pipewire/processancestry.h"
+#include "testregistry.h"
 
 #include <QMap>
 #include <QTest>
@@ -201,6 +202,6 @@ void ProcessAncestryTest::windowsAreAskedForOnlyWhereTheyMatter()
     QCOMPARE(asked, 0);
 }
 
-QTEST_APPLESS_MAIN(ProcessAncestryTest)
+ORVANTIS_TEST(ProcessAncestryTest)
 
 #include "processancestry_test.moc"

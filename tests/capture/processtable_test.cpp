@@ -1,5 +1,6 @@
 // Reading the process table.
 #include "linux/pipewire/processtable.h"
+#include "testregistry.h"
 
 #include <QProcess>
 #include <QTest>
@@ -168,6 +169,6 @@ void ProcessTableTest::noProcess()
     QVERIFY(!processtable::read(qint64(1) << 40));
 }
 
-QTEST_GUILESS_MAIN(ProcessTableTest)
+ORVANTIS_TEST(ProcessTableTest)
 
 #include "processtable_test.moc"

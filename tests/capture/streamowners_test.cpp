@@ -3,6 +3,7 @@
 #include "linux/pipewire/streamowners.h"
 #include "linux/x11/windowowners.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QElapsedTimer>
@@ -473,6 +474,6 @@ void StreamOwnersTest::processWithoutAnId()
     QVERIFY(filter.accepts(::getpid()));
 }
 
-QTEST_GUILESS_MAIN(StreamOwnersTest)
+ORVANTIS_TEST(StreamOwnersTest)
 
 #include "streamowners_test.moc"

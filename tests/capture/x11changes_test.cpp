@@ -1,4 +1,5 @@
 // What costs a fetch of pixels and what does not: an image is read only when the window has changed.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include "macwindowcapture.h"
@@ -237,5 +238,5 @@ void X11ChangesTest::unchangedCaptureSharesItsPixels()
     }
 }
 
-QTEST_GUILESS_MAIN(X11ChangesTest)
+ORVANTIS_TEST(X11ChangesTest)
 #include "x11changes_test.moc"

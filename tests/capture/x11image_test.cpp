@@ -1,4 +1,5 @@
 // What an image of a window shows: the window whole, whatever lies over it, and nothing but the window.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QTest>
@@ -271,5 +272,5 @@ void X11ImageTest::paletteWindowGivesNoImage()
     qputenv("DISPLAY", display_->server.display());
 }
 
-QTEST_GUILESS_MAIN(X11ImageTest)
+ORVANTIS_TEST(X11ImageTest)
 #include "x11image_test.moc"

@@ -1,4 +1,5 @@
 // A window that appears, disappears, changes its size and its parents, and goes; and what is left of a capture.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include "logcapture.h"
@@ -283,5 +284,5 @@ void X11LifetimeTest::serverKeepsNoPixmaps()
     QVERIFY2(grown < 10 * 1000 * 1000 * 4, qPrintable(QString::number(grown))); // 60 pixmaps are 240 MB
 }
 
-QTEST_GUILESS_MAIN(X11LifetimeTest)
+ORVANTIS_TEST(X11LifetimeTest)
 #include "x11lifetime_test.moc"

@@ -1,5 +1,6 @@
 // Pixel layouts and their conversion, without a server.
 #include "linux/x11/x11pixels.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -133,5 +134,5 @@ void X11PixelsTest::paddingOfNarrowPixelsIsLeftOut()
         QCOMPARE(image.pixel(i % 3, i / 3), expected[i]);
 }
 
-QTEST_GUILESS_MAIN(X11PixelsTest)
+ORVANTIS_TEST(X11PixelsTest)
 #include "x11pixels_test.moc"

@@ -1,4 +1,5 @@
 // Where the pointer is.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QTest>
@@ -51,5 +52,5 @@ void X11PointerTest::pointerNeedsNoImage()
     QCOMPARE(source.pointerLocation(), QPointF(11, 12));
 }
 
-QTEST_GUILESS_MAIN(X11PointerTest)
+ORVANTIS_TEST(X11PointerTest)
 #include "x11pointer_test.moc"

@@ -1,5 +1,6 @@
 // X servers that lack something, hang, or go.
 #include "displayrelay.h"
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QTest>
@@ -330,5 +331,5 @@ void X11ServerTest::openingAtAStoppedServer()
     QVERIFY(isFilled(source.image(), blue));
 }
 
-QTEST_GUILESS_MAIN(X11ServerTest)
+ORVANTIS_TEST(X11ServerTest)
 #include "x11server_test.moc"

@@ -1,4 +1,5 @@
 // The ways in which pixels come from the server, each taken when the one before it is not to be had.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QFile>
@@ -148,5 +149,5 @@ void X11SharedMemoryTest::socketComesLast()
     QCOMPARE(systemVAsked, 1); // what failed is not tried again
 }
 
-QTEST_GUILESS_MAIN(X11SharedMemoryTest)
+ORVANTIS_TEST(X11SharedMemoryTest)
 #include "x11sharedmemory_test.moc"

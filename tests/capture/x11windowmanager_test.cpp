@@ -1,4 +1,5 @@
 // A window under a real window manager: framed, iconified, moved.
+#include "testregistry.h"
 #include "x11fixture.h"
 
 #include "privatetempdir.h"
@@ -122,5 +123,5 @@ void X11WindowManagerTest::framedWindowIsCapturedWhileCovered()
     QVERIFY(isFilled(source.image(), blue));
 }
 
-QTEST_GUILESS_MAIN(X11WindowManagerTest)
+ORVANTIS_TEST(X11WindowManagerTest)
 #include "x11windowmanager_test.moc"

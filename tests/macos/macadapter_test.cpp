@@ -1,6 +1,7 @@
 // What the seam allows and the capture does not do. The life of an audio stream is in macstream_test.
 #include "macrig.h"
 #include "platform/screen.h"
+#include "testregistry.h"
 
 using macsim::answers;
 
@@ -128,5 +129,5 @@ void MacAdapterTest::boundsThatCannotBeTold()
     QVERIFY(!window.bounds());
 }
 
-QTEST_GUILESS_MAIN(MacAdapterTest)
+ORVANTIS_TEST(MacAdapterTest)
 #include "macadapter_test.moc"

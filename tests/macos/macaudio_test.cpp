@@ -2,6 +2,7 @@
 // RecorderAudioCapture.
 #include "macbench.h"
 #include "recorderaudiocapture.h"
+#include "testregistry.h"
 
 using macsim::answers;
 using macsim::Application;
@@ -396,5 +397,5 @@ void MacAudioTest::outputSetupFails()
     QCOMPARE(macsim::record().starts, 0);
 }
 
-QTEST_GUILESS_MAIN(MacAudioTest)
+ORVANTIS_TEST(MacAudioTest)
 #include "macaudio_test.moc"

@@ -1,5 +1,6 @@
 // The life of an audio stream: start, stop, what never answers or answers late, and what is delivered meanwhile.
 #include "macaudio.h"
+#include "testregistry.h"
 
 using macsim::answers;
 using macsim::Call;
@@ -368,5 +369,5 @@ void MacAudioLifeTest::chunksSurviveStop()
     QCOMPARE(chunks[0].pcm, QByteArray("\1\0\2\0\3\0\4\0", 8));
 }
 
-QTEST_GUILESS_MAIN(MacAudioLifeTest)
+ORVANTIS_TEST(MacAudioLifeTest)
 #include "macaudiolife_test.moc"

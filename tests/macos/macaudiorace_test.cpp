@@ -1,5 +1,6 @@
 // What is delivered from another thread while an audio stream is stopped or destroyed.
 #include "macaudio.h"
+#include "testregistry.h"
 
 #include <atomic>
 #include <future>
@@ -198,5 +199,5 @@ void MacAudioRaceTest::destructionWhileTheStreamEnds()
     }
 }
 
-QTEST_GUILESS_MAIN(MacAudioRaceTest)
+ORVANTIS_TEST(MacAudioRaceTest)
 #include "macaudiorace_test.moc"

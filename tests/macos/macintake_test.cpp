@@ -1,6 +1,7 @@
 // Sample buffers of every kind, from CoreMedia up to the queued chunks.
 #include "macbench.h"
 #include "recorderaudiocapture.h"
+#include "testregistry.h"
 
 #include <QtEndian>
 
@@ -278,5 +279,5 @@ void MacIntakeTest::manyBlocksKeepTheirOrder()
     QCOMPARE(macsim::live("SimSampleBuffer"), 0);
 }
 
-QTEST_GUILESS_MAIN(MacIntakeTest)
+ORVANTIS_TEST(MacIntakeTest)
 #include "macintake_test.moc"

@@ -6,6 +6,7 @@
 #include "privatetempdir.h"
 #include "recorderprocess.h"
 #include "startup.h"
+#include "testregistry.h"
 
 #include <QDir>
 
@@ -303,5 +304,5 @@ void MacProcessTest::whatHasNoPeerHasNoUser()
     QCOMPARE(platform::peerUserId(-1), std::nullopt);
 }
 
-QTEST_GUILESS_MAIN(MacProcessTest)
+ORVANTIS_TEST(MacProcessTest)
 #include "macprocess_test.moc"

@@ -5,6 +5,7 @@
 #include "mediafile.h"
 #include "privatetempdir.h"
 #include "recorderprobe.h"
+#include "testregistry.h"
 #include "truthoverlay.h"
 
 #include <QElapsedTimer>
@@ -299,5 +300,5 @@ void MacRecordingTest::destructionWithoutStop()
     QVERIFY(MediaFile(path).audio());
 }
 
-QTEST_GUILESS_MAIN(MacRecordingTest)
+ORVANTIS_TEST(MacRecordingTest)
 #include "macrecording_test.moc"

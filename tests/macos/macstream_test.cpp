@@ -1,6 +1,7 @@
 // Streams of audio at the seam: values that RecorderAudioCapture does not use, calls in an order that it does not
 // make, and the end of each object.
 #include "macrig.h"
+#include "testregistry.h"
 
 #include <atomic>
 #include <future>
@@ -312,5 +313,5 @@ void MacStreamTest::destructionWaitsForTheDelegate()
     QVERIFY(leftBefore);
 }
 
-QTEST_GUILESS_MAIN(MacStreamTest)
+ORVANTIS_TEST(MacStreamTest)
 #include "macstream_test.moc"

@@ -1,6 +1,7 @@
 // Window images, bounds and the pointer, from CoreGraphics up to MacWindowCapture.
 #include "macbench.h"
 #include "macwindowcapture.h"
+#include "testregistry.h"
 
 #include <QRect>
 
@@ -321,5 +322,5 @@ void MacWindowTest::pointer()
     QVERIFY(!capture.pointerLocation());
 }
 
-QTEST_GUILESS_MAIN(MacWindowTest)
+ORVANTIS_TEST(MacWindowTest)
 #include "macwindow_test.moc"

@@ -1,5 +1,6 @@
 // Where captured audio belongs on the recording clock: the arithmetic, row by row, and over an hour.
 #include "audioalignment.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -349,5 +350,5 @@ void AudioAlignmentTest::hourOfRatesThatDoNotDivide()
     QCOMPARE(queue.cut, 0);
 }
 
-QTEST_GUILESS_MAIN(AudioAlignmentTest)
+ORVANTIS_TEST(AudioAlignmentTest)
 #include "audioalignment_test.moc"

@@ -2,6 +2,7 @@
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -324,5 +325,5 @@ void AudioEncodeFaultsTest::containerWithoutFileIsNotFlushed()
     QVERIFY(recorder.finishAudio());
 }
 
-QTEST_GUILESS_MAIN(AudioEncodeFaultsTest)
+ORVANTIS_TEST(AudioEncodeFaultsTest)
 #include "audioencodefaults_test.moc"

@@ -1,5 +1,6 @@
 // Which audio encoder is looked for, and what it is asked for.
 #include "audioencoderchoice.h"
+#include "testregistry.h"
 
 #include <QStringList>
 #include <QTest>
@@ -210,5 +211,5 @@ void AudioEncoderChoiceTest::frameSizes()
     QTEST(audioencoderchoice::frameSize(*context), "used");
 }
 
-QTEST_GUILESS_MAIN(AudioEncoderChoiceTest)
+ORVANTIS_TEST(AudioEncoderChoiceTest)
 #include "audioencoderchoice_test.moc"

@@ -5,6 +5,7 @@
 #include "mediafile.h"
 #include "recorderaudiocapture_p.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -350,5 +351,5 @@ void AudioEncodingTest::firstFrameIsAtZero()
         QCOMPARE(times[i], i * 1024 - priming);
 }
 
-QTEST_GUILESS_MAIN(AudioEncodingTest)
+ORVANTIS_TEST(AudioEncodingTest)
 #include "audioencoding_test.moc"

@@ -4,6 +4,7 @@
 #include "mediafile.h"
 #include "mp4boxes.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QFile>
 #include <QTest>
@@ -273,5 +274,5 @@ void AudioFileTest::fullVolumeIsNotDistorted()
     QVERIFY(std::abs(audioanalysis::rmsDb(part)) < 1.0);
 }
 
-QTEST_GUILESS_MAIN(AudioFileTest)
+ORVANTIS_TEST(AudioFileTest)
 #include "audiofile_test.moc"

@@ -2,6 +2,7 @@
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -363,5 +364,5 @@ void AudioOutputTest::parametersAreNotCopiedAndTheHeaderRefused()
     QVERIFY(recorder.isClosed());
 }
 
-QTEST_GUILESS_MAIN(AudioOutputTest)
+ORVANTIS_TEST(AudioOutputTest)
 #include "audiooutput_test.moc"

@@ -3,6 +3,7 @@
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -289,5 +290,5 @@ void AudioStatesTest::audioAfterClosingIsIgnored()
     QVERIFY(recorder.wasQuiet());
 }
 
-QTEST_GUILESS_MAIN(AudioStatesTest)
+ORVANTIS_TEST(AudioStatesTest)
 #include "audiostates_test.moc"

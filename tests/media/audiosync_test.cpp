@@ -3,6 +3,7 @@
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderwithaudio.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -191,5 +192,5 @@ void AudioSyncTest::primingMovesAllButTheFirstFrame()
         QVERIFY(std::abs(blocks[i].ptsMs - double(i) * 1024 / 48) < 0.1);
 }
 
-QTEST_GUILESS_MAIN(AudioSyncTest)
+ORVANTIS_TEST(AudioSyncTest)
 #include "audiosync_test.moc"

@@ -1,5 +1,6 @@
 // What differs between FFmpeg's versions: both ways of asking an encoder what it supports, on every FFmpeg.
 #include "avcompatversions.h"
+#include "testregistry.h"
 
 #include "avcompat.h"
 
@@ -177,5 +178,5 @@ void AvCompatTest::installedFfmpegKnowsItsEncoders()
     QVERIFY(holds(avcompat::sampleRates(opus), std::array{48000, 24000, 16000, 12000, 8000}));
 }
 
-QTEST_GUILESS_MAIN(AvCompatTest)
+ORVANTIS_TEST(AvCompatTest)
 #include "avcompat_test.moc"

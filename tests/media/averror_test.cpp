@@ -1,6 +1,7 @@
 // FFmpeg's status codes as text for the log.
 #include "averror.h"
 #include "ffmpegfaults.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -61,5 +62,5 @@ void AvErrorTest::lettersBeyondAsciiAreRead()
     QCOMPARE(avErrorString(-1), text);
 }
 
-QTEST_GUILESS_MAIN(AvErrorTest)
+ORVANTIS_TEST(AvErrorTest)
 #include "averror_test.moc"

@@ -2,6 +2,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QFile>
 #include <QTest>
@@ -245,5 +246,5 @@ void BrokenFileTest::fallbackCopyOfAnOpenFilePlays()
     }
 }
 
-QTEST_GUILESS_MAIN(BrokenFileTest)
+ORVANTIS_TEST(BrokenFileTest)
 #include "brokenfile_test.moc"

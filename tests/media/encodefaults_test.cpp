@@ -3,6 +3,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -291,5 +292,5 @@ void EncodeFaultsTest::trailerFailsInTheDestructor()
         QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"Input/output error\"")});
 }
 
-QTEST_GUILESS_MAIN(EncodeFaultsTest)
+ORVANTIS_TEST(EncodeFaultsTest)
 #include "encodefaults_test.moc"

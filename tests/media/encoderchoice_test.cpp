@@ -1,6 +1,7 @@
 // The rules of encoder selection, on invented encoders.
 #include "avcompat.h"
 #include "encoderchoice.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -238,5 +239,5 @@ void EncoderChoiceTest::fixedParameters()
     QCOMPARE(gopSize, 24);
 }
 
-QTEST_GUILESS_MAIN(EncoderChoiceTest)
+ORVANTIS_TEST(EncoderChoiceTest)
 #include "encoderchoice_test.moc"

@@ -2,6 +2,7 @@
 #include "ffmpegfaults.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
+#include "testregistry.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -220,5 +221,5 @@ void EncoderSettingsTest::muxerWithoutFileOpensNone()
     QVERIFY(!QFileInfo::exists(recorder->outputPath()));
 }
 
-QTEST_GUILESS_MAIN(EncoderSettingsTest)
+ORVANTIS_TEST(EncoderSettingsTest)
 #include "encodersettings_test.moc"

@@ -2,6 +2,7 @@
 #include "ffmpegfaults.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QFile>
@@ -279,5 +280,5 @@ void FallbackTest::canvasTooLargeForMpeg4FallsBack()
     QCOMPARE(frames[1].image, testimages::walking(QSize(8192, 16), 1).convertToFormat(QImage::Format_RGB32));
 }
 
-QTEST_GUILESS_MAIN(FallbackTest)
+ORVANTIS_TEST(FallbackTest)
 #include "fallback_test.moc"

@@ -2,6 +2,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QFile>
@@ -267,5 +268,5 @@ void FileSystemTest::fullDiskInTheFallback()
     QCOMPARE(frames[23].image, testimages::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
 }
 
-QTEST_GUILESS_MAIN(FileSystemTest)
+ORVANTIS_TEST(FileSystemTest)
 #include "filesystem_test.moc"

@@ -2,6 +2,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -243,5 +244,5 @@ void Mp4OutputTest::nameKeepsBlanksAndForeignLetters()
     QVERIFY(MediaFile(recorder.filePath(name)).videoStream());
 }
 
-QTEST_GUILESS_MAIN(Mp4OutputTest)
+ORVANTIS_TEST(Mp4OutputTest)
 #include "mp4output_test.moc"

@@ -2,6 +2,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -187,5 +188,5 @@ void Mp4StructureTest::fragmentAtEveryNewScene()
     QCOMPARE(startsMs(recorder->outputPath()), keyTimes);
 }
 
-QTEST_GUILESS_MAIN(Mp4StructureTest)
+ORVANTIS_TEST(Mp4StructureTest)
 #include "mp4structure_test.moc"

@@ -3,6 +3,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -246,5 +247,5 @@ void OpenFaultsTest::failedOpeningCanBeClosedByTheDestructor()
     QCOMPARE(openDescriptors(), descriptors);
 }
 
-QTEST_GUILESS_MAIN(OpenFaultsTest)
+ORVANTIS_TEST(OpenFaultsTest)
 #include "openfaults_test.moc"

@@ -1,6 +1,7 @@
 // The window's colours come back from the file, through a decoder that honours the file's tags.
 #include "idlerecorder.h"
 #include "mediafile.h"
+#include "testregistry.h"
 
 #include <QPainter>
 #include <QTest>
@@ -176,5 +177,5 @@ void OutputColourTest::edgesStayInPlace()
         QVERIFY(qGray(frame.image.pixel(inside)) < 50);
 }
 
-QTEST_GUILESS_MAIN(OutputColourTest)
+ORVANTIS_TEST(OutputColourTest)
 #include "outputcolour_test.moc"

@@ -1,5 +1,6 @@
 // The path that is written, from the name that the launcher asked for.
 #include "idlerecorder.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -96,5 +97,5 @@ void OutputPathTest::constructorNormalises()
     QCOMPARE(recorder->outputPath(), recorder.filePath(QStringLiteral("rec_001.mp4")));
 }
 
-QTEST_GUILESS_MAIN(OutputPathTest)
+ORVANTIS_TEST(OutputPathTest)
 #include "outputpath_test.moc"

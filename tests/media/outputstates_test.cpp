@@ -2,6 +2,7 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "testregistry.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -344,5 +345,5 @@ void OutputStatesTest::canvasesThatPlayersMeet()
     QCOMPARE(file.frames().size(), 3);
 }
 
-QTEST_GUILESS_MAIN(OutputStatesTest)
+ORVANTIS_TEST(OutputStatesTest)
 #include "outputstates_test.moc"

@@ -2,6 +2,7 @@
 #include "ffmpegfaults.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -155,5 +156,5 @@ void RepeatedFrameTest::rehearsalLeavesTheFrameReady()
     QCOMPARE(shown(recorder->outputPath()), QStringLiteral("g"));
 }
 
-QTEST_GUILESS_MAIN(RepeatedFrameTest)
+ORVANTIS_TEST(RepeatedFrameTest)
 #include "repeatedframe_test.moc"

@@ -2,6 +2,7 @@
 #include "audioscene.h"
 #include "privatexserver.h"
 #include "recordedfile.h"
+#include "testregistry.h"
 #include "toneprocess.h"
 #include "truthwindowprocess.h"
 
@@ -244,5 +245,5 @@ void AudioFaultsTest::serverKilled()
     QVERIFY2(std::abs(heard.durationMs() - frames.ptsMs.last()) < 100.0, QByteArray::number(heard.durationMs()));
 }
 
-QTEST_GUILESS_MAIN(AudioFaultsTest)
+ORVANTIS_TEST(AudioFaultsTest)
 #include "audiofaults_test.moc"

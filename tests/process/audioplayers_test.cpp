@@ -3,6 +3,7 @@
 #include "desktop.h"
 #include "privatexserver.h"
 #include "recordedfile.h"
+#include "testregistry.h"
 #include "toneprocess.h"
 #include "truthwindowprocess.h"
 
@@ -200,5 +201,5 @@ void AudioPlayersTest::browser()
     QVERIFY(heard.levelDb(wantedHz, settledMs, endMs) < unheardDb);
 }
 
-QTEST_GUILESS_MAIN(AudioPlayersTest)
+ORVANTIS_TEST(AudioPlayersTest)
 #include "audioplayers_test.moc"

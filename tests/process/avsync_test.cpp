@@ -2,6 +2,7 @@
 // the environment variable ORVANTIS_RECORDING_SECONDS says, 20 without it.
 #include "audioscene.h"
 #include "privatexserver.h"
+#include "testregistry.h"
 #include "toneprocess.h"
 #include "truthreport.h"
 #include "truthreporttext.h"
@@ -168,5 +169,5 @@ void AvSyncTest::pausedPlayer()
     QVERIFY2(heard.rmsDb(offMs + 300.0, againMs - 300.0) < -90.0, times);
 }
 
-QTEST_GUILESS_MAIN(AvSyncTest)
+ORVANTIS_TEST(AvSyncTest)
 #include "avsync_test.moc"

@@ -3,6 +3,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthwindowprocess.h"
 
 #include <QDir>
@@ -300,5 +301,5 @@ void BadInputTest::endlessLine()
     QVERIFY2(playBack(scene.command.output).isWhole(), playBack(scene.command.output).description());
 }
 
-QTEST_GUILESS_MAIN(BadInputTest)
+ORVANTIS_TEST(BadInputTest)
 #include "badinput_test.moc"

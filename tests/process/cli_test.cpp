@@ -1,6 +1,7 @@
 // The process from the outside, without a recording that matters: arguments, log file, environment.
 #include "privatexserver.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthwindowprocess.h"
 
 #include <QDebug>
@@ -388,5 +389,5 @@ void CliTest::pathsWithBlanksAndOtherLetters()
                 .startsWith(quoted(scene.command.output)));
 }
 
-QTEST_GUILESS_MAIN(CliTest)
+ORVANTIS_TEST(CliTest)
 #include "cli_test.moc"

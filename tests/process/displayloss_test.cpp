@@ -2,6 +2,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthwindowprocess.h"
 
 #include <QTest>
@@ -73,5 +74,5 @@ void DisplayLossTest::serverStoppedBeforeTheRecorderStarts()
     QCOMPARE(countLines(scene.log(), QStringLiteral("macOS CoreGraphics window capture setup failed.")), 1);
 }
 
-QTEST_GUILESS_MAIN(DisplayLossTest)
+ORVANTIS_TEST(DisplayLossTest)
 #include "displayloss_test.moc"

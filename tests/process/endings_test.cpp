@@ -2,6 +2,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthwindowprocess.h"
 
 #include <QElapsedTimer>
@@ -247,5 +248,5 @@ void EndingsTest::killed()
     QVERIFY2(file.ptsMs.last() >= 1500.0, file.description()); // two fragments, of 24 frames or a second each
 }
 
-QTEST_GUILESS_MAIN(EndingsTest)
+ORVANTIS_TEST(EndingsTest)
 #include "endings_test.moc"

@@ -2,6 +2,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthwindowprocess.h"
 
 #include <QTest>
@@ -66,5 +67,5 @@ void ForeignServerTest::notObeyed()
     QVERIFY2(playBack(scene->command.output).isWhole(), playBack(scene->command.output).description());
 }
 
-QTEST_GUILESS_MAIN(ForeignServerTest)
+ORVANTIS_TEST(ForeignServerTest)
 #include "foreignserver_test.moc"

@@ -1,6 +1,7 @@
 // Permission mode: only the exit code and stderr speak.
 #include "privatexserver.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QTest>
@@ -89,5 +90,5 @@ void PermissionsTest::capitalsDoNotSelectIt()
     QCOMPARE(scene.log().last().text, QStringLiteral("invalid param count"));
 }
 
-QTEST_GUILESS_MAIN(PermissionsTest)
+ORVANTIS_TEST(PermissionsTest)
 #include "permissions_test.moc"

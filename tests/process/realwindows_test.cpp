@@ -4,6 +4,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 
 #include <QFile>
 #include <QMargins>
@@ -214,5 +215,5 @@ void RealWindowsTest::plainClient()
     QVERIFY(hasBlack);
 }
 
-QTEST_GUILESS_MAIN(RealWindowsTest)
+ORVANTIS_TEST(RealWindowsTest)
 #include "realwindows_test.moc"

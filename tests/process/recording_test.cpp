@@ -5,6 +5,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthcode.h"
 #include "truthreport.h"
 #include "truthreporttext.h"
@@ -404,5 +405,5 @@ void RecordingTest::nothingElseInTheLog()
     QCOMPARE(log_.size(), argumentLines + ofTheMainThread + ofTheWorker + clickLines);
 }
 
-QTEST_GUILESS_MAIN(RecordingTest)
+ORVANTIS_TEST(RecordingTest)
 #include "recording_test.moc"

@@ -1,5 +1,6 @@
 // record-window on the good road: what it tells the recorder, what it tells people and scripts.
 #include "recordwindowprocess.h"
+#include "testregistry.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -281,5 +282,5 @@ void RecordWindowTest::progressIsOneLineOnATerminal()
     QVERIFY(shown.contains("\r\nfinishing the file\r\n")); // the changing line is closed first
 }
 
-QTEST_GUILESS_MAIN(RecordWindowTest)
+ORVANTIS_TEST(RecordWindowTest)
 #include "recordwindow_test.moc"

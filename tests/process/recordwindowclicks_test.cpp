@@ -1,6 +1,7 @@
 // The real mouse clicks that record-window reports on X11: where, when, and which of them.
 #include "privatexserver.h"
 #include "recordwindowprocess.h"
+#include "testregistry.h"
 
 #include <QDateTime>
 #include <QPoint>
@@ -308,5 +309,5 @@ void RecordWindowClicksTest::missingWindowIsNoted()
         launcher_->standardError());
 }
 
-QTEST_GUILESS_MAIN(RecordWindowClicksTest)
+ORVANTIS_TEST(RecordWindowClicksTest)
 #include "recordwindowclicks_test.moc"

@@ -1,5 +1,6 @@
 // record-window when something goes wrong: every exit code, and what is left behind.
 #include "recordwindowprocess.h"
+#include "testregistry.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -267,5 +268,5 @@ void RecordWindowEndsTest::killedLauncherTakesItsRecorderAlong()
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(launcher.path("notes/terminated")), 60'000);
 }
 
-QTEST_GUILESS_MAIN(RecordWindowEndsTest)
+ORVANTIS_TEST(RecordWindowEndsTest)
 #include "recordwindowends_test.moc"

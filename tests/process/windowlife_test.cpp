@@ -3,6 +3,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "testregistry.h"
 #include "truthcode.h"
 #include "truthoverlay.h"
 #include "truthreport.h"
@@ -238,5 +239,5 @@ void WindowLifeTest::neverThere()
     QVERIFY(qGray(file.last.pixel(320, 180)) < 8);
 }
 
-QTEST_GUILESS_MAIN(WindowLifeTest)
+ORVANTIS_TEST(WindowLifeTest)
 #include "windowlife_test.moc"

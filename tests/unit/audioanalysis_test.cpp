@@ -3,6 +3,7 @@
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -366,5 +367,5 @@ void AudioAnalysisTest::noTone()
     QVERIFY(!toneFaults(tone(1.0, 500.0), rate, toneHz).empty());
 }
 
-QTEST_GUILESS_MAIN(AudioAnalysisTest)
+ORVANTIS_TEST(AudioAnalysisTest)
 #include "audioanalysis_test.moc"

@@ -1,5 +1,6 @@
 // Audio at a slightly different speed, and the choice of the speed.
 #include "audiodrift.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -220,5 +221,5 @@ void AudioDriftTest::correctionIsInaudible()
     }
 }
 
-QTEST_GUILESS_MAIN(AudioDriftTest)
+ORVANTIS_TEST(AudioDriftTest)
 #include "audiodrift_test.moc"

@@ -1,5 +1,6 @@
 // Delivered buffers of every kind to chunks, against a slow and obvious reference.
 #include "audiosampleintake.h"
+#include "testregistry.h"
 
 #include "fakeaudio.h"
 #include "fakeplatform.h"
@@ -478,5 +479,5 @@ void AudioSampleIntakeTest::deliveriesAndReadsMeet()
     QCOMPARE(intake.capture->readAvailable().size(), 0);
 }
 
-QTEST_APPLESS_MAIN(AudioSampleIntakeTest)
+ORVANTIS_TEST(AudioSampleIntakeTest)
 #include "audiosampleintake_test.moc"

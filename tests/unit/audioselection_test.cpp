@@ -1,5 +1,6 @@
 // Device strings, bundle roots, and which applications belong to the wanted one.
 #include "audioselection.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -214,5 +215,5 @@ void AudioSelectionTest::everyExecutableIsAskedForOnce()
     QCOMPARE(asked, (std::vector<qint64>{7, 42, 9}));
 }
 
-QTEST_APPLESS_MAIN(AudioSelectionTest)
+ORVANTIS_TEST(AudioSelectionTest)
 #include "audioselection_test.moc"

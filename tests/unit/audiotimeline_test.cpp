@@ -1,5 +1,6 @@
 // Blocks of audio with time stamps, metered out by the millisecond.
 #include "audiotimeline.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -396,5 +397,5 @@ void AudioTimelineTest::foreignClockIsFollowed()
     QVERIFY2(largestJumpMs <= 0.03, qPrintable(QString::number(largestJumpMs)));
 }
 
-QTEST_GUILESS_MAIN(AudioTimelineTest)
+ORVANTIS_TEST(AudioTimelineTest)
 #include "audiotimeline_test.moc"

@@ -1,6 +1,7 @@
 // One sample of the window, as the recording loop gets it.
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QDateTime>
 
@@ -129,5 +130,5 @@ void CapturedFrameTest::unchangedWindowSharesItsPixels()
     QCOMPARE(second.image.constBits(), still.constBits());
 }
 
-QTEST_GUILESS_MAIN(CapturedFrameTest)
+ORVANTIS_TEST(CapturedFrameTest)
 #include "capturedframe_test.moc"

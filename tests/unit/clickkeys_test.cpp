@@ -1,5 +1,6 @@
 // The free key of the click map, with its shortcut for floods, against the plain search.
 #include "clickkeys.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -87,5 +88,5 @@ void ClickKeysTest::agreesWithThePlainSearch()
     }
 }
 
-QTEST_GUILESS_MAIN(ClickKeysTest)
+ORVANTIS_TEST(ClickKeysTest)
 #include "clickkeys_test.moc"

@@ -1,6 +1,7 @@
 // The click map: keys, log line, pruning, and what a flood of clicks does to it.
 #include "clickbench.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QDateTime>
 #include <QThread>
@@ -313,5 +314,5 @@ void ClickMapTest::clicksArriveWhileFramesAreComposed()
     QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")), count);
 }
 
-QTEST_GUILESS_MAIN(ClickMapTest)
+ORVANTIS_TEST(ClickMapTest)
 #include "clickmap_test.moc"

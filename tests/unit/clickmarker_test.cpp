@@ -1,5 +1,6 @@
 // How a click marker ages.
 #include "clickmarker.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -66,5 +67,5 @@ void ClickMarkerTest::alphaRoundsToTheNearest()
     QCOMPARE(alpha(100.6 / 180.0), 101);
 }
 
-QTEST_GUILESS_MAIN(ClickMarkerTest)
+ORVANTIS_TEST(ClickMarkerTest)
 #include "clickmarker_test.moc"

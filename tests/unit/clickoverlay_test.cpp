@@ -2,6 +2,7 @@
 #include "clickbench.h"
 #include "imagediff.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 using imagediff::changedArea;
 
@@ -190,5 +191,5 @@ void ClickOverlayTest::severalMarkersInOneFrame()
     QCOMPARE(changedArea(blackCanvas().copy(right), composed.copy(right)), discArea(20, 48, 16));
 }
 
-QTEST_GUILESS_MAIN(ClickOverlayTest)
+ORVANTIS_TEST(ClickOverlayTest)
 #include "clickoverlay_test.moc"

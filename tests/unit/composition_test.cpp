@@ -2,6 +2,7 @@
 #include "imagediff.h"
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QPainter>
 
@@ -370,5 +371,5 @@ void CompositionTest::pointerStateDoesNotReachTheNextFrame()
     QCOMPARE(compose(frame, QSize(300, 200)), before);
 }
 
-QTEST_GUILESS_MAIN(CompositionTest)
+ORVANTIS_TEST(CompositionTest)
 #include "composition_test.moc"

@@ -1,6 +1,7 @@
 // What composition saves: a image that would look the same is not painted again, memory is used again, and what is
 // known to be opaque is copied. None of it may be seen.
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QPainter>
 #include <QRandomGenerator>
@@ -255,5 +256,5 @@ void CompositionReuseTest::imageThatSomebodyKeepsIsLeftAlone()
     QCOMPARE(kept, asItWas);
 }
 
-QTEST_GUILESS_MAIN(CompositionReuseTest)
+ORVANTIS_TEST(CompositionReuseTest)
 #include "compositionreuse_test.moc"

@@ -1,6 +1,7 @@
 // How the recorder finds its launcher: absent, late, somebody else's.
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QLocalSocket>
 #include <QThread>
@@ -123,5 +124,5 @@ void ControlConnectTest::serverOfAnotherUserIsNotObeyed()
     QCOMPARE(bench.launcher.received(), QByteArray());
 }
 
-QTEST_GUILESS_MAIN(ControlConnectTest)
+ORVANTIS_TEST(ControlConnectTest)
 #include "controlconnect_test.moc"

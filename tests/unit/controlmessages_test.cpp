@@ -1,6 +1,7 @@
 // The messages of the launcher: which lines are clicks and actions, and what they do.
 #include "controlbench.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -237,5 +238,5 @@ void ControlMessagesTest::exitEndsTheEventLoopAfterASecond()
     QVERIFY(!probe().stopRequested().load());
 }
 
-QTEST_GUILESS_MAIN(ControlMessagesTest)
+ORVANTIS_TEST(ControlMessagesTest)
 #include "controlmessages_test.moc"

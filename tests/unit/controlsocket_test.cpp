@@ -2,6 +2,7 @@
 #include "controlbench.h"
 #include "linesplitter.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QCoreApplication>
 #include <QLocalSocket>
@@ -231,5 +232,5 @@ void ControlSocketTest::launcherGoneInMidRecording()
     QVERIFY(!bench_->launcher.isConnected()); // and no new connection is made
 }
 
-QTEST_GUILESS_MAIN(ControlSocketTest)
+ORVANTIS_TEST(ControlSocketTest)
 #include "controlsocket_test.moc"

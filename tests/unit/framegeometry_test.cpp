@@ -1,5 +1,6 @@
 // Canvas sizes, letterboxing and the mapping of screen points.
 #include "framegeometry.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -189,5 +190,5 @@ void FrameGeometryTest::imagePixelsOnTheCanvas()
     QCOMPARE(geometry.toCanvas(QPointF(1000, 500)), QPointF(1920, 1020));
 }
 
-QTEST_GUILESS_MAIN(FrameGeometryTest)
+ORVANTIS_TEST(FrameGeometryTest)
 #include "framegeometry_test.moc"

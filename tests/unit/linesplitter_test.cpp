@@ -1,5 +1,6 @@
 // The framing of the control channel.
 #include "linesplitter.h"
+#include "testregistry.h"
 
 #include <QByteArrayList>
 #include <QTest>
@@ -154,5 +155,5 @@ void LineSplitterTest::handlerFindsTheBufferEmpty()
     QCOMPARE(buffer, QByteArray("rest"));
 }
 
-QTEST_GUILESS_MAIN(LineSplitterTest)
+ORVANTIS_TEST(LineSplitterTest)
 #include "linesplitter_test.moc"

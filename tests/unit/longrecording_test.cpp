@@ -5,6 +5,7 @@
 #include "privatetempdir.h"
 #include "recordedframes.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QDateTime>
 
@@ -233,5 +234,5 @@ void LongRecordingTest::framesAreReleasedOnceTheyAreEncoded()
     QCOMPARE(liveFramesAfterwards_, 0);
 }
 
-QTEST_GUILESS_MAIN(LongRecordingTest)
+ORVANTIS_TEST(LongRecordingTest)
 #include "longrecording_test.moc"

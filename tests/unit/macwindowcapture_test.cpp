@@ -1,5 +1,6 @@
 // The window id of the command line: parsing and permission.
 #include "macwindowcapture.h"
+#include "testregistry.h"
 
 #include "fakeplatform.h"
 #include "logcapture.h"
@@ -204,5 +205,5 @@ void MacWindowCaptureTest::windowIsClosedWithTheCapture()
     QCOMPARE(fakeplatform::state().openWindows, 0);
 }
 
-QTEST_GUILESS_MAIN(MacWindowCaptureTest)
+ORVANTIS_TEST(MacWindowCaptureTest)
 #include "macwindowcapture_test.moc"

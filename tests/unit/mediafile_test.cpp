@@ -2,6 +2,7 @@
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QFile>
 #include <QPainter>
@@ -284,5 +285,5 @@ void MediaFileTest::noRecordingIsAnError()
     QVERIFY(!MediaFile(path).isValid());
 }
 
-QTEST_GUILESS_MAIN(MediaFileTest)
+ORVANTIS_TEST(MediaFileTest)
 #include "mediafile_test.moc"

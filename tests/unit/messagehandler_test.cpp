@@ -1,5 +1,6 @@
 // The log sink: formats, the two outputs and their order.
 #include "messagehandler.h"
+#include "testregistry.h"
 
 #include "privatetempdir.h"
 #include "stderrcapture.h"
@@ -220,5 +221,5 @@ void MessageHandlerTest::linesOfManyThreadsDoNotMix()
     }
 }
 
-QTEST_GUILESS_MAIN(MessageHandlerTest)
+ORVANTIS_TEST(MessageHandlerTest)
 #include "messagehandler_test.moc"

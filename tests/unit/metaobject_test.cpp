@@ -1,5 +1,6 @@
 // The recorder's meta-object: names and order are an interface.
 #include "gstrecorder.h"
+#include "testregistry.h"
 
 #include <QMetaMethod>
 #include <QTest>
@@ -41,5 +42,5 @@ void MetaObjectTest::nothingElse()
     QCOMPARE(meta.constructorCount(), 0);
 }
 
-QTEST_GUILESS_MAIN(MetaObjectTest)
+ORVANTIS_TEST(MetaObjectTest)
 #include "metaobject_test.moc"

@@ -1,5 +1,6 @@
 // The recording's time plan.
 #include "pacing.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -82,5 +83,5 @@ void PacingTest::queueHoldsMoreThanTheHoldTime()
     QVERIFY(queueReserve > holdMs / frameIntervalMs + 1);
 }
 
-QTEST_GUILESS_MAIN(PacingTest)
+ORVANTIS_TEST(PacingTest)
 #include "pacing_test.moc"

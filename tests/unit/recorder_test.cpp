@@ -4,6 +4,7 @@
 #include "numberedwindow.h"
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QTimer>
 
@@ -227,5 +228,5 @@ void RecorderTest::destructorBeforeTheWorkerStarted()
     QTest::qWait(30); // a pending retry would reach the object that is gone
 }
 
-QTEST_GUILESS_MAIN(RecorderTest)
+ORVANTIS_TEST(RecorderTest)
 #include "recorder_test.moc"

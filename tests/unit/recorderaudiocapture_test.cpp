@@ -1,5 +1,6 @@
 // The audio capture's rules on a platform whose every answer the test sets.
 #include "recorderaudiocapture.h"
+#include "testregistry.h"
 
 #include "fakeaudio.h"
 #include "fakeplatform.h"
@@ -573,5 +574,5 @@ void RecorderAudioCaptureTest::everythingIsReleased()
     QCOMPARE(audio().liveStreams + audio().liveOutputs + audio().liveQueues, 0);
 }
 
-QTEST_APPLESS_MAIN(RecorderAudioCaptureTest)
+ORVANTIS_TEST(RecorderAudioCaptureTest)
 #include "recorderaudiocapture_test.moc"

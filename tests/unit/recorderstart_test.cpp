@@ -3,6 +3,7 @@
 #include "numberedwindow.h"
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -262,5 +263,5 @@ void RecorderStartTest::outputThatCannotBeOpenedEndsTheWorker()
     QCOMPARE(bench_->launcher.received(), durationReply(0));
 }
 
-QTEST_GUILESS_MAIN(RecorderStartTest)
+ORVANTIS_TEST(RecorderStartTest)
 #include "recorderstart_test.moc"

@@ -6,6 +6,7 @@
 #include "numberedwindow.h"
 #include "privatetempdir.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <atomic>
 #include <cmath>
@@ -332,5 +333,5 @@ void RecordingAudioTest::destructionWithoutStop()
     QVERIFY(MediaFile(path).audio());
 }
 
-QTEST_GUILESS_MAIN(RecordingAudioTest)
+ORVANTIS_TEST(RecordingAudioTest)
 #include "recordingaudio_test.moc"

@@ -3,6 +3,7 @@
 #include "privatetempdir.h"
 #include "recordedframes.h"
 #include "recorderbench.h"
+#include "testregistry.h"
 
 #include <QThread>
 
@@ -291,5 +292,5 @@ void RecordingLoopTest::frameThatCannotBeEncodedIsNotCounted()
     QCOMPARE(bench_->log.messages(), QStringList());
 }
 
-QTEST_GUILESS_MAIN(RecordingLoopTest)
+ORVANTIS_TEST(RecordingLoopTest)
 #include "recordingloop_test.moc"

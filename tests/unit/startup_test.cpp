@@ -1,5 +1,6 @@
 // The steps before the recorder exists: plug-in path, log file, identity lines, permission mode.
 #include "startup.h"
+#include "testregistry.h"
 
 #include "fakeplatform.h"
 #include "logcapture.h"
@@ -301,5 +302,5 @@ void StartupTest::permissionMode()
     QTEST(log.messages(QtDebugMsg), "lines");
 }
 
-QTEST_GUILESS_MAIN(StartupTest)
+ORVANTIS_TEST(StartupTest)
 #include "startup_test.moc"

@@ -2,6 +2,7 @@
 #include "launcherserver.h"
 #include "logcapture.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 
 #include <QDebug>
 #include <QDir>
@@ -201,5 +202,5 @@ void TestSupportTest::launcherWaitsEnd()
     QVERIFY(launcher.waitForDisconnected(shortMs));
 }
 
-QTEST_GUILESS_MAIN(TestSupportTest)
+ORVANTIS_TEST(TestSupportTest)
 #include "testsupport_test.moc"

@@ -2,6 +2,7 @@
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 #include "truthbeeps.h"
 #include "truthframes.h"
 #include "truthreporttext.h"
@@ -297,5 +298,5 @@ void TruthAudioTest::textsHoldTheNumbers()
     QCOMPARE(json[QStringLiteral("beeps")].toArray().size(), report.audio->beeps.size());
 }
 
-QTEST_GUILESS_MAIN(TruthAudioTest)
+ORVANTIS_TEST(TruthAudioTest)
 #include "truthaudio_test.moc"

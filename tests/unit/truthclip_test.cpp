@@ -1,6 +1,7 @@
 // The truth report on files, and its texts.
 #include "clipwriter.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 #include "truthframes.h"
 #include "truthoverlay.h"
 #include "truthreporttext.h"
@@ -130,5 +131,5 @@ void TruthClipTest::textsHoldTheNumbers()
     QCOMPARE(json[QStringLiteral("markers")][0][QStringLiteral("samples")].toArray().size(), 3);
 }
 
-QTEST_GUILESS_MAIN(TruthClipTest)
+ORVANTIS_TEST(TruthClipTest)
 #include "truthclip_test.moc"

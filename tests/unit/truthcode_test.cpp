@@ -3,6 +3,7 @@
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 #include "truthcode.h"
 #include "truthscene.h"
 
@@ -286,5 +287,5 @@ void TruthCodeTest::smallWindowIsPaintedWithinItself()
     }
 }
 
-QTEST_GUILESS_MAIN(TruthCodeTest)
+ORVANTIS_TEST(TruthCodeTest)
 #include "truthcode_test.moc"

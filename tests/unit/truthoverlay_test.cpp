@@ -2,6 +2,7 @@
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
+#include "testregistry.h"
 #include "truthoverlay.h"
 
 #include <QPainter>
@@ -244,5 +245,5 @@ void TruthOverlayTest::arrowKeepsItsOutline()
         QCOMPARE(brightness(outside.x(), outside.y()), 128);
 }
 
-QTEST_GUILESS_MAIN(TruthOverlayTest)
+ORVANTIS_TEST(TruthOverlayTest)
 #include "truthoverlay_test.moc"

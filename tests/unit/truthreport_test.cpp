@@ -1,4 +1,5 @@
 // The truth report: every number in it is provoked by frames of which the right answer is known.
+#include "testregistry.h"
 #include "truthframes.h"
 #include "truthoverlay.h"
 #include "truthreport.h"
@@ -310,5 +311,5 @@ void TruthReportTest::secondMarkerIsToldApart()
     QVERIFY(std::isnan(report.markers[2].firstSeenPtsMs));
 }
 
-QTEST_GUILESS_MAIN(TruthReportTest)
+ORVANTIS_TEST(TruthReportTest)
 #include "truthreport_test.moc"

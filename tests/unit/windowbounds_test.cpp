@@ -1,4 +1,5 @@
 // The rounding of window rectangles.
+#include "testregistry.h"
 #include "windowbounds.h"
 
 #include <QTest>
@@ -109,5 +110,5 @@ void WindowBoundsTest::imageRectangleStandsInForInvalidBounds()
     QCOMPARE(boundsOrImageRect(QRect(3, 3, 0, 5), QSize(60, 40)), QRect(0, 0, 60, 40));
 }
 
-QTEST_GUILESS_MAIN(WindowBoundsTest)
+ORVANTIS_TEST(WindowBoundsTest)
 #include "windowbounds_test.moc"

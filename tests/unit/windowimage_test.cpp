@@ -1,5 +1,6 @@
 // Window images: the one-time warning, bounds, formats, shared pixels, the pointer.
 #include "macwindowcapture.h"
+#include "testregistry.h"
 
 #include "fakeplatform.h"
 #include "logcapture.h"
@@ -312,5 +313,5 @@ void WindowImageTest::pointerLocation()
     QVERIFY(!capture.pointerLocation());
 }
 
-QTEST_GUILESS_MAIN(WindowImageTest)
+ORVANTIS_TEST(WindowImageTest)
 #include "windowimage_test.moc"

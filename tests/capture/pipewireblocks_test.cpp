@@ -1,5 +1,6 @@
 // Blocks between two threads.
 #include "pipewireblocks.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -144,5 +145,5 @@ void PipewireBlocksTest::servesTwoThreads()
     QVERIFY(!queue.pop(samples));
 }
 
-QTEST_GUILESS_MAIN(PipewireBlocksTest)
+ORVANTIS_TEST(PipewireBlocksTest)
 #include "pipewireblocks_test.moc"

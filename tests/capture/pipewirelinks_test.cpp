@@ -1,5 +1,6 @@
 // Which ports are linked to the capture's: a graph in, pairs of ports out.
 #include "pipewirelinks.h"
+#include "testregistry.h"
 
 #include <QTest>
 
@@ -234,5 +235,5 @@ void PipewireLinksTest::ownerIsTheProgramItself()
     QVERIFY(!isOwnerKnown(graph, node));
 }
 
-QTEST_GUILESS_MAIN(PipewireLinksTest)
+ORVANTIS_TEST(PipewireLinksTest)
 #include "pipewirelinks_test.moc"
