@@ -1,6 +1,7 @@
 // Mouse clicks on X11. Raw events (XInput 2.2) come for every press, whoever grabs the pointer, but they carry no
 // position and no window: both are asked for at once.
 #include "clickwatcher.h"
+#include "xcbhandles.h"
 
 #include <QDateTime>
 #include <QSocketNotifier>
@@ -13,15 +14,6 @@
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-struct DisconnectDeleter {
-    void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
-};
-template <typename T>
-using Allocated = std::unique_ptr<T, FreeDeleter>;
-
 constexpr quint32 lastClickButton = 3; // 4 and above are wheels
 
 /// Asks for the raw presses of every pointer (not of the devices behind it: each press would come twice).
@@ -31,7 +23,7 @@ bool selectRawPresses(xcb_connection_t* connection, xcb_window_t root)
         xcb_input_event_mask_t head{XCB_INPUT_DEVICE_ALL_MASTER, 1};
         uint32_t mask = XCB_INPUT_XI_EVENT_MASK_RAW_BUTTON_PRESS;
     } selection;
-    const Allocated<xcb_generic_error_t> error(
+    const x11::Allocated<xcb_generic_error_t> error(
         xcb_request_check(connection, xcb_input_xi_select_events_checked(connection, root, 1, &selection.head)));
     return !error && !xcb_connection_has_error(connection);
 }
@@ -41,7 +33,7 @@ bool hasRawPresses(xcb_connection_t* connection)
     const xcb_query_extension_reply_t* extension = xcb_get_extension_data(connection, &xcb_input_id);
     if (!extension || !extension->present)
         return false;
-    const Allocated<xcb_input_xi_query_version_reply_t> version(
+    const x11::Allocated<xcb_input_xi_query_version_reply_t> version(
         xcb_input_xi_query_version_reply(connection, xcb_input_xi_query_version(connection, 2, 2), nullptr));
     return version && (version->major_version > 2 || (version->major_version == 2 && version->minor_version >= 2));
 }
@@ -56,19 +48,19 @@ struct ClickWatcher::Impl {
     bool isOnTop(QPoint position) const;
     bool locateClick(Click* click) const;
 
-    Allocated<xcb_translate_coordinates_reply_t> translate(xcb_window_t to, QPoint position) const
+    x11::Allocated<xcb_translate_coordinates_reply_t> translate(xcb_window_t to, QPoint position) const
     {
-        return Allocated<xcb_translate_coordinates_reply_t>(xcb_translate_coordinates_reply(connection.get(),
+        return x11::Allocated<xcb_translate_coordinates_reply_t>(xcb_translate_coordinates_reply(connection.get(),
             xcb_translate_coordinates(connection.get(), root, to, int16_t(position.x()), int16_t(position.y())),
             nullptr));
     }
-    Allocated<xcb_get_geometry_reply_t> geometry() const
+    x11::Allocated<xcb_get_geometry_reply_t> geometry() const
     {
-        return Allocated<xcb_get_geometry_reply_t>(
+        return x11::Allocated<xcb_get_geometry_reply_t>(
             xcb_get_geometry_reply(connection.get(), xcb_get_geometry(connection.get(), window), nullptr));
     }
 
-    const std::unique_ptr<xcb_connection_t, DisconnectDeleter> connection; // never null, but maybe in error
+    const x11::DisplayHandle connection; // never null, but maybe in error
     const xcb_window_t window;
     xcb_window_t root = XCB_NONE; // of the screen that holds the window
     std::unique_ptr<QSocketNotifier> notifier; // goes before the connection
@@ -116,7 +108,7 @@ bool ClickWatcher::Impl::isOnTop(QPoint position) const
 /// Fills in the place of a press that has just happened; false when it did not hit the window.
 bool ClickWatcher::Impl::locateClick(Click* click) const
 {
-    const Allocated<xcb_query_pointer_reply_t> pointer(
+    const x11::Allocated<xcb_query_pointer_reply_t> pointer(
         xcb_query_pointer_reply(connection.get(), xcb_query_pointer(connection.get(), root), nullptr));
     if (!pointer || !pointer->same_screen)
         return false;
@@ -145,7 +137,7 @@ void ClickWatcher::readEvents()
 {
     // Until nothing is left: the replies that a click needs may bring further events along.
     for (;;) {
-        const Allocated<xcb_generic_event_t> event(xcb_poll_for_event(impl_->connection.get()));
+        const x11::Allocated<xcb_generic_event_t> event(xcb_poll_for_event(impl_->connection.get()));
         if (!event)
             break;
         Click click;

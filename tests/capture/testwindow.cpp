@@ -6,6 +6,8 @@
 // input. Each is answered with "ok" when the X server has carried it out, or with "error CODE" (an X error, or 0 for
 // a command that makes no sense). Pixels are hexadecimal pixel values of the window's depth. The end of the input
 // ends the process.
+#include "xcbhandles.h"
+
 #include <xcb/xcb.h>
 
 #include <csignal>
@@ -25,12 +27,6 @@
 #include <vector>
 
 namespace {
-
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-template <typename T>
-using Allocated = std::unique_ptr<T, FreeDeleter>;
 
 struct WindowOptions {
     int x = 0;
@@ -214,7 +210,7 @@ void TestWindow::addStackingCommands()
     };
     // child PIXEL X Y WIDTH HEIGHT: of the window's own depth
     commands_["child"] = [this](Arguments& arguments) {
-        const Allocated<xcb_get_geometry_reply_t> parent(
+        const x11::Allocated<xcb_get_geometry_reply_t> parent(
             xcb_get_geometry_reply(xcb_, xcb_get_geometry(xcb_, window_), nullptr));
         WindowOptions options;
         options.depth = parent ? parent->depth : 0;
@@ -370,7 +366,7 @@ void TestWindow::iconify()
 
 xcb_atom_t TestWindow::atom(const std::string& name)
 {
-    const Allocated<xcb_intern_atom_reply_t> reply(
+    const x11::Allocated<xcb_intern_atom_reply_t> reply(
         xcb_intern_atom_reply(xcb_, xcb_intern_atom(xcb_, 0, uint16_t(name.size()), name.c_str()), nullptr));
     return reply ? reply->atom : xcb_atom_t(XCB_NONE);
 }
@@ -379,7 +375,7 @@ xcb_atom_t TestWindow::atom(const std::string& name)
 bool TestWindow::waitFor(uint8_t eventType)
 {
     xcb_flush(xcb_);
-    while (const Allocated<xcb_generic_event_t> event{xcb_wait_for_event(xcb_)}) {
+    while (const x11::Allocated<xcb_generic_event_t> event{xcb_wait_for_event(xcb_)}) {
         if (event->response_type == 0) {
             error_ = reinterpret_cast<const xcb_generic_error_t*>(event.get())->error_code;
             return false;
@@ -394,11 +390,11 @@ bool TestWindow::waitFor(uint8_t eventType)
 /// The first error since the last time, after the server has carried out everything.
 std::optional<int> TestWindow::synchronise()
 {
-    const Allocated<xcb_get_input_focus_reply_t> reply(
+    const x11::Allocated<xcb_get_input_focus_reply_t> reply(
         xcb_get_input_focus_reply(xcb_, xcb_get_input_focus(xcb_), nullptr));
     if (!reply)
         return 0;
-    while (const Allocated<xcb_generic_event_t> event{xcb_poll_for_event(xcb_)}) {
+    while (const x11::Allocated<xcb_generic_event_t> event{xcb_poll_for_event(xcb_)}) {
         if (event->response_type == 0 && !error_)
             error_ = reinterpret_cast<const xcb_generic_error_t*>(event.get())->error_code;
     }

@@ -1,13 +1,12 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -S -E
 """Stands in for macOS's tools, under whose names it is linked. A Mach-O file is a JSON text here:
 {"id": ..., "loads": [...], "rpaths": [...], "minos": ..., "architectures": [...], "signed": ...}
 
-Every call is a line in $STANDIN_LOG, a JSON list. The tools refuse what the real ones refuse.
+Every call is a line in $STANDIN_LOG, a JSON list. The tools refuse what the real ones refuse. One run of the script
+calls them about a hundred times, so they start without what most of them do not use.
 """
 import json
 import os
-import plistlib
-import shutil
 import sys
 from pathlib import Path
 
@@ -117,6 +116,8 @@ def cmake(arguments):
     if "--list-presets=build" in arguments:
         print('Available build presets:\n\n  "release"')
     elif "--build" in arguments:
+        import shutil
+
         shutil.copytree(os.environ["STANDIN_BUILD"], "build/release", dirs_exist_ok=True)
 
 
@@ -129,6 +130,8 @@ def ditto(arguments):
 
 
 def plutil(arguments):
+    import plistlib
+
     print(plistlib.loads(Path(arguments[-1]).read_bytes())[option(arguments, "-extract")])
 
 

@@ -1,5 +1,6 @@
 // Desktop: a test's hand on its X server.
 #include "desktop.h"
+#include "xcbhandles.h"
 
 #include <QThread>
 
@@ -11,20 +12,10 @@
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-template <typename T>
-using Reply = std::unique_ptr<T, FreeDeleter>;
-
-struct DisconnectDeleter {
-    void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
-};
-
 }
 
 struct Desktop::Impl {
-    std::unique_ptr<xcb_connection_t, DisconnectDeleter> connection;
+    x11::DisplayHandle connection;
     const xcb_screen_t* screen = nullptr;
 
     xcb_connection_t* xcb() const { return connection.get(); }
@@ -32,22 +23,22 @@ struct Desktop::Impl {
     /// The server has carried out everything before it answers this.
     void synchronise() const
     {
-        const Reply<xcb_get_input_focus_reply_t> reply(
+        const x11::Allocated<xcb_get_input_focus_reply_t> reply(
             xcb_get_input_focus_reply(xcb(), xcb_get_input_focus(xcb()), nullptr));
     }
 
     xcb_atom_t atom(const QByteArray& name) const
     {
         const auto cookie = xcb_intern_atom(xcb(), 0, quint16(name.size()), name.constData());
-        const Reply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(xcb(), cookie, nullptr));
+        const x11::Allocated<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(xcb(), cookie, nullptr));
         return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
     }
 
-    Reply<xcb_get_property_reply_t> property(quint32 window, const QByteArray& name) const
+    x11::Allocated<xcb_get_property_reply_t> property(quint32 window, const QByteArray& name) const
     {
         constexpr quint32 longest = 1024; // words
         const auto cookie = xcb_get_property(xcb(), 0, window, atom(name), XCB_GET_PROPERTY_TYPE_ANY, 0, longest);
-        return Reply<xcb_get_property_reply_t>(xcb_get_property_reply(xcb(), cookie, nullptr));
+        return x11::Allocated<xcb_get_property_reply_t>(xcb_get_property_reply(xcb(), cookie, nullptr));
     }
 };
 
@@ -155,7 +146,7 @@ void Desktop::claimCompositor()
 
 bool Desktop::isViewable(quint32 window) const
 {
-    const Reply<xcb_get_window_attributes_reply_t> reply(
+    const x11::Allocated<xcb_get_window_attributes_reply_t> reply(
         xcb_get_window_attributes_reply(impl_->xcb(), xcb_get_window_attributes(impl_->xcb(), window), nullptr));
     return reply && reply->map_state == XCB_MAP_STATE_VIEWABLE;
 }
@@ -164,8 +155,8 @@ QRect Desktop::geometry(quint32 window) const
 {
     const auto sizeCookie = xcb_get_geometry(impl_->xcb(), window);
     const auto placeCookie = xcb_translate_coordinates(impl_->xcb(), window, impl_->screen->root, 0, 0);
-    const Reply<xcb_get_geometry_reply_t> size(xcb_get_geometry_reply(impl_->xcb(), sizeCookie, nullptr));
-    const Reply<xcb_translate_coordinates_reply_t> place(
+    const x11::Allocated<xcb_get_geometry_reply_t> size(xcb_get_geometry_reply(impl_->xcb(), sizeCookie, nullptr));
+    const x11::Allocated<xcb_translate_coordinates_reply_t> place(
         xcb_translate_coordinates_reply(impl_->xcb(), placeCookie, nullptr));
     return size && place ? QRect(place->dst_x, place->dst_y, size->width, size->height) : QRect();
 }
@@ -211,7 +202,7 @@ quint32 Desktop::root() const
 
 QList<quint32> Desktop::children(quint32 window) const
 {
-    const Reply<xcb_query_tree_reply_t> reply(
+    const x11::Allocated<xcb_query_tree_reply_t> reply(
         xcb_query_tree_reply(impl_->xcb(), xcb_query_tree(impl_->xcb(), window), nullptr));
     if (!reply)
         return {};

@@ -18,5 +18,5 @@ public:
 }
 
 /// Once for each test class, at the end of its file.
-#define ORVANTIS_TEST(Class)                                                                                          \
+#define ORVANTIS_TEST(Class)                                                                                         \
     static const testregistry::Registration registrationOf##Class(#Class, [] { return std::make_unique<Class>(); });

@@ -1,5 +1,6 @@
 // XcbWindow: a plain X11 window with a shared frame.
 #include "xcbwindow.h"
+#include "xcbhandles.h"
 
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
@@ -13,17 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-template <typename T>
-using Reply = std::unique_ptr<T, FreeDeleter>;
-
-struct ConnectionDeleter {
-    void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
-};
-using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
 
 /// A frame in memory that the X server reads too.
 class SharedImage {
@@ -44,7 +34,7 @@ public:
         memory_ = static_cast<uchar*>(memory);
         segment_ = xcb_generate_id(connection_);
         // The library closes the descriptor once it is sent.
-        const Reply<xcb_generic_error_t> error(
+        const x11::Allocated<xcb_generic_error_t> error(
             xcb_request_check(connection_, xcb_shm_attach_fd_checked(connection_, segment_, descriptor, true)));
         if (!error)
             image_ = QImage(memory_, size.width(), size.height(), size.width() * 4, QImage::Format_RGB32);
@@ -73,7 +63,7 @@ private:
 xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
 {
     const auto cookie = xcb_intern_atom(connection, false, quint16(name.size()), name.data());
-    const Reply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(connection, cookie, nullptr));
+    const x11::Allocated<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(connection, cookie, nullptr));
     return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
 }
 
@@ -81,7 +71,7 @@ xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
 
 struct XcbWindow::Impl {
     QString error;
-    Connection connection;
+    x11::DisplayHandle connection;
     xcb_window_t window = XCB_WINDOW_NONE;
     xcb_gcontext_t context = XCB_NONE;
     xcb_atom_t protocols = XCB_ATOM_NONE;
@@ -104,7 +94,7 @@ bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
         return false;
     }
     const xcb_screen_t* const screen = xcb_setup_roots_iterator(xcb_get_setup(connection.get())).data;
-    const Reply<xcb_shm_query_version_reply_t> shm(
+    const x11::Allocated<xcb_shm_query_version_reply_t> shm(
         xcb_shm_query_version_reply(connection.get(), xcb_shm_query_version(connection.get()), nullptr));
     if (!shm || screen->root_depth != 24) {
         error = QStringLiteral("the X server has no shared memory or is not 24 bits deep");
@@ -151,7 +141,7 @@ void XcbWindow::Impl::describe(const QRect& geometry, const char* title)
 bool XcbWindow::Impl::waitUntilMapped()
 {
     xcb_flush(connection.get());
-    while (const Reply<xcb_generic_event_t> event{xcb_wait_for_event(connection.get())}) {
+    while (const x11::Allocated<xcb_generic_event_t> event{xcb_wait_for_event(connection.get())}) {
         const int type = event->response_type & 0x7f;
         if (type == XCB_CONFIGURE_NOTIFY) {
             const auto* const configured = reinterpret_cast<const xcb_configure_notify_event_t*>(event.get());
@@ -211,14 +201,14 @@ void XcbWindow::show(const QRect& area)
         qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false, impl_->frame->segment(), 0);
     // The check waits for the server, which has read the frame then. An error says that the window is gone,
     // which handleEvents() reports.
-    const Reply<xcb_generic_error_t> error(xcb_request_check(c, cookie));
+    const x11::Allocated<xcb_generic_error_t> error(xcb_request_check(c, cookie));
 }
 
 XcbWindow::State XcbWindow::handleEvents()
 {
     State state = State::Unchanged;
     QSize newSize = impl_->size;
-    while (const Reply<xcb_generic_event_t> event{xcb_poll_for_event(impl_->connection.get())}) {
+    while (const x11::Allocated<xcb_generic_event_t> event{xcb_poll_for_event(impl_->connection.get())}) {
         switch (event->response_type & 0x7f) {
         case XCB_DESTROY_NOTIFY:
             return State::Gone;

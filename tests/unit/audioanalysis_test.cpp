@@ -283,13 +283,13 @@ void AudioAnalysisTest::cleanTone()
     QFETCH(const double, frequency);
     QFETCH(const double, wanderPpm);
     QFETCH(const bool, encoded);
-    Audio audio = tone(20.0, frequency, 0.25, wanderPpm);
+    Audio audio = tone(10.0, frequency, 0.25, wanderPpm); // a whole turn of the wandering
     if (encoded) {
         audio = throughAac(audio);
         QVERIFY(!audio.empty());
     }
     // The encoder starts and ends with silence.
-    const std::vector<ToneFault> faults = toneFaults(between(audio, rate, 100.0, 19900.0), rate, frequency);
+    const std::vector<ToneFault> faults = toneFaults(between(audio, rate, 100.0, 9900.0), rate, frequency);
     QVERIFY2(faults.empty(), qPrintable(describe(faults)));
 }
 
@@ -318,16 +318,16 @@ void AudioAnalysisTest::faultyTone_data()
     QTest::newRow("fades over a period's length") << scaled(109, 0.8f);
 }
 
-/// Whatever the phase of the tone at the fault, with and without an encoder behind it.
+/// At three phases of the tone, and once with an encoder behind it.
 void AudioAnalysisTest::faultyTone()
 {
     QFETCH(const Edit, edit);
-    const Audio clean = tone(4.0);
-    for (int i = 0; i < 12; ++i) {
-        const std::ptrdiff_t at = 2 * rate + i * 9;
+    const Audio clean = tone(3.0);
+    for (int i = 0; i < 3; ++i) {
+        const std::ptrdiff_t at = rate + i * 36;
         Audio audio = clean;
         edit(audio, at);
-        for (const Audio& heard : {audio, throughAac(audio)}) {
+        for (const Audio& heard : i == 0 ? std::vector<Audio>{audio, throughAac(audio)} : std::vector<Audio>{audio}) {
             const std::vector<ToneFault> faults
                 = toneFaults(between(heard, rate, 100.0, double(heard.size()) * 1000.0 / rate - 100.0), rate, toneHz);
             const double madeAtMs = double(at) * 1000.0 / rate - 100.0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "x11transport.h"
+#include "xcbhandles.h"
 
 #include <QtGlobal>
 
@@ -19,18 +20,6 @@ namespace x11 {
 
 /// How long the X server may take: to accept a connection, and to answer a request.
 inline constexpr std::chrono::milliseconds answerLimit{2000};
-
-struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
-};
-struct DisconnectDeleter {
-    void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
-};
-
-/// Memory from malloc: what libxcb hands out.
-template <typename T>
-using Allocated = std::unique_ptr<T, FreeDeleter>;
-using DisplayHandle = std::unique_ptr<xcb_connection_t, DisconnectDeleter>;
 
 /// What the X server offers.
 struct Extensions {
