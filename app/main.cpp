@@ -23,7 +23,7 @@ QString argument(char** argv, int position)
     return QString::fromUtf8(argv[position]);
 }
 
-/// Made from the command line. Without a parent; nobody deletes it, it lives until the process ends.
+/// Made from the command line. It has no parent and is never deleted: it lives until the process ends.
 GstRecorder* makeRecorder(char** argv)
 {
     return new GstRecorder(argument(argv, 2), argument(argv, 3), argument(argv, 4), argument(argv, 5).toInt(),
@@ -49,7 +49,7 @@ int record(QGuiApplication& application, int argc, char** argv)
     static GstRecorder* const recorder = makeRecorder(argv);
     const int exitCode = application.exec();
 
-    // However the loop ended, the file is whole before the process goes.
+    // The file is finished before the process ends, however the loop ended.
     if (!recorder->finishRecording(finishLimit)) {
         qCritical() << "recorder worker did not end in time; leaving the output as it is";
         std::_Exit(exitCode);

@@ -1,4 +1,4 @@
-// The steps of main() that stand for themselves: plug-in path, log file, identity lines, permission mode.
+// The steps of main() that need no recorder: plug-in path, log file, identity lines, permission mode.
 #pragma once
 
 #include <QString>

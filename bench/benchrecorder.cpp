@@ -6,10 +6,10 @@
 
 namespace {
 
-/// Its worker, told to capture no window, says so and ends at once.
+/// Without a window its worker logs that, and ends at once.
 std::unique_ptr<GstRecorder> makeWindowlessRecorder(const QString& output, QSize canvas)
 {
-    const LogCapture hidden; // these complaints are wanted
+    const LogCapture hidden; // these warnings are expected
     auto recorder = std::make_unique<GstRecorder>(QStringLiteral("qt-window-capture"), output, QStringLiteral("0"), 0,
         0, canvas.width(), canvas.height(), 1.0, QString(), nullptr);
     RecorderProbe(*recorder).waitForWorker();

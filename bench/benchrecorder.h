@@ -11,7 +11,7 @@
 #include <memory>
 
 /// A recorder without a window: its worker has ended, so that the caller may do what the worker does. Its output lies
-/// in a directory of its own, which goes with it. Make it on the thread that uses it.
+/// in a private directory that is removed with it. Make it on the thread that uses it.
 class BenchRecorder {
 public:
     /// canvas in pixels.

@@ -1,4 +1,4 @@
-// stages-bench: what each stage of a frame's road costs: capture, composition, conversion, encoding. Every stage is
+// stages-bench: what each stage of a frame costs: capture, composition, conversion, encoding. Every stage is
 // the recorder's own code. Needs an X server: the one that DISPLAY names, or else a private one.
 #include "benchrecorder.h"
 #include "benchwindow.h"
@@ -25,7 +25,7 @@ constexpr int repaintsPerSecond = 60; // of the window in the frames
 
 bool anyFailed = false;
 
-/// Ends a measurement that would measure something else than it says.
+/// Ends a measurement whose conditions do not hold.
 void fail(benchmark::State& state, const QString& reason)
 {
     anyFailed = true;
@@ -132,7 +132,7 @@ void compose(benchmark::State& state)
     }
 }
 
-/// Composed frames of successive frames, few enough for the memory.
+/// Composed images of successive frames, few enough for the memory.
 std::vector<QImage> composedImages(BenchRecorder& recorder, QSize window)
 {
     constexpr int count = 12;
@@ -235,7 +235,7 @@ void reportMilliseconds(benchmark::internal::Benchmark* stage)
     stage->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 }
 
-/// A stage runs for a while before it is measured: memory that nobody has touched yet is slow.
+/// A stage runs for a while before it is measured: memory that was never touched is slow.
 void warmedUp(benchmark::internal::Benchmark* stage)
 {
     reportMilliseconds(stage);

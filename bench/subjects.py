@@ -51,7 +51,7 @@ class XServerMeter:
 
 
 def x_server_alone(stage, seconds):
-    """What showing the window costs the X server while nobody records, milliseconds per second."""
+    """What showing the window costs the X server without a recorder, milliseconds per second."""
     meter = XServerMeter(stage)
     time.sleep(seconds)
     return meter.rate()

@@ -13,7 +13,7 @@ constexpr int places = 256;
 constexpr int taps = 16;
 constexpr int halfTaps = taps / 2;
 
-/// Without a correction, the way back to the samples as they are: so slow that nobody hears it.
+/// How fast the samples return to their own places without a correction: too slow to be heard.
 constexpr double glide = 1e-4;
 
 using Filter = std::array<float, taps>;
@@ -140,7 +140,7 @@ constexpr double returnMs = 10000; ///< how long an error takes to go back
 constexpr double deadBandMs = 1.5; ///< errors below are left alone
 constexpr double settledMs = 0.2; ///< where a correction ends
 constexpr double settledDrift = 1e-5;
-constexpr double mostCorrection = 1e-3; ///< of the speed; nobody hears it
+constexpr double mostCorrection = 1e-3; ///< of the speed; too little to be heard
 
 }
 

@@ -1,4 +1,4 @@
-// What holds the audio of one clock to the pace of another: how fast it must run, and the samples at that speed.
+// Keeps the audio of one clock in step with another: the speed that this takes, and the samples at that speed.
 #pragma once
 
 #include <QtGlobal>
@@ -36,7 +36,7 @@ private:
 /**
  * Tells the speed from the error, that is how many milliseconds the audio has come to lie before the time that its
  * time stamps name. Small errors are left alone, and errors that only jitter average out; a growing one is held near
- * 0. It follows error and drift of the clocks at once, so that it reacts before much has built up.
+ * 0. It tracks error and drift of the clocks together, so that it reacts before much has built up.
  */
 class DriftController {
 public:

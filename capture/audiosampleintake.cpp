@@ -1,4 +1,4 @@
-// One delivered buffer to one queued chunk. Runs wherever the platform delivers, one buffer at a time.
+// Converts one delivered buffer into one queued chunk. Runs on the platform's delivery thread, one buffer at a time.
 #include "audiosampleintake.h"
 
 #include "recorderaudiocapture_p.h"

@@ -107,7 +107,7 @@ bool AudioTimeline::isStalled(qint64 untilMs) const
     return untilMs * nsPerMs - arrivedNs_ > std::max(stallNs, stallBlocks * blockNs_);
 }
 
-/// The reader that never finds the audio there, although it comes, gets it a little later from then on.
+/// A reader that always comes just before the audio gets it a little later from then on.
 void AudioTimeline::waitForMore(qint64 untilMs, qint64 missingFrames)
 {
     if (!waitingSinceMs_) {
@@ -135,7 +135,7 @@ void AudioTimeline::skip(qint64 frames)
     delivered_ += frames;
 }
 
-/// What the queue lacks is silence.
+/// Silence stands in for what the queue lacks.
 std::vector<float> AudioTimeline::take(qint64 frames)
 {
     std::vector<float> taken(queue_.begin(), queue_.begin() + std::min(frames, queuedFrames()) * 2);

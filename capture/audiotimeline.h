@@ -12,9 +12,9 @@
 /**
  * Stereo float samples at 48000 Hz. Times are those of one monotonic clock. One thread at a time.
  *
- * A block follows the one before it without a gap as long as its time stamp is about right, for time stamps jitter;
- * what builds up over time is taken back by a minute change of speed. A block that is further off lies where its time
- * stamp says: a gap before it is silence, and what comes before the end of the audio so far is cut off.
+ * Time stamps jitter, so a block follows the one before it without a gap as long as its time stamp is about right;
+ * an error that builds up is removed by a very small change of speed. A block that is further off is placed by its
+ * time stamp: a gap before it is silence, and what overlaps the audio so far is cut off.
  */
 class AudioTimeline {
 public:
@@ -23,8 +23,8 @@ public:
         qint64 arrivedNs = 0; ///< when it became known
     };
 
-    /// Audio is delivered this much later than its time stamps say. It must be as long as the reader's turns are
-    /// apart when blocks arrive at the end of their time or later, and 0 when they arrive ahead of it.
+    /// Audio is delivered this much later than its time stamps say: at least the interval between the reader's turns
+    /// when blocks arrive at the end of their time or later, and 0 when they arrive ahead of it.
     explicit AudioTimeline(int holdBackMs);
 
     /// Begins anew: the first delivery starts at this instant.

@@ -43,7 +43,7 @@ public:
     /// Whether every alpha value of the image that was returned last is 0xff. Belongs to the recording worker.
     bool isOpaque() const { return lastIsOpaque; }
 
-    /// The mouse pointer in global screen points, or nothing when the system does not tell.
+    /// The mouse pointer in global screen points, or nothing when the system does not say.
     std::optional<QPointF> pointerLocation() const;
 
 private:

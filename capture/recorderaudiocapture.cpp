@@ -206,14 +206,14 @@ void RecorderAudioCapturePrivate::stop()
             qWarning() << "macOS ScreenCaptureKit audio capture stop error:" << *error;
         done->signal();
     });
-    done->wait(stopLimitNs); // whatever comes of it: nothing is left to be done about a stream that does not stop
+    done->wait(stopLimitNs); // the result is ignored: nothing more can be done about a stream that does not stop
     started = false;
 }
 
 RecorderAudioCapturePrivate::~RecorderAudioCapturePrivate()
 {
     stop();
-    stream.reset(); // after this nobody calls
+    stream.reset(); // no callback after this
     output.reset();
     queue.reset();
 }

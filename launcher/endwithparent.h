@@ -4,6 +4,6 @@
 
 #include <sys/types.h>
 
-/// Async-signal-safe. From now on the death of the parent, of whatever kind, sends this process SIGTERM, where the
-/// system can do that. parent: the parent's process id, read before the fork.
+/// Async-signal-safe. From now on this process gets SIGTERM when its parent ends for any reason, where the system
+/// supports that. parent: the parent's process id, read before the fork.
 void endWithParent(pid_t parent);

@@ -23,7 +23,7 @@ void printError(const QString& error)
 
 int record(const Options& options)
 {
-    SignalNotifier::ignore(SIGPIPE); // a reader of our output that goes away is no reason to lose the recording
+    SignalNotifier::ignore(SIGPIPE); // the recording goes on when the reader of our output ends
     const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Repeated::IsReported);
     RecordingSession session(options);
     QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);

@@ -1,5 +1,5 @@
 // The command line: declaration, help, and the refusal of what is obviously wrong. What the recorder normalises
-// itself (odd canvas sizes, other suffixes) goes through untouched.
+// itself (odd canvas sizes, other suffixes) is passed on unchanged.
 #include "options.h"
 
 #include <QCommandLineParser>

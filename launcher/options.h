@@ -9,11 +9,11 @@
 
 #include <optional>
 
-/// A click that is reported without anybody clicking. Times count from the recorder's readiness.
+/// A click that was ordered on the command line. Times count from the recorder's readiness.
 struct PlannedClick {
     QPointF global; ///< global screen points
     qint64 atMs = 0; ///< when it is said to have happened
-    qint64 delayMs = 0; ///< how much later the recorder hears of it
+    qint64 delayMs = 0; ///< how much later it is reported to the recorder
 };
 
 struct Options {

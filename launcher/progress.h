@@ -14,9 +14,9 @@ public:
 
     /// A step that happened.
     void step(const QString& text);
-    /// Something that people should know, even when they asked for quiet.
+    /// A warning; shown also when quiet was asked for.
     void warn(const QString& text);
-    /// Where the recording stands. fileSize in bytes; below 0: not known yet.
+    /// How far the recording has come. fileSize is in bytes; below 0: not known yet.
     void recorded(qint64 elapsedMs, qint64 fileSize);
 
 private:

@@ -15,8 +15,8 @@ public:
     /// The log file, empty as long as there is none.
     QString path();
 
-    /// The file that the recorder writes, as far as the log tells: another suffix than was asked for, above all.
-    /// Empty as long as it tells nothing.
+    /// The file that the recorder writes, according to the log; its suffix can differ from the one that was asked
+    /// for. Empty while the log does not name it.
     QString outputInUse();
 
     /// The file that the recorder has closed; empty when it closed none.

@@ -19,10 +19,11 @@ namespace {
 
 constexpr qint64 readinessLeadMs = 500; // from the readiness byte to the first frame
 constexpr auto slowStartHint = 5s;
-constexpr auto connectLimit = 6s; // a recorder looks for its launcher for 5 s
+constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
 constexpr auto lostLineLimit = 2s; // between the end of the connection and that of the process
 
-/// Whether a file can be made in a directory, which is made itself if need be. The permission bits alone do not tell.
+/// Whether a file can be made in a directory, which is created when it is missing. The permission bits alone do not
+/// tell.
 bool canWriteInto(const QString& directory)
 {
     return QDir().mkpath(directory) && QTemporaryFile(directory + QLatin1String("/record-window-XXXXXX")).open();
@@ -87,7 +88,7 @@ QString RecordingSession::prepareDirectories() const
     return QString();
 }
 
-/// Empty, or why nobody can connect. The directory is private (mode 0700) and new.
+/// Empty, or why no recorder can connect. The directory is private (mode 0700) and new.
 QString RecordingSession::listen()
 {
     // A socket's path has room for about 100 bytes.
@@ -125,14 +126,14 @@ void RecordingSession::startRecorder()
     environment.insert(QStringLiteral("TMPDIR"), socketDirectory_->path());
     recorder_.setProcessEnvironment(environment);
     recorder_.setStandardInputFile(QProcess::nullDevice());
-    // Never a pipe: nobody would empty it while this process is busy or stopped.
+    // Never a pipe: it would fill up while this process is busy or stopped.
     if (options_.verbose) {
         recorder_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     } else {
         recorder_.setStandardErrorFile(QProcess::nullDevice());
     }
     recorder_.setStandardOutputFile(QProcess::nullDevice());
-    // A process group of its own: the terminal's Ctrl-C is for the launcher alone.
+    // In its own process group: the terminal's Ctrl-C is meant for the launcher only.
     recorder_.setChildProcessModifier([parent = ::getpid()] {
         ::setpgid(0, 0);
         endWithParent(parent);
@@ -167,7 +168,7 @@ void RecordingSession::startRecorder()
 void RecordingSession::onReady()
 {
     if (state_ != State::Starting)
-        return; // behind a stop the byte only says that the file holds a black frame
+        return; // after a stop the byte only says that the file holds a black frame
     state_ = State::Recording;
     wasReady_ = true;
     const qint64 readyAtMs = QDateTime::currentMSecsSinceEpoch();
@@ -271,7 +272,7 @@ void RecordingSession::onDisconnected()
         QTimer::singleShot(lostLineLimit, this, &RecordingSession::terminateRecorderIfRunning);
 }
 
-/// For a recorder that can no longer be told anything: SIGTERM makes it finish its file.
+/// For a recorder without a connection: SIGTERM makes it finish its file.
 void RecordingSession::terminateRecorderIfRunning()
 {
     if (recorder_.state() == QProcess::NotRunning)

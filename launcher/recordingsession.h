@@ -21,7 +21,7 @@
 #include <memory>
 #include <optional>
 
-/// Main thread. The recorder gets a temporary directory of its own, and so a control socket of its own.
+/// Main thread. Each recorder gets its own temporary directory, and with it its own control socket.
 class RecordingSession : public QObject {
     Q_OBJECT
 
@@ -75,7 +75,7 @@ private:
     Outcome outcome_;
 
     Progress progress_;
-    std::unique_ptr<QTemporaryDir> socketDirectory_; // goes after server and recorder
+    std::unique_ptr<QTemporaryDir> socketDirectory_; // removed after server and recorder have ended
     ControlServer server_;
     QProcess recorder_;
     std::optional<RecorderLog> log_; // from the start of the recorder on

@@ -95,7 +95,7 @@ private:
 
 // The system may have put samples for the objects on the queue without keeping these alive. So the last thing on the
 // queue releases them. (The news of the stream's end comes elsewhere; a stream that is released must itself not call
-// a delegate that it does not keep.) The stream is not released there: nobody knows what it does at its end.
+// a delegate that it does not keep.) The stream is not released there: what it does at its end is not documented.
 AudioStream::CaptureSession::~CaptureSession()
 {
     stream = {};

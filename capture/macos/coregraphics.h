@@ -24,13 +24,13 @@ struct Rect {
 bool preflightScreenCaptureAccess();
 bool requestScreenCaptureAccess();
 
-/// What one window shows, without its shadow: a image of the system's, which it keeps until it is released here.
+/// What one window shows, without its shadow: an image of the system, which is released with this object.
 class WindowImage {
 public:
     /// Nothing when the system gives no image.
     static std::optional<WindowImage> capture(std::uint32_t windowId);
 
-    /// In pixels. Below 1 for a image that cannot be drawn: it has none, or more than an int can count.
+    /// In pixels. Below 1 for an image that cannot be drawn: it has none, or more than an int can count.
     int width() const { return width_; }
     int height() const { return height_; }
 

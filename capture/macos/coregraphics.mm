@@ -1,4 +1,4 @@
-// Every function has a pool of its own: the threads that capture have none, and the system's calls may leave objects
+// Every function has its own pool: the threads that capture have none, and the system's calls may leave objects
 // to it.
 #include "coregraphics.h"
 
@@ -91,7 +91,7 @@ std::optional<Rect> windowBounds(std::uint32_t windowId)
         const CfHandle<CFArrayRef> windows(CGWindowListCopyWindowInfo(kCGWindowListOptionIncludingWindow, windowId));
         if (!windows || CFArrayGetCount(windows.get()) < 1)
             return std::nullopt;
-        // What lies in the array belongs to it.
+        // The array owns its elements.
         const auto window = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(windows.get(), 0));
         if (!window)
             return std::nullopt;

@@ -24,7 +24,7 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-/// What runs on it runs one at a time. The system keeps the queue itself alive until everything on it has run.
+/// Runs its blocks one at a time. The system keeps the queue itself alive until everything on it has run.
 class SerialQueue {
 public:
     explicit SerialQueue(const char* label);

@@ -44,7 +44,7 @@ QImage WindowSource::image()
     const auto window = macos::WindowImage::capture(impl_->windowId);
     QImage image = window ? draw(*window) : QImage();
     impl_->lastWasUnusable = window && image.isNull();
-    // The system does not tell whether anything changed.
+    // The system does not say whether anything changed.
     if (image.isNull() || image != impl_->last)
         impl_->last = std::move(image);
     return impl_->last;

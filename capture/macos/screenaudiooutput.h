@@ -8,8 +8,8 @@
 
 @interface MacScreenAudioOutput : NSObject <SCStreamOutput, SCStreamDelegate> {
 @public
-    /// Not owned; null when nobody is called any more. Read and written with the object's lock held (@synchronized),
-    /// which is also held during a call of the owner: who has set null knows that no call runs on another thread.
+    /// Not owned; null when no more calls are made. Read and written with the object's lock held (@synchronized),
+    /// which is also held during a call of the owner: after null was set no call runs on another thread.
     const macos::OutputOwner* _owner;
 }
 - (instancetype)initWithOwner:(const macos::OutputOwner*)owner;
@@ -17,7 +17,7 @@
 
 namespace macos {
 
-/// From now on the object, which may be nil, calls nobody. Waits for a call that runs on another thread.
+/// From now on the object, which may be nil, makes no call. Waits for a call that runs on another thread.
 void disown(MacScreenAudioOutput* output);
 
 struct AudioOutput::Impl {

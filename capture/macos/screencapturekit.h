@@ -66,7 +66,7 @@ struct OutputOwner {
     std::function<void(const ErrorText& error)> streamStopped;
 };
 
-/// The object that the system calls, for one stream. The owner is called by nobody after the destructor of either.
+/// The object that the system calls, for one stream. It makes no call after its own destructor or the owner's.
 class AudioOutput {
 public:
     explicit AudioOutput(OutputOwner owner);

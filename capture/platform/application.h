@@ -8,8 +8,8 @@
 
 namespace platform {
 
-/// Called before the application object exists: settles, by environment variables of Qt's that are not set yet, that
-/// the process needs no display for itself and does not come to the front. Main thread.
+/// Call it before the application object exists. Sets those of Qt's environment variables that are not set yet, so
+/// that the process needs no display for itself and does not come to the front. Main thread.
 void chooseGuiPlatform();
 
 /// Makes the process an accessory: no Dock icon, no menu bar. Does nothing where the system has no such thing.
@@ -19,7 +19,7 @@ void becomeAccessory();
 /// empty when there is no bundle, no such property, or the platform knows no bundles.
 QString mainBundleString(const char* selectorName);
 
-/// The user id of the process at the other end of a connected local socket, or nothing when it cannot be told.
+/// The user id of the process at the other end of a connected local socket, or nothing when it is unknown.
 std::optional<quint32> peerUserId(qintptr socketDescriptor);
 
 /// The user id that this process acts with (the effective one).

@@ -23,7 +23,7 @@ struct AudioApplication {
     QString applicationName; ///< for people; may be empty
 };
 
-/// A snapshot of what the system would let us capture.
+/// A snapshot of what can be captured.
 struct AudioContent {
     std::size_t displays = 0; ///< how many displays can be captured; they are named by index
     std::vector<AudioApplication> applications; ///< in the system's order; named by index in AudioFilter
@@ -125,8 +125,8 @@ struct AudioReceiver {
     std::function<void(const std::optional<QString>& error)> streamStopped;
 };
 
-/// The object that the system calls: receives the audio and the news of one stream. Calls nobody after the destructor
-/// of either.
+/// The object that the system calls: receives the audio and the end of one stream. It makes no call after its own
+/// destructor or the receiver's.
 class AudioOutput {
 public:
     explicit AudioOutput(AudioReceiver owner);
@@ -187,7 +187,7 @@ public:
      * delivers nothing while audio of that time is still on its way. A platform that delivers on its own does
      * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock, the
      * reference of QElapsedTimer::msecsSinceReference()). The last time, what has not arrived is silence instead:
-     * nobody will ask for it later.
+     * it is not asked for later.
      */
     void deliverUntil(qint64 monotonicMs, bool last = false);
 

@@ -12,7 +12,7 @@
 
 namespace platform {
 
-/// Whether windows can be captured now, without asking anybody. Any thread.
+/// Whether windows can be captured now; shows no dialog. Any thread.
 bool preflightScreenCaptureAccess();
 
 /// Asks for the permission to capture windows (may show a dialog of the system) and tells whether it is held.

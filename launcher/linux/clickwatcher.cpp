@@ -1,5 +1,5 @@
-// Mouse clicks on X11. Raw events (XInput 2.2) come for every press, whoever grabs the pointer, but they carry no
-// position and no window: both are asked for at once.
+// Mouse clicks on X11. Raw events (XInput 2.2) come for every press, also while a client grabs the pointer, but they
+// carry neither position nor window: both are asked for at once.
 #include "clickwatcher.h"
 #include "xcbhandles.h"
 
@@ -60,10 +60,10 @@ struct ClickWatcher::Impl {
             xcb_get_geometry_reply(connection.get(), xcb_get_geometry(connection.get(), window), nullptr));
     }
 
-    const x11::DisplayHandle connection; // never null, but maybe in error
+    const x11::DisplayHandle connection; // never null, but it can be in error
     const xcb_window_t window;
     xcb_window_t root = XCB_NONE; // of the screen that holds the window
-    std::unique_ptr<QSocketNotifier> notifier; // goes before the connection
+    std::unique_ptr<QSocketNotifier> notifier; // destroyed before the connection
 };
 
 /// Empty when everything is in place, else why not.

@@ -1,4 +1,4 @@
-// The kernel tells a child of its parent's death.
+// The kernel signals the end of a parent to its child.
 #include "endwithparent.h"
 
 #include <csignal>
@@ -9,5 +9,5 @@ void endWithParent(pid_t parent)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent)
-        ::raise(SIGTERM); // it was gone before the line above
+        ::raise(SIGTERM); // the parent ended before the line above
 }

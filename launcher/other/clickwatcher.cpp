@@ -1,4 +1,4 @@
-// Clicks are not watched on this system; reports can still be ordered on the command line.
+// Clicks are not watched on this system; --click still reports clicks.
 #include "clickwatcher.h"
 
 struct ClickWatcher::Impl { };

@@ -1,4 +1,4 @@
-// DisplayRelay: a display of its own name that passes everything on to another, and can stop in the middle.
+// DisplayRelay: a display under another name that passes everything on to a real one, and can stop in the middle.
 #pragma once
 
 #include <QByteArray>

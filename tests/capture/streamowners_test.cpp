@@ -1,4 +1,4 @@
-// Whose audio it is, with real processes and real windows.
+// Which process a stream belongs to, with real processes and real windows.
 #include "linux/pipewire/processtable.h"
 #include "linux/pipewire/streamowners.h"
 #include "linux/x11/windowowners.h"
@@ -294,7 +294,7 @@ void StreamOwnersTest::neitherTheDeadNorTheFirst()
     QCOMPARE(::waitpid(dead, nullptr, 0), dead);
 }
 
-/// Without a window or a stream it is nobody; process 1 is the other user's where this test does not run as root.
+/// Without a window or a stream it is not listed; process 1 is the other user's where this test does not run as root.
 void StreamOwnersTest::processOfAnotherUser()
 {
     const Idler foreign(QStringLiteral("setpriv"),

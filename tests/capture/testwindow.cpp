@@ -1,4 +1,4 @@
-// testwindow: a window that does what a test tells it, in a process of its own.
+// testwindow: a window in another process, under a test's control.
 //
 //   testwindow X Y WIDTH HEIGHT DEPTH BORDER PIXEL [override]
 //
@@ -335,7 +335,7 @@ bool TestWindow::run(Arguments& arguments)
     }
     if (child < 0)
         return false;
-    setpgid(child, child); // whoever of the two comes first
+    setpgid(child, child); // in parent and child: either may be first
     children_.push_back(child);
     return true;
 }

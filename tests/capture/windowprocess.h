@@ -36,7 +36,7 @@ public:
     void post(const QByteArray& commands);
     int answersRead();
 
-    /// The end that a crash would be, waited for.
+    /// Kills the process, as a crash would end it, and waits for its end.
     void kill();
 
 private:

@@ -1,4 +1,4 @@
-// A window that appears, disappears, changes its size and its parents, and goes; and what is left of a capture.
+// A window that appears, disappears, changes its size and its parents, and is destroyed; and what a capture leaves.
 #include "testregistry.h"
 #include "x11fixture.h"
 
@@ -255,7 +255,7 @@ void X11LifetimeTest::twoSourcesOfOneWindow()
 void X11LifetimeTest::everythingIsGivenBack()
 {
     WindowProcess window({.pixel = blue});
-    QVERIFY(!WindowSource(window.id()).image().isNull()); // what libraries keep, they keep from now on
+    QVERIFY(!WindowSource(window.id()).image().isNull()); // what libraries allocate once is allocated now
     const int descriptorsBefore = openDescriptors();
     for (int i = 0; i < 10; ++i) {
         WindowSource source(window.id());

@@ -1,4 +1,4 @@
-// X servers that lack something, hang, or go.
+// X servers that lack an extension, hang, or end.
 #include "displayrelay.h"
 #include "testregistry.h"
 #include "x11fixture.h"
@@ -216,7 +216,7 @@ void X11ServerTest::stoppedServerGivesNoImageUntilItGoesOn()
     QVERIFY(isFilled(source.image(), green));
 }
 
-/// Were each call to wait, or to send something, this would take hours, or fill the socket and block for ever.
+/// If each call waited or sent something, this would take hours, or fill the socket and block.
 void X11ServerTest::stoppedServerIsWaitedForOnce()
 {
     DisplayForTest display;
@@ -280,7 +280,7 @@ void X11ServerTest::answerThatStopsInTheMiddle_data()
     QTest::newRow("image") << QStringList{QStringLiteral("DAMAGE"), QStringLiteral("MIT-SHM")} << 10'000;
 }
 
-/// libxcb itself would wait for ever for the rest of such an answer.
+/// libxcb itself would wait for the rest of such an answer without a limit.
 void X11ServerTest::answerThatStopsInTheMiddle()
 {
     QFETCH(QStringList, missing);

@@ -1,4 +1,4 @@
-// The ways in which pixels come from the server, each taken when the one before it is not to be had.
+// The ways in which pixels come from the server, each used when the one before it is not available.
 #include "testregistry.h"
 #include "x11fixture.h"
 

@@ -63,7 +63,7 @@ void X11WindowManagerTest::initTestCase()
     for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME"})
         environment.insert(QString::fromLatin1(name), home_->path());
     manager_.setProcessEnvironment(environment);
-    // It says itself when it is ready: a window that is mapped while it still starts can be left unmapped.
+    // The manager announces when it is ready: a window that is mapped while it still starts can be left unmapped.
     const QString ready = home_->filePath(QStringLiteral("ready"));
     manager_.start(QStringLiteral("openbox"),
         {QStringLiteral("--sm-disable"), QStringLiteral("--startup"), QStringLiteral("touch ") + ready});
@@ -87,7 +87,7 @@ void X11WindowManagerTest::boundsAreRootCoordinates()
         = [&] { return QRectF(windowInfo(window.id(), QStringLiteral("Absolute")), QSizeF(320, 240)); };
     QTRY_VERIFY(placeSeen() == placeTold());
     const QPoint inFrame = windowInfo(window.id(), QStringLiteral("Relative"));
-    QVERIFY(inFrame.y() > 0 && inFrame.y() < placeSeen()->y()); // it has a frame, and that is not what is told
+    QVERIFY(inFrame.y() > 0 && inFrame.y() < placeSeen()->y()); // it has a frame, whose place is not the window's
     const auto before = placeSeen();
     QVERIFY(window.send("move 333 222"));
     QTRY_VERIFY(placeSeen() != before);

@@ -336,7 +336,7 @@ void AudioAlignmentTest::hourAtTheReadersPace()
     QCOMPARE(queue.cut, 0);
 }
 
-/// Where a millisecond is no whole number of samples, the end stays within a sample of the clock for ever.
+/// Where a millisecond is no whole number of samples, the end never strays from the clock by more than a sample.
 void AudioAlignmentTest::hourOfRatesThatDoNotDivide()
 {
     Queue queue(22050);

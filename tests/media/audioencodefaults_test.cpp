@@ -90,8 +90,8 @@ void AudioEncodeFaultsTest::turnFails_data()
         "Unable to write FFmpeg audio packet: \"No space left on device\"", 1024);
 }
 
-/// One line, and one turn that says no. The next one fills the hole: the audio ends where the clock is, and so does
-/// the file's.
+/// One log line, and one turn that returns false. The next turn fills the hole: the audio ends where the clock is, in
+/// the queue and in the file.
 void AudioEncodeFaultsTest::turnFails()
 {
     QFETCH(const Fault, fault);

@@ -27,7 +27,7 @@ qint16 sine(qint64 sample, double frequency)
     return qint16(std::lround(amplitude * 32767 * std::sin(angle)));
 }
 
-/// A tone in each ear.
+/// Another tone on each side.
 std::vector<qint16> tones(qint64 first, qint64 count)
 {
     std::vector<qint16> samples;
@@ -50,7 +50,7 @@ bool recordTones(RecorderWithAudio& recorder, qint64 lengthMs)
     return true;
 }
 
-/// Empty when the tones are there, each in its ear, without a fault.
+/// Empty when each side has its tone without a fault.
 QString judgeTones(const MediaAudio& audio, double fromMs, double toMs)
 {
     const auto part = [&](int channel) {
@@ -85,7 +85,7 @@ QByteArray contentOf(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Where the last packet of the kind ends that is whole.
+/// Where the last whole packet of this kind ends.
 double wholePacketsEndMs(MediaFile& file, AVMediaType type)
 {
     double end = 0;
@@ -224,7 +224,7 @@ void AudioFileTest::unfinishedFilePlaysWithAudio()
     QVERIFY(recorder.finishAudio());
 }
 
-/// Cut within a fragment, frames and audio reach to its beginning; cut behind one, to its end.
+/// Cut within a fragment, both streams reach to its beginning; cut after one, to its end.
 void AudioFileTest::cutFilePlaysWithAudio()
 {
     RecorderWithAudio recorder;

@@ -10,7 +10,7 @@ using namespace ffmpegfaults;
 
 namespace {
 
-/// One failing call of the audio set-up. The status is one that stands in the row's expected line.
+/// One failing call of the audio set-up. The row's expected log line contains the status.
 struct Fault {
     Call call = Call::Last;
     int status = 0;
@@ -290,7 +290,7 @@ void AudioOutputTest::audioFails_data()
     row("no stream", {Call::NewStream, 0, 2}, "Unable to create FFmpeg audio stream; continuing without audio.");
 }
 
-/// Nothing of the audio stays, and the frames are recorded.
+/// Nothing of the audio stays, and the video is recorded.
 void AudioOutputTest::audioFails()
 {
     QFETCH(const Fault, fault);

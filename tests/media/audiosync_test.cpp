@@ -1,5 +1,5 @@
-// Audio and frame belong together: white frames and tone bursts that begin at the same instants, recorded, and
-// found again by decoding the file.
+// Audio and video are in step: white frames and tone bursts that begin at the same instants, recorded, and found
+// again by decoding the file.
 #include "ffmpegfaults.h"
 #include "mediafile.h"
 #include "recorderwithaudio.h"
@@ -105,7 +105,7 @@ void AudioSyncTest::flashesAndBurstsBelongTogether_data()
     QTest::newRow("mp3 in MP4") << QByteArray("libmp3lame") << false << 1.0;
     QTest::newRow("aac in Matroska") << QByteArray("aac") << true << 1.0;
     QTest::newRow("mp3 in Matroska") << QByteArray("libmp3lame") << true << 1.0;
-    // The muxer moves frames and audio by the priming's 6.5 ms, and the reader the audio back by as much.
+    // The muxer moves both streams by the priming's 6.5 ms, and the reader moves the audio back by as much.
     QTest::newRow("Opus in Matroska") << QByteArray("libopus") << true << 7.5;
 }
 
@@ -144,7 +144,7 @@ void AudioSyncTest::audioThatBeginsLate_data()
     QTest::newRow("after the 10 s that FFmpeg waits for it") << qint64(16000) << 22.0;
 }
 
-/// Until then there are frames only; the audio before is silence.
+/// Until then there is video only; the audio before is silence.
 void AudioSyncTest::audioThatBeginsLate()
 {
     QFETCH(const qint64, beginMs);

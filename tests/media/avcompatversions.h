@@ -7,7 +7,7 @@
 #include <optional>
 #include <span>
 
-/// Stands in AVCodec's place. It answers in both ways, so that it shows which one was used.
+/// Replaces AVCodec. It answers in both ways, so that it shows which one was used.
 struct InventedCodec {
     // The older way: lists with an end mark.
     const AVPixelFormat* pix_fmts = nullptr;

@@ -43,8 +43,9 @@ int wholeFragmentFrames(const QList<Mp4Box>& boxes, qsizetype bytes)
     }));
 }
 
-/// FFmpeg's demuxer gives up a file that ends inside the list of a fragment's images, where players that read on as
-/// they play stop. A killed process leaves no such end: the list is written in one piece with the first images.
+/// FFmpeg's demuxer rejects a file that ends inside the list of a fragment's images; players that read while they
+/// play would stop there. A killed process leaves no such end: the list is written in one piece with the first
+/// images.
 bool endsInsideFragmentHeader(const QList<Mp4Box>& boxes, qsizetype bytes)
 {
     return std::any_of(boxes.cbegin(), boxes.cend(),

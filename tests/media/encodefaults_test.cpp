@@ -98,7 +98,7 @@ void EncodeFaultsTest::frameFails()
     QCOMPARE(written.constLast().ptsMs, 123.0);
 }
 
-/// Every later frame is tried, and says so; what was written before stays.
+/// Every later frame is tried and its failure logged; what was written before stays.
 void EncodeFaultsTest::writesThatFailFromNowOn()
 {
     const auto line = QStringLiteral("Unable to write FFmpeg packet: \"No space left on device\"");
@@ -276,7 +276,7 @@ void EncodeFaultsTest::trailerFails()
     QCOMPARE(recorder.log().messages(), QStringList());
     QCOMPARE(calls(Call::WriteTrailer), 1);
 
-    // No trailer was written, and none is missed: the first fragment plays.
+    // No trailer was written, and the first fragment plays without it.
     QVERIFY(!mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())).contains("mfra"));
     QCOMPARE(MediaFile(recorder->outputPath()).frames().size(), 24);
 }

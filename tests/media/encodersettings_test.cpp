@@ -107,7 +107,7 @@ void EncoderSettingsTest::threadsFollowTheProcessors_data()
     QTest::newRow("more than FFmpeg has slices") << 200 << 199;
 }
 
-/// The count is asked for, and the recording is right with it.
+/// The encoder gets this count, and the recording is right with it.
 void EncoderSettingsTest::threadsFollowTheProcessors()
 {
     QFETCH(const int, processors);
@@ -150,7 +150,7 @@ void EncoderSettingsTest::muxerGetsItsOptions()
     QCOMPARE(headers, 1);
 }
 
-/// Before the header; what the muxer then makes of it is its own business.
+/// Before the header; the muxer may choose another one then.
 void EncoderSettingsTest::streamAsksForMilliseconds()
 {
     int headers = 0;

@@ -266,7 +266,7 @@ void FallbackTest::encoderIsFoundByItsIdToo()
     QCOMPARE(MediaFile(recorder->outputPath()).frames().size(), 2);
 }
 
-/// MPEG-4 states sizes in 13 bits. FFmpeg refuses what does not fit; FFV1 does not mind.
+/// MPEG-4 states sizes in 13 bits. FFmpeg refuses what does not fit; FFV1 has no such limit.
 void FallbackTest::canvasTooLargeForMpeg4FallsBack()
 {
     reset();

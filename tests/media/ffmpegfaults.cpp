@@ -1,4 +1,4 @@
-// The functions that stand in the place of FFmpeg's, and what they are told to do.
+// The functions that replace FFmpeg's at link time, and how they are made to fail.
 #include "ffmpegfaults.h"
 
 #include <algorithm>

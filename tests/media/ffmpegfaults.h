@@ -47,7 +47,7 @@ enum class Call {
 /// Back to FFmpeg as it is, and all counters to 0.
 void reset();
 
-/// The nth call from now on (1: the next one) fails with the status; so do, for ever, those after it in failFrom().
+/// The nth call from now on (1: the next one) fails with the status; with failFrom() so do all after it.
 /// What gives a pointer gives null instead. Status 0 makes AllocOutputContext and AllocResampler succeed without a
 /// result; of WriteFifo and ReadFifo it is the number of samples.
 void failOnce(Call call, int status, int nth = 1);
@@ -66,7 +66,7 @@ struct Surroundings {
     const char* muxer = nullptr; ///< the muxer that every container gets, null: the one asked for
     bool hardwareFormatsOnly = false; ///< every pixel format counts as a hardware format
     QByteArray errorText; ///< FFmpeg's text for every status, copied without its end when it does not fit
-    int processors = 0; ///< what QThread::idealThreadCount() answers, 0: the truth
+    int processors = 0; ///< what QThread::idealThreadCount() answers, 0: the real number
 
     /// Called with what FFmpeg is about to get.
     std::function<void(const AVCodecContext&, const AVDictionary*)> atOpenCodec;

@@ -1,4 +1,4 @@
-// The file system says no: names that cannot be written, and a disk that fills up while the recording runs.
+// Errors of the file system: names that cannot be written, and a disk that fills up while the recording runs.
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
@@ -137,7 +137,7 @@ void FileSystemTest::fallbackPathIsADirectory()
     QCOMPARE(recorder->outputPath(), recorder.filePath(QStringLiteral("clip.mkv")));
 }
 
-/// A device without room, under an innocent name.
+/// A device without room, under an ordinary file name.
 void FileSystemTest::fullDeviceRefusesTheHeader()
 {
     IdleRecorder recorder;
@@ -163,7 +163,7 @@ void FileSystemTest::fullDiskBeforeTheHeader()
     QVERIFY(recorder.isClosed());
 }
 
-/// The rest of the header is still on its way when the first image comes, so that one is told.
+/// The rest of the header is written with the first image, so that one reports the failure.
 void FileSystemTest::fullDiskBehindTheFirstBytes()
 {
     IdleRecorder recorder;
@@ -187,7 +187,7 @@ void FileSystemTest::fullDiskWhileRecording_data()
     QTest::newRow("at a block's end") << 8192;
 }
 
-/// Every image that cannot be written says so, the rest is tried all the same, and what was written stays.
+/// Every image that cannot be written is reported, later ones are tried all the same, and what was written stays.
 void FileSystemTest::fullDiskWhileRecording()
 {
     QFETCH(const int, limit);
@@ -204,7 +204,7 @@ void FileSystemTest::fullDiskWhileRecording()
     }
     const qsizetype firstFailure = results.indexOf(false);
     QVERIFY2(firstFailure > 24, qPrintable(QString::number(firstFailure)));
-    QVERIFY2(!results.mid(firstFailure).contains(true), "the disk is full and a image was written");
+    QVERIFY2(!results.mid(firstFailure).contains(true), "the disk is full and an image was written");
     QCOMPARE(recorder.criticals(),
         QStringList(images - firstFailure, QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
     QCOMPARE(recorder.warnings(),
@@ -225,7 +225,7 @@ void FileSystemTest::fullDiskWhileRecording()
     }
 }
 
-/// Every image was taken, and the last ones do not reach the disk: that is not silent.
+/// Every image was accepted, and the last ones do not reach the disk: that is reported.
 void FileSystemTest::fullDiskAtTheEnd()
 {
     IdleRecorder recorder;
@@ -239,7 +239,7 @@ void FileSystemTest::fullDiskAtTheEnd()
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
     QVERIFY(recorder.isClosed());
-    // The first fragment is whole; of the second one there is but a stump.
+    // The first fragment is whole; the second one is cut off.
     QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
         (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof"}));
 }

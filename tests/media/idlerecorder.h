@@ -54,7 +54,7 @@ public:
 
     QSize canvas() { return QSize(probe_.canvasWidth(), probe_.canvasHeight()); }
 
-    /// The warnings in their order, without those of a platform that has no audio (they are no part of the frame).
+    /// The warnings in their order, without those about a platform that has no audio.
     QStringList warnings() const
     {
         QStringList list = log_.messages(QtWarningMsg);

@@ -1,4 +1,4 @@
-// The boxes of an MP4 file, read without any help of FFmpeg.
+// The boxes of an MP4 file, read without FFmpeg.
 #pragma once
 
 #include <QByteArray>

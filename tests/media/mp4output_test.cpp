@@ -1,4 +1,4 @@
-// The MP4 file: what it says about the frames, when each one is shown, and where it lies.
+// The MP4 file: what it states about its frames, when each one is shown, and where its bytes are.
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
@@ -13,7 +13,7 @@ class Mp4OutputTest : public QObject {
 
 private Q_SLOTS:
     void streamIsDescribed();
-    void audiolessRecordingHasOneStream();
+    void recordingWithoutAudioHasOneStream();
     void openedLineNamesEverything();
 
     void muxerTimeBaseDiffersAndTimesAreRight();
@@ -52,7 +52,7 @@ void Mp4OutputTest::streamIsDescribed()
     QCOMPARE(video->range, AVCOL_RANGE_MPEG);
 }
 
-void Mp4OutputTest::audiolessRecordingHasOneStream()
+void Mp4OutputTest::recordingWithoutAudioHasOneStream()
 {
     IdleRecorder recorder;
     QVERIFY(recorder.record({0}));
@@ -145,7 +145,7 @@ void Mp4OutputTest::timesCountFromTheFirstFrame()
 }
 
 /// MPEG-4 has no way to say that a frame is shown for more than an hour. FFmpeg may refuse the frame that
-/// follows; the recording goes on behind it.
+/// follows; the recording goes on after it.
 void Mp4OutputTest::dayWithoutFramesCostsOneAtMost()
 {
     constexpr qint64 dayMs = 24 * 3600 * 1000;

@@ -15,7 +15,7 @@ namespace {
 const auto fallbackWarning
     = QStringLiteral("Recording with FFV1 fallback because no preferred video encoder was opened.");
 
-/// One failing call. The status is one that stands in the row's expected line.
+/// One failing call. The row's expected log line contains the status.
 struct Fault {
     Call call = Call::Last;
     int status = 0;

@@ -43,7 +43,7 @@ QList<QRgb> cube(int step)
     return colours;
 }
 
-/// The one decoded image of a recording of this image alone.
+/// Records one image and returns it as decoded.
 MediaFrame recorded(IdleRecorder& recorder, const QImage& image)
 {
     if (!recorder->openOutput() || !recorder->encodeImage(image, 0) || !recorder.finish())

@@ -1,5 +1,4 @@
-// RecorderWithAudio: an idle recorder on a platform that has audio, and a recording clock that stands where the test
-// sets it.
+// RecorderWithAudio: an idle recorder on a platform that has audio, and a recording clock that the test sets.
 #pragma once
 
 #include "fakeaudio.h"

@@ -94,7 +94,7 @@ void RepeatedFrameTest::isConvertedOnce()
     for (int i = 0; i < 5; ++i)
         QVERIFY(recorder->encodeImage(frame, i * 41));
     QCOMPARE(calls(Call::MakeWritable), 1);
-    QVERIFY(recorder->encodeImage(testimages::solid(recorder.canvas(), red), 205)); // equal, but another one
+    QVERIFY(recorder->encodeImage(testimages::solid(recorder.canvas(), red), 205)); // equal, but not the same image
     QCOMPARE(calls(Call::MakeWritable), 2);
     QVERIFY(recorder.finish());
     QCOMPARE(shown(recorder->outputPath()), QStringLiteral("rrrrrr"));

@@ -1,4 +1,4 @@
-// The functions that stand in the place of QElapsedTimer's.
+// The functions that replace QElapsedTimer's at link time.
 #include "setclock.h"
 
 #include <QElapsedTimer>

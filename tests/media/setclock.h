@@ -8,10 +8,10 @@
 
 namespace setclock {
 
-/// What every timer says has elapsed, milliseconds. Nothing: the truth.
+/// What every timer answers as elapsed, milliseconds. Nothing: the real time.
 std::optional<qint64>& elapsedMs();
 
-/// Where every timer says it was started, on the monotonic clock, while elapsedMs() is set.
+/// When every timer was started, on the monotonic clock in milliseconds, while elapsedMs() is set.
 inline constexpr qint64 referenceMs = 5000000;
 
 }

@@ -1,4 +1,4 @@
-// What an audio holds: levels, silence, the onsets of beeps, and the faults of a long tone. Pure arithmetic on one
+// What samples hold: levels, silence, the onsets of beeps, and the faults of a long tone. Pure arithmetic on one
 // channel of samples whose full scale is 1.
 #pragma once
 

@@ -19,7 +19,7 @@ public:
     FrameConverter& operator=(const FrameConverter&) = delete;
 
     /// Matrix and range are the frame's, or the given ones of the stream where the frame states none. The
-    /// image's buffer is reused when it fits and nobody else shares it. The status is negative on a failure.
+    /// image's buffer is reused when it fits and is not shared. The status is negative on a failure.
     int convert(const AVFrame& frame, AVColorSpace streamMatrix, AVColorRange streamRange, QImage& image);
 
     /// Whether the last frame's matrix and range were stated, rather than guessed (BT.601, limited range).

@@ -10,7 +10,7 @@
 
 class QLocalSocket;
 
-/// Listens under the control socket's name, which lies in TMPDIR: have a PrivateTempDir first. It listens
+/// Listens under the control socket's name, which lies in TMPDIR: make a PrivateTempDir first. It listens
 /// from the constructor on, so that a recorder on this same thread can connect while it blocks (the kernel
 /// completes the connection); the other end is picked up when the event loop runs or one of the waits below
 /// runs it. One client at a time: a later one takes the place of the earlier. One thread only.
@@ -43,7 +43,7 @@ public:
 private:
     void takeConnection();
 
-    QLocalSocket* client_ = nullptr; // child of server_; null when nobody is connected
+    QLocalSocket* client_ = nullptr; // child of server_; null without a connection
     QByteArray received_;
     QLocalServer server_; // last: its sockets report their end to the members above
 };

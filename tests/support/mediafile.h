@@ -81,8 +81,8 @@ struct MediaAudio {
 };
 
 /// Every reading method goes through the file from its start, on its own handles. A failure makes isValid()
-/// false and stands in errorString(); what was read before it is delivered all the same, so that a cut-off
-/// file can be judged. One thread at a time.
+/// false and sets errorString(); what was read before it is delivered all the same, so that a cut-off file can
+/// be measured. One thread at a time.
 class MediaFile {
 public:
     explicit MediaFile(const QString& path);

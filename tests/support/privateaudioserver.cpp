@@ -21,7 +21,7 @@ constexpr int startLimitMs = 30'000; // 100 ms when nothing else runs
 constexpr int endLimitMs = 10'000;
 constexpr int pollMs = 5;
 
-/// True when somebody listens at a Unix socket.
+/// True when a process listens at a Unix socket.
 bool isListening(const QString& path)
 {
     sockaddr_un address{};
@@ -88,7 +88,7 @@ PrivateAudioServer::PrivateAudioServer(const AudioServerOptions& options)
 
 PrivateAudioServer::~PrivateAudioServer()
 {
-    continueDaemon(); // for the others take their leave of it
+    continueDaemon(); // the others disconnect from it when they end
     for (QProcess* process : processes())
         end(*process);
 }

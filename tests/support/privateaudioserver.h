@@ -23,7 +23,7 @@ struct AudioServerOptions {
     int rate = 48000; ///< of the graph, hertz
     int quantum = 1024; ///< frames the graph runs with when no client asks for fewer, and at most
     std::vector<NullSink> sinks{NullSink{"first-sink"}}; ///< the first one is the default sink
-    /// Volumes that streams had in an earlier life and get again, as lines of WirePlumber's restore-stream file;
+    /// Volumes that are remembered for streams from earlier runs, as lines of WirePlumber's restore-stream file;
     /// empty text for none yet, nothing for a server that does not remember.
     std::optional<QByteArray> rememberedVolumes;
 };
@@ -58,9 +58,9 @@ public:
 
     qint64 daemonPid() const { return daemon_.processId(); } ///< of PipeWire; 0 when it does not run
     std::vector<qint64> processIds() const; ///< of all that run
-    /// The end that a crash would be: SIGKILL to PipeWire, waited for.
+    /// Kills PipeWire, as a crash would end it, and waits for its end.
     void killDaemon();
-    /// PipeWire takes a break, and goes on.
+    /// Stops PipeWire's process (SIGSTOP), and continues it.
     void stopDaemon();
     void continueDaemon();
 

@@ -6,8 +6,8 @@
 #include <QTemporaryDir>
 #include <QtGlobal>
 
-/// Makes a directory with mode 0700 and points TMPDIR at it for its lifetime; the directory goes at the end
-/// and TMPDIR gets its old value back. The control socket lives in TMPDIR, and a socket's path has room for
+/// Makes a directory with mode 0700 and points TMPDIR at it for its lifetime; at the end the directory is removed
+/// and TMPDIR gets its old value back. The control socket lies in TMPDIR, and a socket's path has room for
 /// about 100 bytes, so the name is short. Make it before any thread starts: the environment is the whole
 /// process's.
 class PrivateTempDir {

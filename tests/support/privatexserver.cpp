@@ -16,7 +16,7 @@ namespace {
 constexpr int startLimitMs = 30'000; // 40 ms when nothing else runs
 constexpr int endLimitMs = 10'000;
 
-/// A file descriptor that closes itself.
+/// Owns a file descriptor.
 class Descriptor {
 public:
     explicit Descriptor(int number) : number_(number) { }
@@ -54,7 +54,7 @@ QByteArray readDisplayNumber(int descriptor)
     return text.trimmed();
 }
 
-/// True when a socket file is there and nobody listens behind it.
+/// True when a socket file is there and no process listens at it.
 bool isStaleSocket(const QByteArray& path)
 {
     const Descriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -128,8 +128,8 @@ void PrivateXServer::kill()
     process_.waitForFinished(endLimitMs);
 }
 
-/// A killed server leaves its socket behind. Another server may own the display by now, so the socket goes
-/// only when it refuses connections. (There is no lock file with -displayfd.)
+/// A killed server leaves its socket behind. Another server may own the display by now, so the socket is
+/// removed only when it refuses connections. (There is no lock file with -displayfd.)
 void PrivateXServer::removeLeftovers() const
 {
     const QByteArray socketPath = "/tmp/.X11-unix/X" + display_.mid(1);

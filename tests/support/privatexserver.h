@@ -25,7 +25,8 @@ public:
     QByteArray display() const { return display_; } ///< as in DISPLAY, ":7"
     qint64 pid() const { return pid_; }
 
-    /// The end that a crash would be: SIGKILL, waited for. Clients find the connection broken afterwards.
+    /// Kills the server, as a crash would end it, and waits for its end. Clients find the connection broken
+    /// afterwards.
     void kill();
 
 private:

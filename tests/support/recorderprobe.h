@@ -7,8 +7,8 @@
 #include "privatetempdir.h"
 #include "recorderaudiocapture.h"
 
-/// Each accessor names the member that it opens. The caller keeps to the member's thread: touch what the worker owns
-/// only when the worker has finished.
+/// Each accessor has the name of its member. The member's thread rule holds: use what the worker owns only when the
+/// worker has finished.
 struct RecorderProbe {
     explicit RecorderProbe(GstRecorder& recorderToOpen) : recorder(recorderToOpen) { }
 

@@ -1,4 +1,4 @@
-// Faults of a long tone: every few milliseconds of it are held against the sine that fits a wider window best.
+// Faults of a long tone: every few milliseconds of it are compared with the sine that fits a wider window best.
 #include "audioanalysis.h"
 
 #include <QStringList>

@@ -1,4 +1,4 @@
-// How far the audio of a recorded truth window is from its frames.
+// Matches beeps with flashes.
 #include "truthaudio.h"
 
 #include "mediafile.h"

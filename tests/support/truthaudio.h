@@ -1,4 +1,4 @@
-// How far the audio of a recorded truth window is from its frames.
+// The offset of a truth window's recorded audio to its video.
 #pragma once
 
 #include <QList>
@@ -24,7 +24,7 @@ struct TruthBeep {
 };
 
 struct TruthAudio {
-    /// Flashes at least 0.2 s inside both the frames and the audio: each should be heard.
+    /// Flashes at least 0.2 s inside both video and audio: each should be heard.
     int flashes = 0;
     int missedBeeps = 0; ///< of those, the ones without a beep
     int strayBeeps = 0; ///< beeps without a flash

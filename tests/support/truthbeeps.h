@@ -6,8 +6,8 @@
 #include <QtGlobal>
 
 /// One beep a second, at a wall-clock time that the second decides: two neighbours are 0.6 to 1.4 s apart and no row
-/// of distances comes again soon, so that an audio that is a whole beep late is told from one in time. Times are the
-/// wall clock of the barcode (TruthStamp::clockMs), its low 32 bits.
+/// of distances comes again soon, so that audio that is late by a whole beep is not taken for audio in time. Times
+/// are the wall clock of the barcode (TruthStamp::clockMs), its low 32 bits.
 namespace truthbeeps {
 
 inline constexpr audioanalysis::Beep beep{1000.0, 60.0, 2.0};

@@ -1,4 +1,4 @@
-// XcbWindow: a plain X11 window with a shared frame.
+// XcbWindow: a plain X11 window with an image in shared memory.
 #include "xcbwindow.h"
 #include "xcbhandles.h"
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-/// A frame in memory that the X server reads too.
+/// An image in memory that the X server reads too.
 class SharedImage {
 public:
     SharedImage(xcb_connection_t* connection, QSize size)
@@ -110,7 +110,7 @@ bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
 void XcbWindow::Impl::create(const xcb_screen_t& screen, const QRect& geometry)
 {
     window = xcb_generate_id(connection.get());
-    // No background: the server never paints anything between two frames.
+    // No background: the server never paints anything between two images.
     const quint32 values[] = {XCB_BACK_PIXMAP_NONE, XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_STRUCTURE_NOTIFY};
     xcb_create_window(connection.get(), XCB_COPY_FROM_PARENT, window, screen.root, qint16(geometry.x()),
         qint16(geometry.y()), quint16(geometry.width()), quint16(geometry.height()), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
@@ -199,7 +199,7 @@ void XcbWindow::show(const QRect& area)
     const auto cookie = xcb_shm_put_image_checked(c, impl_->window, impl_->context, quint16(image.width()),
         quint16(image.height()), quint16(area.x()), quint16(area.y()), quint16(area.width()), quint16(area.height()),
         qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false, impl_->frame->segment(), 0);
-    // The check waits for the server, which has read the frame then. An error says that the window is gone,
+    // The check waits for the server, which has read the image then. An error says that the window is gone,
     // which handleEvents() reports.
     const x11::Allocated<xcb_generic_error_t> error(xcb_request_check(c, cookie));
 }

@@ -13,7 +13,7 @@ class XcbWindow {
 public:
     enum class State {
         Unchanged,
-        NeedsPainting, ///< uncovered, or of another size: the frame is to be painted and shown whole
+        NeedsPainting, ///< uncovered, or of another size: paint and show the whole image
         Gone, ///< destroyed, or closed by its user
         ConnectionLost,
     };

@@ -133,7 +133,7 @@ void AudioDriftTest::returnsToTheSamplesThemselves()
     VariableResampler stretch;
     Samples output;
     const auto part = [&](size_t from, size_t to) { return std::span(input).subspan(from * 2, (to - from) * 2); };
-    stretch.process(part(0, 12400), 1 + 1e-4, output); // now some quarter of a frame beside
+    stretch.process(part(0, 12400), 1 + 1e-4, output); // now about a quarter of a frame off
     stretch.process(part(12400, 36000), 1, output);
     output.clear();
     stretch.process(part(36000, 48000), 1, output);

@@ -17,7 +17,7 @@ constexpr qint64 quantum = 1024;
 
 using Samples = std::vector<float>;
 
-/// Frames that tell their number, from 1 on: left as it is, right as its negative.
+/// Frames whose samples are their number, from 1 on: left as it is, right as its negative.
 Samples numbered(qint64 first, qint64 frames)
 {
     Samples samples;
@@ -33,7 +33,7 @@ qint64 atFrame(qint64 frame)
     return startMs * nsPerMs + frame * nsPerMs / 48;
 }
 
-/// A source of numbered frames: frame n + 1 audios n / 48 ms after the start.
+/// A source of numbered frames: frame n + 1 plays n / 48 ms after the start.
 void appendAt(AudioTimeline& timeline, qint64 startNs, qint64 first, qint64 frames)
 {
     timeline.append({startNs, startNs}, numbered(first, frames));
@@ -208,7 +208,7 @@ void AudioTimelineTest::audioAfterAStallLiesAtItsTime()
     append(timeline, 0, 480);
     QVERIFY(!timeline.deliver(startMs + 20));
     QCOMPARE(left(timeline.deliver(startMs + 400)), joined(range(1, 480), std::vector<qint64>(390 * 48, 0)));
-    // Within what time stamps may be wrong by, and yet exactly there: there is nothing that it could follow.
+    // Within the tolerance of time stamps, and yet exactly placed: there is no block before it to follow.
     append(timeline, 405 * 48, quantum);
     QCOMPARE(
         left(timeline.deliver(startMs + 410)), joined(std::vector<qint64>(5 * 48, 0), range(405 * 48 + 1, 5 * 48)));
@@ -358,8 +358,8 @@ void AudioTimelineTest::foreignClockIsFollowed_data()
     QTest::newRow("fast") << 300.0;
 }
 
-/// Some minutes of a triangle that tells when it is meant to audio, by a source whose clock has another speed. The
-/// time stamps jitter by 5 ms.
+/// Some minutes of a triangle wave whose value tells when it is meant to play, from a source whose clock has another
+/// speed. The time stamps jitter by 5 ms.
 void AudioTimelineTest::foreignClockIsFollowed()
 {
     QFETCH(double, partsPerMillion);

@@ -5,7 +5,7 @@
 
 #include <semaphore>
 
-/// From its construction to release(), or to its end, work that is given to the global pool waits.
+/// From its construction to release(), or to its destruction, work that is given to the global pool waits.
 class BusyPool {
 public:
     BusyPool() : oldThreadCount_(QThreadPool::globalInstance()->maxThreadCount())

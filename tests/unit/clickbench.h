@@ -17,7 +17,7 @@ inline RecorderProbe::CapturedFrame blackFrame()
     return frame;
 }
 
-/// It needs a PrivateTempDir before it.
+/// Make a PrivateTempDir before it.
 struct ClickBench : RecorderBench {
     RecorderProbe probe() { return RecorderProbe(*recorder); }
 
@@ -29,5 +29,5 @@ struct ClickBench : RecorderBench {
 
     QList<qint64> keys() { return probe().clicks().keys(); }
 
-    std::unique_ptr<GstRecorder> recorder = makeIdleRecorder(); ///< goes before the launcher and the log do
+    std::unique_ptr<GstRecorder> recorder = makeIdleRecorder(); ///< destroyed before the launcher and the log
 };

@@ -256,7 +256,7 @@ void CompositionTest::pointerOnTheEdge()
 
 void CompositionTest::pointerOnTheRightEdgeOfAnEnlargedWindow()
 {
-    // 805 pixels for 800 points is no ratio that a double holds.
+    // A double cannot hold the ratio 805 / 800 exactly.
     RecorderProbe::CapturedFrame frame = greyFrame(805, 600);
     frame.windowBounds = QRect(13, 0, 800, 596);
     const QSize canvas(840, 600);

@@ -1,5 +1,5 @@
-// What composition saves: a image that would look the same is not painted again, memory is used again, and what is
-// known to be opaque is copied. None of it may be seen.
+// What composition saves: an image that would look the same is not painted again, memory is used again, and what is
+// known to be opaque is copied. None of it may show in the result.
 #include "recorderbench.h"
 #include "testregistry.h"
 

@@ -9,7 +9,7 @@
 inline const QByteArray pauseLine("{\"action\":\"pause\"}\n");
 inline const QByteArray unpauseLine("{\"action\":\"unpause\"}\n");
 
-/// It needs a PrivateTempDir before it.
+/// Make a PrivateTempDir before it.
 struct ControlBench : RecorderBench {
     ControlBench() : recorder(makeIdleRecorder())
     {
@@ -42,5 +42,5 @@ struct ControlBench : RecorderBench {
         return parts.join(QStringLiteral("; "));
     }
 
-    std::unique_ptr<GstRecorder> recorder; ///< goes before the launcher and the log do
+    std::unique_ptr<GstRecorder> recorder; ///< destroyed before the launcher and the log
 };

@@ -1,4 +1,4 @@
-// How the recorder finds its launcher: absent, late, somebody else's.
+// How the recorder finds its launcher: absent, late, of another user.
 #include "privatetempdir.h"
 #include "recorderbench.h"
 #include "testregistry.h"
@@ -31,7 +31,7 @@ void ControlConnectTest::absentLauncher()
     QElapsedTimer time;
     time.start();
     const std::unique_ptr<GstRecorder> recorder = makeRecorder(arguments);
-    QVERIFY2(time.elapsed() >= 4900, qPrintable(QString::number(time.elapsed()))); // it gave a late one its time
+    QVERIFY2(time.elapsed() >= 4900, qPrintable(QString::number(time.elapsed()))); // a late one would have been met
 
     RecorderProbe probe(*recorder);
     probe.waitForWorker();

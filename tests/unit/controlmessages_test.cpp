@@ -222,7 +222,7 @@ void ControlMessagesTest::pauseAndUnpause()
 
 void ControlMessagesTest::exitEndsTheEventLoopAfterASecond()
 {
-    // Nobody asked it to stop first. A second one, sent 300 ms later, has a timer of its own.
+    // Without a stop before it. A second one, sent 300 ms later, has its own timer.
     QTimer limit;
     connect(&limit, &QTimer::timeout, this, [] { QCoreApplication::exit(99); });
     limit.start(patienceMs);

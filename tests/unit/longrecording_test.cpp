@@ -1,5 +1,5 @@
-// A recording of more than the hold time, as its finished file tells it: which images reached it, when, and with
-// which click markers. It is made once and looked at from several sides.
+// A recording longer than the hold time, as its finished file shows it: which images reached it, when, and with which
+// click markers. It is made once; each function checks another property of it.
 #include "numberedwindow.h"
 #include "pacing.h"
 #include "privatetempdir.h"

@@ -1,4 +1,4 @@
-// The reader of recordings: what it tells about a file is what was written into it.
+// The reader of recordings: it reports what was written into a file.
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"
@@ -171,7 +171,7 @@ void MediaFileTest::framesCanBeKeptAndStopped()
     QVERIFY(file.isValid());
 }
 
-/// A step in the audio and the frame of the same time are at the same time when they are read.
+/// A step in the audio and the frame of the same time come back at the same time.
 void MediaFileTest::audioKeepsTimeAndSamples()
 {
     constexpr int rate = 48000;

@@ -143,7 +143,7 @@ void MessageHandlerTest::everyLineIsFlushed()
 
 void MessageHandlerTest::fileComesBeforeStderr()
 {
-    // A log file without a buffer that looks at stderr whenever a piece of a line reaches it.
+    // An unbuffered log file that checks stderr whenever a piece of a line reaches it.
     struct Watch {
         const StderrCapture& errors;
         QByteArray file;

@@ -1,4 +1,4 @@
-// The recording's time plan.
+// When the next capture is due, and how long to sleep until then.
 #include "pacing.h"
 #include "testregistry.h"
 

@@ -1,4 +1,4 @@
-// Frames of a finished recording of the numbered window, read back from its file.
+// Reads the frames of a finished recording of the numbered window back from its file.
 #pragma once
 
 #include "mediafile.h"

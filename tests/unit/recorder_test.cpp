@@ -193,7 +193,7 @@ void RecorderTest::finishRecordingGivesUpOnAStuckWorker()
     reached.acquire();
     QVERIFY(!recorder_->finishRecording(30ms));
     QVERIFY(probe().stopRequested().load());
-    QVERIFY(probe().formatContext()); // the worker's own, and left to it
+    QVERIFY(probe().formatContext()); // left to the worker, which still uses it
     gate.release();
     QVERIFY(recorder_->finishRecording(60s));
     MediaFile file(output());

@@ -35,8 +35,8 @@ inline std::unique_ptr<GstRecorder> makeRecorder(const RecorderArguments& argume
         arguments.scale, arguments.audioSource, nullptr);
 }
 
-/// A reset fake platform, a launcher that listens, and a log. It needs a PrivateTempDir before it, and recorders
-/// go before it does.
+/// A reset fake platform, a launcher that listens, and a log. Make a PrivateTempDir before it, and destroy recorders
+/// before it.
 struct RecorderBench {
     RecorderBench() { fakeplatform::reset(); }
 
@@ -68,5 +68,5 @@ inline QString stoppedLine(quint32 durationMs)
 /// A message handler for floods that a LogCapture need not keep.
 inline void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
 
-/// Generous bound for conditions that hold within milliseconds on an idle machine.
+/// Bound of waits for conditions that hold within milliseconds on an idle machine.
 inline constexpr int patienceMs = 20000;

@@ -1,5 +1,4 @@
-// The truth window's barcode: what is painted is read again, from any frame that shows it well, and nothing
-// else is.
+// The truth window's barcode: it is read from every frame that shows it well, and from no other.
 #include "clipwriter.h"
 #include "mediafile.h"
 #include "privatetempdir.h"

@@ -33,7 +33,7 @@ struct Atoms {
     xcb_atom_t utf8 = XCB_ATOM_NONE;
 };
 
-/// Atoms that nobody has made yet stay 0: then no window has such a property.
+/// Atoms that do not exist yet stay 0: then no window has such a property.
 Atoms findAtoms(DisplayConnection& connection)
 {
     struct Wanted {
@@ -119,8 +119,7 @@ std::vector<xcb_window_t> shownWindows(DisplayConnection& connection, xcb_window
     return windows;
 }
 
-/// The X server knows who is at the other end of a connection on this machine; what a window says about itself is
-/// asked where it does not.
+/// The X server knows the process at the other end of a local connection; for others the window's own claim is read.
 bool knowsProcesses(DisplayConnection& connection)
 {
     xcb_prefetch_extension_data(connection.xcb(), &xcb_res_id);

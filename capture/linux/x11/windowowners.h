@@ -15,7 +15,7 @@ struct Owner {
     QString applicationId; ///< as one of its windows tells it; else empty
 };
 
-/// Each process once, in the order of the windows. Waits for the X server with a bound; nobody without DISPLAY, or
+/// Each process once, in the order of the windows. Waits for the X server with a bound; empty without DISPLAY, or
 /// when the server is gone or does not answer. Any thread.
 std::vector<Owner> find();
 

@@ -1,9 +1,10 @@
 // Opening and waiting, each with a bound.
 //
-// Where libxcb would wait for ever by itself, this file goes round it. Reading and writing go through the Transport.
-// xcb_wait_for_reply() and xcb_request_check() are replaced by xcb_poll_for_reply() and a wait of our own.
-// xcb_get_extension_data(), which every request of an extension calls, is harmless once the extension was prefetched
-// and a later answer has arrived. xcb_connect() has no bounded form and runs on a thread of its own.
+// Some calls of libxcb can block without a limit; none of them is used here on the caller's thread. Reading and
+// writing go through the Transport. xcb_wait_for_reply() and xcb_request_check() are replaced by xcb_poll_for_reply()
+// and a wait with a limit. xcb_get_extension_data(), which every request of an extension calls, does not block once
+// the extension was prefetched and a later answer has arrived. xcb_connect() has no bounded form and runs on its own
+// thread.
 #include "x11connection.h"
 
 #include <QByteArray>
@@ -23,7 +24,7 @@ namespace x11 {
 namespace {
 
 /// Null when the display refuses, or takes longer than the limit. In the latter case the thread stays until the
-/// server answers or goes, and then closes the connection that nobody waits for any more.
+/// server answers or ends, and then closes the connection, which is no longer needed.
 DisplayHandle connectToDisplay(const QByteArray& display)
 {
     std::promise<DisplayHandle> promise;
@@ -120,7 +121,7 @@ DisplayConnection::Answer DisplayConnection::awaitAnswer(unsigned sequence)
         return answer;
 
     const QDeadlineTimer deadline(answerLimit);
-    xcb_flush(xcb()); // into the line, which always has room
+    xcb_flush(xcb()); // into the Transport, which always has room
     exchange();
     while (!pollAnswer(sequence, answer)) {
         if (!line_->wait(deadline)) {

@@ -45,9 +45,9 @@ public:
     /// The server is on this machine, behind a Unix socket.
     bool isLocal() const { return line_->isLocal(); }
 
-    /// The server answers, as far as is known; false for ever when the connection is lost.
+    /// Whether the server answered last time; stays false once the connection is lost.
     bool isResponsive() const { return !overdue_ && !xcb_connection_has_error(xcb()); }
-    /// Looks whether an unresponsive server has answered meanwhile; does not wait. Returns isResponsive().
+    /// Checks whether an unresponsive server has answered meanwhile; does not wait. Returns isResponsive().
     bool recover();
 
     /// Waits until the server has processed everything that was sent.
@@ -87,7 +87,7 @@ private:
     std::vector<Allocated<xcb_generic_event_t>> events_;
 };
 
-/// A request with a reply of type T, or (void) a checked one without. An answer that nobody took is thrown away, so
+/// A request with a reply of type T, or (void) a checked one without. An answer that was not taken is discarded, so
 /// that it does not pile up in the connection. The connection outlives it.
 template <typename T>
 class Request {
@@ -132,7 +132,7 @@ private:
 
     DisplayConnection& connection_;
     unsigned sequence_;
-    bool settled_ = false; // nothing is left to throw away
+    bool settled_ = false; // nothing is left to discard
     quint8 errorCode_ = 0;
 };
 

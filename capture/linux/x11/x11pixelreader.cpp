@@ -11,7 +11,7 @@ namespace {
 /// No larger area is read: 16384 x 16384 pixels. A window can be 65535 pixels wide and high.
 constexpr qsizetype largestByteCount = qsizetype(1) << 30;
 
-/// The pixels of one answer of the plain way; has to fit into a socket whole (see Transport).
+/// Pixels per answer when reading through the socket; an answer has to fit into the socket whole (see Transport).
 constexpr qsizetype tileByteCount = 64 * 1024;
 
 /// Segments grow in steps, so that dragging a window larger does not make a new one for every pixel.
@@ -47,7 +47,7 @@ bool PixelReader::ensureSegment(size_t size)
     if (segment_ && segment_->size() >= size)
         return true;
     const auto kind = way_ == Way::SharedDescriptor ? SharedSegment::Kind::Descriptor : SharedSegment::Kind::SystemV;
-    segment_.reset(); // before the next one, which takes its id
+    segment_.reset(); // before the next one, which uses the same id
     const size_t rounded = (size + segmentStep - 1) / segmentStep * segmentStep;
     segment_ = SharedSegment::create(connection_, segmentId_, rounded, kind);
     return segment_ != nullptr;

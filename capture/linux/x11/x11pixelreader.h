@@ -20,7 +20,7 @@ public:
     const uchar* read(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout);
 
 private:
-    /// Ordered: what does not work is followed by the next.
+    /// In the order in which they are tried.
     enum class Way { SharedDescriptor, SharedSystemV, Plain };
 
     bool ensureSegment(size_t size);
@@ -33,7 +33,7 @@ private:
     Way way_;
     xcb_shm_seg_t segmentId_ = XCB_NONE;
     std::unique_ptr<SharedSegment> segment_; ///< null until the first use
-    Allocated<uchar> buffer_; ///< the plain way's; null until the first use
+    Allocated<uchar> buffer_; ///< for reading through the socket; null until the first use
     size_t bufferSize_ = 0;
 };
 

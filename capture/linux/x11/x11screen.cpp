@@ -1,9 +1,9 @@
-// Windows of an X server as images. The Composite extension keeps a redirected window in a pixmap of its own, so that
-// covered and off-screen parts are there too; the Damage extension tells when there is something new in it.
+// Windows of an X server as images. The Composite extension draws a redirected window into a separate pixmap, so that
+// covered and off-screen parts are there too; the Damage extension reports changes.
 //
-// Nothing of the window is held between two images. One round trip learns where it is and what happened to it; when
-// it has changed, a second one names its present pixmap, reads it and gives the name back. A name that was kept would
-// go on showing the old pixels after the window was resized, or after it or one of its parents was mapped again.
+// No pixmap is kept between two images. One round trip asks where the window is and what happened to it; when it has
+// changed, a second one names its present pixmap, reads it and frees the name. A name that was kept would still show
+// the old pixels after the window was resized, or after it or one of its parents was mapped again.
 #include "platform/screen.h"
 
 #include "x11connection.h"
@@ -61,7 +61,7 @@ public:
 private:
     DisplayConnection& connection_;
     xcb_pixmap_t id_;
-    Request<void> naming_; ///< never asked: without a pixmap, what is asked of it fails
+    Request<void> naming_; ///< its result is not needed: requests for a missing pixmap fail themselves
 };
 
 /// _GTK_FRAME_EXTENTS: left, right, top, bottom. None when the property is not set or makes no sense.
@@ -87,7 +87,7 @@ bool preflightScreenCaptureAccess()
     return connection && connection->extensions().composite;
 }
 
-// An X server has nobody to ask.
+// An X server knows no such permission.
 bool requestScreenCaptureAccess()
 {
     return preflightScreenCaptureAccess();
@@ -147,7 +147,7 @@ bool WindowSource::Impl::watchWindow()
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
     Request<void> selecting(
         *connection_, xcb_change_window_attributes_checked(xcb, window_, XCB_CW_EVENT_MASK, &events));
-    // Refused when somebody else redirects the window in a way of his own: then it has a pixmap all the same.
+    // Refused when another client already redirects the window manually: then it has a pixmap anyway.
     const Request<void> redirecting(
         *connection_, xcb_composite_redirect_window_checked(xcb, window_, XCB_COMPOSITE_REDIRECT_AUTOMATIC));
     if (connection_->extensions().damageNotify) {
@@ -232,7 +232,7 @@ std::optional<Placement> WindowSource::Impl::placement()
         *connection_, xcb_translate_coordinates(xcb, window_, root_, 0, 0));
     Request<xcb_get_property_reply_t> extentsRequest(
         *connection_, xcb_get_property(xcb, 0, window_, frameExtents_, XCB_ATOM_CARDINAL, 0, extentWords));
-    const auto extents = extentsRequest.reply(); // the last one first: then the others are there, too
+    const auto extents = extentsRequest.reply(); // the last one first: then the other replies have arrived, too
     const auto attributes = attributesRequest.reply();
     const auto geometry = geometryRequest.reply();
     const auto origin = originRequest.reply();
@@ -258,7 +258,7 @@ void WindowSource::Impl::handleEvents()
         handleEvent(*event);
 }
 
-/// Errors are events, too; those of requests that nobody waited for end here.
+/// Errors are events, too; those of requests whose answer is not awaited end here.
 void WindowSource::Impl::handleEvent(const xcb_generic_event_t& event)
 {
     const int type = event.response_type & 0x7f; // without the mark of an event that a client has sent
@@ -272,7 +272,7 @@ void WindowSource::Impl::handleEvent(const xcb_generic_event_t& event)
         handleConfigure(reinterpret_cast<const xcb_configure_notify_event_t&>(event));
 }
 
-/// A move leaves the pixels alone; another size does not, even when the old one comes back before the next image.
+/// A move does not change the pixels. A new size does, also when the old size is back before the next image.
 void WindowSource::Impl::handleConfigure(const xcb_configure_notify_event_t& event)
 {
     if (shown_
@@ -285,7 +285,7 @@ QImage WindowSource::Impl::readPixels(const Placement& placement)
 {
     xcb_connection_t* xcb = connection_->xcb();
     if (damage_ != XCB_NONE) {
-        // Before reading: what changes in between is then damage again, and read the next time.
+        // Before reading: a change during the read is then reported again, and read the next time.
         const Request<void> subtracting(*connection_, xcb_damage_subtract_checked(xcb, damage_, XCB_NONE, XCB_NONE));
     }
     changed_ = true; // until it is read
@@ -317,7 +317,7 @@ QImage WindowSource::image()
     return impl_->image();
 }
 
-// Every window of an X server has pixels, and nothing is drawn.
+// Every window of an X server has pixels, and they are read, not drawn.
 bool WindowSource::imageWasUnusable() const
 {
     return false;

@@ -23,7 +23,7 @@ SharedSegment::SharedSegment(DisplayConnection& connection, xcb_shm_seg_t id, si
 SharedSegment::~SharedSegment()
 {
     if (sentToServer_) {
-        // Even when the server refused, or has not answered: the id is used again.
+        // Also when the server refused or has not answered: the id is used again.
         const Request<void> detaching(connection_, xcb_shm_detach_checked(connection_.xcb(), id_));
     }
     if (!data_)
@@ -57,7 +57,8 @@ bool SharedSegment::attachBySystemV()
     if (segment < 0)
         return false;
     const void* memory = ::shmat(segment, nullptr, SHM_RDONLY);
-    // From here on the segment goes with its last user, however that ends; the server can still attach it.
+    // From here on the system frees the segment with its last user, also after a crash; the server can still attach
+    // it.
     ::shmctl(segment, IPC_RMID, nullptr);
     if (memory == reinterpret_cast<const void*>(-1))
         return false;

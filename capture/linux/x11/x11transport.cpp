@@ -19,7 +19,7 @@ constexpr size_t unitSize = 32; ///< of a packet, at least
 /// What libxcb reads at a time.
 constexpr size_t portionSize = 16 * 1024;
 
-/// Told by its first 32 bytes.
+/// The size of a packet, from its first 32 bytes.
 size_t packetSize(const uchar* start)
 {
     const int type = start[0] & 0x7f;
@@ -90,7 +90,7 @@ std::unique_ptr<Transport> Transport::insert(xcb_connection_t* connection)
         return nullptr;
     const Descriptor librarys(ends[0]);
     Descriptor ours(ends[1]);
-    if (::dup3(librarys.number(), number, O_CLOEXEC) < 0) // libxcb knows nothing but the number
+    if (::dup3(librarys.number(), number, O_CLOEXEC) < 0) // libxcb knows the connection by its number only
         return nullptr;
     return std::unique_ptr<Transport>(new Transport(std::move(server), std::move(ours)));
 }
@@ -110,11 +110,11 @@ bool Transport::isLocal() const
 bool Transport::wait(QDeadlineTimer deadline) const
 {
     const short events = requests_.empty() ? POLLIN : POLLIN | POLLOUT;
-    while (!deadline.hasExpired()) { // asked for each time: a flood of events is no answer
+    while (!deadline.hasExpired()) { // checked each time: events that keep coming must not prolong the wait
         pollfd waiting{server_.number(), events, 0};
         const int ready = ::poll(&waiting, 1, int(deadline.remainingTime()));
         if (ready > 0)
-            return true; // also when the server has gone: receive() then finds out
+            return true; // also when the server has ended: receive() finds that out
         if (ready < 0 && errno != EINTR)
             return false;
     }
@@ -186,7 +186,7 @@ bool Transport::handOverPackets()
     if (size > 0) {
         const ssize_t sent = ::send(library_.number(), packets_.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
         packets_.erase(packets_.begin(), packets_.begin() + ssize_t(size));
-        serverGone_ = serverGone_ || sent != ssize_t(size); // no room for what one answer takes: of no use
+        serverGone_ = serverGone_ || sent != ssize_t(size); // a socket without room for one answer is useless
     }
     if (serverGone_)
         ::shutdown(library_.number(), SHUT_WR);

@@ -11,7 +11,7 @@
 
 namespace x11 {
 
-/// A file descriptor that closes itself.
+/// Owns a file descriptor.
 class Descriptor {
 public:
     explicit Descriptor(int number = -1) : number_(number) { }
@@ -43,14 +43,15 @@ public:
     /// The server is on this machine, behind a Unix socket.
     bool isLocal() const;
 
-    /// Passes on what libxcb has written, and receives what the server has sent. What either does not take is kept.
+    /// Passes on what libxcb has written, and receives what the server has sent. What cannot be passed on yet is
+    /// kept.
     void exchange();
 
-    /// Puts whole packets before libxcb, which has to read them before the next are put there. False when there are
-    /// none. When the server has gone, libxcb then sees the end.
+    /// Hands whole packets to libxcb, which has to read them before the next call. False when there are none. When
+    /// the server has ended, libxcb then sees the end of the stream.
     bool handOverPackets();
 
-    /// Until there is something to exchange; false when the time is over.
+    /// Waits until there is something to exchange; false when the time is over.
     bool wait(QDeadlineTimer deadline) const;
 
 private:
@@ -63,7 +64,7 @@ private:
     Descriptor server_;
     Descriptor library_; ///< the other end of libxcb's
     std::vector<uchar> requests_; ///< not yet sent
-    std::vector<Descriptor> attached_; ///< go with them; one at most, as nothing more is sent before it has gone
+    std::vector<Descriptor> attached_; ///< sent with them; at most one, as nothing is queued behind an unsent one
     std::vector<uchar> packets_; ///< received and not yet handed over; begins with the beginning of a packet
     bool serverGone_ = false;
 };
