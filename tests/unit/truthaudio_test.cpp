@@ -142,10 +142,8 @@ void TruthAudioTest::clips_data()
 {
     QTest::addColumn<Path>("path");
     QTest::addColumn<double>("driftMsPerMinute");
-    QTest::newRow("in step") << Path{} << 0.0;
     QTest::newRow("audio 25 ms late") << Path{25.0} << 0.0;
-    QTest::newRow("audio 30 ms early") << Path{-30.0} << 0.0;
-    QTest::newRow("audio drifts") << Path{0.0, 2.0} << 2.0;
+    QTest::newRow("audio 30 ms early, drifts") << Path{-30.0, 2.0} << 2.0;
     QTest::newRow("frames drift") << Path{10.0, 0.0, 3.0} << -3.0;
 }
 
@@ -153,12 +151,12 @@ void TruthAudioTest::clips()
 {
     QFETCH(const Path, path);
     QFETCH(const double, driftMsPerMinute);
-    constexpr double seconds = 12.0;
+    constexpr double seconds = 20.0; // a drift takes that long to be told from the grid of the frames
     const TruthReport report = measuredClip(seconds, path);
     QCOMPARE(report.error, QString());
     QVERIFY(report.audio);
     const QByteArray text = truthReportTable(report).toUtf8();
-    QVERIFY2(report.audio->flashes >= 9 && report.audio->missedBeeps == 0 && report.audio->strayBeeps == 0, text);
+    QVERIFY2(report.audio->flashes >= 17 && report.audio->missedBeeps == 0 && report.audio->strayBeeps == 0, text);
     for (const TruthBeep& beep : report.audio->beeps)
         QVERIFY2(about(beep.offsetMs, path.offsetMs + driftMsPerMinute * beep.fileMs / 60'000.0, 1.0), text);
     QVERIFY2(about(report.audio->meanMs, path.offsetMs + driftMsPerMinute * seconds / 120.0, 0.5), text);
