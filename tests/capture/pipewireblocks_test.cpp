@@ -4,6 +4,8 @@
 
 #include <QTest>
 
+#include <cstring>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -29,6 +31,7 @@ private Q_SLOTS:
     void keepsTheOrder();
     void goesRoundItsMemory();
     void leavesOutWhatFindsNoRoom();
+    void goesOnBeyondItsCounters();
     void readsAnyAlignment();
     void leavesOutEmptyBlocks();
     void servesTwoThreads();
@@ -72,23 +75,43 @@ void PipewireBlocksTest::leavesOutWhatFindsNoRoom()
 {
     BlockQueue queue;
     std::vector<float> samples;
-    constexpr auto all = qint64(BlockQueue::frameCapacity);
-    const std::vector<float> second = numbered(0, 48000);
-    for (int i = 0; i < 4; ++i)
-        QVERIFY(queue.push({i, i, 48000}, second.data()));
-    QVERIFY(!queue.push({4, 4, 1}, second.data()));
+    constexpr auto mostFrames = qint64((BlockQueue::byteCapacity - sizeof(AudioBlock)) / BlockQueue::frameBytes);
+    const std::vector<float> most = numbered(0, mostFrames);
+    QVERIFY(!queue.push({0, 0, mostFrames + 1}, most.data()));
+    QVERIFY(!queue.push({0, 0, std::numeric_limits<qint64>::max()}, most.data()));
+    QVERIFY(queue.push({0, 0, mostFrames}, most.data()));
+    QVERIFY(!queue.push({1, 1, 1}, most.data()));
     QVERIFY(queue.pop(samples));
-    QVERIFY(queue.push({5, 5, 48000}, second.data()));
-    QVERIFY(!queue.push({6, 6, all + 1}, second.data()));
+    QCOMPARE(samples, most);
+
+    constexpr qint64 quarter = mostFrames / 4 - 100;
+    for (int i = 0; i < 4; ++i)
+        QVERIFY(queue.push({i, i, quarter}, most.data()));
+    QVERIFY(!queue.push({4, 4, quarter}, most.data()));
+    QVERIFY(queue.pop(samples));
+    QVERIFY(queue.push({5, 5, quarter}, most.data()));
     for (const qint64 expected : {1, 2, 3, 5}) {
         const auto block = queue.pop(samples);
         QVERIFY(block);
         QCOMPARE(block->startNs, expected);
+        QCOMPARE(samples, numbered(0, quarter));
     }
+    QVERIFY(!queue.pop(samples));
+}
 
-    for (quint64 i = 0; i < BlockQueue::blockCapacity; ++i)
-        QVERIFY(queue.push({0, 0, 1}, second.data()));
-    QVERIFY(!queue.push({0, 0, 1}, second.data()));
+/// The ring counts its bytes with 32 bits.
+void PipewireBlocksTest::goesOnBeyondItsCounters()
+{
+    BlockQueue queue;
+    std::vector<float> samples;
+    constexpr qint64 frames = 200'003; // no divisor of the capacity
+    const std::vector<float> source = numbered(1, frames);
+    constexpr qint64 rounds = (qint64(1) << 32) / (frames * qint64(BlockQueue::frameBytes)) + 3;
+    for (qint64 i = 0; i < rounds; ++i) {
+        QVERIFY(queue.push({i, i, frames}, source.data()));
+        const auto block = queue.pop(samples);
+        QVERIFY(block && block->startNs == i && samples == source);
+    }
 }
 
 void PipewireBlocksTest::readsAnyAlignment()

@@ -7,16 +7,14 @@
 #include "streamowners.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
+#include <semaphore>
 #include <utility>
 
 namespace platform {
 
 struct Semaphore::Impl {
-    std::mutex mutex;
-    std::condition_variable signalled;
-    qint64 count = 0;
+    std::counting_semaphore<> semaphore{0};
 };
 
 Semaphore::Semaphore() : impl_(std::make_unique<Impl>()) { }
@@ -25,19 +23,12 @@ Semaphore::~Semaphore() = default;
 
 void Semaphore::signal()
 {
-    const std::lock_guard lock(impl_->mutex);
-    ++impl_->count;
-    impl_->signalled.notify_one();
+    impl_->semaphore.release();
 }
 
 bool Semaphore::wait(qint64 nanoseconds)
 {
-    std::unique_lock lock(impl_->mutex);
-    const auto limit = std::chrono::nanoseconds(nanoseconds);
-    if (!impl_->signalled.wait_for(lock, limit, [this] { return impl_->count > 0; }))
-        return false;
-    --impl_->count;
-    return true;
+    return impl_->semaphore.try_acquire_for(std::chrono::nanoseconds(nanoseconds));
 }
 
 struct AudioOutput::Impl {

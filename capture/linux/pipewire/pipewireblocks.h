@@ -3,10 +3,8 @@
 
 #include <QtGlobal>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstring>
+#include <spa/utils/ringbuffer.h>
+
 #include <memory>
 #include <optional>
 #include <vector>
@@ -22,60 +20,56 @@ struct AudioBlock {
 
 /**
  * One thread puts blocks in, one takes them out. Neither waits for the other, and putting in needs no memory from the
- * system. Holds 4 seconds; what finds no room is left out.
+ * system. Holds about 5 seconds; what finds no room is left out. Each block lies in the ring with its samples behind
+ * it.
  */
 class BlockQueue {
 public:
-    static constexpr quint64 frameCapacity = 4 * 48000;
-    static constexpr quint64 blockCapacity = 8192;
+    static constexpr quint32 byteCapacity = 1U << 21; ///< a power of 2: the ring's indices run over at 32 bits
     static constexpr std::size_t frameBytes = 2 * sizeof(float);
 
     /// For the thread that puts in. samples: block.frames pairs, of any alignment. False when it was left out.
     bool push(const AudioBlock& block, const void* samples)
     {
-        const auto frames = quint64(block.frames);
-        const quint64 put = blocksPut_.load(std::memory_order_relaxed);
-        const quint64 taken = blocksTaken_.load(std::memory_order_acquire);
-        const quint64 framesTaken = framesTaken_.load(std::memory_order_acquire);
-        if (block.frames <= 0 || put - taken == blockCapacity || framesPut_ - framesTaken + frames > frameCapacity)
+        quint32 index = 0;
+        const qint32 used = spa_ringbuffer_get_write_index(&ring_, &index);
+        const qint64 room = qint64(byteCapacity) - used - qint64(sizeof(block));
+        if (block.frames <= 0 || block.frames > room / qint64(frameBytes))
             return false;
-        const quint64 place = framesPut_ % frameCapacity;
-        const quint64 first = std::min(frames, frameCapacity - place);
-        const auto* bytes = static_cast<const char*>(samples);
-        std::memcpy(frames_.get() + place * 2, bytes, first * frameBytes);
-        std::memcpy(frames_.get(), bytes + first * frameBytes, (frames - first) * frameBytes);
-        blocks_[put % blockCapacity] = block;
-        framesPut_ += frames;
-        blocksPut_.store(put + 1, std::memory_order_release);
+        const auto bytes = quint32(block.frames) * quint32(frameBytes);
+        write(index, &block, sizeof(block));
+        write(index + quint32(sizeof(block)), samples, bytes);
+        spa_ringbuffer_write_update(&ring_, qint32(index + quint32(sizeof(block)) + bytes));
         return true;
     }
 
     /// For the thread that takes out: the oldest block, and its samples in place of what stereo held.
     std::optional<AudioBlock> pop(std::vector<float>& stereo)
     {
-        const quint64 taken = blocksTaken_.load(std::memory_order_relaxed);
-        if (taken == blocksPut_.load(std::memory_order_acquire))
+        quint32 index = 0;
+        if (spa_ringbuffer_get_read_index(&ring_, &index) == 0)
             return std::nullopt;
-        const AudioBlock block = blocks_[taken % blockCapacity];
-        const auto frames = quint64(block.frames);
-        const quint64 framesTaken = framesTaken_.load(std::memory_order_relaxed);
-        const quint64 place = framesTaken % frameCapacity;
-        const quint64 first = std::min(frames, frameCapacity - place);
-        stereo.resize(frames * 2);
-        std::memcpy(stereo.data(), frames_.get() + place * 2, first * frameBytes);
-        std::memcpy(stereo.data() + first * 2, frames_.get(), (frames - first) * frameBytes);
-        framesTaken_.store(framesTaken + frames, std::memory_order_release);
-        blocksTaken_.store(taken + 1, std::memory_order_release);
+        AudioBlock block;
+        read(index, &block, sizeof(block));
+        const auto bytes = quint32(block.frames) * quint32(frameBytes);
+        stereo.resize(std::size_t(block.frames) * 2);
+        read(index + quint32(sizeof(block)), stereo.data(), bytes);
+        spa_ringbuffer_read_update(&ring_, qint32(index + quint32(sizeof(block)) + bytes));
         return block;
     }
 
 private:
-    std::unique_ptr<float[]> frames_ = std::make_unique<float[]>(frameCapacity * 2);
-    std::array<AudioBlock, blockCapacity> blocks_;
-    quint64 framesPut_ = 0; // of the thread that puts in
-    std::atomic<quint64> blocksPut_ = 0;
-    std::atomic<quint64> framesTaken_ = 0;
-    std::atomic<quint64> blocksTaken_ = 0;
+    void write(quint32 index, const void* from, quint32 bytes)
+    {
+        spa_ringbuffer_write_data(&ring_, memory_.get(), byteCapacity, index % byteCapacity, from, bytes);
+    }
+    void read(quint32 index, void* to, quint32 bytes)
+    {
+        spa_ringbuffer_read_data(&ring_, memory_.get(), byteCapacity, index % byteCapacity, to, bytes);
+    }
+
+    spa_ringbuffer ring_{};
+    std::unique_ptr<char[]> memory_ = std::make_unique<char[]>(byteCapacity);
 };
 
 }
