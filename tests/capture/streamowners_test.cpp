@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 using streamowners::ApplicationSnapshot;
-using streamowners::ProcessFilter;
 using streamowners::Stream;
 
 namespace {
@@ -46,6 +45,13 @@ public:
 
 private:
     QProcess process_;
+};
+
+/// Asked by process ids.
+class ProcessFilter : public streamowners::ProcessFilter {
+public:
+    using streamowners::ProcessFilter::ProcessFilter;
+    bool accepts(qint64 pid) { return streamowners::ProcessFilter::accepts(ancestryOf(pid)); }
 };
 
 std::vector<qint64> childrenOf(qint64 pid)
@@ -132,7 +138,7 @@ private Q_SLOTS:
     void shellAndItsChild();
     void helperOfAPlayer();
     void orphanIsStillKnown();
-    void processWithoutAnId();
+    void processThatIsNone();
 
 private:
     std::unique_ptr<DisplayForTest> display_;
@@ -241,6 +247,10 @@ void StreamOwnersTest::serverThatHangs()
     const Idler first;
     const Idler second;
     ::kill(pid_t(display_->server.pid()), SIGSTOP);
+    // What is clear without it does not wait at all.
+    QCOMPARE(filter.acceptsAtOnce(filter.ancestryOf(wanted.pid())), std::optional(true));
+    QCOMPARE(filter.acceptsAtOnce(filter.ancestryOf(window.pid())), std::optional(false));
+    QCOMPARE(filter.acceptsAtOnce(filter.ancestryOf(first.pid())), std::optional<bool>());
     QElapsedTimer waiting;
     waiting.start();
     QVERIFY(!filter.accepts(window.pid()) && filter.accepts(wanted.pid()));
@@ -464,11 +474,10 @@ void StreamOwnersTest::orphanIsStillKnown()
     ::kill(pid_t(helper), SIGKILL);
 }
 
-void StreamOwnersTest::processWithoutAnId()
+void StreamOwnersTest::processThatIsNone()
 {
     const auto snapshot = ApplicationSnapshot::take({});
     ProcessFilter filter(snapshot, allBut(*snapshot, {::getpid()}));
-    QVERIFY(filter.accepts(0));
     QVERIFY(filter.accepts(qint64(1) << 40));
     QVERIFY(!filter.accepts(1));
     QVERIFY(filter.accepts(::getpid()));

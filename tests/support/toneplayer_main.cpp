@@ -1,13 +1,15 @@
 // toneplayer: plays a sine to PipeWire as an application of its own.
 //
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
-//              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1]
+//              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1] [--anonymous N]
 //
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
-// takes in a cycle. The schedule is in seconds; the stream is paused in the OFF parts, keeps its
-// phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N seconds or on
-// SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
+// takes in a cycle. Anonymous, it is connected as PipeWire's PulseAudio server is for its clients, so that the server
+// does not know its process until it says so, N seconds after the start. The schedule is in seconds; the stream is
+// paused in the OFF parts, keeps its phase over them, and goes on playing after the last part when that is an ON
+// part. Ends with 0 after N seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for
+// a wrong command line.
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -25,6 +27,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -41,6 +44,7 @@ struct Options {
     std::vector<double> schedule{1e6}; // seconds on, off, on, ...
     double seconds = 1e6;
     bool spread = false;
+    std::optional<double> anonymous; // seconds
 };
 
 std::optional<double> positiveNumber(const std::string& text)
@@ -85,6 +89,8 @@ bool readOption(const std::string& name, const std::string& value, Options& opti
         options.rate = uint32_t(number.value_or(0));
     else if (name == "--spread")
         options.spread = number.value_or(0) != 0;
+    else if (name == "--anonymous")
+        options.anonymous = number;
     else if (name == "--seconds")
         options.seconds = number.value_or(0);
     else
@@ -175,13 +181,17 @@ private:
     void setTimer(spa_source* timer, double seconds);
     void nextPart();
     void report();
+    void introduce();
     void end(int code);
 
     const Options& options_;
     Sine sine_;
     pw_main_loop* mainLoop_ = nullptr;
     pw_loop* loop_ = nullptr;
+    pw_context* context_ = nullptr;
+    pw_core* core_ = nullptr;
     pw_stream* stream_ = nullptr;
+    spa_hook hook_{};
     spa_source* partTimer_ = nullptr;
     spa_source* news_ = nullptr; // event: something to report
     const spa_io_position* position_ = nullptr; // set while the data thread does not run
@@ -198,6 +208,8 @@ Player::~Player()
 {
     if (stream_)
         pw_stream_destroy(stream_);
+    if (context_)
+        pw_context_destroy(context_);
     if (mainLoop_)
         pw_main_loop_destroy(mainLoop_);
 }
@@ -269,12 +281,18 @@ bool Player::connect()
         handlers.process = process;
         return handlers;
     }();
-    stream_ = pw_stream_new_simple(loop_, options_.name.c_str(),
-        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_APP_NAME,
-            options_.name.c_str(), nullptr),
-        &events, this);
+    pw_properties* anonymous = options_.anonymous
+        ? pw_properties_new(PW_KEY_CLIENT_API, "pipewire-pulse", PW_KEY_APP_PROCESS_ID, "0", nullptr)
+        : nullptr;
+    context_ = pw_context_new(loop_, anonymous, 0);
+    core_ = context_ ? pw_context_connect(context_, nullptr, 0) : nullptr;
+    stream_ = core_ ? pw_stream_new(core_, options_.name.c_str(),
+                  pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_APP_NAME,
+                      options_.name.c_str(), nullptr))
+                    : nullptr;
     if (!stream_)
         return false;
+    pw_stream_add_listener(stream_, &hook_, &events, this);
     std::array<uint8_t, 1024> memory;
     spa_pod_builder builder{};
     builder.data = memory.data();
@@ -305,6 +323,15 @@ void Player::nextPart()
     ++part_;
 }
 
+/// Says whose process it is.
+void Player::introduce()
+{
+    const std::string pid = std::to_string(::getpid());
+    const spa_dict_item item{PW_KEY_APP_PROCESS_ID, pid.c_str()};
+    const spa_dict properties{0, 1, &item};
+    pw_core_update_properties(core_, &properties);
+}
+
 int Player::run()
 {
     mainLoop_ = pw_main_loop_new(nullptr);
@@ -321,6 +348,11 @@ int Player::run()
     if (!connect()) {
         std::cerr << "toneplayer: no audio server" << std::endl;
         return 1;
+    }
+    if (options_.anonymous) {
+        spa_source* timer = pw_loop_add_timer(
+            loop_, [](void* self, uint64_t) { static_cast<Player*>(self)->introduce(); }, this);
+        setTimer(timer, *options_.anonymous);
     }
     nextPart();
     setTimer(endTimer, options_.seconds);

@@ -60,13 +60,19 @@ qint64 monotonicMs()
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
-pipewire::AudioCapture::ProcessFilter processFilter(const AudioFilter& filter)
+/// The X server is asked on another thread, and only where the process table does not decide.
+pipewire::ProcessFilter processFilter(const AudioFilter& filter)
 {
     if (!filter.excludedApplications)
         return nullptr;
     auto snapshot = std::static_pointer_cast<const streamowners::ApplicationSnapshot>(filter.content->native);
     auto accepting = std::make_shared<streamowners::ProcessFilter>(std::move(snapshot), *filter.excludedApplications);
-    return [accepting](qint64 processId) { return accepting->accepts(processId); };
+    return [accepting](qint64 processId) -> pipewire::Verdict {
+        auto ancestry = accepting->ancestryOf(processId);
+        if (const std::optional<bool> known = accepting->acceptsAtOnce(ancestry))
+            return *known;
+        return [accepting, ancestry = std::move(ancestry)] { return accepting->accepts(ancestry); };
+    };
 }
 
 AudioStreamDescription stereoFloat()

@@ -1,21 +1,18 @@
 // Looking up what can be heard, on a thread of its own for each request: the caller may give up at any time.
 #include "platform/audio.h"
 
+#include "backgroundtasks.h"
 #include "pipewireconnection.h"
 #include "pipewiregraph.h"
 #include "streamowners.h"
 
 #include <QFile>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <stop_token>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 namespace platform {
@@ -138,43 +135,15 @@ void lookUp(const std::stop_token& stop, const AudioContentCompletion& completio
     completion(std::move(content), std::nullopt);
 }
 
-/// The threads of the requests. They are asked to stop, and awaited, when the process ends.
-class LookUps {
-public:
-    void start(const AudioContentCompletion& completion)
-    {
-        const std::lock_guard lock(mutex_);
-        running_.remove_if([](const Running& running) { return running.finished.load(); });
-        Running& running = running_.emplace_back();
-        const auto work = [&running, completion](const std::stop_token& stop) {
-            lookUp(stop, completion);
-            running.finished = true;
-        };
-        try {
-            running.thread = std::jthread(work);
-        } catch (const std::system_error& error) { // no thread is to be had
-            running_.pop_back();
-            completion(nullptr, QString::fromLocal8Bit(error.what()));
-        }
-    }
-
-private:
-    struct Running {
-        std::atomic<bool> finished = false;
-        std::jthread thread; // ends first
-    };
-
-    std::mutex mutex_;
-    std::list<Running> running_;
-};
-
 }
 
 void requestAudioContent(
     bool /*excludeDesktopWindows*/, bool /*onScreenWindowsOnly*/, AudioContentCompletion completion)
 {
-    static LookUps lookUps;
-    lookUps.start(completion);
+    const bool started
+        = backgroundtasks::start([completion](const std::stop_token& stop) { lookUp(stop, completion); });
+    if (!started)
+        completion(nullptr, QStringLiteral("no thread is to be had"));
 }
 
 QString executablePath(qint64 processId)

@@ -6,7 +6,7 @@
 namespace pipewire {
 
 AudioCapture::AudioCapture(ProcessFilter processFilter, std::function<void(const QString& error)> lost)
-    : isWanted_(std::move(processFilter)), lost_(std::move(lost))
+    : lost_(std::move(lost))
 {
     QString error;
     connection_ = CoreConnection::open(CoreConnection::Purpose::AudioCapture, &error);
@@ -15,6 +15,8 @@ AudioCapture::AudioCapture(ProcessFilter processFilter, std::function<void(const
         return;
     }
     const LoopLock lock = connection_->lock();
+    if (processFilter)
+        decisions_ = std::make_unique<NodeDecisions>(std::move(processFilter), [this] { followDecision(); });
     connection_->setLostHandler([this](const QString& text) { reportLoss(text); });
     links_ = std::make_unique<LinkSet>(connection_->core());
     mirror_ = std::make_unique<GraphMirror>(connection_->core(), [this] { follow(); });
@@ -26,6 +28,7 @@ AudioCapture::AudioCapture(ProcessFilter processFilter, std::function<void(const
 
 AudioCapture::~AudioCapture()
 {
+    decisions_.reset(); // while the lock that it may wait for is free
     if (connection_)
         connection_->stop();
 }
@@ -42,7 +45,14 @@ void AudioCapture::follow()
     if (!input_ || !input_->node())
         return;
     const uint32_t capture = *input_->node();
-    links_->set(isWanted_ ? linksOfPrograms(capture) : linksOfSink(capture));
+    links_->set(decisions_ ? linksOfPrograms(capture) : linksOfSink(capture));
+}
+
+/// On the thread of the questions.
+void AudioCapture::followDecision()
+{
+    const LoopLock lock = connection_->lock();
+    follow();
 }
 
 std::set<PortPair> AudioCapture::linksOfSink(uint32_t capture)
@@ -55,13 +65,10 @@ std::set<PortPair> AudioCapture::linksOfSink(uint32_t capture)
 std::set<PortPair> AudioCapture::linksOfPrograms(uint32_t capture)
 {
     const Graph& graph = mirror_->graph();
-    std::erase_if(decisions_, [&](const auto& entry) { return graph.nodes.count(entry.first) == 0; });
+    decisions_->keepNodesOf(graph);
     std::set<uint32_t> wanted;
     for (const uint32_t id : playbackNodes(graph, capture)) {
-        auto decision = decisions_.find(id);
-        if (decision == decisions_.end())
-            decision = decisions_.emplace(id, isWanted_(ownerProcess(graph, *graph.nodes.at(id)))).first;
-        if (decision->second)
+        if (decisions_->of(id, ownerProcess(graph, *graph.nodes.at(id))).value_or(false))
             wanted.insert(id);
     }
     return playbackLinks(graph, wanted, capture);

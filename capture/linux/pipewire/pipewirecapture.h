@@ -1,6 +1,7 @@
 // AudioCapture: the audio of the default sink, or of the programs that are wanted, whatever comes and goes.
 #pragma once
 
+#include "nodedecisions.h"
 #include "pipewireconnection.h"
 #include "pipewiregraph.h"
 #include "pipewirelinks.h"
@@ -10,7 +11,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -19,12 +19,10 @@ namespace pipewire {
 
 /**
  * Used on one thread; callbacks run on the connection's, or before the call returns, and not after the destructor.
- * The processFilter is asked on the connection's thread, once for each playing node.
+ * A node is heard once it is decided that its process is wanted (see NodeDecisions); nothing waits for that.
  */
 class AudioCapture {
 public:
-    /// Whether the audio of that process is wanted.
-    using ProcessFilter = std::function<bool(qint64 processId)>;
     using Answer = CoreConnection::Answer;
 
     /// processFilter: null for the audio of the default sink. lost is called once, when there is no more audio to
@@ -43,20 +41,20 @@ public:
 
 private:
     void follow();
+    void followDecision();
     std::set<PortPair> linksOfSink(uint32_t capture);
     std::set<PortPair> linksOfPrograms(uint32_t capture);
     void reportLoss(const QString& error);
 
-    ProcessFilter isWanted_;
     std::function<void(const QString& error)> lost_;
     bool lossReported_ = false;
     std::optional<QString> error_;
-    std::map<uint32_t, bool> decisions_; // by playing node
 
     std::unique_ptr<CoreConnection> connection_; // null after a failure
     std::unique_ptr<CaptureStream> input_;
     std::unique_ptr<LinkSet> links_;
     std::unique_ptr<GraphMirror> mirror_;
+    std::unique_ptr<NodeDecisions> decisions_; // null for the audio of the default sink
 };
 
 }

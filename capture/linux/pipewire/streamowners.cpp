@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -34,7 +35,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// How long an answer of the X server holds for the processFilter, for streams come in bursts: this long, or this
-/// many times what it took, so that a server that hangs holds up the audio only once in a while.
+/// many times what it took, so that a server that hangs holds up the decisions only once in a while.
 constexpr std::chrono::milliseconds windowMemory{200};
 constexpr int windowMemoryPerWait = 10;
 
@@ -165,6 +166,10 @@ const std::vector<platform::AudioApplication>& ApplicationSnapshot::applications
 
 struct ProcessFilter::Impl {
     bool ownsWindow(const Identity& process);
+    bool isHeard(const Ancestry& ancestry, std::function<bool(const Identity&)> windowOwner) const
+    {
+        return processancestry::isHeard(ancestry, {snapshot->data().processes, applications, std::move(windowOwner)});
+    }
 
     std::shared_ptr<const ApplicationSnapshot> snapshot;
     std::map<Identity, processancestry::Application> applications;
@@ -198,14 +203,24 @@ ProcessFilter::ProcessFilter(std::shared_ptr<const ApplicationSnapshot> snapshot
 
 ProcessFilter::~ProcessFilter() = default;
 
-bool ProcessFilter::accepts(qint64 processId)
+Ancestry ProcessFilter::ancestryOf(qint64 processId) const
 {
-    if (processId == 0)
-        return true;
-    const Processes& then = impl_->snapshot->data().processes;
-    const processancestry::Knowledge knowledge{
-        then, impl_->applications, [this](const Identity& process) { return impl_->ownsWindow(process); }};
-    return processancestry::isHeard(processancestry::ancestry(processId, then, processtable::read), knowledge);
+    return processancestry::ancestry(processId, impl_->snapshot->data().processes, processtable::read);
+}
+
+std::optional<bool> ProcessFilter::acceptsAtOnce(const Ancestry& ancestry) const
+{
+    bool asked = false;
+    const bool heard = impl_->isHeard(ancestry, [&asked](const Identity&) {
+        asked = true;
+        return false;
+    });
+    return asked ? std::nullopt : std::optional(heard);
+}
+
+bool ProcessFilter::accepts(const Ancestry& ancestry)
+{
+    return impl_->isHeard(ancestry, [this](const Identity& process) { return impl_->ownsWindow(process); });
 }
 
 }

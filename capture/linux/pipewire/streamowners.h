@@ -6,10 +6,12 @@
 #pragma once
 
 #include "platform/audio.h"
+#include "processtable.h"
 
 #include <QString>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace streamowners {
@@ -40,7 +42,11 @@ private:
     std::unique_ptr<const Data> data_;
 };
 
-/// Decides for streams that appear later which of them a filter lets through. One thread at a time.
+/// A process, its parent, and so on.
+using Ancestry = std::vector<processtable::Identity>;
+
+/// Decides for streams that appear later which of them a filter lets through. An ancestry is that of one moment: take
+/// it when the stream appears, for parents end, and with them the proof.
 class ProcessFilter {
 public:
     /// excluded: indices into snapshot->applications().
@@ -49,10 +55,13 @@ public:
     ProcessFilter(const ProcessFilter&) = delete;
     ProcessFilter& operator=(const ProcessFilter&) = delete;
 
-    /// Whether the stream of this process is heard. It reads the process table and may ask the X server (bounded), so
-    /// ask once for each stream and keep the answer: parents end, and with them the proof. A process id of 0 belongs
-    /// to nobody that is left out.
-    bool accepts(qint64 processId);
+    /// Reads the process table. Any thread.
+    Ancestry ancestryOf(qint64 processId) const;
+    /// Whether the stream of the first of the ancestry is heard, or nothing when that is not clear without the X
+    /// server. Any thread.
+    std::optional<bool> acceptsAtOnce(const Ancestry& ancestry) const;
+    /// The same; may ask the X server (bounded). One thread at a time.
+    bool accepts(const Ancestry& ancestry);
 
 private:
     struct Impl;

@@ -1,0 +1,188 @@
+// Decisions on nodes: asked once, elsewhere, and nobody waits.
+#include "nodedecisions.h"
+
+#include "pipewiregraph.h"
+
+#include <QTest>
+
+#include <atomic>
+#include <memory>
+#include <semaphore>
+#include <thread>
+
+using namespace pipewire;
+
+namespace {
+
+constexpr int limitMs = 30'000; // against hanging
+
+/// A question that is answered when the test says so.
+struct SlowQuestion {
+    std::binary_semaphore asked{0};
+    std::binary_semaphore answered{0};
+    std::thread::id asker;
+
+    std::function<bool()> question()
+    {
+        return [this] {
+            asker = std::this_thread::get_id();
+            asked.release();
+            answered.acquire();
+            return true;
+        };
+    }
+};
+
+Graph graphOf(std::initializer_list<uint32_t> nodes)
+{
+    Graph graph;
+    for (const uint32_t node : nodes)
+        graph.nodes[node] = Node();
+    return graph;
+}
+
+}
+
+class NodeDecisionsTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void knownAtOnce();
+    void unknownProcessIsNotAskedFor();
+    void processThatBecomesKnown();
+    void nobodyWaitsForAQuestion();
+    void severalQuestions();
+    void answerAfterTheEnd();
+    void nodesThatHaveGoneAreForgotten();
+};
+
+void NodeDecisionsTest::knownAtOnce()
+{
+    int asked = 0;
+    NodeDecisions decisions(
+        [&asked](qint64 pid) -> Verdict {
+            ++asked;
+            return pid == 7;
+        },
+        [] { QFAIL("nothing was asked elsewhere"); });
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+    QCOMPARE(decisions.of(2, 8), std::optional(false));
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+    QCOMPARE(asked, 2);
+}
+
+/// It could be a program that is left out.
+void NodeDecisionsTest::unknownProcessIsNotAskedFor()
+{
+    int asked = 0;
+    NodeDecisions decisions(
+        [&asked](qint64) -> Verdict {
+            ++asked;
+            return true;
+        },
+        [] {});
+    QCOMPARE(decisions.of(1, 0), std::optional<bool>());
+    QCOMPARE(decisions.of(1, -1), std::optional<bool>());
+    QCOMPARE(asked, 0);
+}
+
+void NodeDecisionsTest::processThatBecomesKnown()
+{
+    NodeDecisions decisions([](qint64 pid) -> Verdict { return pid == 7; }, [] {});
+    QCOMPARE(decisions.of(1, 0), std::optional<bool>());
+    QCOMPARE(decisions.of(1, 8), std::optional(false));
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+}
+
+void NodeDecisionsTest::nobodyWaitsForAQuestion()
+{
+    SlowQuestion slow;
+    std::atomic<int> decided = 0;
+    NodeDecisions decisions(
+        [&slow](qint64 pid) -> Verdict {
+            if (pid == 7)
+                return slow.question();
+            return pid == 8;
+        },
+        [&decided] { ++decided; });
+    QCOMPARE(decisions.of(1, 7), std::optional<bool>());
+    slow.asked.acquire();
+    QCOMPARE(decisions.of(1, 7), std::optional<bool>());
+    QCOMPARE(decisions.of(2, 8), std::optional(true)); // nor does what is known wait for it
+    QCOMPARE(decided.load(), 0);
+    slow.answered.release();
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 1, limitMs);
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+    QVERIFY(slow.asker != std::this_thread::get_id());
+}
+
+void NodeDecisionsTest::severalQuestions()
+{
+    std::atomic<int> decided = 0;
+    std::atomic<int> atOnce = 0;
+    std::atomic<int> most = 0;
+    NodeDecisions decisions(
+        [&](qint64 pid) -> Verdict {
+            return [&, pid] {
+                most = std::max(most.load(), ++atOnce);
+                std::this_thread::yield();
+                --atOnce;
+                return pid % 2 == 1;
+            };
+        },
+        [&decided] { ++decided; });
+    for (uint32_t node = 1; node <= 50; ++node)
+        decisions.of(node, qint64(node));
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 50, limitMs);
+    for (uint32_t node = 1; node <= 50; ++node)
+        QCOMPARE(decisions.of(node, qint64(node)), std::optional(node % 2 == 1));
+    QCOMPARE(most.load(), 1);
+}
+
+/// The end does not wait for it, and nobody is told.
+void NodeDecisionsTest::answerAfterTheEnd()
+{
+    const auto slow = std::make_shared<SlowQuestion>();
+    std::atomic<int> decided = 0;
+    const auto returned = std::make_shared<std::atomic<bool>>(false);
+    {
+        NodeDecisions decisions(
+            [&](qint64) -> Verdict {
+                return [question = slow->question(), slow, returned] {
+                    const bool answer = question();
+                    *returned = true;
+                    return answer;
+                };
+            },
+            [&decided] { ++decided; });
+        decisions.of(1, 7);
+        slow->asked.acquire();
+        decisions.of(2, 8); // is not asked any more
+    }
+    slow->answered.release();
+    QTRY_VERIFY_WITH_TIMEOUT(returned->load(), limitMs);
+    QTest::qWait(50);
+    QCOMPARE(decided.load(), 0);
+    QVERIFY(!slow->asked.try_acquire());
+}
+
+void NodeDecisionsTest::nodesThatHaveGoneAreForgotten()
+{
+    int asked = 0;
+    NodeDecisions decisions(
+        [&asked](qint64) -> Verdict {
+            ++asked;
+            return true;
+        },
+        [] {});
+    decisions.of(1, 7);
+    decisions.of(2, 7);
+    decisions.keepNodesOf(graphOf({2}));
+    decisions.of(2, 7);
+    QCOMPARE(asked, 2);
+    decisions.of(1, 7);
+    QCOMPARE(asked, 3);
+}
+
+ORVANTIS_TEST(NodeDecisionsTest)
+#include "nodedecisions_test.moc"
