@@ -19,7 +19,7 @@
 class AudioTimeline {
 public:
     struct Block {
-        qint64 startNs = 0; ///< when its first sample plays
+        qint64 startNs = 0; ///< when its first sample is heard, which may be later than it became known
         qint64 arrivedNs = 0; ///< when it became known
     };
 

@@ -2,6 +2,7 @@
 #include "nodedecisions.h"
 
 #include "pipewiregraph.h"
+#include "testregistry.h"
 
 #include <QTest>
 

@@ -2,14 +2,16 @@
 //
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
 //              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1] [--anonymous N]
+//              [--beat 0|1]
 //
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
+// With a beat, there is audio only in the first tenth of each second of the monotonic clock.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
-// takes in a cycle. Anonymous, it is connected as PipeWire's PulseAudio server is for its clients, so that the server
-// does not know its process until it says so, N seconds after the start. The schedule is in seconds; the stream is
-// paused in the OFF parts, keeps its phase over them, and goes on playing after the last part when that is an ON
-// part. Ends with 0 after N seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for
-// a wrong command line.
+// takes in a cycle, and "latency MILLISECONDS": how long the server says that the audio takes to be heard. Anonymous,
+// it is connected as PipeWire's PulseAudio server is for its clients, so that the server does not know its process
+// until it says so, N seconds after the start. The schedule is in seconds; the stream is paused in the OFF parts,
+// keeps its phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N
+// seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -44,6 +46,7 @@ struct Options {
     std::vector<double> schedule{1e6}; // seconds on, off, on, ...
     double seconds = 1e6;
     bool spread = false;
+    bool beat = false;
     std::optional<double> anonymous; // seconds
 };
 
@@ -89,6 +92,8 @@ bool readOption(const std::string& name, const std::string& value, Options& opti
         options.rate = uint32_t(number.value_or(0));
     else if (name == "--spread")
         options.spread = number.value_or(0) != 0;
+    else if (name == "--beat")
+        options.beat = number.value_or(0) != 0;
     else if (name == "--anonymous")
         options.anonymous = number;
     else if (name == "--seconds")
@@ -135,12 +140,17 @@ public:
         return sample * (options_.format == SPA_AUDIO_FORMAT_F32P ? 1 : options_.channels);
     }
 
-    void fill(spa_buffer& buffer, uint32_t frames)
+    /// startNs: of the first frame, by the monotonic clock.
+    void fill(spa_buffer& buffer, uint32_t frames, int64_t startNs)
     {
         for (uint32_t i = 0; i < frames; ++i) {
+            const int64_t inSecondNs = (startNs + i * SPA_NSEC_PER_SEC / options_.rate) % SPA_NSEC_PER_SEC;
+            const bool silent = options_.beat && inSecondNs >= SPA_NSEC_PER_SEC / 10;
+            if (silent)
+                phase_ = 0;
             for (uint32_t channel = 0; channel < options_.channels; ++channel) {
                 const double multiple = options_.spread ? channel + 1 : 1;
-                set(buffer, i, channel, float(options_.amplitude * std::sin(multiple * phase_)));
+                set(buffer, i, channel, silent ? 0 : float(options_.amplitude * std::sin(multiple * phase_)));
             }
             phase_ = std::fmod(phase_ + 2 * pi * options_.frequency / options_.rate, 2 * pi);
         }
@@ -197,7 +207,9 @@ private:
     const spa_io_position* position_ = nullptr; // set while the data thread does not run
     std::atomic<uint64_t> quantum_{0};
     std::atomic<int> buffers_{0};
+    std::atomic<int64_t> latencyMs_{-1};
     uint64_t reportedQuantum_ = 0;
+    int64_t reportedLatencyMs_ = -1;
     bool announced_ = false;
     bool ended_ = false;
     bool failed_ = false;
@@ -244,6 +256,10 @@ void Player::report()
     if (quantum != reportedQuantum_)
         std::cout << "quantum " << quantum << std::endl;
     reportedQuantum_ = quantum;
+    const int64_t latency = latencyMs_;
+    if (latency != reportedLatencyMs_)
+        std::cout << "latency " << latency << std::endl;
+    reportedLatencyMs_ = latency;
     if (!announced_ && buffers_ >= 2)
         std::cout << "playing" << std::endl;
     announced_ = buffers_ >= 2;
@@ -258,7 +274,7 @@ void Player::fillBuffer()
     uint32_t frames = data.datas[0].maxsize / sine_.bytesPerFrame();
     if (buffer->requested)
         frames = std::min(frames, uint32_t(buffer->requested));
-    sine_.fill(data, frames);
+    sine_.fill(data, frames, position_ ? int64_t(position_->clock.nsec) : 0);
     for (uint32_t i = 0; i < data.n_datas; ++i) {
         data.datas[i].chunk->offset = 0;
         data.datas[i].chunk->stride = int32_t(sine_.bytesPerFrame());
@@ -266,7 +282,11 @@ void Player::fillBuffer()
     }
     pw_stream_queue_buffer(stream_, buffer);
     const uint64_t quantum = position_ ? position_->clock.duration : 0;
-    const bool changed = quantum_.exchange(quantum) != quantum;
+    pw_time time{};
+    pw_stream_get_time_n(stream_, &time, sizeof(time));
+    const int64_t latency = time.rate.denom ? time.delay * SPA_MSEC_PER_SEC * time.rate.num / time.rate.denom : 0;
+    const bool otherQuantum = quantum_.exchange(quantum) != quantum;
+    const bool changed = latencyMs_.exchange(latency) != latency || otherQuantum;
     if (++buffers_ == 2 || changed) // the first one is heard when the second is asked for
         pw_loop_signal_event(loop_, news_);
 }

@@ -56,6 +56,8 @@ void ToneProcess::readReports()
         const QByteArray line = process_.readLine().trimmed();
         if (line.startsWith("quantum "))
             quantum_ = line.mid(8).toInt();
+        if (line.startsWith("latency "))
+            latencies_.push_back(line.mid(8).toInt());
         plays_ = plays_ || line == "playing";
     }
 }
@@ -65,6 +67,13 @@ int ToneProcess::quantum()
     process_.waitForReadyRead(0); // fetches what no event loop has fetched yet
     readReports();
     return quantum_;
+}
+
+std::vector<int> ToneProcess::latencies()
+{
+    process_.waitForReadyRead(0);
+    readReports();
+    return latencies_;
 }
 
 bool ToneProcess::isPlaying()

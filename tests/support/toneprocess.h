@@ -5,6 +5,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <vector>
+
 /// Plays until the object goes or the player ends, to the audio server of the calling process's environment. The
 /// constructor returns once audio flows, or with isPlaying() false; errorString() then says why. One thread.
 class ToneProcess {
@@ -24,6 +26,8 @@ public:
     QString errorString() const { return error_; }
     /// Frames of a cycle of the graph, as the player reported last; 0 before the first report.
     int quantum();
+    /// How long the server said that the audio takes to be heard, in milliseconds; each value that it ever said.
+    std::vector<int> latencies();
     qint64 pid() const { return process_.processId(); }
 
     /// Asks it to end and waits. True when it ended in order.
@@ -34,6 +38,7 @@ private:
 
     QProcess process_;
     int quantum_ = 0;
+    std::vector<int> latencies_;
     bool plays_ = false; // once, at least
     QString error_;
 };

@@ -96,6 +96,8 @@ private Q_SLOTS:
     void waitsForAudioOnItsWay();
     void doesNotWaitTheLastTime();
     void holdsBack();
+    void holdsWhatIsHeardLater();
+    void latencyThatRisesAndFalls();
     void silenceWhenNothingComes();
     void audioAfterAStallLiesAtItsTime();
     void stallLastsThreeBlocksAtLeast();
@@ -192,6 +194,35 @@ void AudioTimelineTest::holdsBack()
     AudioTimeline timeline = started(8);
     append(timeline, 0, 480);
     QCOMPARE(left(timeline.deliver(startMs + 17)), joined(std::vector<qint64>(8 * 48, 0), range(1, 9 * 48)));
+}
+
+/// Audio that is heard 200 ms after it became known; the last 200 ms are not heard any more.
+void AudioTimelineTest::holdsWhatIsHeardLater()
+{
+    AudioTimeline timeline = started();
+    for (qint64 frame = 0; frame < 48 * quantum; frame += quantum)
+        timeline.append({atFrame(frame + 200 * 48), atFrame(frame)}, numbered(frame + 1, quantum));
+    QCOMPARE(left(timeline.deliver(startMs + 199)), std::vector<qint64>(199 * 48, 0));
+    QCOMPARE(left(timeline.deliver(startMs + 201)), joined(std::vector<qint64>(48, 0), range(1, 48)));
+    QCOMPARE(left(timeline.deliver(startMs + 1000, true)), range(49, 799 * 48));
+}
+
+/// Silence as long as what it rises by; what it falls by is left out.
+void AudioTimelineTest::latencyThatRisesAndFalls()
+{
+    AudioTimeline timeline = started();
+    constexpr qint64 rise = 100 * 48;
+    const auto appendAll = [&timeline](qint64 first, qint64 last, qint64 latency) {
+        for (qint64 frame = first; frame < last; frame += 480)
+            timeline.append({atFrame(frame + latency), atFrame(frame)}, numbered(frame + 1, 480));
+    };
+    appendAll(0, 9600, 0);
+    appendAll(9600, 19200, rise);
+    appendAll(19200, 28800, 0);
+    const std::vector<qint64> heard = left(timeline.deliver(startMs + 599)); // the resampler holds a few frames
+    std::vector<qint64> expected = joined(range(1, 9600), std::vector<qint64>(rise, 0));
+    expected = joined(expected, range(9601, 9600));
+    QCOMPARE(heard, joined(expected, range(19201 + rise, 9600 - rise - 48)));
 }
 
 void AudioTimelineTest::silenceWhenNothingComes()

@@ -13,7 +13,7 @@ namespace pipewire {
 
 /// What the data thread knows of a block of stereo float samples.
 struct AudioBlock {
-    qint64 startNs = 0; ///< when its first sample plays; monotonic clock
+    qint64 startNs = 0; ///< when its first sample is heard; monotonic clock
     qint64 arrivedNs = 0;
     qint64 frames = 0;
 };

@@ -1,6 +1,8 @@
 // Keeping the links as the graph demands.
 #include "pipewirecapture.h"
 
+#include "pipewirelatency.h"
+
 #include <utility>
 
 namespace pipewire {
@@ -58,8 +60,12 @@ void AudioCapture::followDecision()
 std::set<PortPair> AudioCapture::linksOfSink(uint32_t capture)
 {
     const std::optional<uint32_t> sink = defaultSinkNode(mirror_->graph());
-    input_->setMonitoredSink(sink);
-    return sink ? sinkLinks(mirror_->graph(), *sink, capture) : std::set<PortPair>();
+    if (!sink) {
+        input_->setSource({});
+        return {};
+    }
+    input_->setSource({*sink, sinkLatency(mirror_->graph(), *sink)});
+    return sinkLinks(mirror_->graph(), *sink, capture);
 }
 
 std::set<PortPair> AudioCapture::linksOfPrograms(uint32_t capture)
@@ -71,6 +77,9 @@ std::set<PortPair> AudioCapture::linksOfPrograms(uint32_t capture)
         if (decisions_->of(id, ownerProcess(graph, *graph.nodes.at(id))).value_or(false))
             wanted.insert(id);
     }
+    const spa_latency_info latency = longestLatency(graph, wanted);
+    input_->setSource({SPA_ID_INVALID, latency});
+    input_->tellLatency(latency); // before the links are asked for
     return playbackLinks(graph, wanted, capture);
 }
 

@@ -1,6 +1,7 @@
 // Following the server's registry.
 #include "pipewiregraph.h"
 
+#include <spa/param/latency-utils.h>
 #include <spa/utils/json.h>
 
 #include <array>
@@ -60,6 +61,14 @@ Node nodeFrom(const spa_dict* properties)
     node.applicationName = text(properties, PW_KEY_APP_NAME);
     node.applicationId = text(properties, PW_KEY_APP_ID);
     return node;
+}
+
+PortPair linkFrom(const spa_dict* properties)
+{
+    const auto id
+        = [&](const char* key) { return number<uint32_t>(properties, key).value_or(uint32_t(SPA_ID_INVALID)); };
+    return {id(PW_KEY_LINK_OUTPUT_NODE), id(PW_KEY_LINK_OUTPUT_PORT), id(PW_KEY_LINK_INPUT_NODE),
+        id(PW_KEY_LINK_INPUT_PORT)};
 }
 
 Port portFrom(const spa_dict* properties)
@@ -170,6 +179,31 @@ const pw_node_events GraphMirror::BoundNode::events = [] {
     return table;
 }();
 
+struct GraphMirror::BoundPort : Bound<pw_port> {
+    using Bound::Bound;
+
+    /// A port has a latency in either direction: what lies behind it, and what lies before it.
+    static void onParam(
+        void* data, int /*sequence*/, uint32_t id, uint32_t /*index*/, uint32_t /*next*/, const spa_pod* parameter)
+    {
+        auto* self = static_cast<BoundPort*>(data);
+        spa_latency_info latency{};
+        if (id != SPA_PARAM_Latency || !parameter || spa_latency_parse(parameter, &latency) < 0
+            || latency.direction != SPA_DIRECTION_INPUT)
+            return;
+        self->mirror->graph_.ports[self->id].latency = latency;
+        self->mirror->changed_();
+    }
+    static const pw_port_events events;
+};
+
+const pw_port_events GraphMirror::BoundPort::events = [] {
+    pw_port_events table{};
+    table.version = PW_VERSION_PORT_EVENTS;
+    table.param = &BoundPort::onParam;
+    return table;
+}();
+
 struct GraphMirror::BoundMetadata : Bound<pw_metadata> {
     using Bound::Bound;
 
@@ -240,12 +274,28 @@ void GraphMirror::add(uint32_t id, const char* type, const spa_dict* properties)
         auto& bound = nodes_[id] = std::make_unique<BoundNode>(this, id, proxy);
         listen(proxy, bound->hook, BoundNode::events, bound.get());
     } else if (kind == PW_TYPE_INTERFACE_Port && properties) {
-        graph_.ports[id] = portFrom(properties);
+        addPort(id, *properties);
+    } else if (kind == PW_TYPE_INTERFACE_Link && properties) {
+        graph_.links[id] = linkFrom(properties);
         changed_();
     } else if (kind == PW_TYPE_INTERFACE_Metadata && properties
         && text(properties, PW_KEY_METADATA_NAME) == "default") {
         addMetadata(id);
     }
+}
+
+void GraphMirror::addPort(uint32_t id, const spa_dict& properties)
+{
+    const Port& port = graph_.ports[id] = portFrom(&properties);
+    auto* proxy = port.output
+        ? nullptr
+        : static_cast<pw_port*>(pw_registry_bind(registry_.get(), id, PW_TYPE_INTERFACE_Port, PW_VERSION_PORT, 0));
+    if (proxy) {
+        auto& bound = ports_[id] = std::make_unique<BoundPort>(this, id, proxy);
+        listen(proxy, bound->hook, BoundPort::events, bound.get());
+        subscribe(proxy, SPA_PARAM_Latency);
+    }
+    changed_();
 }
 
 void GraphMirror::addMetadata(uint32_t id)
@@ -262,9 +312,11 @@ void GraphMirror::remove(uint32_t id)
 {
     clients_.erase(id);
     nodes_.erase(id);
+    ports_.erase(id);
     graph_.clients.erase(id);
     graph_.nodes.erase(id);
     graph_.ports.erase(id);
+    graph_.links.erase(id);
     if (metadata_ && metadata_->id == id)
         metadata_.reset(); // the sink stays the default until somebody says otherwise
     changed_();

@@ -5,12 +5,15 @@
 
 #include <QtGlobal>
 
+#include <spa/param/latency.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 
 namespace pipewire {
 
@@ -39,6 +42,23 @@ struct Port {
     bool output = false; ///< audio comes out of it
     bool monitor = false; ///< of a sink: what the sink plays
     std::string channel; ///< "FL", "MONO", ...; may be empty
+    /// Of an input port: how long what arrives there takes to be heard. Nothing while the server has not told.
+    std::optional<spa_latency_info> latency = std::nullopt;
+};
+
+/// From an output port to an input port.
+struct PortPair {
+    uint32_t outputNode = 0;
+    uint32_t outputPort = 0;
+    uint32_t inputNode = 0;
+    uint32_t inputPort = 0;
+
+    bool operator==(const PortPair&) const = default;
+    bool operator<(const PortPair& other) const
+    {
+        return std::tie(outputNode, outputPort, inputNode, inputPort)
+            < std::tie(other.outputNode, other.outputPort, other.inputNode, other.inputPort);
+    }
 };
 
 /// By the server's ids. A client or node is nothing as long as the server has not described it.
@@ -46,6 +66,7 @@ struct Graph {
     std::map<uint32_t, std::optional<Client>> clients;
     std::map<uint32_t, std::optional<Node>> nodes;
     std::map<uint32_t, Port> ports;
+    std::map<uint32_t, PortPair> links;
     std::string defaultSink; ///< name of a node; empty when there is none
 };
 
@@ -77,6 +98,7 @@ private:
     struct Bound;
     struct BoundClient;
     struct BoundNode;
+    struct BoundPort;
     struct BoundMetadata;
 
     static void onGlobal(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
@@ -85,6 +107,7 @@ private:
     static const pw_registry_events events;
 
     void add(uint32_t id, const char* type, const spa_dict* properties);
+    void addPort(uint32_t id, const spa_dict& properties);
     void addMetadata(uint32_t id);
     void remove(uint32_t id);
 
@@ -94,6 +117,7 @@ private:
     Hook registryHook_;
     std::map<uint32_t, std::unique_ptr<BoundClient>> clients_;
     std::map<uint32_t, std::unique_ptr<BoundNode>> nodes_;
+    std::map<uint32_t, std::unique_ptr<BoundPort>> ports_; // only those with an input, for their latency
     std::unique_ptr<BoundMetadata> metadata_; // the server's notes about defaults; null until found
 };
 

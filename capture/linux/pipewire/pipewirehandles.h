@@ -76,6 +76,17 @@ inline void listen(pw_node* node, Hook& hook, const pw_node_events& events, void
     pw_node_add_listener(node, hook.get(), &events, data);
 }
 
+inline void listen(pw_port* port, Hook& hook, const pw_port_events& events, void* data)
+{
+    pw_port_add_listener(port, hook.get(), &events, data);
+}
+
+/// Asks to be told a parameter of the port, now and whenever it changes.
+inline void subscribe(pw_port* port, uint32_t parameter)
+{
+    pw_port_subscribe_params(port, &parameter, 1);
+}
+
 inline void listen(pw_metadata* metadata, Hook& hook, const pw_metadata_events& events, void* data)
 {
     pw_metadata_add_listener(metadata, hook.get(), &events, data);

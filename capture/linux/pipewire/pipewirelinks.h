@@ -9,25 +9,9 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <tuple>
 #include <vector>
 
 namespace pipewire {
-
-/// From an output port to an input port.
-struct PortPair {
-    uint32_t outputNode = 0;
-    uint32_t outputPort = 0;
-    uint32_t inputNode = 0;
-    uint32_t inputPort = 0;
-
-    bool operator==(const PortPair&) const = default;
-    bool operator<(const PortPair& other) const
-    {
-        return std::tie(outputNode, outputPort, inputNode, inputPort)
-            < std::tie(other.outputNode, other.outputPort, other.inputNode, other.inputPort);
-    }
-};
 
 /// The node that the graph's default sink is; nothing when there is none yet.
 std::optional<uint32_t> defaultSinkNode(const Graph& graph);

@@ -1,8 +1,11 @@
 // The stream and its data thread.
 #include "pipewirestream.h"
 
+#include "pipewirelatency.h"
+
 #include <spa/node/io.h>
 #include <spa/param/audio/format-utils.h>
+#include <spa/param/latency-utils.h>
 #include <spa/param/props.h>
 
 #include <algorithm>
@@ -29,13 +32,13 @@ qint64 monotonicNs()
 pw_properties* streamProperties()
 {
     return pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_NODE_NAME,
-        "orvantis-recorder", PW_KEY_NODE_LATENCY, "8192/48000", PW_KEY_NODE_AUTOCONNECT, "false",
+        captureNodeName, PW_KEY_NODE_LATENCY, "8192/48000", PW_KEY_NODE_AUTOCONNECT, "false",
         PW_KEY_NODE_DONT_RECONNECT, "true", PW_KEY_NODE_ALWAYS_PROCESS, "true", nullptr);
 }
 
 struct Cycle {
     qint64 startNs;
-    qint64 durationNs;
+    CycleLength length;
 };
 
 /// Nothing when the clock makes no sense: it has not started, or it is not the monotonic one.
@@ -44,8 +47,14 @@ std::optional<Cycle> cycle(const spa_io_clock& clock, qint64 nowNs)
     const auto startNs = qint64(clock.nsec);
     if (clock.rate.num == 0 || clock.rate.denom == 0 || std::abs(nowNs - startNs) > nsPerSecond)
         return std::nullopt;
-    const double seconds = double(clock.duration) * clock.rate.num / clock.rate.denom;
-    return Cycle{startNs, qint64(seconds * double(nsPerSecond))};
+    const double frameNs = double(nsPerSecond) * clock.rate.num / clock.rate.denom;
+    return Cycle{startNs, {qint64(double(clock.duration) * frameNs), frameNs}};
+}
+
+bool sameLatency(const spa_latency_info& first, const spa_latency_info& second)
+{
+    spa_latency_info other = second; // the function leaves it as it is, but does not say so
+    return spa_latency_info_compare(&first, &other) == 0;
 }
 
 }
@@ -61,8 +70,7 @@ const pw_stream_events CaptureStream::events = [] {
 }();
 
 CaptureStream::CaptureStream(pw_core* core, Handlers handlers)
-    : core_(core), handlers_(std::move(handlers)),
-      stream_(pw_stream_new(core, "orvantis-recorder", streamProperties()))
+    : core_(core), handlers_(std::move(handlers)), stream_(pw_stream_new(core, captureNodeName, streamProperties()))
 {
     if (!stream_)
         return;
@@ -134,19 +142,49 @@ void CaptureStream::onIo(void* data, uint32_t id, void* area, uint32_t size)
 {
     if (id != SPA_IO_Position)
         return;
-    auto* self = static_cast<CaptureStream*>(data);
     const auto* position = size >= sizeof(spa_io_position) ? static_cast<const spa_io_position*>(area) : nullptr;
-    pw_data_loop* dataLoop = pw_context_get_data_loop(pw_core_get_context(self->core_));
-    constexpr bool untilDone = true;
-    pw_data_loop_invoke(dataLoop, &CaptureStream::setPosition, 0, &position, sizeof position, untilDone, self);
+    static_cast<CaptureStream*>(data)->setOnDataThread(&CaptureStream::position_, position);
 }
 
-/// On the data thread: once this has run, nobody looks at the old clock, whose memory goes then.
-int CaptureStream::setPosition(
-    spa_loop* /*loop*/, bool /*async*/, uint32_t /*sequence*/, const void* data, size_t /*size*/, void* input)
+/// Once this returns, the data thread does not look at the old value, whose memory may go then.
+template <typename Value>
+void CaptureStream::setOnDataThread(Value CaptureStream::*member, const Value& value)
 {
-    std::memcpy(&static_cast<CaptureStream*>(input)->position_, data, sizeof(const spa_io_position*));
-    return 0;
+    struct Change {
+        CaptureStream* self;
+        Value CaptureStream::*member;
+        Value value;
+    };
+    const Change change{this, member, value};
+    const auto apply = [](spa_loop*, bool, uint32_t, const void* data, size_t, void*) {
+        Change wanted;
+        std::memcpy(&wanted, data, sizeof(wanted));
+        wanted.self->*wanted.member = wanted.value;
+        return 0;
+    };
+    pw_data_loop* dataLoop = pw_context_get_data_loop(pw_core_get_context(core_));
+    constexpr bool untilDone = true;
+    pw_data_loop_invoke(dataLoop, apply, 0, &change, sizeof(change), untilDone, nullptr);
+}
+
+void CaptureStream::setSource(const Source& source)
+{
+    if (source.monitoredSink == source_.monitoredSink && sameLatency(source.latency, source_.latency))
+        return;
+    source_ = source;
+    setOnDataThread(&CaptureStream::currentSource_, source);
+}
+
+void CaptureStream::tellLatency(const spa_latency_info& latency)
+{
+    if (sameLatency(latency, toldLatency_))
+        return;
+    toldLatency_ = latency;
+    std::array<uint8_t, 512> memory;
+    spa_pod_builder builder{};
+    spa_pod_builder_init(&builder, memory.data(), memory.size());
+    const spa_pod* parameter = spa_latency_build(&builder, SPA_PARAM_Latency, &latency);
+    pw_stream_update_params(stream_.get(), &parameter, 1);
 }
 
 void CaptureStream::onProcess(void* data)
@@ -174,8 +212,9 @@ void CaptureStream::handleBuffer(const spa_buffer& buffer)
     block.frames = bytes / BlockQueue::frameBytes;
     if (const spa_io_position* position = position_) {
         if (const auto current = cycle(position->clock, block.arrivedNs)) {
-            const bool fromLastCycle = position->clock.id == monitoredSink_;
-            block.startNs = current->startNs - (fromLastCycle ? current->durationNs : 0);
+            const bool fromLastCycle = position->clock.id == currentSource_.monitoredSink;
+            block.startNs = current->startNs - (fromLastCycle ? current->length.cycleNs : 0)
+                + latencyNs(currentSource_.latency, current->length);
         }
     }
     blocks_.push(block, static_cast<const char*>(data.data) + offset);

@@ -6,7 +6,8 @@
 
 #include <QString>
 
-#include <atomic>
+#include <spa/param/latency.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -38,9 +39,18 @@ public:
 
     void setActive(bool active) { pw_stream_set_active(stream_.get(), active); }
 
-    /// The sink whose monitor is heard, or nothing. A sink that drives the graph has its audio ready only at the
-    /// beginning of the next cycle, so its blocks are a whole cycle older than the moment they come in.
-    void setMonitoredSink(std::optional<uint32_t> sink) { monitoredSink_ = sink.value_or(SPA_ID_INVALID); }
+    /// Where the audio comes from that arrives from now on, and how long it still takes to be heard.
+    struct Source {
+        /// The sink whose monitor is heard, or none. A sink that drives the graph has its audio ready only at the
+        /// beginning of the next cycle, so its blocks are a whole cycle older than the moment they come in.
+        uint32_t monitoredSink = SPA_ID_INVALID;
+        spa_latency_info latency{};
+    };
+    void setSource(const Source& source);
+
+    /// Tells those who play to this node the latency of those that they play to beside it: otherwise they would
+    /// believe in the middle between that and none, and move their video.
+    void tellLatency(const spa_latency_info& latency);
 
     std::optional<AudioBlock> takeBlock(std::vector<float>& stereo) { return blocks_.pop(stereo); }
 
@@ -49,7 +59,8 @@ private:
     static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state, const char* error);
     static void onControl(void* data, uint32_t id, const pw_stream_control* control);
     static void onIo(void* data, uint32_t id, void* area, uint32_t size);
-    static int setPosition(spa_loop* loop, bool async, uint32_t sequence, const void* data, size_t size, void* input);
+    template <typename Value>
+    void setOnDataThread(Value CaptureStream::*member, const Value& value);
     static void onProcess(void* data);
     void handleState(pw_stream_state state, const char* error);
     void handleControl(uint32_t id, const pw_stream_control& control);
@@ -61,8 +72,12 @@ private:
     Handlers handlers_;
     bool connected_ = false;
     std::optional<uint32_t> node_;
-    std::atomic<uint32_t> monitoredSink_ = SPA_ID_INVALID;
-    const spa_io_position* position_ = nullptr; // data thread; the graph's clock; null while not known
+    Source source_; // as it was set
+    spa_latency_info toldLatency_{};
+
+    // Of the data thread:
+    const spa_io_position* position_ = nullptr; // the graph's clock; null while not known
+    Source currentSource_;
     BlockQueue blocks_;
     StreamHandle stream_; // last but the hook: its data thread uses the rest
     Hook hook_;
