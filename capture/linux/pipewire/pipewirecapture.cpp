@@ -30,9 +30,8 @@ AudioCapture::AudioCapture(ProcessFilter processFilter, std::function<void(const
 
 AudioCapture::~AudioCapture()
 {
-    decisions_.reset(); // while the lock that it may wait for is free
     if (connection_)
-        connection_->stop();
+        connection_->stop(); // holds no lock, so that a decision that is being followed can end
 }
 
 void AudioCapture::setActive(bool active, Answer answer)

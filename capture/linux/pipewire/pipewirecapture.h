@@ -54,7 +54,7 @@ private:
     std::unique_ptr<CaptureStream> input_;
     std::unique_ptr<LinkSet> links_;
     std::unique_ptr<GraphMirror> mirror_;
-    std::unique_ptr<NodeDecisions> decisions_; // null for the audio of the default sink
+    std::unique_ptr<NodeDecisions> decisions_; // null for the audio of the default sink; last, for it calls follow()
 };
 
 }
