@@ -22,6 +22,7 @@
 #include "framegeometry.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QFuture>
 #include <QImage>
@@ -33,7 +34,6 @@
 #include <QString>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -91,13 +91,14 @@ public:
         const QString& audioSource, QObject* parent);
     ~GstRecorder() override;
 
-    /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file.
-    /// Defers itself in steps of 10 ms while the worker has not started.
+    /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file, but not
+    /// for longer than 5 s. Defers itself in steps of 10 ms while the worker has not started, and when it takes
+    /// longer.
     void stop();
 
-    /// What the destructor does to the file, with a bound: requests the end, waits for the worker, closes the
-    /// output. False when the worker did not end within the limit; the output is then left alone.
-    bool finishRecording(std::chrono::milliseconds limit);
+    /// For the time after the event loop: requests the end, waits for the worker, closes the output, and acknowledges
+    /// a stop that is deferred. False when the worker did not end in time; the output is then left alone.
+    bool finishRecording(QDeadlineTimer deadline);
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
@@ -133,6 +134,7 @@ private:
 
     void openWindowCapture();
     void retryStopLater();
+    bool endRecording(QDeadlineTimer deadline);
 
     // ==== capturedframe.cpp: one sample of the window (worker) ===============================================
 
@@ -246,6 +248,8 @@ private:
     std::atomic<bool> finalized{false}; // worker; the file is closed
     std::atomic<qint64> recordingStartedAtMs{0}; // worker; wall clock at which recordingClock was started
     bool stopAcknowledged = false; // main; the duration reply was sent
+    bool stopWaited = false; // main; stop() has waited in vain for the worker, and does not block again
+    bool stopRetryPending = false; // main; stop() will be called again by a timer
 
     // Clicks: guarded by clickMutex, clickoverlay.cpp.
     QMutex clickMutex;
