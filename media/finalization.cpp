@@ -10,7 +10,7 @@
 void GstRecorder::closeOutput()
 {
     // 1. No more audio, no more conversions.
-    stopAudioCapture();
+    attempt([this] { stopAudioCapture(); });
     sws_freeContext(swsContext);
     swsContext = nullptr;
     swr_free(&audioResampler);

@@ -34,6 +34,7 @@
 #include <QString>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -144,7 +145,10 @@ private:
 
     struct LoopState;
     void runRecordingLoop();
-    void recordUntilStopped(LoopState& loop);
+    bool attempt(const std::function<void()>& step);
+    void logException(const char* what);
+    void takePass(LoopState& loop);
+    void waitWithoutImage(LoopState& loop);
     bool warmingUp(LoopState& loop) const;
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
     void rehearse(const CapturedFrame& frame);
@@ -238,6 +242,7 @@ private:
     // Worker and clock.
     QFuture<void> worker; // main thread
     QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) before it stores recordingStartedAtMs
+    bool exceptionLogged = false; // worker; the first exception was logged
     quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
 
     // Flags between the threads: release stores, acquire loads; each is written by one side only.
