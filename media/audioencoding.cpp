@@ -6,6 +6,7 @@
 #include "audioalignment.h"
 #include "audioencoderchoice.h"
 #include "averror.h"
+#include "pacing.h"
 #include "packetwriting.h"
 #include "recorderaudiocapture.h"
 
@@ -18,6 +19,10 @@
 namespace {
 
 constexpr std::size_t mostPlanes = 8;
+
+/// Microseconds that audio waits in memory for frames, which come holdMs after it. While a window is hidden none
+/// come, and the audio has to reach the file all the same.
+constexpr qint64 longestInterleaveWait = (pacing::holdMs + 2000) * 1000;
 
 qint64 batchMs(const QList<RecorderAudioCapture::Chunk>& chunks, int rate)
 {
@@ -189,6 +194,7 @@ bool GstRecorder::encodeAudioSamples(int samples)
         return false;
     frame->pts = audioSamplesWritten;
     audioSamplesWritten += samples;
+    formatContext->max_interleave_delta = longestInterleaveWait; // not before: frames wait longer for audio to begin
     const int status = avcodec_send_frame(audioCodecContext, frame.get());
     frame.reset();
     if (status < 0) {

@@ -101,9 +101,12 @@ void GstRecorder::takePass(LoopState& loop)
     loop.advance(nowMs);
 }
 
-void GstRecorder::waitWithoutImage(LoopState&)
+/// What has been held long enough is written also while nothing new comes: a window may be hidden for hours.
+void GstRecorder::waitWithoutImage(LoopState& loop)
 {
     takeAudio();
+    if (recordingClock.isValid())
+        attempt([&] { drainQueue(loop.queue, recordingClock.elapsed() - holdMs, false); });
     QThread::msleep(ulong(sleepAfterNoImageMs));
 }
 

@@ -1,10 +1,12 @@
 // The recording loop with windows that stall, vanish, change or never show, and with every early stop.
 #include "numberedwindow.h"
+#include "pacing.h"
 #include "privatetempdir.h"
 #include "recordedframes.h"
 #include "recorderbench.h"
 #include "testregistry.h"
 
+#include <QDateTime>
 #include <QThread>
 
 namespace {
@@ -27,6 +29,7 @@ private Q_SLOTS:
     void stopAfterASecondKeepsEveryFrame();
     void stallIsNotCaughtUpInABurst();
     void vanishedWindowIsWaitedFor();
+    void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
     void unchangedWindowIsRecordedAllTheSame();
     void pointerIsRecorded();
@@ -191,6 +194,26 @@ void RecordingLoopTest::vanishedWindowIsWaitedFor()
     QCOMPARE(bench_->log.count(QStringLiteral("macOS CoreGraphics capture returned no image for window 42")), 1);
     const QList<qint64> asked = window_->askedAtMs();
     QVERIFY(asked[22] - asked[21] >= 49);
+}
+
+void RecordingLoopTest::whatWaitsIsWrittenWhileThereIsNoImage()
+{
+    std::atomic<bool> shows{true};
+    window_->beforeImage = [&](int) { return shows.load(); };
+    make();
+    waitForRecordedImages(10);
+    shows = false;
+    const qint64 hiddenAtMs = QDateTime::currentMSecsSinceEpoch();
+    QTRY_COMPARE_WITH_TIMEOUT(window_->liveFrames(), 0, patienceMs); // the delay queue has let go of every frame
+    QVERIFY(QDateTime::currentMSecsSinceEpoch() - hiddenAtMs > pacing::holdMs - 500); // and not before their time
+    QVERIFY(!probe().stopRequested().load());
+    const int shown = window_->asked();
+    shows = true;
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > shown + 5, patienceMs);
+    stopAndRead();
+    QVERIFY(frames_.size() >= 15);
+    for (qsizetype i = 1; i < frames_.size(); ++i)
+        QVERIFY(frames_[i].ptsMs > frames_[i - 1].ptsMs);
 }
 
 void RecordingLoopTest::changingSizesAreLetterboxed()
