@@ -52,11 +52,12 @@ void GstRecorder::addClick(
 
     const qint64 nowAtMs = QDateTime::currentMSecsSinceEpoch();
     const qint64 receiveDelayMs = timestampMs >= 1 ? nowAtMs - timestampMs : 0;
-    // The worker starts the clock before it stores this, so the clock may be read once this is set.
     const qint64 startedAtMs = recordingStartedAtMs.load(std::memory_order_acquire);
     qint64 rawMs = 0;
-    if (startedAtMs >= 1)
-        rawMs = std::max<qint64>(timestampMs >= 1 ? timestampMs - startedAtMs : recordingClock.elapsed(), 0);
+    if (timestampMs >= 1 && startedAtMs >= 1)
+        rawMs = std::max<qint64>(timestampMs - startedAtMs, 0);
+    else if (recordingClock.isValid()) // started under this lock
+        rawMs = std::max<qint64>(recordingClock.elapsed(), 0);
 
     const qint64 key = freeClickKey.take(clicks, rawMs);
     clicks.insert(key, click);

@@ -153,6 +153,7 @@ private:
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
     void rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
+    void setClock(bool runs);
     void startAudio();
     void takeAudio(bool last = false);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
@@ -241,7 +242,7 @@ private:
 
     // Worker and clock.
     QFuture<void> worker; // main thread
-    QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) before it stores recordingStartedAtMs
+    QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) under clickMutex, read by both
     bool exceptionLogged = false; // worker; the first exception was logged
     quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
 

@@ -8,6 +8,7 @@
 
 #include <QDateTime>
 #include <QDebug>
+#include <QMutexLocker>
 #include <QScopeGuard>
 #include <QThread>
 
@@ -46,7 +47,7 @@ void GstRecorder::runRecordingLoop()
         return;
     LoopState loop;
     loop.timer.start();
-    recordingClock.invalidate();
+    setClock(false);
     attempt([&] { loop.queue.reserve(queueReserve); });
     while (!stopRequested.load(std::memory_order_acquire)) {
         if (!attempt([&] { takePass(loop); }))
@@ -153,7 +154,7 @@ void GstRecorder::announceFrameCome()
 void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 {
     if (!recordingClock.isValid()) {
-        recordingClock.start();
+        setClock(true);
         recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
         startAudio();
     }
@@ -165,6 +166,16 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     loop.queue.append({std::move(frame), elapsedMs});
     drainQueue(loop.queue, elapsedMs - holdMs, false);
     takeAudio();
+}
+
+/// Under the lock of addClick(), which reads the clock on its own thread.
+void GstRecorder::setClock(bool runs)
+{
+    const QMutexLocker lock(&clickMutex);
+    if (runs)
+        recordingClock.start();
+    else
+        recordingClock.invalidate();
 }
 
 /// Audio begins with the recording clock: its first sample belongs to the first recorded frame.

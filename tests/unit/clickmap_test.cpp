@@ -19,6 +19,7 @@ private Q_SLOTS:
     void keyIsTheTimeSinceTheStart();
     void keyOfAClickBeforeTheStartIsZero();
     void keyWithoutATimestampIsTheTimeOfArrival();
+    void keyWhileTheClockRunsWithoutAStartTime();
     void keyBeforeTheRecordingStartsIsZero_data();
     void keyBeforeTheRecordingStartsIsZero();
     void clicksOfOneTimeGetFollowingKeys();
@@ -76,6 +77,20 @@ void ClickMapTest::keyWithoutATimestampIsTheTimeOfArrival()
         QVERIFY(before <= keys().first());
         QVERIFY(keys().first() <= after + 2); // the keys of the rounds before may be stepped over
         QVERIFY(keys().first() >= 3);
+    }
+}
+
+/// The worker starts the clock a moment before it says when.
+void ClickMapTest::keyWhileTheClockRunsWithoutAStartTime()
+{
+    probe().recordingClock().start();
+    QTest::qSleep(3);
+    for (const qint64 timestampMs : {0, 1000500}) {
+        probe().clicks().clear();
+        bench_->recorder->addClick(10, 20, -1, -1, timestampMs);
+        QCOMPARE(keys().size(), 1);
+        QVERIFY(keys().first() >= 3);
+        QVERIFY(keys().first() <= probe().recordingClock().elapsed() + 1);
     }
 }
 

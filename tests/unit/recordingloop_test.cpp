@@ -32,6 +32,7 @@ private Q_SLOTS:
     void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
     void unchangedWindowIsRecordedAllTheSame();
+    void clicksArriveWhileTheClockStarts();
     void pointerIsRecorded();
     void drainStopsAtTheLimit_data();
     void drainStopsAtTheLimit();
@@ -252,6 +253,23 @@ void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
     QVERIFY(frames_.size() > 5);
     for (const RecordedFrame& frame : std::as_const(frames_))
         QCOMPARE(frame.number, 255);
+}
+
+/// The launcher's clicks and the worker's first frame meet at the clock.
+void RecordingLoopTest::clicksArriveWhileTheClockStarts()
+{
+    make();
+    QElapsedTimer limit;
+    limit.start();
+    while (probe().recordingStartedAtMs().load() == 0 && limit.elapsed() < patienceMs) {
+        recorder_->addClick(80, 48, -1, -1, 0);
+        QTest::qSleep(1);
+    }
+    recorder_->addClick(80, 48, -1, -1, 0);
+    QVERIFY(probe().recordingStartedAtMs().load() > 0);
+    recorder_->stop();
+    QVERIFY(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")) > 100);
+    QVERIFY(probe().clicks().lastKey() < qint64(limit.elapsed()) + 1000);
 }
 
 void RecordingLoopTest::pointerIsRecorded()
