@@ -11,6 +11,7 @@
 #include <QPointF>
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -37,12 +38,6 @@ void GstRecorder::addClick(
     double globalX, double globalY, double normalizedX, double normalizedY, long long timestampMs)
 {
     const QMutexLocker lock(&clickMutex);
-    if (clicks.size() >= mostPendingClicks) {
-        if (!clickLimitLogged)
-            qWarning() << "Recorder ignores further mouse clicks while as many are pending:" << clicks.size();
-        clickLimitLogged = true;
-        return;
-    }
     MouseClick click{globalX, globalY, 0.0, 0.0, false};
     if (isFraction(normalizedX) && isFraction(normalizedY)) {
         click.normalizedX = normalizedX;
@@ -60,12 +55,30 @@ void GstRecorder::addClick(
         rawMs = std::max<qint64>(recordingClock.elapsed(), 0);
 
     const qint64 key = freeClickKey.take(clicks, rawMs);
+    if (clicks.size() >= mostPendingClicks && !makeRoomForClick(key)) {
+        freeClickKey.giveBack();
+        return;
+    }
     clicks.insert(key, click);
     qDebug() << "Recorder mouse click received"
              << "global" << QPointF(globalX, globalY) << "normalized" << QPointF(click.normalizedX, click.normalizedY)
              << "has normalized" << click.hasNormalized << "timestamp" << timestampMs << "receive delay ms"
              << receiveDelayMs << "raw recording ms" << rawMs << "overlay delay ms" << overlayDelayMs
              << "display recording ms" << key;
+}
+
+/// At the limit the click that is farthest ahead gives way: its frame comes last, or never when its time is wrong.
+/// False when that is the new one.
+bool GstRecorder::makeRoomForClick(qint64 key)
+{
+    if (!clickLimitLogged) {
+        qWarning() << "Recorder drops the mouse clicks farthest ahead while as many are pending:" << clicks.size();
+        clickLimitLogged = true;
+    }
+    if (key > clicks.lastKey())
+        return false;
+    clicks.erase(std::prev(clicks.end())); // no part of the run that the new key ends
+    return true;
 }
 
 /// A copy of the clicks that a frame of this time shows, in the order of their keys; what no later frame can show is

@@ -170,6 +170,7 @@ private:
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
+    bool makeRoomForClick(qint64 key);
     std::vector<LiveClick> liveClicks(long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
