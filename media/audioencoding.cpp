@@ -274,7 +274,7 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
             qWarning() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration);
+        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, wholeBytes);
         if (status < 0) {
             qWarning() << writeError << avErrorString(status);
             return false;

@@ -104,7 +104,8 @@ bool GstRecorder::writeVideoPackets(const char* receiveError, const char* writeE
             qCritical() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs);
+        status = writePacket(
+            *packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs, wholeBytes);
         if (status < 0) {
             qCritical() << writeError << avErrorString(status);
             return false;

@@ -221,6 +221,7 @@ private:
     // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
 
     void closeOutput();
+    void returnToLastWhole();
 
     // ==== data, in the order of construction =================================================================
 
@@ -277,6 +278,7 @@ private:
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
+    int64_t wholeBytes = 0; // of the file, when the last packet was written without an error; packetwriting.cpp
     qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
 
     // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
