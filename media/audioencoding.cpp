@@ -20,6 +20,9 @@ namespace {
 
 constexpr std::size_t mostPlanes = 8;
 
+/// Samples of silence that are queued before they are encoded: about 11 s, 4 MB. A gap may be hours long.
+constexpr int largestPadding = 1 << 19;
+
 /// Microseconds that audio waits in memory for frames, which come holdMs after it. While a window is hidden none
 /// come, and the audio has to reach the file all the same.
 constexpr qint64 longestInterleaveWait = (pacing::holdMs + 2000) * 1000;
@@ -68,8 +71,13 @@ bool GstRecorder::encodePendingAudio(bool last)
         if (!queueAudioChunk(chunk.pcm, chunk.frames, cursorMs))
             return false;
     }
-    bool result = !aligned || padAudioToElapsedClock(elapsedMs);
+    return (!aligned || padAudioToElapsedClock(elapsedMs)) && encodeFullAudioFrames();
+}
+
+bool GstRecorder::encodeFullAudioFrames()
+{
     const int frameSize = audioencoderchoice::frameSize(*audioCodecContext);
+    bool result = true;
     while (result && av_audio_fifo_size(audioFifo) >= frameSize)
         result = encodeAudioSamples(frameSize);
     return result;
@@ -154,7 +162,12 @@ bool GstRecorder::padAudioToElapsedClock(qint64 elapsedMs)
         qWarning() << "Audio clock gap is too large to pad:" << missing;
         return false;
     }
-    return padAudioFifoWithSilence(*samples);
+    int left = *samples;
+    for (; left > largestPadding; left -= largestPadding) {
+        if (!padAudioFifoWithSilence(largestPadding) || !encodeFullAudioFrames())
+            return false;
+    }
+    return padAudioFifoWithSilence(left);
 }
 
 bool GstRecorder::padAudioFifoWithSilence(int samples)

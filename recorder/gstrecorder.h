@@ -201,6 +201,7 @@ private:
     bool encodePendingAudio(bool last = false);
     bool padAudioToElapsedClock(qint64 elapsedMs);
     bool padAudioFifoWithSilence(int samples);
+    bool encodeFullAudioFrames();
     bool encodeAudioSamples(int samples);
     bool drainAudioEncoder();
     void stopAudioCapture();
