@@ -6,7 +6,6 @@
 
 #include <QDateTime>
 #include <QDebug>
-#include <QMutexLocker>
 #include <QPainter>
 #include <QPointF>
 
@@ -37,7 +36,7 @@ std::optional<QPointF> clickInImage(const GstRecorder::MouseClick& click, const 
 void GstRecorder::addClick(
     double globalX, double globalY, double normalizedX, double normalizedY, long long timestampMs)
 {
-    const QMutexLocker lock(&clickMutex);
+    const CheckedLock lock(clickMutex);
     MouseClick click{globalX, globalY, 0.0, 0.0, false};
     if (isFraction(normalizedX) && isFraction(normalizedY)) {
         click.normalizedX = normalizedX;
@@ -85,7 +84,7 @@ bool GstRecorder::makeRoomForClick(qint64 key)
 /// dropped. A click that arrives meanwhile waits for the next frame.
 std::vector<GstRecorder::LiveClick> GstRecorder::liveClicks(long long timestampMs)
 {
-    const QMutexLocker lock(&clickMutex);
+    const CheckedLock lock(clickMutex);
     const auto expired = [timestampMs](const QMap<qint64, MouseClick>::iterator& entry) {
         return clickmarker::expired(timestampMs, entry.key());
     };

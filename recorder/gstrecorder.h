@@ -17,6 +17,7 @@
 #pragma once
 
 #include "avhandles.h"
+#include "checkedlock.h"
 #include "clickkeys.h"
 #include "compositionsource.h"
 #include "framegeometry.h"
@@ -28,7 +29,6 @@
 #include <QImage>
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QObject>
 #include <QRect>
 #include <QString>
@@ -170,7 +170,7 @@ private:
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
-    bool makeRoomForClick(qint64 key);
+    bool makeRoomForClick(qint64 key) REQUIRES(clickMutex);
     std::vector<LiveClick> liveClicks(long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
@@ -260,11 +260,11 @@ private:
     bool stopWaited = false; // main; stop() has waited in vain for the worker, and does not block again
     bool stopRetryPending = false; // main; stop() will be called again by a timer
 
-    // Clicks: guarded by clickMutex, clickoverlay.cpp.
-    QMutex clickMutex;
-    QMap<qint64, MouseClick> clicks; // keyed by recording milliseconds
-    FreeKeyHint freeClickKey; // makes a flood of clicks at one time cheap
-    bool clickLimitLogged = false;
+    // Clicks, clickoverlay.cpp.
+    CheckedMutex clickMutex;
+    QMap<qint64, MouseClick> clicks GUARDED_BY(clickMutex); // keyed by recording milliseconds
+    FreeKeyHint freeClickKey GUARDED_BY(clickMutex); // makes a flood of clicks at one time cheap
+    bool clickLimitLogged GUARDED_BY(clickMutex) = false;
 
     // The image that was composed last: worker, framecomposition.cpp.
     QImage composedImage; // its memory serves the next one, too

@@ -8,7 +8,6 @@
 
 #include <QDateTime>
 #include <QDebug>
-#include <QMutexLocker>
 #include <QScopeGuard>
 #include <QThread>
 
@@ -171,7 +170,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 /// Under the lock of addClick(), which reads the clock on its own thread.
 void GstRecorder::setClock(bool runs)
 {
-    const QMutexLocker lock(&clickMutex);
+    const CheckedLock lock(clickMutex);
     if (runs)
         recordingClock.start();
     else
