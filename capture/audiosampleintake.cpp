@@ -4,7 +4,6 @@
 #include "recorderaudiocapture_p.h"
 
 #include <QDebug>
-#include <QMutexLocker>
 #include <QtEndian>
 
 #include <algorithm>
@@ -145,7 +144,7 @@ void RecorderAudioCapturePrivate::handleAudioSampleBuffer(const platform::AudioS
     list->owner.reset();
     if (!chunk)
         return;
-    const QMutexLocker locker(&mutex);
+    const CheckedLock lock(mutex);
     chunks.append(std::move(*chunk));
 }
 
@@ -154,7 +153,7 @@ QList<RecorderAudioCapture::Chunk> RecorderAudioCapture::readAvailable()
     QList<Chunk> taken;
     if (!d)
         return taken;
-    const QMutexLocker locker(&d->mutex);
+    const CheckedLock lock(d->mutex);
     taken.swap(d->chunks);
     return taken;
 }

@@ -97,7 +97,7 @@ QImage MacWindowCapture::capture(QRect* bounds) const
     if (image.cacheKey() != lastSourceKey) {
         lastIsOpaque = isOpaqueImage(image);
         lastImage = lastIsOpaque ? sharedAsArgb32(image) : image.convertToFormat(QImage::Format_ARGB32);
-        lastSourceKey = image.cacheKey();
+        lastSourceKey = lastImage.isNull() ? 0 : image.cacheKey(); // what found no memory is tried again
     }
     return lastImage;
 }

@@ -101,6 +101,8 @@ std::shared_ptr<const platform::AudioContent> RecorderAudioCapturePrivate::lookU
         qWarning() << "macOS ScreenCaptureKit shareable content lookup failed:" << *pending->result.error;
         return nullptr;
     }
+    if (!pending->result.content)
+        qWarning() << "macOS ScreenCaptureKit shareable content lookup gave neither content nor an error.";
     return pending->result.content;
 }
 

@@ -1,10 +1,9 @@
 // RecorderAudioCapturePrivate: the state behind RecorderAudioCapture. Internal to capture/ and its tests.
 #pragma once
 
+#include "checkedlock.h"
 #include "platform/audio.h"
 #include "recorderaudiocapture.h"
-
-#include <QMutex>
 
 #include <memory>
 #include <vector>
@@ -34,8 +33,8 @@ public:
     bool appOnly = false; ///< device begins with "app-pid:"
     qint64 appPid = 0; ///< 0 when not app-only or not a number above 0
 
-    QMutex mutex; ///< guards chunks; held for an append or a move only
-    QList<RecorderAudioCapture::Chunk> chunks;
+    CheckedMutex mutex; ///< held for an append or a move only
+    QList<RecorderAudioCapture::Chunk> chunks GUARDED_BY(mutex);
 
     std::unique_ptr<platform::AudioStream> stream; ///< null until configured
     std::unique_ptr<platform::AudioOutput> output;

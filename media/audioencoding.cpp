@@ -6,6 +6,7 @@
 #include "audioalignment.h"
 #include "audioencoderchoice.h"
 #include "averror.h"
+#include "pacing.h"
 #include "packetwriting.h"
 #include "recorderaudiocapture.h"
 
@@ -18,6 +19,13 @@
 namespace {
 
 constexpr std::size_t mostPlanes = 8;
+
+/// Samples of silence that are queued before they are encoded: about 11 s, 4 MB. A gap may be hours long.
+constexpr int largestPadding = 1 << 19;
+
+/// Microseconds that audio waits in memory for frames, which come holdMs after it. While a window is hidden none
+/// come, and the audio has to reach the file all the same.
+constexpr qint64 longestInterleaveWait = (pacing::holdMs + 2000) * 1000;
 
 qint64 batchMs(const QList<RecorderAudioCapture::Chunk>& chunks, int rate)
 {
@@ -63,8 +71,13 @@ bool GstRecorder::encodePendingAudio(bool last)
         if (!queueAudioChunk(chunk.pcm, chunk.frames, cursorMs))
             return false;
     }
-    bool result = !aligned || padAudioToElapsedClock(elapsedMs);
+    return (!aligned || padAudioToElapsedClock(elapsedMs)) && encodeFullAudioFrames();
+}
+
+bool GstRecorder::encodeFullAudioFrames()
+{
     const int frameSize = audioencoderchoice::frameSize(*audioCodecContext);
+    bool result = true;
     while (result && av_audio_fifo_size(audioFifo) >= frameSize)
         result = encodeAudioSamples(frameSize);
     return result;
@@ -149,7 +162,12 @@ bool GstRecorder::padAudioToElapsedClock(qint64 elapsedMs)
         qWarning() << "Audio clock gap is too large to pad:" << missing;
         return false;
     }
-    return padAudioFifoWithSilence(*samples);
+    int left = *samples;
+    for (; left > largestPadding; left -= largestPadding) {
+        if (!padAudioFifoWithSilence(largestPadding) || !encodeFullAudioFrames())
+            return false;
+    }
+    return padAudioFifoWithSilence(left);
 }
 
 bool GstRecorder::padAudioFifoWithSilence(int samples)
@@ -189,6 +207,7 @@ bool GstRecorder::encodeAudioSamples(int samples)
         return false;
     frame->pts = audioSamplesWritten;
     audioSamplesWritten += samples;
+    formatContext->max_interleave_delta = longestInterleaveWait; // not before: frames wait longer for audio to begin
     const int status = avcodec_send_frame(audioCodecContext, frame.get());
     frame.reset();
     if (status < 0) {
@@ -268,7 +287,7 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
             qWarning() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration);
+        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, wholeBytes);
         if (status < 0) {
             qWarning() << writeError << avErrorString(status);
             return false;

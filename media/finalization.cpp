@@ -7,10 +7,21 @@
 
 #include <QDebug>
 
+/// A write that failed left a part of something in the file, and FFmpeg has dropped everything since. What follows is
+/// tried again in its place, and has an error of its own if it has one.
+void GstRecorder::returnToLastWhole()
+{
+    AVIOContext* const file = formatContext->pb;
+    if (!file || file->error >= 0 || wholeBytes == 0)
+        return;
+    file->error = 0;
+    avio_seek(file, wholeBytes, SEEK_SET);
+}
+
 void GstRecorder::closeOutput()
 {
     // 1. No more audio, no more conversions.
-    stopAudioCapture();
+    attempt([this] { stopAudioCapture(); });
     sws_freeContext(swsContext);
     swsContext = nullptr;
     swr_free(&audioResampler);
@@ -18,6 +29,7 @@ void GstRecorder::closeOutput()
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
         if (headerWritten) {
+            returnToLastWhole();
             int status = av_write_trailer(formatContext);
             if (status >= 0 && formatContext->pb)
                 status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
@@ -42,6 +54,7 @@ void GstRecorder::closeOutput()
     audioCapture.reset();
 
     // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
+    wholeBytes = 0;
     audioSamplesWritten = 0;
     audioPcmLogged = false;
     headerWritten = false;

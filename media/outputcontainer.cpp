@@ -59,7 +59,7 @@ bool GstRecorder::openOutput()
         return false;
     if (!createVideoStream())
         return false;
-    openAudioOutput(); // without audio the recording goes on
+    attempt([this] { openAudioOutput(); }); // without audio the recording goes on
     if (!openFileAndWriteHeader() || !allocateVideoFrame())
         return false;
 

@@ -10,6 +10,13 @@
 
 #include <cstring>
 
+namespace {
+
+/// MPEG-4 cannot state a longer distance between two frames, unless the second one is a key frame.
+constexpr qint64 longestGapMs = 3'600'000;
+
+}
+
 bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
 {
     if (!videoCodecContext || !formatContext || !videoFrame)
@@ -22,10 +29,14 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
     if (!fillVideoFrame(bgra))
         return false;
 
+    const int64_t before = videoFrame->pts;
+    const bool longGap = before != AV_NOPTS_VALUE && ptsMs - before > longestGapMs;
+    videoFrame->pict_type = longGap ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     videoFrame->pts = ptsMs;
     const int status = avcodec_send_frame(videoCodecContext, videoFrame);
     if (status < 0) {
         qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
+        videoFrame->pts = before; // the gap is still there
         return false;
     }
     return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
@@ -93,7 +104,8 @@ bool GstRecorder::writeVideoPackets(const char* receiveError, const char* writeE
             qCritical() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs);
+        status = writePacket(
+            *packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs, wholeBytes);
         if (status < 0) {
             qCritical() << writeError << avErrorString(status);
             return false;

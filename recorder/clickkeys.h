@@ -23,6 +23,9 @@ public:
         return runEnd_++;
     }
 
+    /// The key that was taken last is not used.
+    void giveBack() { --runEnd_; }
+
     /// To be called when keys were erased: what was a run may have gaps.
     void forget() { *this = FreeKeyHint(); }
 

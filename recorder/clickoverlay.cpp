@@ -6,11 +6,11 @@
 
 #include <QDateTime>
 #include <QDebug>
-#include <QMutexLocker>
 #include <QPainter>
 #include <QPointF>
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -36,13 +36,7 @@ std::optional<QPointF> clickInImage(const GstRecorder::MouseClick& click, const 
 void GstRecorder::addClick(
     double globalX, double globalY, double normalizedX, double normalizedY, long long timestampMs)
 {
-    const QMutexLocker lock(&clickMutex);
-    if (clicks.size() >= mostPendingClicks) {
-        if (!clickLimitLogged)
-            qWarning() << "Recorder ignores further mouse clicks while as many are pending:" << clicks.size();
-        clickLimitLogged = true;
-        return;
-    }
+    const CheckedLock lock(clickMutex);
     MouseClick click{globalX, globalY, 0.0, 0.0, false};
     if (isFraction(normalizedX) && isFraction(normalizedY)) {
         click.normalizedX = normalizedX;
@@ -52,13 +46,18 @@ void GstRecorder::addClick(
 
     const qint64 nowAtMs = QDateTime::currentMSecsSinceEpoch();
     const qint64 receiveDelayMs = timestampMs >= 1 ? nowAtMs - timestampMs : 0;
-    // The worker starts the clock before it stores this, so the clock may be read once this is set.
     const qint64 startedAtMs = recordingStartedAtMs.load(std::memory_order_acquire);
     qint64 rawMs = 0;
-    if (startedAtMs >= 1)
-        rawMs = std::max<qint64>(timestampMs >= 1 ? timestampMs - startedAtMs : recordingClock.elapsed(), 0);
+    if (timestampMs >= 1 && startedAtMs >= 1)
+        rawMs = std::max<qint64>(timestampMs - startedAtMs, 0);
+    else if (recordingClock.isValid()) // started under this lock
+        rawMs = std::max<qint64>(recordingClock.elapsed(), 0);
 
     const qint64 key = freeClickKey.take(clicks, rawMs);
+    if (clicks.size() >= mostPendingClicks && !makeRoomForClick(key)) {
+        freeClickKey.giveBack();
+        return;
+    }
     clicks.insert(key, click);
     qDebug() << "Recorder mouse click received"
              << "global" << QPointF(globalX, globalY) << "normalized" << QPointF(click.normalizedX, click.normalizedY)
@@ -67,11 +66,25 @@ void GstRecorder::addClick(
              << "display recording ms" << key;
 }
 
+/// At the limit the click that is farthest ahead gives way: its frame comes last, or never when its time is wrong.
+/// False when that is the new one.
+bool GstRecorder::makeRoomForClick(qint64 key)
+{
+    if (!clickLimitLogged) {
+        qWarning() << "Recorder drops the mouse clicks farthest ahead while as many are pending:" << clicks.size();
+        clickLimitLogged = true;
+    }
+    if (key > clicks.lastKey())
+        return false;
+    clicks.erase(std::prev(clicks.end())); // no part of the run that the new key ends
+    return true;
+}
+
 /// A copy of the clicks that a frame of this time shows, in the order of their keys; what no later frame can show is
 /// dropped. A click that arrives meanwhile waits for the next frame.
 std::vector<GstRecorder::LiveClick> GstRecorder::liveClicks(long long timestampMs)
 {
-    const QMutexLocker lock(&clickMutex);
+    const CheckedLock lock(clickMutex);
     const auto expired = [timestampMs](const QMap<qint64, MouseClick>::iterator& entry) {
         return clickmarker::expired(timestampMs, entry.key());
     };

@@ -5,12 +5,13 @@
 #include "recorderaudiocapture.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QDebug>
 #include <QThread>
 #include <QThreadPool>
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
+
+#include <chrono>
 
 using namespace std::chrono_literals;
 
@@ -18,6 +19,8 @@ namespace {
 
 constexpr int captureSetupFailedExitCode = 2;
 constexpr auto stopRetryDelay = 10ms;
+constexpr auto stopPatience = 5s; // the end of an ordinary recording, and some
+constexpr ulong workerPollMs = 1;
 
 }
 
@@ -48,9 +51,7 @@ GstRecorder::GstRecorder(const QString& commandText, const QString& output, cons
 
 GstRecorder::~GstRecorder()
 {
-    stopRequested.store(true, std::memory_order_release);
-    worker.waitForFinished();
-    closeOutput();
+    endRecording(QDeadlineTimer::Forever); // what the worker uses cannot go before it
     delete windowCapture;
     audioCapture.reset();
 }
@@ -74,7 +75,13 @@ void GstRecorder::stop()
         retryStopLater();
         return;
     }
-    worker.waitForFinished();
+    if (!endRecording(stopWaited ? 0s : stopPatience)) {
+        if (!stopWaited)
+            qWarning() << "Recorder worker still writes the output; the stop is acknowledged when it has ended.";
+        stopWaited = true;
+        retryStopLater();
+        return;
+    }
     if (!finalized.load(std::memory_order_acquire)) {
         qDebug() << "FFmpeg recorder stop requested before finalization completed; deferring stop "
                     "acknowledgement.";
@@ -90,17 +97,37 @@ void GstRecorder::stop()
 
 void GstRecorder::retryStopLater()
 {
-    QTimer::singleShot(stopRetryDelay, this, [this] { stop(); });
+    if (stopRetryPending)
+        return;
+    stopRetryPending = true;
+    QTimer::singleShot(stopRetryDelay, this, [this] {
+        stopRetryPending = false;
+        stop();
+    });
 }
 
-bool GstRecorder::finishRecording(std::chrono::milliseconds limit)
+bool GstRecorder::finishRecording(QDeadlineTimer deadline)
+{
+    if (!endRecording(deadline))
+        return false;
+    if (stopRetryPending) // no event loop runs the retry any more
+        stop();
+    return true;
+}
+
+/// The one way to the end of the worker: every caller requests it, waits as long as it can afford, and closes what
+/// the worker left open.
+bool GstRecorder::endRecording(QDeadlineTimer deadline)
 {
     stopRequested.store(true, std::memory_order_release);
-    const auto over = [this] { return finalized.load(std::memory_order_acquire) && worker.isFinished(); };
-    for (const QDeadlineTimer deadline(limit); !over(); QThread::msleep(5)) {
+    if (deadline.isForever())
+        worker.waitForFinished(); // runs the worker here when no thread was free for it
+    while (!worker.isFinished()) {
         if (deadline.hasExpired())
             return false;
+        QThread::msleep(workerPollMs);
     }
-    closeOutput();
+    if (finalized.load(std::memory_order_acquire)) // which also shows this thread what the worker wrote
+        closeOutput();
     return true;
 }

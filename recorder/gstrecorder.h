@@ -17,23 +17,24 @@
 #pragma once
 
 #include "avhandles.h"
+#include "checkedlock.h"
 #include "clickkeys.h"
 #include "compositionsource.h"
 #include "framegeometry.h"
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QFuture>
 #include <QImage>
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QObject>
 #include <QRect>
 #include <QString>
 
 #include <atomic>
-#include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -91,13 +92,14 @@ public:
         const QString& audioSource, QObject* parent);
     ~GstRecorder() override;
 
-    /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file.
-    /// Defers itself in steps of 10 ms while the worker has not started.
+    /// Ends the recording and acknowledges it to the launcher, once. Blocks while the worker closes the file, but not
+    /// for longer than 5 s. Defers itself in steps of 10 ms while the worker has not started, and when it takes
+    /// longer.
     void stop();
 
-    /// What the destructor does to the file, with a bound: requests the end, waits for the worker, closes the
-    /// output. False when the worker did not end within the limit; the output is then left alone.
-    bool finishRecording(std::chrono::milliseconds limit);
+    /// For the time after the event loop: requests the end, waits for the worker, closes the output, and acknowledges
+    /// a stop that is deferred. False when the worker did not end in time; the output is then left alone.
+    bool finishRecording(QDeadlineTimer deadline);
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
@@ -133,6 +135,7 @@ private:
 
     void openWindowCapture();
     void retryStopLater();
+    bool endRecording(QDeadlineTimer deadline);
 
     // ==== capturedframe.cpp: one sample of the window (worker) ===============================================
 
@@ -142,11 +145,15 @@ private:
 
     struct LoopState;
     void runRecordingLoop();
-    void recordUntilStopped(LoopState& loop);
+    bool attempt(const std::function<void()>& step);
+    void logException(const char* what);
+    void takePass(LoopState& loop);
+    void waitWithoutImage(LoopState& loop);
     bool warmingUp(LoopState& loop) const;
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
     void rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
+    void setClock(bool runs);
     void startAudio();
     void takeAudio(bool last = false);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
@@ -163,6 +170,7 @@ private:
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
+    bool makeRoomForClick(qint64 key) REQUIRES(clickMutex);
     std::vector<LiveClick> liveClicks(long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
@@ -193,6 +201,7 @@ private:
     bool encodePendingAudio(bool last = false);
     bool padAudioToElapsedClock(qint64 elapsedMs);
     bool padAudioFifoWithSilence(int samples);
+    bool encodeFullAudioFrames();
     bool encodeAudioSamples(int samples);
     bool drainAudioEncoder();
     void stopAudioCapture();
@@ -213,6 +222,7 @@ private:
     // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
 
     void closeOutput();
+    void returnToLastWhole();
 
     // ==== data, in the order of construction =================================================================
 
@@ -235,7 +245,8 @@ private:
 
     // Worker and clock.
     QFuture<void> worker; // main thread
-    QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) before it stores recordingStartedAtMs
+    QElapsedTimer recordingClock; // started by the worker (recordingloop.cpp) under clickMutex, read by both
+    bool exceptionLogged = false; // worker; the first exception was logged
     quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
 
     // Flags between the threads: release stores, acquire loads; each is written by one side only.
@@ -246,12 +257,14 @@ private:
     std::atomic<bool> finalized{false}; // worker; the file is closed
     std::atomic<qint64> recordingStartedAtMs{0}; // worker; wall clock at which recordingClock was started
     bool stopAcknowledged = false; // main; the duration reply was sent
+    bool stopWaited = false; // main; stop() has waited in vain for the worker, and does not block again
+    bool stopRetryPending = false; // main; stop() will be called again by a timer
 
-    // Clicks: guarded by clickMutex, clickoverlay.cpp.
-    QMutex clickMutex;
-    QMap<qint64, MouseClick> clicks; // keyed by recording milliseconds
-    FreeKeyHint freeClickKey; // makes a flood of clicks at one time cheap
-    bool clickLimitLogged = false;
+    // Clicks, clickoverlay.cpp.
+    CheckedMutex clickMutex;
+    QMap<qint64, MouseClick> clicks GUARDED_BY(clickMutex); // keyed by recording milliseconds
+    FreeKeyHint freeClickKey GUARDED_BY(clickMutex); // makes a flood of clicks at one time cheap
+    bool clickLimitLogged GUARDED_BY(clickMutex) = false;
 
     // The image that was composed last: worker, framecomposition.cpp.
     QImage composedImage; // its memory serves the next one, too
@@ -266,6 +279,7 @@ private:
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
+    int64_t wholeBytes = 0; // of the file, when the last packet was written without an error; packetwriting.cpp
     qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
 
     // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.

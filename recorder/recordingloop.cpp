@@ -8,10 +8,13 @@
 
 #include <QDateTime>
 #include <QDebug>
+#include <QScopeGuard>
 #include <QThread>
 
 #include <algorithm>
+#include <exception>
 #include <limits>
+#include <new>
 
 using namespace pacing;
 
@@ -32,44 +35,79 @@ struct GstRecorder::LoopState {
 void GstRecorder::runRecordingLoop()
 {
     workerStarted.store(true, std::memory_order_release);
+    const auto end = qScopeGuard([this] { finalized.store(true, std::memory_order_release); });
     if (!windowCapture || !windowCapture->isValid()) {
         qCritical() << "macOS window capture is not available.";
-        finalized.store(true, std::memory_order_release);
         return;
     }
-    if (!openOutput()) {
-        finalized.store(true, std::memory_order_release);
+    bool open = false;
+    attempt([&] { open = openOutput(); });
+    if (!open)
         return;
-    }
     LoopState loop;
     loop.timer.start();
-    recordingClock.invalidate();
-    loop.queue.reserve(queueReserve);
-    recordUntilStopped(loop);
+    setClock(false);
+    attempt([&] { loop.queue.reserve(queueReserve); });
+    while (!stopRequested.load(std::memory_order_acquire)) {
+        if (!attempt([&] { takePass(loop); }))
+            waitWithoutImage(loop);
+    }
     finalizeRecording(loop);
 }
 
-void GstRecorder::recordUntilStopped(LoopState& loop)
+/// Runs a step. What it throws, for want of memory mostly, ends that step, which is false, and not the recording.
+bool GstRecorder::attempt(const std::function<void()>& step)
 {
-    while (!stopRequested.load(std::memory_order_acquire)) {
-        const qint64 nowMs = loop.timer.elapsed();
-        if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
-            takeAudio();
-            QThread::msleep(ulong(sleepMs));
-            continue;
-        }
-        CapturedFrame frame = captureWindowFrame();
-        if (frame.image.isNull()) {
-            takeAudio();
-            QThread::msleep(ulong(sleepAfterNoImageMs));
-            continue;
-        }
-        if (!loop.settle.isValid())
-            loop.settle.start();
-        if (!warmingUp(loop) && !waitingAfterReadiness(loop, frame))
-            recordFrame(loop, std::move(frame));
-        loop.advance(nowMs);
+    try {
+        step();
+        return true;
+    } catch (const std::exception& error) {
+        logException(error.what());
+    } catch (...) {
+        logException("unknown");
     }
+    return false;
+}
+
+/// Once: one that comes with every frame would fill the log.
+void GstRecorder::logException(const char* what)
+{
+    if (exceptionLogged)
+        return;
+    try {
+        qCritical() << "Recorder worker was interrupted by an exception:" << what;
+        exceptionLogged = true;
+    } catch (const std::bad_alloc&) { // the next one may find the memory for the line
+    }
+}
+
+void GstRecorder::takePass(LoopState& loop)
+{
+    const qint64 nowMs = loop.timer.elapsed();
+    if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
+        takeAudio();
+        QThread::msleep(ulong(sleepMs));
+        return;
+    }
+    CapturedFrame frame = captureWindowFrame();
+    if (frame.image.isNull()) {
+        waitWithoutImage(loop);
+        return;
+    }
+    if (!loop.settle.isValid())
+        loop.settle.start();
+    if (!warmingUp(loop) && !waitingAfterReadiness(loop, frame))
+        recordFrame(loop, std::move(frame));
+    loop.advance(nowMs);
+}
+
+/// What has been held long enough is written also while nothing new comes: a window may be hidden for hours.
+void GstRecorder::waitWithoutImage(LoopState& loop)
+{
+    takeAudio();
+    if (recordingClock.isValid())
+        attempt([&] { drainQueue(loop.queue, recordingClock.elapsed() - holdMs, false); });
+    QThread::msleep(ulong(sleepAfterNoImageMs));
 }
 
 bool GstRecorder::warmingUp(LoopState& loop) const
@@ -115,7 +153,7 @@ void GstRecorder::announceFrameCome()
 void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 {
     if (!recordingClock.isValid()) {
-        recordingClock.start();
+        setClock(true);
         recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
         startAudio();
     }
@@ -129,12 +167,22 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     takeAudio();
 }
 
+/// Under the lock of addClick(), which reads the clock on its own thread.
+void GstRecorder::setClock(bool runs)
+{
+    const CheckedLock lock(clickMutex);
+    if (runs)
+        recordingClock.start();
+    else
+        recordingClock.invalidate();
+}
+
 /// Audio begins with the recording clock: its first sample belongs to the first recorded frame.
 void GstRecorder::startAudio()
 {
     if (!audioCapture || !audioCapture->isValid())
         return;
-    audioStarted = audioCapture->start();
+    attempt([this] { audioStarted = audioCapture->start(); });
     if (audioStarted)
         return;
     qWarning() << "Audio capture did not start; recording video only.";
@@ -145,7 +193,7 @@ void GstRecorder::startAudio()
 void GstRecorder::takeAudio(bool last)
 {
     if (audioStarted)
-        encodePendingAudio(last);
+        attempt([&] { encodePendingAudio(last); });
 }
 
 void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
@@ -162,12 +210,13 @@ void GstRecorder::finalizeRecording(LoopState& loop)
 {
     durationMs = recordingClock.isValid() ? quint32(recordingClock.elapsed()) : 0;
     takeAudio(true);
-    drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true);
+    while (!loop.queue.isEmpty())
+        attempt([&] { drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true); });
     if (encodedFrameCount == 0)
-        encodeBlackFrame();
-    stopAudioCapture();
-    drainAudioEncoder();
-    drainEncoder();
+        attempt([this] { encodeBlackFrame(); });
+    attempt([this] { stopAudioCapture(); });
+    attempt([this] { drainAudioEncoder(); });
+    attempt([this] { drainEncoder(); });
     closeOutput();
     finalized.store(true, std::memory_order_release);
     qDebug() << "FFmpeg recorder finalized output" << outputPath << "duration" << durationMs;

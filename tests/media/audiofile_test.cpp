@@ -108,6 +108,7 @@ private Q_SLOTS:
     void tonesComeBack_data();
     void tonesComeBack();
     void silenceIsSilence();
+    void audioReachesTheDiskWhileNoFrameComes();
     void audioEndsWithTheClock();
     void audioThatComesAfterTheLastTurnIsLeftOut();
     void unfinishedFilePlaysWithAudio();
@@ -164,6 +165,30 @@ void AudioFileTest::tonesComeBack()
     else // speech coding: the tone is there
         QVERIFY(
             audioanalysis::levelDb(audioanalysis::between(audio->channels[0], rate, 500, 3500), rate, leftHz) > -20);
+}
+
+/// A hidden window: the container holds audio back for frames, but not for ever.
+void AudioFileTest::audioReachesTheDiskWhileNoFrameComes()
+{
+    constexpr qint64 shownMs = 1000;
+    constexpr qint64 lengthMs = 9000;
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recordTones(recorder, shownMs));
+    for (qint64 at = shownMs; at < lengthMs; at += 20)
+        QVERIFY(recorder.turn(at + 20, tones(at * 48, 960)));
+    const QString copy = recorder.filePath(QStringLiteral("copy.mp4"));
+    QVERIFY(writeFile(copy, contentOf(recorder->outputPath()))); // what a killed process would leave
+    MediaFile file(copy);
+    constexpr double heldBackMs = 5000 + 1500; // and the fragment that is not complete
+    const double endMs = wholePacketsEndMs(file, AVMEDIA_TYPE_AUDIO);
+    QVERIFY2(endMs >= lengthMs - heldBackMs, qPrintable(QString::number(endMs)));
+    QVERIFY(recorder.finishAudio());
+    QVERIFY(recorder.wasQuiet());
+    MediaFile whole(recorder->outputPath());
+    const auto audio = whole.audio();
+    QVERIFY(audio);
+    QCOMPARE(judgeTones(*audio, 100, lengthMs - 100), QString());
 }
 
 void AudioFileTest::silenceIsSilence()

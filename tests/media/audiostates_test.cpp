@@ -7,6 +7,7 @@
 
 #include <QTest>
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -24,6 +25,8 @@ private Q_SLOTS:
 
     void paddingStopsAtTheClock_data();
     void paddingStopsAtTheClock();
+    void longGapIsPaddedInPieces();
+    void failureInALongGap();
     void paddingThatIsTooLarge();
     void nothingIsPaddedWithoutItsObjects();
 
@@ -109,7 +112,54 @@ void AudioStatesTest::paddingStopsAtTheClock()
     QCOMPARE(recorder.present(), present);
 }
 
-/// More samples than 32 bits count. The last gap that they do count fails further on, for want of memory.
+/// A computer that slept, say. An hour of silence in one piece would be 2.8 GB.
+void AudioStatesTest::longGapIsPaddedInPieces()
+{
+    constexpr qint64 gapMs = 300'000;
+    constexpr qint64 gapSamples = gapMs * 48;
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    QVERIFY(recorder->padAudioFifoWithSilence(100));
+    qint64 allocated = 0;
+    int largest = 0;
+    int mostQueued = 0;
+    surroundings().atAllocSamples = [&](int samples) {
+        allocated += samples;
+        largest = std::max(largest, samples);
+        mostQueued = std::max(mostQueued, recorder.queued());
+    };
+    QVERIFY(recorder->padAudioToElapsedClock(gapMs));
+    QCOMPARE(recorder.present(), gapSamples);
+    QCOMPARE(allocated, gapSamples - 100);
+    constexpr int bound = 20 * testaudio::rate;
+    QVERIFY2(largest < bound, qPrintable(QString::number(largest)));
+    QVERIFY2(mostQueued < bound, qPrintable(QString::number(mostQueued)));
+    QVERIFY(recorder.encode({0}));
+    QVERIFY(recorder.finishAudio());
+    QVERIFY(recorder.wasQuiet());
+    MediaFile file(recorder->outputPath());
+    const auto packets = file.packets();
+    const auto blocks = std::count_if(
+        packets.cbegin(), packets.cend(), [](const MediaPacket& packet) { return packet.stream == 1; });
+    QCOMPARE(blocks, 1 + (gapSamples + 1023) / 1024); // the priming's first
+}
+
+void AudioStatesTest::failureInALongGap()
+{
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    failOnce(Call::AllocSamples, AVERROR(ENOMEM), 2);
+    QVERIFY(!recorder->padAudioToElapsedClock(60'000));
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Cannot allocate memory\"")});
+    QVERIFY(recorder.present() < 60'000 * 48);
+    failOnce(Call::SendFrame, AVERROR(EINVAL));
+    QVERIFY(!recorder->padAudioToElapsedClock(60'000));
+    QVERIFY(recorder->padAudioToElapsedClock(60'000)); // later calls fill the rest
+    QCOMPARE(recorder.present(), 60'000 * 48);
+}
+
+/// More samples than 32 bits count. The last gap that they do count gets further, where a fault ends it.
 void AudioStatesTest::paddingThatIsTooLarge()
 {
     constexpr qint64 lastMs = 44739243; // 2147483664 samples
@@ -120,9 +170,10 @@ void AudioStatesTest::paddingThatIsTooLarge()
     QCOMPARE(recorder.warnings(), QStringList{QStringLiteral("Audio clock gap is too large to pad: 2147483648")});
     recorder->audioSamplesWritten() = 17;
     recorder.log().clear();
+    failOnce(Call::AllocSamples, AVERROR(ENOMEM));
     QVERIFY(!recorder->padAudioToElapsedClock(lastMs));
     QCOMPARE(recorder.warnings(),
-        QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Invalid argument\"")});
+        QStringList{QStringLiteral("Unable to allocate silence audio samples: \"Cannot allocate memory\"")});
 
     recorder.log().clear();
     QVERIFY(!recorder.turn(lastMs + 1000, testaudio::noise(0, 480)));

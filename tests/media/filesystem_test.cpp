@@ -75,6 +75,7 @@ private Q_SLOTS:
     void fullDiskWhileRecording_data();
     void fullDiskWhileRecording();
     void fullDiskAtTheEnd();
+    void diskThatWasFullForAWhile();
     void fullDiskInTheFallback();
 
 private:
@@ -242,6 +243,33 @@ void FileSystemTest::fullDiskAtTheEnd()
     // The first fragment is whole; the second one is cut off.
     QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
         (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof"}));
+}
+
+/// What went wrong while recording was told then; the trailer tells of itself, and here there is nothing to tell.
+void FileSystemTest::diskThatWasFullForAWhile()
+{
+    constexpr int fragment = 24;
+    IdleRecorder recorder;
+    {
+        const FileSizeLimit limit(5000); // in the second fragment
+        QVERIFY(recorder->openOutput());
+        encodeEach(recorder, 3 * fragment + 10);
+    }
+    QVERIFY(!recorder.criticals().isEmpty());
+    QVERIFY(recorder.finish());
+    QCOMPARE(recorder.warnings(), QStringList());
+    QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
+        (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof", "mdat", "mfra"}));
+
+    MediaFile file(recorder->outputPath());
+    const QList<MediaFrame> frames = file.frames();
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QCOMPARE(frames.size(), fragment + 10); // what was on the disk before, and what waited to be written
+    for (int i = 0; i < int(frames.size()); ++i) {
+        const int number = i < fragment ? i : i + 2 * fragment;
+        QCOMPARE(frames[i].ptsMs, number * 41.0);
+        QVERIFY(testimages::channelError(frames[i].image.pixel(number * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    }
 }
 
 void FileSystemTest::fullDiskInTheFallback()

@@ -33,6 +33,9 @@ private Q_SLOTS:
     void timeThatDoesNotAdvanceIsRefused_data();
     void timeThatDoesNotAdvanceIsRefused();
 
+    void framesHoursApart_data();
+    void framesHoursApart();
+
     void hugeCanvasIsRefused_data();
     void hugeCanvasIsRefused();
     void smallestCanvas();
@@ -275,6 +278,38 @@ void OutputStatesTest::timeThatDoesNotAdvanceIsRefused()
     MediaFile file(recorder->outputPath());
     QCOMPARE(file.frames().size(), 3);
     QCOMPARE(file.packets().constLast().ptsMs, 82.0);
+}
+
+void OutputStatesTest::framesHoursApart_data()
+{
+    QTest::addColumn<qint64>("gapMs");
+    QTest::addColumn<bool>("key");
+    QTest::newRow("an hour") << qint64(3'600'000) << false;
+    QTest::newRow("a moment more") << qint64(3'600'001) << true;
+    QTest::newRow("a second more") << qint64(3'601'000) << true;
+    QTest::newRow("five hours") << qint64(18'000'000) << true;
+}
+
+/// A window that was hidden. MPEG-4 cannot state a longer distance than an hour but in front of a key frame.
+void OutputStatesTest::framesHoursApart()
+{
+    QFETCH(const qint64, gapMs);
+    QFETCH(const bool, key);
+    IdleRecorder recorder;
+    const QList<qint64> times{0, 41, 82, 82 + gapMs, 82 + gapMs + 41, 82 + gapMs + 82};
+    QVERIFY(recorder.record(times));
+    QVERIFY(recorder.wasQuiet());
+    MediaFile file(recorder->outputPath());
+    const QList<MediaPacket> packets = file.packets();
+    QCOMPARE(packets.size(), times.size());
+    for (qsizetype i = 0; i < times.size(); ++i) {
+        QCOMPARE(packets[i].ptsMs, double(times[i]));
+        QCOMPARE(packets[i].key, i == 0 || (i == 3 && key));
+    }
+    const QList<MediaFrame> frames = file.frames();
+    QCOMPARE(frames.size(), times.size());
+    for (int i = 0; i < int(times.size()); ++i)
+        QVERIFY(testimages::channelError(frames[i].image.pixel(i * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
 }
 
 void OutputStatesTest::hugeCanvasIsRefused_data()

@@ -26,6 +26,7 @@ private Q_SLOTS:
     void takenKeysAreSteppedOver();
     void runReachesIntoKeysThatWereTakenOtherwise();
     void forgetLetsErasedKeysBeUsedAgain();
+    void keyThatIsGivenBackIsFree();
     void agreesWithThePlainSearch();
 };
 
@@ -68,6 +69,19 @@ void ClickKeysTest::forgetLetsErasedKeysBeUsedAgain()
     map.remove(2);
     hint.forget();
     QCOMPARE(hint.take(map, 0), qint64(2));
+}
+
+void ClickKeysTest::keyThatIsGivenBackIsFree()
+{
+    FreeKeyHint hint;
+    QMap<qint64, int> map;
+    for (int i = 0; i < 3; ++i)
+        map.insert(hint.take(map, 7), i);
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(hint.take(map, 7), qint64(10));
+        hint.giveBack();
+    }
+    QCOMPARE(hint.take(map, 9), qint64(10));
 }
 
 void ClickKeysTest::agreesWithThePlainSearch()

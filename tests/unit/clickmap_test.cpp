@@ -9,6 +9,14 @@
 #include <limits>
 #include <thread>
 
+namespace {
+
+constexpr int limit = 250000; // clicks that may wait
+const QString limitWarning
+    = QStringLiteral("Recorder drops the mouse clicks farthest ahead while as many are pending: 250000");
+
+}
+
 class ClickMapTest : public QObject {
     Q_OBJECT
 
@@ -19,6 +27,7 @@ private Q_SLOTS:
     void keyIsTheTimeSinceTheStart();
     void keyOfAClickBeforeTheStartIsZero();
     void keyWithoutATimestampIsTheTimeOfArrival();
+    void keyWhileTheClockRunsWithoutAStartTime();
     void keyBeforeTheRecordingStartsIsZero_data();
     void keyBeforeTheRecordingStartsIsZero();
     void clicksOfOneTimeGetFollowingKeys();
@@ -35,11 +44,15 @@ private Q_SLOTS:
     void keyIsFreeAgainAfterPruning();
     void floodOfOneTimeGetsAllKeys();
     void pendingClicksAreLimited();
+    void clickFarAheadGivesWay();
+    void floodBeyondTheLimitIsCheap();
     void clicksArriveWhileFramesAreComposed();
 
 private:
     RecorderProbe probe() { return bench_->probe(); }
     QList<qint64> keys() { return bench_->keys(); }
+    /// Clicks at 0, 1, ... until so many wait.
+    void fillUpTo(qsizetype count);
     void compose(long long timestampMs) { probe().composeFrame(blackFrame(), timestampMs); }
 
     PrivateTempDir directory_;
@@ -76,6 +89,20 @@ void ClickMapTest::keyWithoutATimestampIsTheTimeOfArrival()
         QVERIFY(before <= keys().first());
         QVERIFY(keys().first() <= after + 2); // the keys of the rounds before may be stepped over
         QVERIFY(keys().first() >= 3);
+    }
+}
+
+/// The worker starts the clock a moment before it says when.
+void ClickMapTest::keyWhileTheClockRunsWithoutAStartTime()
+{
+    probe().recordingClock().start();
+    QTest::qSleep(3);
+    for (const qint64 timestampMs : {0, 1000500}) {
+        probe().clicks().clear();
+        bench_->recorder->addClick(10, 20, -1, -1, timestampMs);
+        QCOMPARE(keys().size(), 1);
+        QVERIFY(keys().first() >= 3);
+        QVERIFY(keys().first() <= probe().recordingClock().elapsed() + 1);
     }
 }
 
@@ -269,32 +296,76 @@ void ClickMapTest::floodOfOneTimeGetsAllKeys()
     }
 }
 
+void ClickMapTest::fillUpTo(qsizetype count)
+{
+    auto& clicks = probe().clicks();
+    for (qint64 key = 0; clicks.size() < count; ++key)
+        clicks.insert(clicks.cend(), key, RecorderProbe::MouseClick());
+}
+
 void ClickMapTest::pendingClicksAreLimited()
 {
-    constexpr int limit = 250000;
     bench_->startRecordingAt(1000000);
+    fillUpTo(limit);
     auto& clicks = probe().clicks();
-    for (int key = 0; key < limit - 1; ++key)
-        clicks.insert(clicks.cend(), key, RecorderProbe::MouseClick());
-    bench_->recorder->addClick(1, 2, -1, -1, 1900000);
-    QCOMPARE(clicks.size(), limit);
-    QCOMPARE(clicks.lastKey(), qint64(900000));
-    bench_->log.clear();
-
     for (int i = 0; i < 3; ++i)
-        bench_->recorder->addClick(9, 9, -1, -1, 1000000);
+        bench_->recorder->addClick(9, 9, -1, -1, 1000000 + limit + i); // further ahead than all that wait
     QCOMPARE(clicks.size(), limit);
-    QCOMPARE(clicks.firstKey(), qint64(0));
-    QCOMPARE(clicks.lastKey(), qint64(900000));
-    const QString warning = QStringLiteral("Recorder ignores further mouse clicks while as many are pending: 250000");
-    QCOMPARE(bench_->log.messages(), QStringList{warning});
-    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{warning});
+    QCOMPARE(clicks.lastKey(), qint64(limit - 1));
+    QCOMPARE(bench_->log.messages(), QStringList{limitWarning});
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{limitWarning});
 
-    compose(900000); // prunes all but the last
-    QCOMPARE(clicks.size(), 1);
+    compose(900000); // prunes them all
+    QCOMPARE(clicks.size(), 0);
+    bench_->recorder->addClick(3, 4, -1, -1, 1900000);
     bench_->recorder->addClick(3, 4, -1, -1, 1900000);
     QCOMPARE(clicks.keys(), (QList<qint64>{900000, 900001}));
-    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{warning});
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{limitWarning});
+}
+
+/// Clicks of another century never meet their frames. They may not keep out those that do.
+void ClickMapTest::clickFarAheadGivesWay()
+{
+    constexpr qint64 farAheadMs = 1'000'000'000'000;
+    bench_->startRecordingAt(1000000);
+    fillUpTo(limit - 2);
+    for (int i = 0; i < 2; ++i)
+        bench_->recorder->addClick(7, 7, -1, -1, 1000000 + farAheadMs);
+    auto& clicks = probe().clicks();
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.lastKey(), farAheadMs + 1);
+    bench_->log.clear();
+
+    const auto add = [this](qint64 keyMs) { bench_->recorder->addClick(1, 2, -1, -1, 1000000 + keyMs); };
+    add(5000000);
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.lastKey(), farAheadMs);
+    QVERIFY(clicks.contains(5000000));
+    add(5000000);
+    QCOMPARE(clicks.lastKey(), qint64(5000001));
+    add(5000000); // would be the farthest itself
+    QCOMPARE(clicks.lastKey(), qint64(5000001));
+    add(4000000);
+    QCOMPARE(clicks.lastKey(), qint64(5000000));
+    QVERIFY(clicks.contains(4000000));
+    add(5000000); // at the key that has become free, behind nothing
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.lastKey(), qint64(5000000));
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList{limitWarning});
+    QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")), 3);
+}
+
+void ClickMapTest::floodBeyondTheLimitIsCheap()
+{
+    bench_->startRecordingAt(1000000);
+    const QtMessageHandler before = qInstallMessageHandler(dropMessage);
+    for (int i = 0; i < 2 * limit; ++i)
+        bench_->recorder->addClick(i, 0, -1, -1, 1000500);
+    qInstallMessageHandler(before);
+    const auto& clicks = probe().clicks();
+    QCOMPARE(clicks.size(), limit);
+    QCOMPARE(clicks.firstKey(), qint64(500));
+    QCOMPARE(clicks.lastKey(), qint64(500 + limit - 1));
 }
 
 void ClickMapTest::clicksArriveWhileFramesAreComposed()

@@ -16,6 +16,8 @@ const QString deferringLine
     = QStringLiteral("FFmpeg recorder stop requested before worker started; deferring stop acknowledgement.");
 const QString unfinishedLine
     = QStringLiteral("FFmpeg recorder stop requested before finalization completed; deferring stop acknowledgement.");
+const QString stillRunningLine
+    = QStringLiteral("Recorder worker still writes the output; the stop is acknowledged when it has ended.");
 
 }
 
@@ -30,6 +32,8 @@ private Q_SLOTS:
     void stopBeforeFinalizationIsDeferred();
     void stopFinalizesAndReplies();
     void stopAfterTheWorkerEndedByItselfReplies();
+    void stopOfAStuckWorkerIsAnsweredWhenItEnds();
+    void finishRecordingAnswersAStopThatWaits();
 
     void finishRecordingClosesTheFile();
     void finishRecordingGivesUpOnAStuckWorker();
@@ -42,10 +46,13 @@ private:
     QString output() const { return directory_->filePath(QStringLiteral("out.mp4")); }
     /// Makes a recorder of a numbered window and returns when it has recorded a few frames.
     void startRecording();
+    /// Makes a recorder whose worker waits at the gate with its file open.
+    void startAndGetStuck();
 
     std::optional<PrivateTempDir> directory_;
     std::optional<RecorderBench> bench_;
     std::optional<NumberedWindow> window_;
+    std::optional<std::binary_semaphore> gate_;
     std::unique_ptr<GstRecorder> recorder_;
 };
 
@@ -79,6 +86,22 @@ void RecorderTest::startRecording()
     QTRY_VERIFY_WITH_TIMEOUT(probe().recordingStartedAtMs().load() > 0, patienceMs);
     const int asked = window_->asked();
     QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > asked + 3, patienceMs);
+}
+
+void RecorderTest::startAndGetStuck()
+{
+    std::binary_semaphore reached(0);
+    gate_.emplace(0);
+    window_.emplace();
+    window_->beforeImage = [&](int number) {
+        if (number == 2) {
+            reached.release();
+            gate_->acquire();
+        }
+        return true;
+    };
+    make({});
+    reached.acquire();
 }
 
 void RecorderTest::stopBeforeTheWorkerStartedIsDeferred()
@@ -162,6 +185,43 @@ void RecorderTest::stopAfterTheWorkerEndedByItselfReplies()
     QCOMPARE(bench_->log.count(unfinishedLine), 0);
 }
 
+void RecorderTest::stopOfAStuckWorkerIsAnsweredWhenItEnds()
+{
+    startAndGetStuck();
+    bench_->log.clear();
+    recorder_->stop();
+    QVERIFY(!probe().finalized().load());
+    QCOMPARE(bench_->log.messages(), QStringList{stillRunningLine});
+    int ticks = 0;
+    QTimer beside; // the event loop serves others meanwhile
+    connect(&beside, &QTimer::timeout, this, [&] { ++ticks; });
+    beside.start(10ms);
+    recorder_->stop(); // does not block a second time
+    QTRY_VERIFY_WITH_TIMEOUT(ticks >= 5, patienceMs);
+    QCOMPARE(bench_->log.messages(), QStringList{stillRunningLine});
+    QCOMPARE(bench_->launcher.received(), QByteArray());
+
+    gate_->release();
+    QVERIFY(bench_->launcher.waitForReceived(durationReply(41).size() + 1, patienceMs));
+    QTest::qWait(30); // the retries are over
+    QCOMPARE(bench_->launcher.received().count(durationReply(41)), 1);
+    QCOMPARE(bench_->log.count(stoppedLine(41)), 1);
+    QCOMPARE(bench_->log.countStartingWith(QStringLiteral("FFmpeg recorder stop requested ")), 0);
+}
+
+void RecorderTest::finishRecordingAnswersAStopThatWaits()
+{
+    startAndGetStuck();
+    recorder_->stop();
+    QVERIFY(!recorder_->finishRecording(30ms));
+    QVERIFY(!probe().stopAcknowledged());
+    gate_->release();
+    QVERIFY(recorder_->finishRecording(60s));
+    QCOMPARE(bench_->log.messages().last(), stoppedLine(41));
+    QVERIFY(bench_->launcher.waitForReceived(durationReply(41).size(), patienceMs));
+    QVERIFY(bench_->launcher.received().startsWith(durationReply(41)));
+}
+
 void RecorderTest::finishRecordingClosesTheFile()
 {
     startRecording();
@@ -179,22 +239,11 @@ void RecorderTest::finishRecordingClosesTheFile()
 
 void RecorderTest::finishRecordingGivesUpOnAStuckWorker()
 {
-    std::binary_semaphore reached(0);
-    std::binary_semaphore gate(0);
-    window_.emplace();
-    window_->beforeImage = [&](int number) {
-        if (number == 2) {
-            reached.release();
-            gate.acquire();
-        }
-        return true;
-    };
-    make({});
-    reached.acquire();
+    startAndGetStuck();
     QVERIFY(!recorder_->finishRecording(30ms));
     QVERIFY(probe().stopRequested().load());
     QVERIFY(probe().formatContext()); // left to the worker, which still uses it
-    gate.release();
+    gate_->release();
     QVERIFY(recorder_->finishRecording(60s));
     MediaFile file(output());
     QCOMPARE(file.frames().size(), 1);

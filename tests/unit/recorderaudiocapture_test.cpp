@@ -56,6 +56,7 @@ private Q_SLOTS:
     void lateLookupIsHarmless();
     void lookupFails();
     void lookupFailsWithoutText();
+    void lookupGivesNothing();
     void noDisplay();
     void pidOfNobody();
     void twelveCandidatesAtMost();
@@ -216,6 +217,16 @@ void RecorderAudioCaptureTest::lookupFails()
         QStringList(
             "macOS ScreenCaptureKit shareable content lookup failed: \"" + fakeplatform::noAudioError + "\""));
     QCOMPARE(audio().streams.size(), 0U);
+}
+
+void RecorderAudioCaptureTest::lookupGivesNothing()
+{
+    audio().lookup = [](const platform::AudioContentCompletion& completion) { completion(nullptr, std::nullopt); };
+    const LogCapture log;
+    const RecorderAudioCapture capture{QString()};
+    QVERIFY(!capture.isValid());
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList("macOS ScreenCaptureKit shareable content lookup gave neither content nor an error."));
 }
 
 void RecorderAudioCaptureTest::lookupFailsWithoutText()

@@ -1,10 +1,12 @@
 // The recording loop with windows that stall, vanish, change or never show, and with every early stop.
 #include "numberedwindow.h"
+#include "pacing.h"
 #include "privatetempdir.h"
 #include "recordedframes.h"
 #include "recorderbench.h"
 #include "testregistry.h"
 
+#include <QDateTime>
 #include <QThread>
 
 namespace {
@@ -27,8 +29,10 @@ private Q_SLOTS:
     void stopAfterASecondKeepsEveryFrame();
     void stallIsNotCaughtUpInABurst();
     void vanishedWindowIsWaitedFor();
+    void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
     void unchangedWindowIsRecordedAllTheSame();
+    void clicksArriveWhileTheClockStarts();
     void pointerIsRecorded();
     void drainStopsAtTheLimit_data();
     void drainStopsAtTheLimit();
@@ -193,6 +197,26 @@ void RecordingLoopTest::vanishedWindowIsWaitedFor()
     QVERIFY(asked[22] - asked[21] >= 49);
 }
 
+void RecordingLoopTest::whatWaitsIsWrittenWhileThereIsNoImage()
+{
+    std::atomic<bool> shows{true};
+    window_->beforeImage = [&](int) { return shows.load(); };
+    make();
+    waitForRecordedImages(10);
+    shows = false;
+    const qint64 hiddenAtMs = QDateTime::currentMSecsSinceEpoch();
+    QTRY_COMPARE_WITH_TIMEOUT(window_->liveFrames(), 0, patienceMs); // the delay queue has let go of every frame
+    QVERIFY(QDateTime::currentMSecsSinceEpoch() - hiddenAtMs > pacing::holdMs - 500); // and not before their time
+    QVERIFY(!probe().stopRequested().load());
+    const int shown = window_->asked();
+    shows = true;
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > shown + 5, patienceMs);
+    stopAndRead();
+    QVERIFY(frames_.size() >= 15);
+    for (qsizetype i = 1; i < frames_.size(); ++i)
+        QVERIFY(frames_[i].ptsMs > frames_[i - 1].ptsMs);
+}
+
 void RecordingLoopTest::changingSizesAreLetterboxed()
 {
     // All of the window's own shape, so that the number lies at the same place of the canvas.
@@ -229,6 +253,23 @@ void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
     QVERIFY(frames_.size() > 5);
     for (const RecordedFrame& frame : std::as_const(frames_))
         QCOMPARE(frame.number, 255);
+}
+
+/// The launcher's clicks and the worker's first frame meet at the clock.
+void RecordingLoopTest::clicksArriveWhileTheClockStarts()
+{
+    make();
+    QElapsedTimer limit;
+    limit.start();
+    while (probe().recordingStartedAtMs().load() == 0 && limit.elapsed() < patienceMs) {
+        recorder_->addClick(80, 48, -1, -1, 0);
+        QTest::qSleep(1);
+    }
+    recorder_->addClick(80, 48, -1, -1, 0);
+    QVERIFY(probe().recordingStartedAtMs().load() > 0);
+    recorder_->stop();
+    QVERIFY(bench_->log.countStartingWith(QStringLiteral("Recorder mouse click received ")) > 100);
+    QVERIFY(probe().clicks().lastKey() < qint64(limit.elapsed()) + 1000);
 }
 
 void RecordingLoopTest::pointerIsRecorded()

@@ -1,0 +1,22 @@
+// Memory that is refused: the executable links allocationfaults.cpp's operator new in the place of the library's.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+namespace allocationfaults {
+
+/// While it lives, an operator new of exactly so many bytes throws std::bad_alloc on every thread but the one that
+/// made it. Code of this program only: libraries of the system have their own calls. One at a time.
+class Refusal {
+public:
+    explicit Refusal(std::size_t bytes);
+    ~Refusal();
+    Refusal(const Refusal&) = delete;
+    Refusal& operator=(const Refusal&) = delete;
+
+    /// How often it threw.
+    int count() const;
+};
+
+}
