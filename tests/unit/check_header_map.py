@@ -66,7 +66,7 @@ def declared(header):
                                 statement):
             section = re.sub(r"\s", "", label)
             statement = statement.replace(label, "", 1)
-        statement = statement.replace("Q_OBJECT", "").strip()
+        statement = re.sub(r"\bGUARDED_BY\(\w+\)", "", statement.replace("Q_OBJECT", "")).strip()
         if statement.startswith("@"):
             file = statement[1:]
             continue
