@@ -42,7 +42,7 @@ int record(QGuiApplication& application, int argc, char** argv)
         qDebug() << "invalid param count";
         return 0;
     }
-    const SignalNotifier signalsAsExit({SIGTERM, SIGINT, SIGHUP}, SignalNotifier::Repeated::EndsProcess);
+    const SignalNotifier signalsAsExit({SIGTERM, SIGINT, SIGHUP}, SignalNotifier::Insisting::EndsProcess);
     QObject::connect(&signalsAsExit, &SignalNotifier::received,
         [](int number) { QCoreApplication::exit(SignalNotifier::exitCode(number)); });
 

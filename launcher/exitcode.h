@@ -9,5 +9,5 @@ enum class ExitCode {
     NoImage = 5, ///< the recording was stopped before its window gave an image
     NoDuration = 6, ///< the recorder never confirmed the end of the recording
     BadEnd = 7, ///< confirmed, but there is no file or the recorder's exit code is not 0
-    Killed = 130, ///< interrupted a second time
+    Killed = 130, ///< SignalNotifier::insisted()
 };

@@ -24,10 +24,11 @@ void printError(const QString& error)
 int record(const Options& options)
 {
     SignalNotifier::ignore(SIGPIPE); // the recording goes on when the reader of our output ends
-    const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Repeated::IsReported);
+    const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Insisting::IsReported);
     RecordingSession session(options);
     QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);
     QObject::connect(
+    QObject::connect(&interruptions, &SignalNotifier::insisted, &session, &RecordingSession::kill);
         &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
     session.start();
     QCoreApplication::exec();

@@ -14,20 +14,21 @@ namespace {
 
 constexpr double longestSeconds = 1'000'000; // eleven days: milliseconds still fit the timers
 
-const auto exitCodeHelp = QStringLiteral("\n"
-                                         "Exit codes:\n"
-                                         "  0    recorded\n"
-                                         "  2    bad usage\n"
-                                         "  3    the recorder could not be started\n"
-                                         "  4    the recorder ended before it was ready\n"
-                                         "  5    the window never gave an image\n"
-                                         "  6    the recorder never confirmed the end of the recording\n"
-                                         "  7    the end was confirmed, but there is no file, or the recorder\n"
-                                         "       ended with an error\n"
-                                         "  130  interrupted twice: the recorder was killed\n"
-                                         "\n"
-                                         "The first Ctrl-C (or SIGTERM) ends the recording and waits for the file,\n"
-                                         "a second one kills the recorder.\n");
+const auto exitCodeHelp
+    = QStringLiteral("\n"
+                     "Exit codes:\n"
+                     "  0    recorded\n"
+                     "  2    bad usage\n"
+                     "  3    the recorder could not be started\n"
+                     "  4    the recorder ended before it was ready\n"
+                     "  5    the window never gave an image\n"
+                     "  6    the recorder never confirmed the end of the recording\n"
+                     "  7    the end was confirmed, but there is no file, or the recorder\n"
+                     "       ended with an error\n"
+                     "  130  interrupted twice: the recorder was killed\n"
+                     "\n"
+                     "Ctrl-C (or SIGTERM, SIGHUP) ends the recording and waits for the file. A\n"
+                     "second Ctrl-C, or the same signal again after a second, kills the recorder.\n");
 
 QCommandLineOption option(const char* name, const char* description, const char* valueName = "")
 {

@@ -218,14 +218,16 @@ void RecordingSession::showProgress(qint64 readyAtMs)
 
 void RecordingSession::interrupt()
 {
-    ++interruptions_;
-    if (interruptions_ > 1) {
-        recorder_.kill(); // its end brings the session to its end
-    } else if (state_ == State::Starting || state_ == State::Recording) {
+    if (state_ == State::Starting || state_ == State::Recording)
         requestStop();
-    } else {
+    else
         progress_.step(QStringLiteral("already finishing the file; a second Ctrl-C kills the recorder"));
-    }
+}
+
+void RecordingSession::kill()
+{
+    killed_ = true;
+    recorder_.kill(); // its end brings the session to its end
 }
 
 void RecordingSession::requestStop()
@@ -306,7 +308,7 @@ void RecordingSession::checkOutcome()
         outcome_.code = code;
         outcome_.error = error;
     };
-    if (interruptions_ > 1)
+    if (killed_)
         set(ExitCode::Killed, QStringLiteral("the recorder was killed"));
     else if (!wasReady_ && state_ == State::Starting)
         set(ExitCode::EndedBeforeReady,

@@ -33,8 +33,10 @@ public:
     /// Makes the directories, listens, starts the recorder. over() follows in any case, never before this returns.
     void start();
 
-    /// The first time the recording ends as it should; the second time the recorder is killed.
+    /// Ends the recording in order.
     void interrupt();
+    /// Kills the recorder.
+    void kill();
 
     const Outcome& outcome() const { return outcome_; }
 
@@ -69,7 +71,7 @@ private:
     State state_ = State::Starting;
     bool wasReady_ = false; // before the stop was requested
     bool gaveUpWaiting_ = false;
-    int interruptions_ = 0;
+    bool killed_ = false;
     qsizetype clicksToReport_ = 0;
     QByteArray nonsense_; // the first reply that was none
     Outcome outcome_;

@@ -11,18 +11,21 @@ class QSocketNotifier;
 /**
  * While it lives, the named signals do not end the process but are reported by received(). A signal that was ignored
  * before (nohup) stays ignored. One object a process, on the thread with the event loop.
+ *
+ * A signal insists when it is SIGINT and has come before (a second Ctrl-C), or when it is another one that came first
+ * at least a second ago. Nothing else insists: at the end of a session different signals come at the same time.
  */
 class SignalNotifier : public QObject {
     Q_OBJECT
 
 public:
-    /// What a signal does that comes while an earlier one was already reported.
-    enum class Repeated { IsReported, EndsProcess };
+    /// What a signal that insists does.
+    enum class Insisting { IsReported, EndsProcess };
 
-    SignalNotifier(std::initializer_list<int> numbers, Repeated repeated);
+    SignalNotifier(std::initializer_list<int> numbers, Insisting insisting);
     ~SignalNotifier() override;
 
-    /// The exit code that tells a shell which signal ended a process; what Repeated::EndsProcess exits with.
+    /// The exit code that tells a shell which signal ended a process; what Insisting::EndsProcess exits with.
     static int exitCode(int number) { return 128 + number; }
 
     /// Ignores a signal from now on.
@@ -30,6 +33,7 @@ public:
 
 Q_SIGNALS:
     void received(int number);
+    void insisted(int number); ///< in place of received(); not with Insisting::EndsProcess
 
 private:
     void readSignal();

@@ -35,8 +35,6 @@ private Q_SLOTS:
     void signal_data();
     void signal();
     void hangUpIgnoredFromTheStart();
-    void secondSignalEndsAtOnce();
-    void signalWhileConnecting();
     void launcherGone();
     void launcherGoneThenEnd();
     void standardErrorClosed();
@@ -152,37 +150,6 @@ void EndingsTest::hangUpIgnoredFromTheStart()
     scene.recorder.send(SIGHUP);
     QVERIFY2(scene.waitUntilRecorded(500), scene.story());
     QVERIFY2(scene.stopAndExit(), scene.story());
-}
-
-void EndingsTest::secondSignalEndsAtOnce()
-{
-    RecordingScene scene(server_.display(), window_->id());
-    QVERIFY2(scene.startRecording(), scene.story());
-    QVERIFY2(scene.waitUntilRecorded(300), scene.story());
-    // While the process is stopped both become pending, so that none of its own work lies between them.
-    scene.recorder.send(SIGSTOP);
-    scene.recorder.send(SIGTERM);
-    scene.recorder.send(SIGINT);
-    scene.recorder.send(SIGCONT);
-    QVERIFY2(scene.recorder.waitForEnd(), scene.story());
-    const int exitCode = scene.recorder.exitCode();
-    QVERIFY2(exitCode == 143 || exitCode == 130, scene.story()); // whichever the kernel delivered last
-    QCOMPARE(countLines(scene.log(), finalizedLine), 0);
-    QCOMPARE(countLines(scene.log(), exitingLine), 0);
-}
-
-void EndingsTest::signalWhileConnecting()
-{
-    RecordingScene scene(server_.display(), window_->id());
-    scene.recorder.setVariable(QStringLiteral("TMPDIR"), scene.command.logDirectory); // no launcher is there
-    QVERIFY(scene.recorder.start(scene.command.arguments()));
-    QVERIFY2(scene.waitForLine(QStringLiteral("FFmpeg recorder starting ")), scene.story());
-    scene.recorder.send(SIGTERM);
-    QVERIFY2(scene.recorder.waitForEnd(), scene.story());
-    QCOMPARE(scene.recorder.exitCode(), 143);
-    QCOMPARE(scene.log().last().text, exitingLine + QStringLiteral("143"));
-    const Playback file = playBack(scene.command.output);
-    QVERIFY2(!QFile::exists(scene.command.output) || file.isWhole(), file.description());
 }
 
 void EndingsTest::launcherGone()

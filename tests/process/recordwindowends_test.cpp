@@ -28,6 +28,7 @@ private Q_SLOTS:
     void lostRecorderIsEnded();
     void secondInterruptKillsTheRecorder_data();
     void secondInterruptKillsTheRecorder();
+    void differentSignalsKillNothing();
     void killedLauncherTakesItsRecorderAlong();
 };
 
@@ -257,6 +258,19 @@ void RecordWindowEndsTest::secondInterruptKillsTheRecorder()
     QVERIFY(!isRunning(launcher.recorderPid()));
     QVERIFY(!QFileInfo::exists(launcher.path("notes/terminated"))); // killed, not asked
     QVERIFY2(launcher.standardError().contains("the recorder was killed"), launcher.standardError());
+}
+
+void RecordWindowEndsTest::differentSignalsKillNothing()
+{
+    RecordWindowProcess launcher;
+    launcher.start(window);
+    QVERIFY2(launcher.waitForRecording(), launcher.standardError());
+    // While it is stopped all become pending, as at the end of a session.
+    for (const int number : {SIGSTOP, SIGTERM, SIGHUP, SIGINT, SIGCONT})
+        launcher.interrupt(number);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 0);
+    QVERIFY2(launcher.standardOutput().contains("duration  1.234 s\n"), launcher.standardOutput());
 }
 
 void RecordWindowEndsTest::killedLauncherTakesItsRecorderAlong()
