@@ -2,6 +2,7 @@
 #include "gstrecorder.h"
 #include "platform/application.h"
 #include "signalnotifier.h"
+#include "standardstreams.h"
 #include "startup.h"
 
 #include <QDebug>
@@ -62,6 +63,7 @@ int record(QGuiApplication& application, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    standardstreams::openMissing();
     startup::extendPluginPath(argv[0]);
     platform::chooseGuiPlatform();
     QGuiApplication application(argc, argv);

@@ -2,6 +2,7 @@
 #include "options.h"
 #include "recordingsession.h"
 #include "signalnotifier.h"
+#include "standardstreams.h"
 
 #include <QCoreApplication>
 
@@ -27,8 +28,8 @@ int record(const Options& options)
     const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Insisting::IsReported);
     RecordingSession session(options);
     QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);
-    QObject::connect(
     QObject::connect(&interruptions, &SignalNotifier::insisted, &session, &RecordingSession::kill);
+    QObject::connect(
         &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
     session.start();
     QCoreApplication::exec();
@@ -47,6 +48,7 @@ int record(const Options& options)
 
 int main(int argc, char** argv)
 {
+    standardstreams::openMissing();
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("record-window"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ORVANTIS_VERSION));

@@ -23,6 +23,7 @@ private Q_SLOTS:
     void argumentsKeepEveryByte();
     void recorderIsToldToStopAndToLeave();
     void recorderRunsInAGroupOfItsOwn();
+    void closedDescriptorsAreFilled();
     void controlSocketIsPrivateAndGoes();
     void longTemporaryDirectoryIsNoObstacle();
     void missingDirectoriesAreMade();
@@ -100,6 +101,24 @@ void RecordWindowTest::recorderRunsInAGroupOfItsOwn()
     QVERIFY(launcher.waitForEnd());
     QCOMPARE(launcher.process().exitCode(), 0);
     QCOMPARE(value(launcher.standardOutput(), "duration"), QByteArray("1.234 s"));
+}
+
+void RecordWindowTest::closedDescriptorsAreFilled()
+{
+    RecordWindowProcess launcher;
+    launcher.process().setChildProcessModifier([] {
+        for (int descriptor = 0; descriptor <= 2; ++descriptor)
+            ::close(descriptor);
+    });
+    launcher.start({"--window", "77"});
+    QTRY_VERIFY_WITH_TIMEOUT(!launcher.note("ready").isEmpty(), 60'000);
+    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+        const QString link = QStringLiteral("/proc/%1/fd/%2").arg(launcher.process().processId()).arg(descriptor);
+        QCOMPARE(QFile::symLinkTarget(link), QStringLiteral("/dev/null"));
+    }
+    launcher.interrupt(SIGINT);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitCode(), 0);
 }
 
 void RecordWindowTest::controlSocketIsPrivateAndGoes()
