@@ -64,6 +64,7 @@ int record(QGuiApplication& application, int argc, char** argv)
 int main(int argc, char** argv)
 {
     standardstreams::openMissing();
+    standardstreams::keepErrorOutputFromBlocking();
     startup::extendPluginPath(argv[0]);
     platform::chooseGuiPlatform();
     QGuiApplication application(argc, argv);

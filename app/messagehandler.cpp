@@ -1,5 +1,7 @@
-// The line formats and the order of the two outputs.
+// The line format and the order of the two outputs.
 #include "messagehandler.h"
+
+#include "stderrlines.h"
 
 #include <QByteArray>
 #include <QString>
@@ -8,39 +10,63 @@ std::FILE* logFilePtr = nullptr;
 
 namespace {
 
-/// Writes one line in the format of its type; an unknown type writes nothing.
-void writeLine(std::FILE* file, QtMsgType type, const char* text, const QMessageLogContext& context)
+/// What a line of the type starts with; null for an unknown type.
+const char* levelName(QtMsgType type)
 {
-    const char* name = context.file ? context.file : "";
-    const unsigned line = unsigned(context.line);
-    const char* function = context.function ? context.function : "";
     switch (type) {
     case QtDebugMsg:
-        std::fprintf(file, "Debug: %s (%s:%u, %s)\n", text, name, line, function);
-        break;
+        return "Debug";
     case QtWarningMsg:
-        std::fprintf(file, "Warning: %s (%s:%u, %s)\n", text, name, line, function);
-        break;
+        return "Warning";
     case QtCriticalMsg:
-        std::fprintf(file, "Critical: %s (%s:%u, %s)\n", text, name, line, function);
-        break;
+        return "Critical";
     case QtFatalMsg:
-        std::fprintf(file, "Fatal: %s (%s:%u, %s)\n", text, name, line, function);
-        break;
+        return "Fatal";
     case QtInfoMsg:
-        std::fprintf(file, "Info: %s (%s:%u, %s)\n", text, name, line, function);
-        break;
+        return "Info";
     }
+    return nullptr;
+}
+
+/// "Debug: text (file:line, function)" and a line feed.
+QByteArray formatted(const char* level, const QByteArray& text, const QMessageLogContext& context)
+{
+    QByteArray line(level);
+    line += ": ";
+    line += text.constData(); // up to a null byte
+    line += " (";
+    line += context.file ? context.file : "";
+    line += ':' + QByteArray::number(unsigned(context.line)) + ", ";
+    line += context.function ? context.function : "";
+    line += ")\n";
+    return line;
+}
+
+void writeToLogFile(const QByteArray& line)
+{
+    if (logFilePtr)
+        std::fwrite(line.constData(), 1, std::size_t(line.size()), logFilePtr);
+}
+
+/// The file first, then stderr. Lines that stderr did not take are reported in both as soon as it takes one.
+void writeLine(const QByteArray& line)
+{
+    writeToLogFile(line);
+    const quint64 dropped = stderrlines::write(line);
+    if (dropped == 0)
+        return;
+    const QByteArray text = "stderr has not taken " + QByteArray::number(dropped) + " earlier lines";
+    const QByteArray report = formatted(levelName(QtWarningMsg), text, QMessageLogContext());
+    writeToLogFile(report);
+    stderrlines::write(report);
 }
 
 }
 
 void MessageHandlerImpl(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    const QByteArray text = message.toLocal8Bit();
-    if (logFilePtr)
-        writeLine(logFilePtr, type, text.constData(), context);
-    writeLine(stderr, type, text.constData(), context);
+    if (const char* const level = levelName(type))
+        writeLine(formatted(level, message.toLocal8Bit(), context));
     if (logFilePtr)
         std::fflush(logFilePtr);
 }

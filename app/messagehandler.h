@@ -13,5 +13,7 @@ class QString;
 extern std::FILE* logFilePtr;
 
 /// For qInstallMessageHandler(). Any thread; a line is written by one call, so lines do not mix. The log file
-/// is flushed after every message, so that a crash loses nothing.
+/// is flushed after every message, so that a crash loses nothing. stderr never holds up the caller: what it does not
+/// take at once is dropped there (stderrlines.h), and a line in both outputs says how much, once it takes lines
+/// again.
 void MessageHandlerImpl(QtMsgType type, const QMessageLogContext& context, const QString& message);

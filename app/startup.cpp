@@ -4,6 +4,7 @@
 #include "messagehandler.h"
 #include "platform/application.h"
 #include "platform/screen.h"
+#include "stderrlines.h"
 #include "timestamp.h"
 
 #include <QCoreApplication>
@@ -45,10 +46,9 @@ void startup::startLogging(const char* directory)
 {
     const QByteArray path = logFilePath(directory).toUtf8();
     logFilePtr = std::fopen(path.constData(), "w");
-    if (!logFilePtr) {
-        std::fprintf(
-            stderr, "orvantis-recorder: cannot open the log file %s: %s\n", path.constData(), std::strerror(errno));
-    }
+    if (!logFilePtr)
+        stderrlines::write(
+            "orvantis-recorder: cannot open the log file " + path + ": " + std::strerror(errno) + '\n');
     qInstallMessageHandler(MessageHandlerImpl);
 }
 

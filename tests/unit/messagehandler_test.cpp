@@ -9,8 +9,11 @@
 #include <QSet>
 #include <QTest>
 
+#include <array>
+#include <fcntl.h>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -27,6 +30,57 @@ QByteArray contents(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// Points descriptor 2 at a pipe for its lifetime. Nobody reads it unless take() is called. It is left without a
+/// line to be reported.
+class StderrPipe {
+public:
+    StderrPipe()
+    {
+        if (::pipe2(ends_.data(), O_CLOEXEC) != 0)
+            qFatal("No pipe for stderr");
+        ::fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        std::fflush(stderr);
+        saved_ = ::dup(STDERR_FILENO);
+        ::dup2(ends_[1], STDERR_FILENO);
+        ::close(ends_[1]);
+    }
+    ~StderrPipe()
+    {
+        logFilePtr = nullptr;
+        take();
+        MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("the last one"));
+        ::dup2(saved_, STDERR_FILENO);
+        ::close(saved_);
+        ::close(ends_[0]);
+    }
+    StderrPipe(const StderrPipe&) = delete;
+    StderrPipe& operator=(const StderrPipe&) = delete;
+
+    QByteArray take() const
+    {
+        QByteArray taken;
+        std::array<char, 65536> bytes{};
+        for (ssize_t size = 0; (size = ::read(ends_[0], bytes.data(), bytes.size())) > 0;)
+            taken.append(bytes.data(), size);
+        return taken;
+    }
+
+    int flags() const { return ::fcntl(STDERR_FILENO, F_GETFL); }
+
+private:
+    std::array<int, 2> ends_{-1, -1};
+    int saved_ = -1;
+};
+
+/// Logs numbered lines, more than a pipe holds.
+constexpr int floodCount = 2000;
+void flood()
+{
+    const QString filler(200, QLatin1Char('x'));
+    for (int i = 0; i < floodCount; ++i)
+        MessageHandlerImpl(QtDebugMsg, noContext, QString::number(i) + filler);
 }
 
 }
@@ -49,6 +103,12 @@ private Q_SLOTS:
     void withoutALogFileOnlyStderrIsWritten();
     void qtMessagesArriveThroughTheHandler();
     void linesOfManyThreadsDoNotMix();
+
+    void pipeThatNobodyReads();
+    void droppedLinesAreReportedOnce();
+    void longLineArrivesInPieces();
+    void linesOfManyThreadsInAFullPipe();
+    void withoutStandardErrorOnlyTheFileIsWritten();
 
 private:
     PrivateTempDir directory_;
@@ -219,6 +279,87 @@ void MessageHandlerTest::linesOfManyThreadsDoNotMix()
         QCOMPARE(lines.size(), expected.size());
         QCOMPARE(QSet<QByteArray>(lines.cbegin(), lines.cend()), expected);
     }
+}
+
+void MessageHandlerTest::pipeThatNobodyReads()
+{
+    const StderrPipe errors;
+    flood();
+    const QByteArray logged = contents(path_);
+    QCOMPARE(logged.count('\n'), floodCount);
+    const QByteArray shown = errors.take();
+    QVERIFY(shown.size() > 4096);
+    QVERIFY(logged.startsWith(shown));
+    QVERIFY(shown.endsWith('\n'));
+    QCOMPARE(errors.flags() & O_NONBLOCK, 0); // it would hold for everybody who has this pipe
+}
+
+void MessageHandlerTest::droppedLinesAreReportedOnce()
+{
+    const StderrPipe errors;
+    flood();
+    const qsizetype dropped = floodCount - errors.take().count('\n');
+    QVERIFY(dropped > 0);
+    const qsizetype before = contents(path_).size();
+    MessageHandlerImpl(QtWarningMsg, mainContext, QStringLiteral("again"));
+    MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("and again"));
+    const QByteArray expected = "Warning: again (main:10, main)\nWarning: stderr has not taken "
+        + QByteArray::number(dropped) + " earlier lines (:0, )\nDebug: and again (:0, )\n";
+    QCOMPARE(contents(path_).mid(before), expected);
+    QCOMPARE(errors.take(), expected);
+}
+
+void MessageHandlerTest::longLineArrivesInPieces()
+{
+    const StderrPipe errors;
+    QString text;
+    for (int i = 0; text.size() < 300'000; ++i)
+        text += QString::number(i) + QLatin1Char(' ');
+    MessageHandlerImpl(QtDebugMsg, noContext, text);
+    const QByteArray expected = contents(path_);
+    QByteArray shown;
+    int dropped = 0;
+    for (; shown.size() < expected.size() && dropped < 100; ++dropped) { // each call goes on with the rest
+        shown += errors.take();
+        MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("next"));
+    }
+    QVERIFY(dropped > 1);
+    shown += errors.take();
+    // Whole, and the report of those that were dropped meanwhile behind the first line that was taken again.
+    QVERIFY(shown.startsWith(expected + "Debug: next (:0, )\n"));
+    QVERIFY2(shown.mid(expected.size()).contains("earlier lines (:0, )\n"), shown.mid(expected.size()));
+}
+
+void MessageHandlerTest::linesOfManyThreadsInAFullPipe()
+{
+    const StderrPipe errors;
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int thread = 0; thread < 4; ++thread)
+        threads.emplace_back([] { flood(); });
+    QByteArray shown;
+    for (int i = 0; i < 20; ++i)
+        shown += errors.take(); // while they write
+    for (std::thread& thread : threads)
+        thread.join();
+    shown += errors.take();
+    const QByteArrayList all = contents(path_).split('\n');
+    const QSet<QByteArray> lines(all.cbegin(), all.cend());
+    for (const QByteArray& line : shown.split('\n'))
+        QVERIFY2(lines.contains(line), line);
+    QVERIFY(all.size() > 4 * floodCount);
+}
+
+void MessageHandlerTest::withoutStandardErrorOnlyTheFileIsWritten()
+{
+    const StderrPipe errors;
+    ::close(STDERR_FILENO);
+    MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("hello"));
+    QCOMPARE(contents(path_), QByteArray("Debug: hello (:0, )\n"));
+    QCOMPARE(errors.take(), QByteArray());
+    QFile nowhere(QStringLiteral("/dev/null"));
+    QVERIFY(nowhere.open(QIODevice::WriteOnly));
+    ::dup2(nowhere.handle(), STDERR_FILENO);
 }
 
 ORVANTIS_TEST(MessageHandlerTest)

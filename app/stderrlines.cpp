@@ -1,0 +1,81 @@
+// What each kind of file takes without waiting. O_NONBLOCK is not set on descriptor 2: it would hold for everybody
+// who shares the open file (support/standardstreams.h tells how it may be set already).
+#include "stderrlines.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <mutex>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr int errorOutput = STDERR_FILENO;
+
+struct Output {
+    std::mutex mutex;
+    QByteArray rest; // of a line whose beginning was taken
+    quint64 dropped = 0; // lines since the last report
+};
+
+/// Never destroyed: lines are logged until the process ends.
+Output& output()
+{
+    static Output& only = *new Output;
+    return only;
+}
+
+bool hasRoom()
+{
+    pollfd state{errorOutput, POLLOUT, 0};
+    return ::poll(&state, 1, 0) == 1 && state.revents != 0; // also on an error, which the write then reports
+}
+
+/// One call that does not wait; below 0 when nothing is taken now.
+ssize_t writeOnce(const char* bytes, std::size_t size)
+{
+    struct stat status = {};
+    if (::fstat(errorOutput, &status) != 0)
+        return -1;
+    if (S_ISSOCK(status.st_mode))
+        return ::send(errorOutput, bytes, size, MSG_DONTWAIT);
+    if (S_ISREG(status.st_mode) || (::fcntl(errorOutput, F_GETFL) & O_NONBLOCK) != 0)
+        return ::write(errorOutput, bytes, size);
+    // A pipe that has room at all has room for PIPE_BUF bytes.
+    return hasRoom() ? ::write(errorOutput, bytes, std::min<std::size_t>(size, PIPE_BUF)) : -1;
+}
+
+/// How many bytes of the text are taken.
+qsizetype writeAtOnce(const QByteArray& text)
+{
+    qsizetype written = 0;
+    while (written < text.size()) {
+        const ssize_t size = writeOnce(text.constData() + written, std::size_t(text.size() - written));
+        if (size > 0)
+            written += size;
+        else if (size == 0 || errno != EINTR)
+            break;
+    }
+    return written;
+}
+
+}
+
+quint64 stderrlines::write(const QByteArray& line)
+{
+    Output& to = output();
+    const std::lock_guard lock(to.mutex);
+    to.rest.remove(0, writeAtOnce(to.rest));
+    const qsizetype written = to.rest.isEmpty() ? writeAtOnce(line) : 0;
+    if (written == 0) {
+        ++to.dropped;
+        return 0;
+    }
+    to.rest = line.mid(written);
+    return to.rest.isEmpty() ? std::exchange(to.dropped, 0) : 0;
+}
