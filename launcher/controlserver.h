@@ -28,7 +28,7 @@ public:
 
 Q_SIGNALS:
     void connected();
-    void ready(); ///< the readiness byte; after a stop it may come behind the duration
+    void ready(); ///< the readiness byte; also when it came only at the stop
     void durationReceived(qint64 durationMs);
     void nonsenseReceived(const QByteArray& line); ///< neither of the two
     void disconnected();

@@ -120,6 +120,8 @@ void GstRecorder::onFrameCome()
 
 void GstRecorder::sendDuration()
 {
+    // The worker has finished, but its frameCome() can still be queued. The notice is always sent first.
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     const QJsonObject reply{{QStringLiteral("duration"), qint64(durationMs)}};
     sendReply(QJsonDocument(reply).toJson(QJsonDocument::Compact) + '\n');
 }

@@ -140,7 +140,7 @@ private:
         if (mode_ == "nonsense")
             send("what do you mean?\n");
         else if (mode_ == "noimage")
-            send("{\"duration\":41}\n1"); // as the recorder does it: the byte waited for the event loop
+            send("1{\"duration\":41}\n");
         else
             send("{\"duration\":1234}\n");
     }

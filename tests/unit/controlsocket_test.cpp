@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QLocalSocket>
+#include <QThread>
 #include <QTimer>
 
 class ControlSocketTest : public QObject {
@@ -29,6 +30,7 @@ private Q_SLOTS:
     void noticeIsOneByte();
     void durationReply_data();
     void durationReply();
+    void noticeComesBeforeTheDuration();
     void stopIsAnsweredOnce();
     void onlyAServerOfTheSameUserIsOurs();
     void onlyASocketIsRead();
@@ -162,6 +164,18 @@ void ControlSocketTest::durationReply()
     QCOMPARE(bench_->launcher.received(), reply);
     QCOMPARE(bench_->log.messages(QtDebugMsg),
         QStringList{QStringLiteral("FFmpeg recorder stopped, duration %1").arg(durationMs)});
+}
+
+void ControlSocketTest::noticeComesBeforeTheDuration()
+{
+    // Another thread announces the recording; before this thread's events are delivered the stop comes.
+    const std::unique_ptr<QThread> worker(QThread::create([this] { Q_EMIT bench_->recorder->frameCome(); }));
+    worker->start();
+    QVERIFY(worker->wait());
+    bench_->recorder->stop();
+    QVERIFY(bench_->launcher.waitForReceived(16, patienceMs));
+    QCOMPARE(bench_->launcher.received(), QByteArray("1{\"duration\":0}\n"));
+    QCOMPARE(bench_->log.count(QStringLiteral("sending frame come")), 1);
 }
 
 void ControlSocketTest::stopIsAnsweredOnce()
