@@ -23,6 +23,7 @@ const auto serverName = QStringLiteral("orvantis-recorder");
 constexpr int connectAttempts = 50;
 constexpr int attemptMs = 100; // an attempt that fails at once still lasts this long, so that a late launcher is met
 constexpr auto exitDelay = 1000ms;
+constexpr quint32 rootUserId = 0; // root can control every process anyway
 
 }
 
@@ -54,7 +55,7 @@ void GstRecorder::connectControlSocket()
 bool GstRecorder::serverIsOurs()
 {
     const auto server = platform::peerUserId(controlSocket->socketDescriptor());
-    return server && *server == platform::ownUserId();
+    return server && (*server == platform::ownUserId() || *server == rootUserId);
 }
 
 void GstRecorder::proceessData()

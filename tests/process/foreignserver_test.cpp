@@ -1,14 +1,16 @@
-// A control socket that belongs to another user is not obeyed. To have another user takes root.
+// A control socket that belongs to another user is not obeyed, unless that is root. To have another user takes root.
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
 #include "testregistry.h"
 #include "truthwindowprocess.h"
 
+#include <QFile>
 #include <QTest>
 
 #include <csignal>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -32,6 +34,7 @@ class ForeignServerTest : public QObject {
 
 private Q_SLOTS:
     void notObeyed();
+    void rootIsObeyed();
 };
 
 void ForeignServerTest::notObeyed()
@@ -65,6 +68,28 @@ void ForeignServerTest::notObeyed()
     QVERIFY(scene->recorder.waitForEnd());
     QCOMPARE(scene->recorder.exitCode(), 143);
     QVERIFY2(playBack(scene->command.output).isWhole(), playBack(scene->command.output).description());
+}
+
+/// A launcher that runs as root, and a recorder in the session of somebody else.
+void ForeignServerTest::rootIsObeyed()
+{
+    PrivateXServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    TruthWindowProcess window(server.display());
+    RecordingScene scene(server.display(), window.id());
+    const QString binary = scene.directory.filePath(QStringLiteral("recorder")); // where that user may read it
+    QVERIFY(QFile::copy(RecorderProcess::defaultBinary(), binary));
+    scene.recorder.setBinary(binary);
+    for (const QString& path : {scene.directory.path(), scene.command.logDirectory})
+        QCOMPARE(::chown(qPrintable(path), anotherUser, anotherUser), 0);
+    QCOMPARE(::chmod(qPrintable(scene.directory.filePath(QStringLiteral("orvantis-recorder"))), 0777), 0);
+    const QString id = QString::number(anotherUser);
+    scene.recorder.setWrapper({"setpriv", "--reuid", id, "--regid", id, "--clear-groups"});
+
+    QVERIFY2(scene.startRecording(), scene.story());
+    QVERIFY2(scene.waitUntilRecorded(100), scene.story());
+    QVERIFY2(scene.stopAndExit(), scene.story());
+    QCOMPARE(countLines(scene.log(), refusal), 0);
 }
 
 ORVANTIS_TEST(ForeignServerTest)

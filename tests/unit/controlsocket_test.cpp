@@ -32,7 +32,7 @@ private Q_SLOTS:
     void durationReply();
     void noticeComesBeforeTheDuration();
     void stopIsAnsweredOnce();
-    void onlyAServerOfTheSameUserIsOurs();
+    void onlyAServerOfTheSameUserOrOfRootIsOurs();
     void onlyASocketIsRead();
     void lastLinesOfALauncherThatHangsUpAreObeyed();
     void launcherGoneInMidRecording();
@@ -187,14 +187,19 @@ void ControlSocketTest::stopIsAnsweredOnce()
     QCOMPARE(bench_->launcher.received(), QByteArray("{\"duration\":0}\n1"));
 }
 
-void ControlSocketTest::onlyAServerOfTheSameUserIsOurs()
+void ControlSocketTest::onlyAServerOfTheSameUserOrOfRootIsOurs()
 {
     fakeplatform::state().ownUserId = 1000;
     fakeplatform::state().peerUserId = 1000;
     QVERIFY(probe().serverIsOurs());
     fakeplatform::state().peerUserId = 0;
+    QVERIFY(probe().serverIsOurs());
+    fakeplatform::state().peerUserId = 1001;
     QVERIFY(!probe().serverIsOurs());
     fakeplatform::state().peerUserId = std::nullopt; // it cannot be told
+    QVERIFY(!probe().serverIsOurs());
+    fakeplatform::state().ownUserId = 0; // also root obeys no other
+    fakeplatform::state().peerUserId = 1000;
     QVERIFY(!probe().serverIsOurs());
 }
 
