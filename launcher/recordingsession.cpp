@@ -124,6 +124,7 @@ void RecordingSession::startRecorder()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TMPDIR"), socketDirectory_->path());
+    environment.insert(QStringLiteral("ORVANTIS_END_WITH_LAUNCHER"), QStringLiteral("1"));
     recorder_.setProcessEnvironment(environment);
     recorder_.setStandardInputFile(QProcess::nullDevice());
     // Never a pipe: it would fill up while this process is busy or stopped.

@@ -23,7 +23,14 @@ const auto serverName = QStringLiteral("orvantis-recorder");
 constexpr int connectAttempts = 50;
 constexpr int attemptMs = 100; // an attempt that fails at once still lasts this long, so that a late launcher is met
 constexpr auto exitDelay = 1000ms;
+constexpr int launcherGoneExitCode = 3;
 constexpr quint32 rootUserId = 0; // root can control every process anyway
+
+/// The launcher has asked for it in the environment.
+bool endsWithLauncher()
+{
+    return qgetenv("ORVANTIS_END_WITH_LAUNCHER") == "1";
+}
 
 }
 
@@ -50,6 +57,21 @@ void GstRecorder::connectControlSocket()
     if (controlSocket->state() != QLocalSocket::ConnectedState)
         qWarning() << "Unable to connect to browser recorder control socket:" << controlSocket->errorString();
     connect(controlSocket, SIGNAL(readyRead()), this, SLOT(proceessData()), Qt::DirectConnection);
+    if (!endsWithLauncher())
+        return;
+    // From the event loop: the connection can close while lines that came over it are still being obeyed.
+    const auto endSoon = [this] {
+        QTimer::singleShot(0, this, [this] {
+            if (exitRequested)
+                return;
+            qWarning() << "Browser recorder control socket is closed; finishing the file and ending.";
+            QCoreApplication::exit(launcherGoneExitCode);
+        });
+    };
+    if (controlSocket->state() == QLocalSocket::ConnectedState)
+        connect(controlSocket, &QLocalSocket::disconnected, this, endSoon);
+    else
+        endSoon();
 }
 
 bool GstRecorder::serverIsOurs()
@@ -103,14 +125,16 @@ void GstRecorder::handleLegacyClicks(const QList<QByteArray>& fields)
 void GstRecorder::handleAction(const QByteArray& line)
 {
     const QString action = QJsonDocument::fromJson(line).object().value(QLatin1String("action")).toString();
-    if (action == QLatin1String("stop"))
+    if (action == QLatin1String("stop")) {
         stop();
-    else if (action == QLatin1String("exit"))
+    } else if (action == QLatin1String("exit")) {
+        exitRequested = true;
         QTimer::singleShot(exitDelay, [] { QCoreApplication::exit(0); });
-    else if (action == QLatin1String("pause"))
+    } else if (action == QLatin1String("pause")) {
         paused.store(true, std::memory_order_release);
-    else if (action == QLatin1String("unpause"))
+    } else if (action == QLatin1String("unpause")) {
         paused.store(false, std::memory_order_release);
+    }
 }
 
 void GstRecorder::onFrameCome()

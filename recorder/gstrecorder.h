@@ -242,6 +242,7 @@ private:
     QLocalSocket* controlSocket = nullptr; // child of this object
     QByteArray controlBuffer; // received and not yet consumed; bounded
     bool discardingLongLine = false; // the rest of an over-long line is still to come
+    bool exitRequested = false; // the launcher said "exit"; it may close the connection
 
     // Worker and clock.
     QFuture<void> worker; // main thread

@@ -8,7 +8,8 @@
 //   deaf         ready; no answer to anything         hangsup      ready, then hangs up and lives on
 //   nobody       does not connect and lives on
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
-// the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM).
+// the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
+// variables that record-window sets for it, in lines).
 #include <QByteArray>
 #include <QDateTime>
 #include <QDebug>
@@ -57,6 +58,7 @@ public:
             note("arguments", QByteArray(argv[i]) + '\0');
         note("process", QByteArray::number(::getpid()) + ' ' + QByteArray::number(::getpgrp()));
         terminatedNote = (notes_ + QLatin1String("terminated")).toUtf8();
+        note("environment", "ORVANTIS_END_WITH_LAUNCHER=" + qgetenv("ORVANTIS_END_WITH_LAUNCHER") + '\n');
         std::signal(SIGTERM, onTerminate);
         ::alarm(longestLifeSeconds);
         if (mode_ == "fallback")

@@ -23,6 +23,7 @@ private Q_SLOTS:
     void argumentsKeepEveryByte();
     void recorderIsToldToStopAndToLeave();
     void recorderRunsInAGroupOfItsOwn();
+    void recorderIsNotToOutliveIt();
     void closedDescriptorsAreFilled();
     void controlSocketIsPrivateAndGoes();
     void longTemporaryDirectoryIsNoObstacle();
@@ -101,6 +102,13 @@ void RecordWindowTest::recorderRunsInAGroupOfItsOwn()
     QVERIFY(launcher.waitForEnd());
     QCOMPARE(launcher.process().exitCode(), 0);
     QCOMPARE(value(launcher.standardOutput(), "duration"), QByteArray("1.234 s"));
+}
+
+void RecordWindowTest::recorderIsNotToOutliveIt()
+{
+    RecordWindowProcess launcher;
+    QCOMPARE(launcher.run(brief), 0);
+    QCOMPARE(launcher.note("environment"), QByteArray("ORVANTIS_END_WITH_LAUNCHER=1\n"));
 }
 
 void RecordWindowTest::closedDescriptorsAreFilled()
