@@ -65,6 +65,7 @@ int main(int argc, char** argv)
 {
     standardstreams::openMissing();
     standardstreams::keepErrorOutputFromBlocking();
+    startup::keepEveryLogLine();
     startup::extendPluginPath(argv[0]);
     platform::chooseGuiPlatform();
     QGuiApplication application(argc, argv);

@@ -11,6 +11,7 @@
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
+#include <QLoggingCategory>
 
 #include <cerrno>
 #include <cstring>
@@ -22,6 +23,22 @@ QString macMainBundleString(const char* selectorName)
     return platform::mainBundleString(selectorName);
 }
 
+}
+
+void startup::keepEveryLogLine()
+{
+    // The filter that applies the rules; there is no other way to get it than to install it twice.
+    static const QLoggingCategory::CategoryFilter rules = [] {
+        QLoggingCategory::installFilter(nullptr);
+        return QLoggingCategory::installFilter(nullptr);
+    }();
+    QLoggingCategory::installFilter([](QLoggingCategory* category) {
+        rules(category);
+        if (std::strcmp(category->categoryName(), "default") != 0)
+            return;
+        for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg, QtCriticalMsg})
+            category->setEnabled(type, true);
+    });
 }
 
 void startup::extendPluginPath(const char* executable)
@@ -55,7 +72,7 @@ void startup::startLogging(const char* directory)
 void startup::logIdentity(int argc, char** argv)
 {
     for (int i = 0; i < argc; ++i)
-        qDebug() << i << argv[i];
+        qDebug() << i << QByteArray(argv[i]).replace('\n', "\\n").constData();
     qDebug() << "recorder process identity"
              << "pid" << QCoreApplication::applicationPid() << "applicationFilePath"
              << QCoreApplication::applicationFilePath() << "applicationDirPath"

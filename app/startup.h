@@ -5,6 +5,10 @@
 
 namespace startup {
 
+/// From now on no rule for log lines that Qt finds (QT_LOGGING_RULES, QT_LOGGING_CONF, qtlogging.ini) takes a line of
+/// this program away. Rules for other libraries' categories hold.
+void keepEveryLogLine();
+
 /// Puts the application's own plug-in directory ("../PlugIns" beside the executable's directory, else
 /// "../../../../PlugIns" for an executable deeper in a bundle) in front of QT_PLUGIN_PATH; leaves the
 /// variable alone when neither exists. Before the application object exists.
@@ -17,7 +21,8 @@ QString logFilePath(const char* directory);
 /// opened, the run goes on with stderr alone and says so there.
 void startLogging(const char* directory);
 
-/// Logs the arguments, the process identity, the environment and the library paths.
+/// Logs the arguments, the process identity, the environment and the library paths. A line feed in an argument is
+/// shown as "\n": it must not look like a line of the log.
 void logIdentity(int argc, char** argv);
 
 /// Checks, and if need be requests, the screen-recording permission; the exit code of permission mode: 0 when

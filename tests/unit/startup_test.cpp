@@ -12,6 +12,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -59,6 +60,8 @@ private Q_SLOTS:
     void messagesGoToTheLogFileAndToStderr();
     void unusableLogDirectoryLeavesStderr();
     void identityLines();
+    void lineFeedInAnArgumentIsShown();
+    void logRulesTakeNoLine();
 
     void permissionMode_data();
     void permissionMode();
@@ -262,6 +265,32 @@ void StartupTest::identityLines()
         QStringLiteral("recorder Qt library paths QList(%1)").arg(libraryPaths)};
     QCOMPARE(log.messages(), expected);
     QCOMPARE(log.messages(QtDebugMsg), expected);
+}
+
+void StartupTest::lineFeedInAnArgumentIsShown()
+{
+    QByteArray program("a\nb\n");
+    QByteArray other("\\n \t\r\x1b \"\xc3\xb6\" %1");
+    char* arguments[] = {program.data(), other.data(), nullptr};
+    const LogCapture log;
+    startup::logIdentity(2, arguments);
+    QCOMPARE(log.messages().value(0), QStringLiteral("0 a\\nb\\n"));
+    QCOMPARE(log.messages().value(1), "1 " + QString::fromUtf8(other)); // as it is
+}
+
+void StartupTest::logRulesTakeNoLine()
+{
+    QLoggingCategory::setFilterRules(QStringLiteral("*=false\ndefault=false"));
+    QVERIFY(!QLoggingCategory::defaultCategory()->isDebugEnabled());
+    startup::keepEveryLogLine();
+    const QLoggingCategory& own = *QLoggingCategory::defaultCategory();
+    const bool all = own.isDebugEnabled() && own.isInfoEnabled() && own.isWarningEnabled() && own.isCriticalEnabled();
+    static const QLoggingCategory other("orvantis.test.other");
+    const bool others = other.isWarningEnabled();
+    QLoggingCategory::installFilter(nullptr);
+    QLoggingCategory::setFilterRules(QString());
+    QVERIFY(all);
+    QVERIFY(!others); // other libraries' lines stay under the rules
 }
 
 void StartupTest::permissionMode_data()

@@ -1,0 +1,57 @@
+// What the recorder logs at its start: arguments that look like log lines, and log rules of the environment.
+#include "privatexserver.h"
+#include "recordingscene.h"
+#include "testregistry.h"
+#include "truthwindowprocess.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+class StartOutputTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void lineFeedInAnArgument();
+    void logRulesOfTheEnvironmentTakeNothing();
+};
+
+void StartOutputTest::lineFeedInAnArgument()
+{
+    RecordingScene scene(QByteArray(), 0);
+    const QString forged = QStringLiteral("x (:0, )\nDebug: recorder exiting 0");
+    QVERIFY(scene.recorder.start({scene.command.logDirectory, forged, QStringLiteral("back\\nslash \r")}));
+    QVERIFY(scene.recorder.waitForEnd());
+    const QList<LogLine> log = scene.log();
+    QCOMPARE(log.size(), 4 + 4);
+    QCOMPARE(log[2].text, QStringLiteral("2 x (:0, )\\nDebug: recorder exiting 0"));
+    QCOMPARE(log[3].text, QStringLiteral("3 back\\nslash \r")); // everything else is shown as it is
+}
+
+void StartOutputTest::logRulesOfTheEnvironmentTakeNothing()
+{
+    PrivateXServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    TruthWindowProcess window(server.display());
+    RecordingScene scene(server.display(), window.id());
+    const QString configuration = scene.directory.filePath(QStringLiteral("configuration"));
+    QVERIFY(QDir().mkpath(configuration + QStringLiteral("/QtProject")));
+    const QString rules = configuration + QStringLiteral("/QtProject/qtlogging.ini");
+    QFile file(rules);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("[Rules]\n*=false\ndefault.debug=false\n");
+    file.close();
+    scene.recorder.setVariable(QStringLiteral("XDG_CONFIG_HOME"), configuration);
+    scene.recorder.setVariable(QStringLiteral("QT_LOGGING_CONF"), rules);
+    scene.recorder.setVariable(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("*=false;default.warning=false"));
+    scene.command.captureCommand = QStringLiteral("another-capture"); // which is warned of
+    QVERIFY2(scene.startRecording() && scene.stopAndExit(), scene.story());
+    const QList<LogLine> log = scene.log();
+    QVERIFY(!log.isEmpty());
+    QCOMPARE(log.first().text, "0 " + RecorderProcess::defaultBinary());
+    QCOMPARE(countLines(log, QStringLiteral("macOS recorder uses CoreGraphics window capture")), 1);
+    QCOMPARE(log.last().text, QStringLiteral("recorder exiting 0"));
+}
+
+ORVANTIS_TEST(StartOutputTest)
+#include "startoutput_test.moc"
