@@ -4,12 +4,14 @@
 #include "signalnotifier.h"
 #include "standardstreams.h"
 #include "startup.h"
+#include "usage.h"
 
 #include <QDebug>
 #include <QGuiApplication>
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
 using namespace std::chrono_literals;
@@ -37,10 +39,15 @@ int record(QGuiApplication& application, int argc, char** argv)
     // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
     SignalNotifier::ignore(SIGPIPE);
     SignalNotifier::ignore(SIGXFSZ);
-    startup::startLogging(argc > 1 ? argv[1] : nullptr);
+    const QByteArray usageText = usage::text(argc, argv);
+    if (usageText.isEmpty())
+        startup::startLogging(argc > 1 ? argv[1] : nullptr);
+    else
+        startup::startLoggingWithoutFile();
     startup::logIdentity(argc, argv);
     if (argc < neededArgumentCount) {
         qDebug() << "invalid param count";
+        std::fputs(usageText.constData(), stdout);
         return 0;
     }
     const SignalNotifier signalsAsExit({SIGTERM, SIGINT, SIGHUP}, SignalNotifier::Insisting::EndsProcess);

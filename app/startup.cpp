@@ -66,6 +66,11 @@ void startup::startLogging(const char* directory)
     if (!logFilePtr)
         stderrlines::write(
             "orvantis-recorder: cannot open the log file " + path + ": " + std::strerror(errno) + '\n');
+    startLoggingWithoutFile();
+}
+
+void startup::startLoggingWithoutFile()
+{
     qInstallMessageHandler(MessageHandlerImpl);
 }
 

@@ -21,6 +21,9 @@ QString logFilePath(const char* directory);
 /// opened, the run goes on with stderr alone and says so there.
 void startLogging(const char* directory);
 
+/// Sends every message to stderr alone from now on.
+void startLoggingWithoutFile();
+
 /// Logs the arguments, the process identity, the environment and the library paths. A line feed in an argument is
 /// shown as "\n": it must not look like a line of the log.
 void logIdentity(int argc, char** argv);

@@ -93,6 +93,12 @@ QByteArray RecorderProcess::standardError()
     return standardError_;
 }
 
+QByteArray RecorderProcess::standardOutput()
+{
+    standardOutput_ += process_.readAllStandardOutput();
+    return standardOutput_;
+}
+
 QString RecorderProcess::logFile(const QString& directory)
 {
     const QDir logs(directory);

@@ -67,6 +67,7 @@ public:
     /// After the end: the exit code, or the negative number of the signal that killed it.
     int exitCode() const;
     QByteArray standardError();
+    QByteArray standardOutput();
 
     /// The path of the one log file in a directory; empty when there is none, or more than one.
     static QString logFile(const QString& directory);
@@ -85,6 +86,7 @@ private:
     QStringList wrapper_;
     int standardErrorDescriptor_ = -1;
     QByteArray standardError_;
+    QByteArray standardOutput_;
 };
 
 /// How many lines of the log start with a text.

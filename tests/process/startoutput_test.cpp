@@ -1,4 +1,5 @@
-// What the recorder logs at its start: arguments that look like log lines, and log rules of the environment.
+// What the recorder prints and logs at its start: help and version, arguments that look like log lines, and log rules
+// of the environment.
 #include "privatexserver.h"
 #include "recordingscene.h"
 #include "testregistry.h"
@@ -12,9 +13,55 @@ class StartOutputTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    void helpAndVersion_data();
+    void helpAndVersion();
+    void helpIsGivenOnlyAlone();
     void lineFeedInAnArgument();
     void logRulesOfTheEnvironmentTakeNothing();
 };
+
+void StartOutputTest::helpAndVersion_data()
+{
+    QTest::addColumn<QString>("argument");
+    QTest::addColumn<QByteArray>("start");
+    QTest::addColumn<QByteArrayList>("parts");
+    const QByteArrayList parts{"record-window", "qt-window-capture", "app-pid:", "--request-permissions", "--version",
+        "ORVANTIS_END_WITH_LAUNCHER", "Exit codes:\n  0 ", "\n  2 ", "\n  3 ", "\n  128 + n "};
+    QTest::newRow("--help") << "--help" << QByteArray("Usage: orvantis-recorder ") << parts;
+    QTest::newRow("-h") << "-h" << QByteArray("Usage: orvantis-recorder ") << parts;
+    QTest::newRow("--version") << "--version" << QByteArray("orvantis-recorder 0.") << QByteArrayList();
+}
+
+void StartOutputTest::helpAndVersion()
+{
+    QFETCH(QString, argument);
+    QFETCH(QByteArray, start);
+    QFETCH(QByteArrayList, parts);
+    RecordingScene scene(QByteArray(), 0);
+    QVERIFY(scene.recorder.start({argument}));
+    QVERIFY(scene.recorder.waitForEnd());
+    QCOMPARE(scene.recorder.exitCode(), 0);
+    const QByteArray text = scene.recorder.standardOutput();
+    QVERIFY2(text.startsWith(start), text);
+    QVERIFY2(text.endsWith('\n') && !text.endsWith("\n\n"), text);
+    for (const QByteArray& part : std::as_const(parts))
+        QVERIFY2(text.contains(part), part);
+    // The log is what it is with every command line that is too short, but its file is not sought in "--help".
+    const QList<LogLine> log = RecorderProcess::parsed(scene.recorder.standardError());
+    QCOMPARE(log.size(), 2 + 4);
+    QCOMPARE(log[1].text, "1 " + argument);
+    QCOMPARE(log.last().text, QStringLiteral("invalid param count"));
+}
+
+void StartOutputTest::helpIsGivenOnlyAlone()
+{
+    RecordingScene scene(QByteArray(), 0);
+    QVERIFY(scene.recorder.start({scene.command.logDirectory, "--help"}));
+    QVERIFY(scene.recorder.waitForEnd());
+    QCOMPARE(scene.recorder.exitCode(), 0);
+    QCOMPARE(scene.recorder.standardOutput(), QByteArray());
+    QCOMPARE(scene.log().last().text, QStringLiteral("invalid param count"));
+}
 
 void StartOutputTest::lineFeedInAnArgument()
 {
