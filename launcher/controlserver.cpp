@@ -55,9 +55,9 @@ void ControlServer::takeConnection()
     }
     recorder_ = socket;
     connect(socket, &QLocalSocket::readyRead, this, &ControlServer::readReplies);
-    connect(socket, &QLocalSocket::disconnected, this, [this] {
+    connect(socket, &QLocalSocket::disconnected, this, [this, socket] {
         readReplies();
-        recorder_->deleteLater();
+        socket->deleteLater();
         recorder_ = nullptr;
         Q_EMIT disconnected();
     });
@@ -67,6 +67,9 @@ void ControlServer::takeConnection()
 
 void ControlServer::readReplies()
 {
+    // A receiver of connected() may send, and sending may find the connection closed.
+    if (!recorder_)
+        return;
     buffer_ += recorder_->readAll();
     while (!buffer_.isEmpty()) {
         if (buffer_.startsWith(readinessByte)) {

@@ -20,7 +20,7 @@ public:
     QString errorString() const { return server_.errorString(); }
 
     bool isConnected() const;
-    /// One line with its line feed, or several. Dropped when no recorder is connected.
+    /// One line with its line feed, or several. Dropped when no recorder is connected. May signal disconnected().
     void send(const QByteArray& lines);
 
     /// Takes in, and signals, what a recorder that has ended left behind in the socket.

@@ -242,6 +242,7 @@ void RecordingSession::requestStop()
         progress_.step(QStringLiteral("finishing the file"));
         server_.send("{\"action\":\"stop\"}\n");
     } else {
+        progress_.step(QStringLiteral("waiting for the recorder to connect, to end the recording"));
         QTimer::singleShot(connectLimit, this, [this] {
             if (!server_.isConnected())
                 terminateRecorderIfRunning();

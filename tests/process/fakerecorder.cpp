@@ -6,7 +6,7 @@
 //   noreply      ends on "stop" without an answer     nonsense     answers "stop" with something else
 //   nofile       ready; duration 0 and no file        badexit      exit code 9 after all went well
 //   deaf         ready; no answer to anything         hangsup      ready, then hangs up and lives on
-//   nobody       does not connect and lives on
+//   nobody       does not connect and lives on        dies         connects when the note "go" is there, and ends
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
@@ -72,8 +72,12 @@ public:
         log("recorder process identity pid " + QByteArray::number(::getpid()) + " applicationFilePath \"/fake\"");
         if (mode_ == "nobody")
             waitForTheEnd();
+        while (mode_ == "dies" && !QFile::exists(notes_ + QLatin1String("go")))
+            ::usleep(1000);
         if (!connectToLauncher())
             return usageExitCode;
+        if (mode_ == "dies")
+            return 1;
         if (mode_ == "setupfails")
             return 2;
         if (mode_ == "crashes")

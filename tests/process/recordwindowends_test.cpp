@@ -26,6 +26,7 @@ private Q_SLOTS:
     void badRepliesAreReported();
     void lostRecorderIsEnded_data();
     void lostRecorderIsEnded();
+    void recorderThatDiesAsItConnects();
     void secondInterruptKillsTheRecorder_data();
     void secondInterruptKillsTheRecorder();
     void differentSignalsKillNothing();
@@ -40,6 +41,13 @@ const QStringList brief = window + QStringList{"--seconds", "0.1"};
 bool isRunning(qint64 pid)
 {
     return ::kill(pid_t(pid), 0) == 0 || errno != ESRCH;
+}
+
+/// It has ended; its parent need not have noticed.
+bool isGone(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/stat").arg(pid));
+    return !status.open(QIODevice::ReadOnly) || status.readAll().contains(") Z ");
 }
 
 }
@@ -232,6 +240,26 @@ void RecordWindowEndsTest::lostRecorderIsEnded()
     QCOMPARE(launcher.process().exitCode(), 6);
     QVERIFY2(launcher.standardError().contains("cannot be reached"), launcher.standardError());
     QVERIFY(QFileInfo::exists(launcher.path("notes/terminated")));
+}
+
+void RecordWindowEndsTest::recorderThatDiesAsItConnects()
+{
+    RecordWindowProcess launcher("dies");
+    launcher.start(window);
+    QTRY_VERIFY_WITH_TIMEOUT(launcher.recorderGroup() > 0, 60'000);
+    launcher.interrupt(SIGINT);
+    QTRY_VERIFY_WITH_TIMEOUT(launcher.standardError().contains("waiting for the recorder to connect"), 60'000);
+    // Its end of the line is closed before record-window has even seen the connection.
+    launcher.interrupt(SIGSTOP);
+    QFile go(launcher.path("notes/go"));
+    QVERIFY(go.open(QIODevice::WriteOnly));
+    QTRY_VERIFY_WITH_TIMEOUT(isGone(launcher.recorderPid()), 60'000);
+    launcher.interrupt(SIGCONT);
+    QVERIFY(launcher.waitForEnd());
+    QCOMPARE(launcher.process().exitStatus(), QProcess::NormalExit);
+    QCOMPARE(launcher.process().exitCode(), 6);
+    QVERIFY2(launcher.standardError().contains("ended without confirming the recording (exit code 1)"),
+        launcher.standardError());
 }
 
 void RecordWindowEndsTest::secondInterruptKillsTheRecorder_data()
