@@ -8,12 +8,14 @@
 
 #include <memory>
 
-/// Signals every press of buttons 1 to 3 over a part of the window that nothing covers. Main thread.
+/// Signals every press of buttons 1 to 3 over a part of the window that nothing covers. Main thread, which never
+/// waits for the window system longer than a second, and that only in the constructor.
 class ClickWatcher : public QObject {
     Q_OBJECT
 
 public:
-    /// window: the system's id. When clicks cannot be watched, isWatching() is false and errorString() says why.
+    /// window: the system's id. When clicks cannot be watched, or not yet, isWatching() is false and errorString()
+    /// says why.
     explicit ClickWatcher(quint32 window, QObject* parent = nullptr);
     ~ClickWatcher() override;
 
@@ -28,8 +30,6 @@ Q_SIGNALS:
 private:
     struct Impl;
 
-    void readEvents();
-
     QString errorString_;
-    std::unique_ptr<Impl> impl_;
+    std::shared_ptr<Impl> impl_; // shared with a thread where a system needs one
 };

@@ -112,7 +112,7 @@ void RecordingSession::watchClicks()
         progress_.step(QStringLiteral("mouse clicks are not watched: %1").arg(clickWatcher_->errorString()));
     };
     if (!clickWatcher_->isWatching())
-        return sayWhy();
+        sayWhy();
     connect(clickWatcher_.get(), &ClickWatcher::clicked, this, &RecordingSession::report);
     connect(clickWatcher_.get(), &ClickWatcher::failed, this, sayWhy);
     if (options_.verbose)

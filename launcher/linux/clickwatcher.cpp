@@ -1,20 +1,28 @@
 // Mouse clicks on X11. Raw events (XInput 2.2) come for every press, also while a client grabs the pointer, but they
-// carry neither position nor window: both are asked for at once.
+// carry neither position nor window: both are asked for at once. A separate thread does so, because a stopped X
+// server does not answer.
 #include "clickwatcher.h"
 #include "xcbhandles.h"
 
 #include <QDateTime>
-#include <QSocketNotifier>
+#include <QMetaObject>
 
 #include <xcb/xcb.h>
 #include <xcb/xinput.h>
 
-#include <array>
-#include <cstdlib>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <sys/socket.h>
+#include <thread>
+
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr quint32 lastClickButton = 3; // 4 and above are wheels
+constexpr auto startLimit = 1s; // an X server that works takes milliseconds
 
 /// Asks for the raw presses of every pointer (not of the devices behind it: each press would come twice).
 bool selectRawPresses(xcb_connection_t* connection, xcb_window_t root)
@@ -38,66 +46,71 @@ bool hasRawPresses(xcb_connection_t* connection)
     return version && (version->major_version > 2 || (version->major_version == 2 && version->minor_version >= 2));
 }
 
-}
+/// The X server, as far as clicks go. Used on the separate thread: a call can wait for the server without a limit.
+class ClickDisplay {
+public:
+    explicit ClickDisplay(xcb_window_t window) : connection_(xcb_connect(nullptr, nullptr)), window_(window) { }
 
-struct ClickWatcher::Impl {
-    explicit Impl(xcb_window_t target) : connection(xcb_connect(nullptr, nullptr)), window(target) { }
-
+    int descriptor() const { return xcb_get_file_descriptor(connection_.get()); }
     QString start();
+    x11::Allocated<xcb_generic_event_t> waitForEvent() const
+    {
+        return x11::Allocated<xcb_generic_event_t>(xcb_wait_for_event(connection_.get()));
+    }
     bool isRawPress(const xcb_generic_event_t& event) const;
-    bool isOnTop(QPoint position) const;
     bool locateClick(Click* click) const;
+
+private:
+    bool isOnTop(QPoint position) const;
 
     x11::Allocated<xcb_translate_coordinates_reply_t> translate(xcb_window_t to, QPoint position) const
     {
-        return x11::Allocated<xcb_translate_coordinates_reply_t>(xcb_translate_coordinates_reply(connection.get(),
-            xcb_translate_coordinates(connection.get(), root, to, int16_t(position.x()), int16_t(position.y())),
+        return x11::Allocated<xcb_translate_coordinates_reply_t>(xcb_translate_coordinates_reply(connection_.get(),
+            xcb_translate_coordinates(connection_.get(), root_, to, int16_t(position.x()), int16_t(position.y())),
             nullptr));
     }
     x11::Allocated<xcb_get_geometry_reply_t> geometry() const
     {
         return x11::Allocated<xcb_get_geometry_reply_t>(
-            xcb_get_geometry_reply(connection.get(), xcb_get_geometry(connection.get(), window), nullptr));
+            xcb_get_geometry_reply(connection_.get(), xcb_get_geometry(connection_.get(), window_), nullptr));
     }
 
-    const x11::DisplayHandle connection; // never null, but it can be in error
-    const xcb_window_t window;
-    xcb_window_t root = XCB_NONE; // of the screen that holds the window
-    std::unique_ptr<QSocketNotifier> notifier; // destroyed before the connection
+    const x11::DisplayHandle connection_; // never null, but it can be in error
+    const xcb_window_t window_;
+    xcb_window_t root_ = XCB_NONE; // of the screen that holds the window
 };
 
 /// Empty when everything is in place, else why not.
-QString ClickWatcher::Impl::start()
+QString ClickDisplay::start()
 {
-    if (xcb_connection_has_error(connection.get()))
+    if (xcb_connection_has_error(connection_.get()))
         return QStringLiteral("no X display can be reached");
-    if (!hasRawPresses(connection.get()))
+    if (!hasRawPresses(connection_.get()))
         return QStringLiteral("the X server has no XInput 2.2");
     const auto place = geometry();
     if (!place)
-        return QStringLiteral("there is no window 0x%1 on this display").arg(window, 0, 16);
-    root = place->root;
-    if (!selectRawPresses(connection.get(), root))
+        return QStringLiteral("there is no window 0x%1 on this display").arg(window_, 0, 16);
+    root_ = place->root;
+    if (!selectRawPresses(connection_.get(), root_))
         return QStringLiteral("the X server refuses to report button presses");
-    notifier = std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(connection.get()), QSocketNotifier::Read);
     return QString();
 }
 
-bool ClickWatcher::Impl::isRawPress(const xcb_generic_event_t& event) const
+bool ClickDisplay::isRawPress(const xcb_generic_event_t& event) const
 {
     constexpr quint8 typeMask = 0x7f; // the top bit marks events that clients send
     if ((event.response_type & typeMask) != XCB_GE_GENERIC)
         return false;
     const auto& press = reinterpret_cast<const xcb_input_raw_button_press_event_t&>(event);
-    return press.extension == xcb_get_extension_data(connection.get(), &xcb_input_id)->major_opcode
+    return press.extension == xcb_get_extension_data(connection_.get(), &xcb_input_id)->major_opcode
         && press.event_type == XCB_INPUT_RAW_BUTTON_PRESS && press.detail >= 1 && press.detail <= lastClickButton;
 }
 
 /// Walks down from the root through the window that lies uppermost at the position (root coordinates, pixels).
-bool ClickWatcher::Impl::isOnTop(QPoint position) const
+bool ClickDisplay::isOnTop(QPoint position) const
 {
-    for (xcb_window_t at = root; at != XCB_NONE;) {
-        if (at == window)
+    for (xcb_window_t at = root_; at != XCB_NONE;) {
+        if (at == window_)
             return true;
         const auto inside = translate(at, position);
         at = inside ? inside->child : xcb_window_t(XCB_NONE);
@@ -106,16 +119,16 @@ bool ClickWatcher::Impl::isOnTop(QPoint position) const
 }
 
 /// Fills in the place of a press that has just happened; false when it did not hit the window.
-bool ClickWatcher::Impl::locateClick(Click* click) const
+bool ClickDisplay::locateClick(Click* click) const
 {
     const x11::Allocated<xcb_query_pointer_reply_t> pointer(
-        xcb_query_pointer_reply(connection.get(), xcb_query_pointer(connection.get(), root), nullptr));
+        xcb_query_pointer_reply(connection_.get(), xcb_query_pointer(connection_.get(), root_), nullptr));
     if (!pointer || !pointer->same_screen)
         return false;
     const QPoint position(pointer->root_x, pointer->root_y);
     if (!isOnTop(position))
         return false;
-    const auto inside = translate(window, position);
+    const auto inside = translate(window_, position);
     const auto place = geometry();
     if (!inside || !place || place->width == 0 || place->height == 0)
         return false;
@@ -124,34 +137,114 @@ bool ClickWatcher::Impl::locateClick(Click* click) const
     return true;
 }
 
-ClickWatcher::ClickWatcher(quint32 window, QObject* parent) : QObject(parent), impl_(std::make_unique<Impl>(window))
-{
-    errorString_ = impl_->start();
-    if (isWatching())
-        connect(impl_->notifier.get(), &QSocketNotifier::activated, this, &ClickWatcher::readEvents);
 }
 
-ClickWatcher::~ClickWatcher() = default;
+/// Shared by the watcher and its thread. The thread outlives the watcher when xcb_connect() does not return.
+struct ClickWatcher::Impl {
+    static void run(const std::shared_ptr<Impl>& shared, xcb_window_t window);
+    void watch(ClickDisplay& display);
+    void reportStart(const QString& error);
 
-void ClickWatcher::readEvents()
+    /// Calls a function with the watcher on the main thread, unless the watcher was destroyed.
+    template <typename Function>
+    void tell(Function function)
+    {
+        const std::lock_guard lock(mutex);
+        tellLocked(function);
+    }
+    template <typename Function>
+    void tellLocked(Function function)
+    {
+        if (watcher)
+            QMetaObject::invokeMethod(
+                watcher, [to = watcher, function] { function(*to); }, Qt::QueuedConnection);
+    }
+
+    std::thread thread; // main thread only
+
+    std::mutex mutex; // guards what follows
+    std::condition_variable startIsOver;
+    ClickWatcher* watcher = nullptr; // null when it was destroyed
+    bool connected = false; // xcb_connect() has returned
+    int descriptor = -1; // of the connection; below 0 when there is none to shut down
+    std::optional<QString> startError; // empty text: clicks are watched
+    bool startWasOverdue = false;
+};
+
+void ClickWatcher::Impl::run(const std::shared_ptr<Impl>& shared, xcb_window_t window)
 {
-    // Until nothing is left: the replies that a click needs may bring further events along.
-    for (;;) {
-        const x11::Allocated<xcb_generic_event_t> event(xcb_poll_for_event(impl_->connection.get()));
-        if (!event)
-            break;
+    ClickDisplay display(window);
+    {
+        const std::lock_guard lock(shared->mutex);
+        if (!shared->watcher)
+            return;
+        shared->connected = true;
+        shared->descriptor = display.descriptor();
+    }
+    const QString error = display.start();
+    shared->reportStart(error);
+    if (error.isEmpty())
+        shared->watch(display);
+    const std::lock_guard lock(shared->mutex);
+    shared->descriptor = -1; // the connection is closed next
+}
+
+void ClickWatcher::Impl::reportStart(const QString& error)
+{
+    const std::lock_guard lock(mutex);
+    startError = error;
+    startIsOver.notify_all();
+    if (!startWasOverdue)
+        return;
+    tellLocked([error](ClickWatcher& to) {
+        to.errorString_ = error;
+        if (!error.isEmpty())
+            Q_EMIT to.failed();
+    });
+}
+
+/// Until the connection is lost.
+void ClickWatcher::Impl::watch(ClickDisplay& display)
+{
+    while (const auto event = display.waitForEvent()) {
         Click click;
         click.atMs = QDateTime::currentMSecsSinceEpoch();
-        if (!impl_->isRawPress(*event))
+        if (!display.isRawPress(*event))
             continue;
-        if (impl_->locateClick(&click))
-            Q_EMIT clicked(click);
+        if (display.locateClick(&click))
+            tell([click](ClickWatcher& to) { Q_EMIT to.clicked(click); });
         else
-            Q_EMIT clickedElsewhere();
+            tell([](ClickWatcher& to) { Q_EMIT to.clickedElsewhere(); });
     }
-    if (xcb_connection_has_error(impl_->connection.get())) {
-        impl_->notifier->setEnabled(false);
-        errorString_ = QStringLiteral("the connection to the X server is lost");
-        Q_EMIT failed();
+    tell([](ClickWatcher& to) {
+        to.errorString_ = QStringLiteral("the connection to the X server is lost");
+        Q_EMIT to.failed();
+    });
+}
+
+ClickWatcher::ClickWatcher(quint32 window, QObject* parent) : QObject(parent), impl_(std::make_shared<Impl>())
+{
+    impl_->watcher = this;
+    impl_->thread = std::thread(&Impl::run, impl_, window);
+    std::unique_lock lock(impl_->mutex);
+    if (impl_->startIsOver.wait_for(lock, startLimit, [this] { return impl_->startError.has_value(); })) {
+        errorString_ = *impl_->startError;
+    } else {
+        errorString_ = QStringLiteral("the X server does not answer");
+        impl_->startWasOverdue = true;
     }
+}
+
+ClickWatcher::~ClickWatcher()
+{
+    std::unique_lock lock(impl_->mutex);
+    impl_->watcher = nullptr;
+    if (impl_->descriptor >= 0)
+        ::shutdown(impl_->descriptor, SHUT_RDWR); // every wait of the thread fails with that
+    const bool endsSoon = impl_->connected;
+    lock.unlock();
+    if (endsSoon)
+        impl_->thread.join();
+    else
+        impl_->thread.detach();
 }

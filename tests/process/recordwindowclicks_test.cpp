@@ -96,6 +96,8 @@ private Q_SLOTS:
     void lossOfTheDisplayIsHarmless();
     void missingDisplayIsNoted();
     void missingWindowIsNoted();
+    void stoppedDisplayAtTheStart();
+    void stoppedDisplayInMidRecording();
 
 private:
     bool record(xcb_window_t window, const QStringList& more = {});
@@ -307,6 +309,41 @@ void RecordWindowClicksTest::missingWindowIsNoted()
     QCOMPARE(finish(), 0);
     QVERIFY2(launcher_->standardError().contains("not watched: there is no window 0x7fffff on this display"),
         launcher_->standardError());
+}
+
+void RecordWindowClicksTest::stoppedDisplayAtTheStart()
+{
+    const xcb_window_t window = desk_->makeWindow(place);
+    ::kill(pid_t(server_->pid()), SIGSTOP);
+    QVERIFY2(record(window), launcher_->standardError());
+    QVERIFY2(
+        launcher_->standardError().contains("not watched: the X server does not answer"), launcher_->standardError());
+    QCOMPARE(finish(), 0);
+
+    launcher_ = std::make_unique<RecordWindowProcess>();
+    launcher_->setEnvironment("DISPLAY", server_->display());
+    QVERIFY2(record(window), launcher_->standardError());
+    ::kill(pid_t(server_->pid()), SIGCONT); // clicks are watched from now on
+    const auto isReported = [&] {
+        desk_->click(QPoint(200, 200));
+        return !launcher_->clickLines().isEmpty();
+    };
+    QVERIFY(QTest::qWaitFor(isReported, limitMs));
+    QCOMPARE(finish(), 0);
+}
+
+void RecordWindowClicksTest::stoppedDisplayInMidRecording()
+{
+    const xcb_window_t window = desk_->makeWindow(place);
+    QVERIFY2(record(window), launcher_->standardError());
+    // It finds a click, asks where that was, and gets no answer.
+    launcher_->interrupt(SIGSTOP);
+    desk_->click(QPoint(200, 200));
+    ::kill(pid_t(server_->pid()), SIGSTOP);
+    launcher_->interrupt(SIGCONT);
+    QCOMPARE(finish(), 0);
+    QCOMPARE(launcher_->clickLines().size(), 0);
+    ::kill(pid_t(server_->pid()), SIGCONT); // the desk has windows on it
 }
 
 ORVANTIS_TEST(RecordWindowClicksTest)
