@@ -13,6 +13,7 @@
 namespace {
 
 constexpr double longestSeconds = 1'000'000; // eleven days: milliseconds still fit the timers
+constexpr qint64 usualFinishLimitMs = 65'000; // the recorder itself gives up after 60 s
 
 const auto exitCodeHelp
     = QStringLiteral("\n"
@@ -44,6 +45,10 @@ void declareOptions(QCommandLineParser& parser)
         option("canvas", "Size of the video in pixels (default: 1280x720).", "WxH"),
         option("seconds", "Length of the recording (default: until Ctrl-C).", "N"),
         option("ready-timeout", "Give up when the window has given no image for so long (default: never).", "N"),
+        option("finish-timeout",
+            "End the recorder's process when it has not finished the file after so long (default: 65), and kill it "
+            "when that takes as long again.",
+            "N"),
         option("audio", "app-pid:PID records one application, anything else the whole display (default).", "SOURCE"),
         option("recorder", "The recorder (default: orvantis-recorder beside this program).", "PATH"),
         option("log-dir", "Where the log file goes (default: the output's directory).", "DIR"),
@@ -159,6 +164,7 @@ Options readOptions(Reader& reader)
     options.canvas = reader.canvas();
     options.lengthMs = reader.milliseconds("seconds");
     options.readyLimitMs = reader.milliseconds("ready-timeout");
+    options.finishLimitMs = reader.milliseconds("finish-timeout").value_or(usualFinishLimitMs);
     options.audioSource = reader.text("audio");
     const QString besideThisProgram
         = QCoreApplication::applicationDirPath() + QLatin1String(ORVANTIS_RECORDER_BESIDE);

@@ -22,6 +22,7 @@ struct Options {
     QSize canvas; ///< pixels, as asked for; the recorder rounds it up
     std::optional<qint64> lengthMs; ///< of the recording; nothing: until interrupted
     std::optional<qint64> readyLimitMs; ///< how long the window may take to give an image; nothing: no limit
+    qint64 finishLimitMs = 0; ///< how long the recorder may take to finish the file
     QString audioSource;
     QString recorder; ///< absolute path of the executable
     QString logDirectory; ///< absolute

@@ -10,6 +10,7 @@
 #include <QProcessEnvironment>
 #include <QTemporaryFile>
 
+#include <algorithm>
 #include <chrono>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ constexpr qint64 readinessLeadMs = 500; // from the readiness byte to the first 
 constexpr auto slowStartHint = 5s;
 constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
 constexpr auto lostLineLimit = 2s; // between the end of the connection and that of the process
+constexpr auto leaveLimit = 10s; // between "exit", which takes effect after one second, and the end of the process
 
 /// Whether a file can be made in a directory, which is created when it is missing. The permission bits alone do not
 /// tell.
@@ -53,6 +55,8 @@ RecordingSession::RecordingSession(const Options& options, QObject* parent)
             fail(ExitCode::NotStarted,
                 QStringLiteral("cannot start the recorder %1: %2").arg(options_.recorder, recorder_.errorString()));
     });
+    finishTimer_.setSingleShot(true);
+    connect(&finishTimer_, &QTimer::timeout, this, &RecordingSession::onFinishTimeout);
 }
 
 RecordingSession::~RecordingSession()
@@ -240,12 +244,13 @@ void RecordingSession::requestStop()
     progressTimer_.stop();
     if (server_.isConnected()) {
         progress_.step(QStringLiteral("finishing the file"));
+        finishTimer_.start(std::chrono::milliseconds(options_.finishLimitMs));
         server_.send("{\"action\":\"stop\"}\n");
     } else {
         progress_.step(QStringLiteral("waiting for the recorder to connect, to end the recording"));
         QTimer::singleShot(connectLimit, this, [this] {
             if (!server_.isConnected())
-                terminateRecorderIfRunning();
+                endRecorder(QStringLiteral("cannot be reached"));
         });
     }
 }
@@ -254,9 +259,8 @@ void RecordingSession::onDuration(qint64 durationMs)
 {
     if (state_ != State::Stopping)
         return onNonsense("a duration that nobody asked for");
-    state_ = State::Leaving;
     outcome_.durationMs = durationMs;
-    server_.send("{\"action\":\"exit\"}\n");
+    leave();
 }
 
 void RecordingSession::onNonsense(const QByteArray& line)
@@ -264,25 +268,48 @@ void RecordingSession::onNonsense(const QByteArray& line)
     constexpr int shownBytes = 80;
     if (nonsense_.isEmpty())
         nonsense_ = line.isEmpty() ? QByteArray("an empty line") : line.left(shownBytes);
-    if (state_ == State::Stopping) {
-        state_ = State::Leaving;
-        server_.send("{\"action\":\"exit\"}\n");
-    }
+    if (state_ == State::Stopping)
+        leave();
+}
+
+void RecordingSession::leave()
+{
+    state_ = State::Leaving;
+    finishTimer_.start(
+        std::min<std::chrono::milliseconds>(leaveLimit, std::chrono::milliseconds(options_.finishLimitMs)));
+    server_.send("{\"action\":\"exit\"}\n");
 }
 
 void RecordingSession::onDisconnected()
 {
     if (state_ != State::Leaving)
-        QTimer::singleShot(lostLineLimit, this, &RecordingSession::terminateRecorderIfRunning);
+        QTimer::singleShot(
+            lostLineLimit, this, [this] { endRecorder(QStringLiteral("cannot be reached any more")); });
 }
 
-/// For a recorder without a connection: SIGTERM makes it finish its file.
-void RecordingSession::terminateRecorderIfRunning()
+void RecordingSession::onFinishTimeout()
+{
+    server_.readLastReplies(); // an answer can have arrived while this process was stopped
+    if (finishTimer_.isActive())
+        return;
+    gaveUpOnDuration_ = state_ == State::Stopping;
+    endRecorder(state_ == State::Stopping ? QStringLiteral("does not answer") : QStringLiteral("does not end"));
+}
+
+/// For a recorder that does not answer: SIGTERM makes it finish its file. If that takes too long, SIGKILL.
+void RecordingSession::endRecorder(const QString& whatItDoes)
 {
     if (recorder_.state() == QProcess::NotRunning)
         return;
-    progress_.warn(QStringLiteral("the recorder cannot be reached any more; ending its process"));
-    recorder_.terminate();
+    if (!terminated_) {
+        progress_.warn(QStringLiteral("the recorder %1; ending its process").arg(whatItDoes));
+        recorder_.terminate();
+        finishTimer_.start(std::chrono::milliseconds(options_.finishLimitMs));
+    } else if (!finishTimer_.isActive()) {
+        progress_.warn(QStringLiteral("the recorder %1; killing it").arg(whatItDoes));
+        recorder_.kill();
+    }
+    terminated_ = true;
 }
 
 void RecordingSession::onRecorderEnded()
@@ -290,6 +317,7 @@ void RecordingSession::onRecorderEnded()
     progressTimer_.stop();
     clickWatcher_.reset();
     server_.readLastReplies();
+    finishTimer_.stop();
     outcome_.recorderExitCode = recorder_.exitStatus() == QProcess::NormalExit
         ? recorder_.exitCode()
         : SignalNotifier::exitCode(recorder_.exitCode());
@@ -323,6 +351,9 @@ void RecordingSession::checkOutcome()
         set(ExitCode::NoDuration,
             QStringLiteral("the recorder did not answer with a duration but with: %1")
                 .arg(QString::fromUtf8(nonsense_)));
+    else if (!outcome_.durationMs && gaveUpOnDuration_)
+        set(ExitCode::NoDuration,
+            QStringLiteral("the recorder did not confirm the recording in time (%1)").arg(endOfRecorder()));
     else if (!outcome_.durationMs)
         set(ExitCode::NoDuration,
             QStringLiteral("the recorder ended without confirming the recording (%1)").arg(endOfRecorder()));

@@ -61,7 +61,9 @@ private:
     void report(const Click& click);
     void showProgress(qint64 readyAtMs);
     void requestStop();
-    void terminateRecorderIfRunning();
+    void leave();
+    void onFinishTimeout();
+    void endRecorder(const QString& whatItDoes);
 
     void fail(ExitCode code, const QString& error);
     void checkOutcome();
@@ -70,7 +72,9 @@ private:
     const Options options_;
     State state_ = State::Starting;
     bool wasReady_ = false; // before the stop was requested
-    bool gaveUpWaiting_ = false;
+    bool gaveUpWaiting_ = false; // for the first image
+    bool gaveUpOnDuration_ = false;
+    bool terminated_ = false; // the recorder was sent SIGTERM
     bool killed_ = false;
     qsizetype clicksToReport_ = 0;
     QByteArray nonsense_; // the first reply that was none
@@ -83,4 +87,5 @@ private:
     std::optional<RecorderLog> log_; // from the start of the recorder on
     std::unique_ptr<ClickWatcher> clickWatcher_; // null when clicks are not watched
     QTimer progressTimer_;
+    QTimer finishTimer_; // limits the wait for the effect of "stop", "exit" or SIGTERM
 };

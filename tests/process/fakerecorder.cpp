@@ -6,7 +6,8 @@
 //   noreply      ends on "stop" without an answer     nonsense     answers "stop" with something else
 //   nofile       ready; duration 0 and no file        badexit      exit code 9 after all went well
 //   deaf         ready; no answer to anything         hangsup      ready, then hangs up and lives on
-//   nobody       does not connect and lives on        dies         connects when the note "go" is there, and ends
+//   nobody       does not connect and lives on        stays        does not end on "exit"
+//   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
@@ -31,11 +32,13 @@ namespace {
 constexpr int usageExitCode = 99;
 constexpr unsigned longestLifeSeconds = 600; // whatever becomes of the launcher
 QByteArray terminatedNote;
+bool ignoresTermination = false;
 
 void onTerminate(int)
 {
     ::close(::open(terminatedNote.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    ::_exit(143);
+    if (!ignoresTermination)
+        ::_exit(143);
 }
 
 void append(const QString& path, const QByteArray& text)
@@ -59,6 +62,7 @@ public:
         note("process", QByteArray::number(::getpid()) + ' ' + QByteArray::number(::getpgrp()));
         terminatedNote = (notes_ + QLatin1String("terminated")).toUtf8();
         note("environment", "ORVANTIS_END_WITH_LAUNCHER=" + qgetenv("ORVANTIS_END_WITH_LAUNCHER") + '\n');
+        ignoresTermination = mode_ == "stubborn";
         std::signal(SIGTERM, onTerminate);
         ::alarm(longestLifeSeconds);
         if (mode_ == "fallback")
@@ -164,13 +168,13 @@ private:
                 const QByteArray line = buffer.left(end);
                 buffer.remove(0, end + 1);
                 note("lines", now() + ' ' + line + '\n');
-                if (mode_ == "deaf" || mode_ == "notready")
+                if (mode_ == "deaf" || mode_ == "notready" || mode_ == "stubborn")
                     continue;
                 if (line == "{\"action\":\"stop\"}" && mode_ == "noreply")
                     return 3;
                 if (line == "{\"action\":\"stop\"}")
                     answerStop();
-                if (line == "{\"action\":\"exit\"}")
+                if (line == "{\"action\":\"exit\"}" && mode_ != "stays")
                     return mode_ == "badexit" ? 9 : 0;
             }
         }

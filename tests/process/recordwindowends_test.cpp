@@ -27,6 +27,8 @@ private Q_SLOTS:
     void lostRecorderIsEnded_data();
     void lostRecorderIsEnded();
     void recorderThatDiesAsItConnects();
+    void recorderThatDoesNotFinish_data();
+    void recorderThatDoesNotFinish();
     void secondInterruptKillsTheRecorder_data();
     void secondInterruptKillsTheRecorder();
     void differentSignalsKillNothing();
@@ -80,6 +82,7 @@ void RecordWindowEndsTest::badUsageIsRefused_data()
     for (const char* seconds : {"0", "-1", "x", "", "nan", "inf", "1e9", "0.0001"})
         valueRow("--seconds", seconds, "is no number of seconds");
     valueRow("--ready-timeout", "0", "is no number of seconds");
+    valueRow("--finish-timeout", "0", "is no number of seconds");
     for (const char* click : {"", "1,2", "1@2", "1,2@", "1,2@-1", "1,2@3+", "1,2@3-1", "1,2,3@4", "a,b@1", "1,2@1e3",
              "1,2@99999999999", "1,2@1+99999999999"})
         valueRow("--click", click, "is no click");
@@ -133,10 +136,10 @@ void RecordWindowEndsTest::helpAndVersionAreGiven()
         QVERIFY(launcher.waitForEnd());
         QCOMPARE(launcher.process().exitCode(), 0);
         const QByteArray help = launcher.standardOutput();
-        for (const char* part :
-            {"--window", "--output", "--canvas", "--seconds", "--ready-timeout", "--audio", "--recorder", "--log-dir",
-                "--click", "--no-watch-clicks", "--quiet", "--json", "--verbose", "--version", "Exit codes:\n  0 ",
-                "\n  2 ", "\n  3 ", "\n  4 ", "\n  5 ", "\n  6 ", "\n  7 ", "\n  130 "})
+        for (const char* part : {"--window", "--output", "--canvas", "--seconds", "--ready-timeout",
+                 "--finish-timeout", "--audio", "--recorder", "--log-dir", "--click", "--no-watch-clicks", "--quiet",
+                 "--json", "--verbose", "--version", "Exit codes:\n  0 ", "\n  2 ", "\n  3 ", "\n  4 ", "\n  5 ",
+                 "\n  6 ", "\n  7 ", "\n  130 "})
             QVERIFY2(help.contains(part), part);
     }
     RecordWindowProcess launcher;
@@ -260,6 +263,37 @@ void RecordWindowEndsTest::recorderThatDiesAsItConnects()
     QCOMPARE(launcher.process().exitCode(), 6);
     QVERIFY2(launcher.standardError().contains("ended without confirming the recording (exit code 1)"),
         launcher.standardError());
+}
+
+void RecordWindowEndsTest::recorderThatDoesNotFinish_data()
+{
+    QTest::addColumn<QByteArray>("mode");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArrayList>("messages");
+    QTest::newRow("no answer to the stop") << QByteArray("deaf") << 6
+                                           << QByteArrayList{"the recorder does not answer; ending its process",
+                                                  "did not confirm the recording in time (exit code 143)"};
+    QTest::newRow("no end after the exit") << QByteArray("stays") << 7
+                                           << QByteArrayList{"the recorder does not end; ending its process",
+                                                  "the recorder did not end well (exit code 143)"};
+    QTest::newRow("no end after SIGTERM") << QByteArray("stubborn") << 6
+                                          << QByteArrayList{"the recorder does not answer; ending its process",
+                                                 "the recorder does not answer; killing it",
+                                                 "did not confirm the recording in time (ended by signal 9)"};
+}
+
+void RecordWindowEndsTest::recorderThatDoesNotFinish()
+{
+    QFETCH(QByteArray, mode);
+    QFETCH(int, code);
+    QFETCH(QByteArrayList, messages);
+    RecordWindowProcess launcher(mode);
+    QCOMPARE(launcher.run(brief + QStringList{"--finish-timeout", "0.3"}), code);
+    const QByteArray error = launcher.standardError();
+    for (const QByteArray& message : std::as_const(messages))
+        QVERIFY2(error.contains(message), error);
+    QVERIFY(QFileInfo::exists(launcher.path("notes/terminated"))); // asked first, in every case
+    QVERIFY(isGone(launcher.recorderPid()));
 }
 
 void RecordWindowEndsTest::secondInterruptKillsTheRecorder_data()
