@@ -1,6 +1,10 @@
 // AudioScene: a recording of a window while something plays.
 #include "audioscene.h"
 
+#include "playergaps.h"
+
+#include <QDateTime>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <algorithm>
@@ -24,12 +28,55 @@ AudioScene::AudioScene(
 
 bool AudioScene::record(int recordingMs)
 {
-    if (!startRecording())
+    return startRecording() && waitUntilRecorded(recordingMs) && stopAndExit();
+}
+
+double AudioScene::originMs()
+{
+    if (originMs_)
+        return *originMs_;
+    // A click with a time is keyed by how much later that is than the start.
+    const qint64 clickedAtMs = QDateTime::currentMSecsSinceEpoch();
+    const QString start = QStringLiteral("Recorder mouse click received global QPointF(-9998,-9998)");
+    if (!launcher.send("click|-9998|-9998|-1|-1|" + QByteArray::number(clickedAtMs) + '\n') || !waitForLine(start))
+        return 0.0;
+    static const QRegularExpression rawTime(QStringLiteral("raw recording ms (\\d+) "));
+    const qint64 rawMs = rawTime.match(restOfLine(log(), start)).captured(1).toLongLong();
+    if (rawMs > 0) // the clock runs
+        originMs_ = double(clickedAtMs - rawMs) - playergaps::wallClockLeadMs();
+    return originMs_.value_or(0.0);
+}
+
+namespace {
+
+template <typename Step>
+bool forAll(const std::vector<AudioScene*>& scenes, QByteArray& story, Step step)
+{
+    for (AudioScene* scene : scenes) {
+        if (step(*scene))
+            continue;
+        story = scene->command.audioSource.toUtf8() + ": " + scene->story();
         return false;
-    // The recorder's own clock is asked only near the end: every question is a line in its log.
-    constexpr int askedForMs = 5000;
+    }
+    return true;
+}
+
+}
+
+bool startTogether(const std::vector<AudioScene*>& scenes, QByteArray& story)
+{
+    return forAll(scenes, story, [](AudioScene& scene) { return scene.start(); })
+        && forAll(scenes, story, [](AudioScene& scene) { return scene.launcher.waitForReceived(1, hangLimitMs); });
+}
+
+bool endTogether(const std::vector<AudioScene*>& scenes, int recordingMs, QByteArray& story)
+{
+    // The recorders' own clocks are asked only near the end: every question is a line in a log.
+    constexpr int askedForMs = 3000;
     QTest::qWait(std::max(recordingMs - askedForMs, 0));
-    return waitUntilRecorded(recordingMs) && stopAndExit();
+    return forAll(scenes, story, [recordingMs](AudioScene& scene) {
+        return scene.waitUntilRecorded(recordingMs) && scene.originMs() > 0.0;
+    }) && forAll(scenes, story, [](AudioScene& scene) { return scene.stopAndExit(); });
 }
 
 QString audioOf(qint64 pid)

@@ -8,6 +8,7 @@
 
 #include <QString>
 
+#include <optional>
 #include <vector>
 
 /// A RecordingScene whose recorder hears an audio server.
@@ -18,7 +19,19 @@ public:
 
     /// Starts, records for so long, stops and waits for the end. False, with story(), when anything goes wrong.
     bool record(int recordingMs);
+
+    /// When the recording clock stood at 0, in milliseconds of the monotonic clock. Ask first while it runs; 0 when the
+    /// recorder does not tell.
+    double originMs();
+
+private:
+    std::optional<double> originMs_;
 };
+
+/// Recordings beside each other. False, with the story of the one that failed, when anything goes wrong.
+bool startTogether(const std::vector<AudioScene*>& scenes, QByteArray& story);
+/// Waits until each has recorded so long, stops them and waits for their end.
+bool endTogether(const std::vector<AudioScene*>& scenes, int recordingMs, QByteArray& story);
 
 /// The audio source for a process.
 QString audioOf(qint64 pid);

@@ -5,9 +5,13 @@
 //
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
-// takes in a cycle. The schedule is in seconds; the stream is paused in the OFF parts, keeps its
-// phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N seconds or on
-// SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
+// takes in a cycle; and "gap AT LENGTH" for what it left out itself because it was late, in milliseconds of the
+// monotonic clock. The schedule is in seconds; the stream is paused in the OFF parts, keeps its
+// phase over them, and goes on playing after the last part when that is an ON part. SIGUSR1 pauses it, SIGUSR2 lets
+// it go on. Ends with 0 after N seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2
+// for a wrong command line.
+#include "cyclewatch.h"
+
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -173,6 +177,7 @@ private:
     void fillBuffer();
     bool connect();
     void setTimer(spa_source* timer, double seconds);
+    void setActive(bool active);
     void nextPart();
     void report();
     void end(int code);
@@ -181,7 +186,10 @@ private:
     Sine sine_;
     pw_main_loop* mainLoop_ = nullptr;
     pw_loop* loop_ = nullptr;
+    pw_context* context_ = nullptr;
     pw_stream* stream_ = nullptr;
+    spa_hook hook_{};
+    CycleWatch watch_;
     spa_source* partTimer_ = nullptr;
     spa_source* news_ = nullptr; // event: something to report
     const spa_io_position* position_ = nullptr; // set while the data thread does not run
@@ -198,6 +206,8 @@ Player::~Player()
 {
     if (stream_)
         pw_stream_destroy(stream_);
+    if (context_)
+        pw_context_destroy(context_);
     if (mainLoop_)
         pw_main_loop_destroy(mainLoop_);
 }
@@ -235,6 +245,9 @@ void Player::report()
     if (!announced_ && buffers_ >= 2)
         std::cout << "playing" << std::endl;
     announced_ = buffers_ >= 2;
+    while (const auto gap = watch_.takeGap())
+        std::cout << std::fixed << "gap " << double(gap->startNs) / 1e6 << ' ' << double(gap->lengthNs) / 1e6
+                  << std::endl;
 }
 
 void Player::fillBuffer()
@@ -242,6 +255,7 @@ void Player::fillBuffer()
     pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
     if (!buffer)
         return;
+    const spa_io_clock clock = position_ ? position_->clock : spa_io_clock{}; // the next cycle overwrites it
     spa_buffer& data = *buffer->buffer;
     uint32_t frames = data.datas[0].maxsize / sine_.bytesPerFrame();
     if (buffer->requested)
@@ -253,9 +267,9 @@ void Player::fillBuffer()
         data.datas[i].chunk->size = frames * sine_.bytesPerFrame();
     }
     pw_stream_queue_buffer(stream_, buffer);
-    const uint64_t quantum = position_ ? position_->clock.duration : 0;
-    const bool changed = quantum_.exchange(quantum) != quantum;
-    if (++buffers_ == 2 || changed) // the first one is heard when the second is asked for
+    const bool changed = quantum_.exchange(clock.duration) != clock.duration;
+    const bool late = watch_.cycleDone(clock);
+    if (++buffers_ == 2 || changed || late) // the first one is heard when the second is asked for
         pw_loop_signal_event(loop_, news_);
 }
 
@@ -269,12 +283,20 @@ bool Player::connect()
         handlers.process = process;
         return handlers;
     }();
-    stream_ = pw_stream_new_simple(loop_, options_.name.c_str(),
+    // With a data thread that runs in real time where the system allows it: a late one leaves audio out.
+    context_ = pw_context_new(loop_,
+        pw_properties_new(PW_KEY_APP_NAME, options_.name.c_str(), PW_KEY_CONFIG_NAME, "client-rt.conf",
+            "support.dbus", "false", nullptr),
+        0);
+    pw_core* const core = context_ ? pw_context_connect(context_, nullptr, 0) : nullptr;
+    if (!core)
+        return false;
+    stream_ = pw_stream_new(core, options_.name.c_str(),
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_APP_NAME,
-            options_.name.c_str(), nullptr),
-        &events, this);
+            options_.name.c_str(), nullptr));
     if (!stream_)
         return false;
+    pw_stream_add_listener(stream_, &hook_, &events, this);
     std::array<uint8_t, 1024> memory;
     spa_pod_builder builder{};
     builder.data = memory.data();
@@ -296,11 +318,17 @@ void Player::setTimer(spa_source* timer, double seconds)
     pw_loop_update_timer(loop_, timer, &value, nullptr, false);
 }
 
+void Player::setActive(bool active)
+{
+    watch_.restart();
+    pw_stream_set_active(stream_, active);
+}
+
 void Player::nextPart()
 {
     if (part_ >= options_.schedule.size())
         return;
-    pw_stream_set_active(stream_, part_ % 2 == 0);
+    setActive(part_ % 2 == 0);
     setTimer(partTimer_, options_.schedule[part_]);
     ++part_;
 }
@@ -312,6 +340,10 @@ int Player::run()
     for (int signal : {SIGTERM, SIGINT})
         pw_loop_add_signal(
             loop_, signal, [](void* self, int) { static_cast<Player*>(self)->end(0); }, this);
+    for (int signal : {SIGUSR1, SIGUSR2})
+        pw_loop_add_signal(
+            loop_, signal, [](void* self, int number) { static_cast<Player*>(self)->setActive(number == SIGUSR2); },
+            this);
     partTimer_ = pw_loop_add_timer(
         loop_, [](void* self, uint64_t) { static_cast<Player*>(self)->nextPart(); }, this);
     spa_source* endTimer = pw_loop_add_timer(

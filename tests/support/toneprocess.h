@@ -1,9 +1,13 @@
 // ToneProcess: a toneplayer, started from a test.
 #pragma once
 
+#include "playergaps.h"
+
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+
+#include <vector>
 
 /// Plays until the object goes or the player ends, to the audio server of the calling process's environment. The
 /// constructor returns once audio flows, or with isPlaying() false; errorString() then says why. One thread.
@@ -26,6 +30,12 @@ public:
     int quantum();
     qint64 pid() const { return process_.processId(); }
 
+    /// What the player left out up to now, because it got no processor in time.
+    const std::vector<playergaps::Gap>& gaps();
+    /// Its application goes on, its audio does not.
+    void pause() const;
+    void resume() const;
+
     /// Asks it to end and waits. True when it ended in order.
     bool stop();
 
@@ -34,6 +44,7 @@ private:
 
     QProcess process_;
     int quantum_ = 0;
+    std::vector<playergaps::Gap> gaps_;
     bool plays_ = false; // once, at least
     QString error_;
 };
