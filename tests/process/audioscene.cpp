@@ -95,6 +95,7 @@ Heard::Heard(const QString& path)
     const std::optional<MediaAudio> audio = file.audio();
     if (!audio || audio->sampleRate != rate)
         return;
+    worstJoinMs_ = audio->worstJoinMs;
     // A file may start with what the encoder puts before time 0, or with nothing at all.
     const auto shift = std::ptrdiff_t(std::lround(audio->startMs * samplesPerMs));
     const auto size = std::ptrdiff_t(audio->channels.first().size());

@@ -44,6 +44,8 @@ public:
 
     bool isThere() const { return !samples_.empty(); }
     double durationMs() const { return double(samples_.size()) / samplesPerMs; }
+    /// How far a block's own time ever was from where the one before it ends.
+    double worstJoinMs() const { return worstJoinMs_; }
     /// Between two times of the file.
     audioanalysis::Samples part(double fromMs, double toMs) const;
     /// In dB of a full-scale sine.
@@ -60,4 +62,5 @@ private:
 
     static constexpr double samplesPerMs = 48.0;
     std::vector<float> samples_;
+    double worstJoinMs_ = 0.0;
 };

@@ -168,6 +168,8 @@ void AvSyncTest::steadyTone()
     AudioScene& scene = tone_.scene(ofTheApplication);
     const Heard heard(scene.command.output);
     QVERIFY(heard.durationMs() >= recordingSeconds() * 1000.0 - frameMs);
+    constexpr double roundingMs = 1.0;
+    QVERIFY2(heard.worstJoinMs() <= roundingMs, QByteArray::number(heard.worstJoinMs()));
     const double endMs = heard.durationMs() - settledMs;
     const double firstMs = heard.firstMs(toneHz);
     QVERIFY2(firstMs >= 0.0 && firstMs < settledMs, QByteArray::number(firstMs));
