@@ -69,6 +69,11 @@ inline double levelDb(const std::vector<float>& audio, double frequency)
     return audioanalysis::levelDb(audio, 48000, frequency);
 }
 
+inline double usualLevelDb(const std::vector<float>& audio, double frequency)
+{
+    return audioanalysis::usualLevelDb(audio, 48000, frequency);
+}
+
 inline bool isFull(double levelDb)
 {
     return std::abs(levelDb - playedDb) < 0.2;
@@ -123,9 +128,8 @@ inline QString faultsOf(const AudioPuller::Piece& piece, double frequency, ToneP
         const std::vector<float> audio = side(piece, channel);
         const auto faults
             = playergaps::unexplained(audioanalysis::toneFaults(audio, 48000, frequency), gaps, piece.startMs);
-        const double level = levelDb(audio, frequency);
-        const bool whole = audioanalysis::toneFaults(audio, 48000, frequency).empty();
-        if (!faults.empty() || (whole && !isFull(level)))
+        const double level = usualLevelDb(audio, frequency);
+        if (!faults.empty() || !isFull(level))
             return QStringLiteral("channel %1: %2 dB, %3")
                 .arg(channel)
                 .arg(level)

@@ -191,7 +191,7 @@ double AudioPlayersTest::back(double eventMs, double nextMs) const
 void AudioPlayersTest::applicationAloneAndWhole()
 {
     const double endMs = course_.newcomerStarts - 100.0;
-    QVERIFY(isFull(application_->levelDb(wantedHz, settledMs, endMs)));
+    QVERIFY(isFull(application_->usualLevelDb(wantedHz, settledMs, endMs)));
     const auto faults
         = playergaps::unexplained(application_->toneFaults(wantedHz, settledMs, endMs), gaps_, originMs_ + settledMs);
     QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
@@ -206,8 +206,8 @@ void AudioPlayersTest::newcomerIsHeard()
     QVERIFY(application_->levelDb(newcomerHz, settledMs, course_.newcomerStarts - 100.0) < unheardDb);
     const double endMs = application_->goneMs(newcomerHz, lateMs + 150.0);
     QVERIFY2(endMs > lateMs + 400.0, QByteArray::number(endMs));
-    QVERIFY(isFull(application_->levelDb(newcomerHz, lateMs + 150.0, endMs - 50.0)));
-    QVERIFY(isFull(application_->levelDb(wantedHz, lateMs + 150.0, endMs - 50.0)));
+    QVERIFY(isFull(application_->usualLevelDb(newcomerHz, lateMs + 150.0, endMs - 50.0)));
+    QVERIFY(isFull(application_->usualLevelDb(wantedHz, lateMs + 150.0, endMs - 50.0)));
 }
 
 void AudioPlayersTest::pauseExitAndReturn()
@@ -220,24 +220,24 @@ void AudioPlayersTest::pauseExitAndReturn()
         + QByteArray::number(exitedMs) + ' ' + QByteArray::number(returnedMs);
     QVERIFY2(pausedMs >= 0 && resumedMs > pausedMs && exitedMs > resumedMs && returnedMs > exitedMs, times);
     QVERIFY2(application_->rmsDb(pausedMs + 200.0, resumedMs - 100.0) < silentDb, times);
-    QVERIFY2(isFull(application_->levelDb(wantedHz, resumedMs + 150.0, exitedMs - 100.0)), times);
+    QVERIFY2(isFull(application_->usualLevelDb(wantedHz, resumedMs + 150.0, exitedMs - 100.0)), times);
     QVERIFY2(application_->rmsDb(exitedMs + 200.0, returnedMs - 100.0) < silentDb, times);
-    QVERIFY2(isFull(application_->levelDb(wantedHz, returnedMs + 150.0, application_->durationMs() - 100.0)), times);
+    QVERIFY2(
+        isFull(application_->usualLevelDb(wantedHz, returnedMs + 150.0, application_->durationMs() - 100.0)), times);
 }
 
 void AudioPlayersTest::displayHasEverybody()
 {
-    const auto levelDb = [this](double frequency, double fromMs, double toMs) {
-        return display_->levelDb(frequency, fromMs + displayLeadMs_, toMs + displayLeadMs_);
-    };
-    QVERIFY(isFull(levelDb(wantedHz, settledMs, course_.newcomerStarts - 100.0)));
-    QVERIFY(isFull(levelDb(otherHz, settledMs, application_->durationMs() - 200.0)));
+    const double leadMs = displayLeadMs_;
+    QVERIFY(isFull(display_->usualLevelDb(wantedHz, settledMs + leadMs, course_.newcomerStarts + leadMs - 100.0)));
+    QVERIFY(isFull(display_->usualLevelDb(otherHz, settledMs + leadMs, application_->durationMs() + leadMs - 200.0)));
     const double lateMs = display_->firstMs(newcomerHz);
-    QVERIFY2(lateMs > course_.newcomerStarts + displayLeadMs_ - 100.0, QByteArray::number(lateMs));
+    QVERIFY2(lateMs > course_.newcomerStarts + leadMs - 100.0, QByteArray::number(lateMs));
     const double endMs = display_->goneMs(newcomerHz, lateMs + 150.0);
     QVERIFY2(endMs > lateMs + 400.0, QByteArray::number(endMs));
-    QVERIFY(isFull(display_->levelDb(newcomerHz, lateMs + 150.0, endMs - 50.0)));
-    QVERIFY(levelDb(wantedHz, gone(course_.pauses, course_.resumes) + 200.0, course_.resumes) < unheardDb);
+    QVERIFY(isFull(display_->usualLevelDb(newcomerHz, lateMs + 150.0, endMs - 50.0)));
+    const double pausedMs = gone(course_.pauses, course_.resumes) + leadMs;
+    QVERIFY(display_->levelDb(wantedHz, pausedMs + 200.0, course_.resumes + leadMs) < unheardDb);
 }
 
 /// Whatever the players do.
@@ -334,7 +334,7 @@ void AudioPlayersTest::browser()
     QVERIFY(browser.waitForFinished(hangLimitMs));
     const Heard heard(scene.command.output);
     const double endMs = heard.durationMs() - settledMs;
-    const double levelDb = heard.levelDb(880.0, 1500.0, endMs);
+    const double levelDb = heard.usualLevelDb(880.0, 1500.0, endMs);
     QVERIFY2(std::abs(levelDb - playerDb) < 1.0, QByteArray::number(levelDb));
     QVERIFY(heard.levelDb(otherHz, settledMs, endMs) < unheardDb);
 }

@@ -116,6 +116,11 @@ double Heard::levelDb(double frequency, double fromMs, double toMs) const
     return audioanalysis::levelDb(part(fromMs, toMs), rate, frequency);
 }
 
+double Heard::usualLevelDb(double frequency, double fromMs, double toMs) const
+{
+    return audioanalysis::usualLevelDb(part(fromMs, toMs), rate, frequency);
+}
+
 double Heard::rmsDb(double fromMs, double toMs) const
 {
     return audioanalysis::rmsDb(part(fromMs, toMs));

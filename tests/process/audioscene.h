@@ -20,8 +20,8 @@ public:
     /// Starts, records for so long, stops and waits for the end. False, with story(), when anything goes wrong.
     bool record(int recordingMs);
 
-    /// When the recording clock stood at 0, in milliseconds of the monotonic clock. Ask first while it runs; 0 when the
-    /// recorder does not tell.
+    /// When the recording clock stood at 0, in milliseconds of the monotonic clock. Ask first while it runs; 0 when
+    /// the recorder does not tell.
     double originMs();
 
 private:
@@ -50,6 +50,8 @@ public:
     audioanalysis::Samples part(double fromMs, double toMs) const;
     /// In dB of a full-scale sine.
     double levelDb(double frequency, double fromMs, double toMs) const;
+    /// See audioanalysis.
+    double usualLevelDb(double frequency, double fromMs, double toMs) const;
     double rmsDb(double fromMs, double toMs) const;
     std::vector<audioanalysis::ToneFault> toneFaults(double frequency, double fromMs, double toMs) const;
     /// When a tone is first there for 0.1 s, in 10 ms; below 0 when never.
