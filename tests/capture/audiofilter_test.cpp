@@ -9,22 +9,35 @@
 #include <QFile>
 #include <QTest>
 
+#include <array>
 #include <memory>
 
 using namespace audiotest;
 
 namespace {
 
+// One tone a player, hertz. Those of the first two play from the start on, as does the helper of the first window.
+constexpr double playerTone = 441.7;
+constexpr double singerTone = 1012.3; // a player with a child
+constexpr double earlyHelperTone = 700.1; // of the first window
+constexpr double lateHelperTone = 1300.9; // of the second window
+constexpr double silentsTone = 1600.3; // a process that has no stream before it plays
+constexpr double shellsTone = 1900.7; // a shell's child; without window and audio the shell has nothing it belongs to
+constexpr double singersChildTone = 2200.3;
+constexpr double newcomerTone = 2500.9; // belongs to none of those that ran
+constexpr std::array allTones{
+    playerTone, singerTone, earlyHelperTone, lateHelperTone, silentsTone, shellsTone, singersChildTone, newcomerTone};
+
 QString playCommand(double frequency)
 {
     return QStringLiteral("'%1' --frequency %2").arg(ToneProcess::program()).arg(frequency);
 }
 
-/// Waits for the file, then plays with this shell's child; the shell stays.
-QStringList playLater(const QString& file, double frequency)
+/// A shell that waits for the file, and then does something.
+OtherProcess waitingShell(const QString& file, const QString& command)
 {
-    return OtherProcess::shell(
-        QStringLiteral("while ! test -e '%1'; do sleep 0.05; done; %2; true").arg(file, playCommand(frequency)));
+    return OtherProcess(QStringLiteral("sh"),
+        OtherProcess::shell(QStringLiteral("while ! test -e '%1'; do sleep 0.02; done; %2").arg(file, command)));
 }
 
 /// Counts the players that the server knows.
@@ -32,6 +45,25 @@ int players(PrivateAudioServer& server)
 {
     const std::optional<QByteArray> dump = server.output(QStringLiteral("pw-dump"), {QStringLiteral("Node")});
     return dump ? int(dump->count("\"media.class\": \"Stream/Output/Audio\"")) : -1;
+}
+
+/// An application that is chosen, and what is to be heard of it.
+struct Choice {
+    const char* name;
+    std::unique_ptr<AudioPuller> puller;
+    std::set<double> before; ///< tones, from the start on
+    std::set<double> later; ///< when everybody plays
+};
+
+/// What is wrong with a piece; empty when exactly these tones are in it.
+QString wrongTones(const Choice& choice, const AudioPuller::Piece& piece, const std::set<double>& expected)
+{
+    for (const double frequency : allTones) {
+        const double level = levelDb(side(piece, 0), frequency);
+        if (expected.count(frequency) > 0 ? !isFull(level) : level >= unheardDb)
+            return QStringLiteral("%1: %2 Hz has %3 dB").arg(QLatin1String(choice.name)).arg(frequency).arg(level);
+    }
+    return QString();
 }
 
 }
@@ -42,17 +74,13 @@ class AudioFilterTest : public QObject {
 private Q_SLOTS:
     void init();
 
-    void playerThatStartsLaterIsHeard();
-    void playerOfAWantedProcessStartsLater();
-    void helperOfAWantedWindow_data();
-    void helperOfAWantedWindow();
-    void helperOfAnExcludedWindow_data();
-    void helperOfAnExcludedWindow();
-    void helperOfAnExcludedPlayer();
-    void selectedShellIsFound();
+    void everybodyAndTheirHelpers();
     void processesThatAreNobodys();
 
 private:
+    /// Listens to all of them until each has exactly its tones. Empty, or what was still wrong after a long time.
+    static QString awaitTones(std::vector<Choice>& choices, bool later);
+
     std::unique_ptr<ServerForTest> server_;
     std::unique_ptr<DisplayForTest> display_;
 };
@@ -66,121 +94,74 @@ void AudioFilterTest::init()
     QVERIFY2(display_->server.isRunning(), qPrintable(display_->server.errorString()));
 }
 
-void AudioFilterTest::playerThatStartsLaterIsHeard()
+QString AudioFilterTest::awaitTones(std::vector<Choice>& choices, bool later)
 {
-    const OtherProcess wanted;
-    const ToneProcess unwanted(ToneProcess::tone(QStringLiteral("unwanted"), otherTone));
-    AudioPuller puller(std::set<qint64>{wanted.pid()});
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    QVERIFY(isSilent(puller.listen(300)));
-    const ToneProcess later(ToneProcess::tone(QStringLiteral("later"), tone));
-    QVERIFY(hears(puller, tone));
-    QVERIFY(levelDb(puller.listen(500, 0), otherTone) < unheardDb);
+    Pullers pullers;
+    for (const Choice& choice : choices)
+        pullers.push_back(choice.puller.get());
+    QString wrong;
+    comesTrue(pullers, [&](const Pieces& pieces) {
+        wrong.clear();
+        for (std::size_t i = 0; i < choices.size() && wrong.isEmpty(); ++i)
+            wrong = wrongTones(choices[i], pieces[i], later ? choices[i].later : choices[i].before);
+        return wrong.isEmpty();
+    });
+    return wrong;
 }
 
-/// It was there before as a process, without a stream.
-void AudioFilterTest::playerOfAWantedProcessStartsLater()
+/// Every kind of player plays; one capture of each application that a user may choose, and one of the display.
+void AudioFilterTest::everybodyAndTheirHelpers()
 {
-    PrivateTempDir directory;
+    const PrivateTempDir directory;
     const QString go = directory.filePath(QStringLiteral("go"));
-    const OtherProcess wanted(QStringLiteral("sh"),
-        OtherProcess::shell(
-            QStringLiteral("while ! test -e '%1'; do sleep 0.05; done; exec %2").arg(go, playCommand(tone))));
-    const OtherProcess unwanted(QStringLiteral("sh"),
-        OtherProcess::shell(
-            QStringLiteral("while ! test -e '%1'; do sleep 0.05; done; exec %2").arg(go, playCommand(otherTone))));
-    AudioPuller puller(std::set<qint64>{wanted.pid()});
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    QVERIFY(QFile(go).open(QIODevice::WriteOnly));
-    QVERIFY(hears(puller, tone));
-    QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 2, limitMs);
-    QVERIFY(levelDb(puller.listen(500, 0), otherTone) < unheardDb);
-}
-
-void AudioFilterTest::helperOfAWantedWindow_data()
-{
-    QTest::addColumn<bool>("before");
-    QTest::newRow("runs before") << true;
-    QTest::newRow("starts later") << false;
-}
-
-void AudioFilterTest::helperOfAWantedWindow()
-{
-    QFETCH(bool, before);
-    const ToneProcess unwanted(ToneProcess::tone(QStringLiteral("unwanted"), otherTone));
-    WindowProcess window;
-    const QByteArray command = "run exec " + playCommand(tone).toLocal8Bit();
-    if (before) {
-        QVERIFY(window.send(command));
-        QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 2, limitMs);
-    }
-    AudioPuller puller(std::set<qint64>{window.pid()});
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    if (!before)
-        QVERIFY(window.send(command));
-    QVERIFY(hears(puller, tone));
-    QVERIFY(levelDb(puller.listen(500, 0), otherTone) < unheardDb);
-}
-
-void AudioFilterTest::helperOfAnExcludedWindow_data()
-{
-    helperOfAWantedWindow_data();
-}
-
-void AudioFilterTest::helperOfAnExcludedWindow()
-{
-    QFETCH(bool, before);
-    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    WindowProcess window;
-    const QByteArray command = "run exec " + playCommand(otherTone).toLocal8Bit();
-    if (before) {
-        QVERIFY(window.send(command));
-        QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 2, limitMs);
-    }
-    AudioPuller puller(std::set<qint64>{wanted.pid()});
-    QVERIFY(hears(puller, tone));
-    const std::size_t first = puller.audio().size();
-    if (!before)
-        QVERIFY(window.send(command));
-    QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 2, limitMs);
-    QVERIFY(isFull(levelDb(audioanalysis::channelOf(cleanAudio(puller, 1000, tone), 2, 0), tone)));
-    const std::vector<float> audio(puller.audio().begin() + std::ptrdiff_t(first), puller.audio().end());
-    QVERIFY(levelDb(audioanalysis::channelOf(audio, 2, 0), otherTone) < unheardDb);
-}
-
-void AudioFilterTest::helperOfAnExcludedPlayer()
-{
-    PrivateTempDir directory;
-    const QString go = directory.filePath(QStringLiteral("go"));
+    const ToneProcess player(ToneProcess::tone(QStringLiteral("player"), playerTone));
+    const OtherProcess silent = waitingShell(go, QStringLiteral("exec ") + playCommand(silentsTone));
+    // It has neither a window nor a stream, and yet it is what a user may have chosen: a terminal's shell.
+    const OtherProcess shell = waitingShell(go, playCommand(shellsTone) + QStringLiteral("; true"));
     // A player whose child waits for the file and then starts another one.
-    const OtherProcess excluded(QStringLiteral("sh"),
-        OtherProcess::shell(QStringLiteral("(while ! test -e '%1'; do sleep 0.05; done; %2; true) & exec %3")
-                                .arg(go, playCommand(otherTone), playCommand(2 * otherTone))));
-    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 2, limitMs);
-    AudioPuller puller(std::set<qint64>{wanted.pid()});
-    QVERIFY(hears(puller, tone));
-    QVERIFY(QFile(go).open(QIODevice::WriteOnly));
+    const OtherProcess singer(QStringLiteral("sh"),
+        OtherProcess::shell(QStringLiteral("(while ! test -e '%1'; do sleep 0.02; done; %2; true) & exec %3")
+                                .arg(go, playCommand(singersChildTone), playCommand(singerTone))));
+    WindowProcess early;
+    WindowProcess late;
+    QVERIFY(early.send("run exec " + playCommand(earlyHelperTone).toLocal8Bit()));
     QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), 3, limitMs);
-    const std::vector<float> audio = audioanalysis::channelOf(cleanAudio(puller, 1000, tone), 2, 0);
-    QVERIFY(isFull(levelDb(audio, tone)));
-    QVERIFY(levelDb(audio, otherTone) < unheardDb);
-    QVERIFY(levelDb(audio, 2 * otherTone) < unheardDb);
-}
 
-/// It has neither a window nor a stream, and yet it is what a user may have chosen: a terminal's shell.
-void AudioFilterTest::selectedShellIsFound()
-{
-    PrivateTempDir directory;
-    const QString go = directory.filePath(QStringLiteral("go"));
-    const OtherProcess shell(QStringLiteral("sh"), playLater(go, tone));
-    const ToneProcess unwanted(ToneProcess::tone(QStringLiteral("unwanted"), otherTone));
-    AudioPuller puller(std::set<qint64>{shell.pid()});
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    QVERIFY(isSilent(puller.listen(300)));
+    std::vector<Choice> choices;
+    const auto choose = [&choices](const char* name, qint64 pid, std::set<double> before, std::set<double> later) {
+        later.insert({newcomerTone, shellsTone});
+        choices.push_back({name, std::make_unique<AudioPuller>(std::set<qint64>{pid}), before, std::move(later)});
+    };
+    choose("player", player.pid(), {playerTone}, {playerTone});
+    choose("silent process", silent.pid(), {}, {silentsTone});
+    choose("shell", shell.pid(), {}, {shellsTone});
+    choose("player with a child", singer.pid(), {singerTone}, {singerTone, singersChildTone});
+    choose("window with a helper", early.pid(), {earlyHelperTone}, {earlyHelperTone});
+    choose("window with a helper to come", late.pid(), {}, {lateHelperTone});
+    choices.push_back({"display", std::make_unique<AudioPuller>(), {playerTone, singerTone, earlyHelperTone},
+        std::set<double>(allTones.begin(), allTones.end())});
+    for (const Choice& choice : choices)
+        QVERIFY2(choice.puller->isCapturing(), qPrintable(choice.puller->errorString()));
+    QString wrong = awaitTones(choices, false);
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+
     QVERIFY(QFile(go).open(QIODevice::WriteOnly));
-    QVERIFY(hears(puller, tone));
-    QVERIFY(levelDb(puller.listen(500, 0), otherTone) < unheardDb);
+    QVERIFY(late.send("run exec " + playCommand(lateHelperTone).toLocal8Bit()));
+    const ToneProcess newcomer(ToneProcess::tone(QStringLiteral("newcomer"), newcomerTone));
+    QTRY_COMPARE_WITH_TIMEOUT(players(server_->server), int(allTones.size()), limitMs);
+    wrong = awaitTones(choices, true);
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+    // Nobody was heard for a moment who is not to be heard at all: 20 ms would be at -50 dB. The onsets of the other
+    // tones reach further than the tones.
+    constexpr double trace = -60;
+    for (const Choice& choice : choices) {
+        const std::vector<float> whole = audioanalysis::channelOf(choice.puller->audio(), 2, 0);
+        for (const double frequency : allTones) {
+            if (choice.later.count(frequency) == 0)
+                QVERIFY2(levelDb(whole, frequency) < trace,
+                    qPrintable(QStringLiteral("%1: %2 Hz").arg(QLatin1String(choice.name)).arg(frequency)));
+        }
+    }
 }
 
 void AudioFilterTest::processesThatAreNobodys()

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <unistd.h>
@@ -21,7 +22,7 @@ inline constexpr int limitMs = 20'000; // against hanging
 inline constexpr double playedDb = -12.04; // amplitude 0.25
 inline constexpr double unheardDb = playedDb - 60;
 inline constexpr double tone = 441.7; // hertz; see audioanalysis::toneFaults()
-inline constexpr double otherTone = 1013;
+inline constexpr double otherTone = 1012.3;
 
 /// Audio of this process and its children goes to a server of the test's own.
 struct ServerForTest {
@@ -61,9 +62,16 @@ private:
     QProcess process_;
 };
 
+using Pullers = std::vector<AudioPuller*>;
+
 inline double levelDb(const std::vector<float>& audio, double frequency)
 {
     return audioanalysis::levelDb(audio, 48000, frequency);
+}
+
+inline double usualLevelDb(const std::vector<float>& audio, double frequency)
+{
+    return audioanalysis::usualLevelDb(audio, 48000, frequency);
 }
 
 inline bool isFull(double levelDb)
@@ -71,47 +79,63 @@ inline bool isFull(double levelDb)
     return std::abs(levelDb - playedDb) < 0.2;
 }
 
-/// Listens until it is right. (QTRY_VERIFY would listen once more after that.)
-template <typename Condition>
-bool comesTrue(Condition isRight)
+inline std::vector<float> side(const AudioPuller::Piece& piece, int channel)
 {
-    for (int i = 0; i < limitMs / 200; ++i) {
-        if (isRight())
+    return audioanalysis::channelOf(piece.audio, 2, channel);
+}
+
+inline bool isSilent(const AudioPuller::Piece& piece)
+{
+    return !piece.audio.empty() && audioanalysis::peakDb(piece.audio) == audioanalysis::silenceDb;
+}
+
+using Pieces = std::vector<AudioPuller::Piece>;
+
+/// Listens until what came last is right. (QTRY_VERIFY would listen once more after that.)
+template <typename Condition>
+bool comesTrue(const Pullers& pullers, Condition areRight)
+{
+    constexpr int ms = 150;
+    for (int i = 0; i < limitMs / ms; ++i) {
+        if (areRight(AudioPuller::listen(pullers, ms)))
             return true;
     }
     return false;
 }
 
-/// The tone is there, as it was played: waits until it is.
-inline bool hears(AudioPuller& puller, double frequency)
+/// The tone is there in all of them, as it was played: waits until it is.
+inline bool hears(const Pullers& pullers, double frequency)
 {
-    return comesTrue([&] { return isFull(puller.levelDb(frequency)); });
-}
-
-/// The next audio, channels alternating, whose left side is the steady tone that was played; after many tries what
-/// came last. On a machine that is busy elsewhere players and server miss cycles now and then; a capture that loses
-/// audio does so every time.
-inline std::vector<float> cleanAudio(AudioPuller& puller, int ms, double frequency)
-{
-    std::vector<float> audio;
-    for (int i = 0; i < 20; ++i) {
-        audio = puller.listen(ms);
-        const std::vector<float> left = audioanalysis::channelOf(audio, 2, 0);
-        if (isFull(levelDb(left, frequency)) && audioanalysis::toneFaults(left, 48000, frequency).empty())
-            break;
-    }
-    return audio;
-}
-
-inline bool isSilent(const std::vector<float>& audio)
-{
-    return !audio.empty() && audioanalysis::peakDb(audio) == audioanalysis::silenceDb;
+    return comesTrue(pullers, [frequency](const Pieces& pieces) {
+        return std::all_of(pieces.begin(), pieces.end(),
+            [frequency](const AudioPuller::Piece& piece) { return isFull(levelDb(side(piece, 0), frequency)); });
+    });
 }
 
 /// Silence, sample by sample: waits until it is.
-inline bool hearsNothing(AudioPuller& puller)
+inline bool hearsNothing(const Pullers& pullers)
 {
-    return comesTrue([&] { return isSilent(puller.listen(200)); });
+    return comesTrue(
+        pullers, [](const Pieces& pieces) { return std::all_of(pieces.begin(), pieces.end(), isSilent); });
+}
+
+/// What is wrong with a piece that should be nothing but the player's steady tone, on both sides; empty when nothing
+/// is. What the player itself left out does not count.
+inline QString faultsOf(const AudioPuller::Piece& piece, double frequency, ToneProcess& player)
+{
+    const std::vector<playergaps::Gap>& gaps = player.gaps();
+    for (const int channel : {0, 1}) {
+        const std::vector<float> audio = side(piece, channel);
+        const auto faults
+            = playergaps::unexplained(audioanalysis::toneFaults(audio, 48000, frequency), gaps, piece.startMs);
+        const double level = usualLevelDb(audio, frequency);
+        if (!faults.empty() || !isFull(level))
+            return QStringLiteral("channel %1: %2 dB, %3")
+                .arg(channel)
+                .arg(level)
+                .arg(audioanalysis::describe(faults));
+    }
+    return QString();
 }
 
 }

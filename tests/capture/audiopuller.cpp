@@ -1,14 +1,13 @@
 // Looking up, starting, fetching.
 #include "audiopuller.h"
 
-#include "audioanalysis.h"
-
 #include <QThread>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -126,8 +125,12 @@ bool AudioPuller::waitFor(void (platform::AudioStream::*request)(platform::Audio
 
 bool AudioPuller::startCapture()
 {
-    startMs_ = monotonicMs() - qint64(audio_.size() / 96);
-    return waitFor(&platform::AudioStream::startCapture);
+    const auto before = qint64(audio_.size() / 96);
+    delivered_ = false;
+    earliestStartMs_ = monotonicMs() - before;
+    const bool started = waitFor(&platform::AudioStream::startCapture);
+    latestStartMs_ = monotonicMs() - before;
+    return started;
 }
 
 bool AudioPuller::stopCapture()
@@ -140,8 +143,11 @@ void AudioPuller::fetch()
     const std::size_t before = audio_.size();
     const qint64 now = monotonicMs();
     stream_->deliverUntil(now);
-    if (audio_.size() != before)
-        surplusMs_ = qint64(audio_.size() / 96) - (now - startMs_);
+    if (audio_.size() == before)
+        return;
+    if (!std::exchange(delivered_, true))
+        startMs_ = std::clamp(now - qint64(audio_.size() / 96), earliestStartMs_, latestStartMs_);
+    surplusMs_ = qint64(audio_.size() / 96) - (now - startMs_);
 }
 
 void AudioPuller::append(const platform::AudioSampleBuffer& buffer)
@@ -164,33 +170,37 @@ void AudioPuller::pull(int ms)
     }
 }
 
-void AudioPuller::pullBoth(AudioPuller& first, AudioPuller& second, int ms)
+std::vector<AudioPuller::Piece> AudioPuller::listen(const std::vector<AudioPuller*>& pullers, int ms)
 {
-    const qint64 until = monotonicMs() + ms;
-    while (monotonicMs() < until) {
-        QThread::msleep(turnMs);
-        first.fetch();
-        second.fetch();
-    }
-}
-
-std::vector<float> AudioPuller::listen(int ms)
-{
-    const std::size_t first = audio_.size();
     const std::size_t wanted = std::size_t(ms) * 96;
+    std::vector<std::size_t> first;
+    for (const AudioPuller* puller : pullers)
+        first.push_back(puller->audio_.size());
+    const auto isThere = [&] {
+        for (std::size_t i = 0; i < pullers.size(); ++i) {
+            if (pullers[i]->audio_.size() < first[i] + wanted)
+                return false;
+        }
+        return true;
+    };
     const qint64 limit = monotonicMs() + waitLimitMs;
-    while (audio_.size() < first + wanted && monotonicMs() < limit)
-        pull(turnMs);
-    const auto begin = audio_.begin() + std::ptrdiff_t(first);
-    return std::vector<float>(begin, begin + std::ptrdiff_t(std::min(wanted, audio_.size() - first)));
+    while (!isThere() && monotonicMs() < limit) {
+        QThread::msleep(turnMs);
+        for (AudioPuller* puller : pullers)
+            puller->fetch();
+    }
+    std::vector<Piece> pieces;
+    for (std::size_t i = 0; i < pullers.size(); ++i) {
+        const std::vector<float>& audio = pullers[i]->audio_;
+        const auto begin = audio.begin() + std::ptrdiff_t(first[i]);
+        pieces.push_back(
+            {std::vector<float>(begin, begin + std::ptrdiff_t(std::min(wanted, audio.size() - first[i]))),
+                double(pullers[i]->startMs_) + double(first[i]) / 96});
+    }
+    return pieces;
 }
 
-std::vector<float> AudioPuller::listen(int ms, int channel)
+AudioPuller::Piece AudioPuller::listen(int ms)
 {
-    return audioanalysis::channelOf(listen(ms), 2, channel);
-}
-
-double AudioPuller::levelDb(double frequency)
-{
-    return audioanalysis::levelDb(listen(200, 0), 48000, frequency);
+    return listen({this}, ms).front();
 }

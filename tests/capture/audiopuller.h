@@ -34,18 +34,20 @@ public:
 
     /// Fetches for that long.
     void pull(int ms);
-    /// Two of them at a time.
-    static void pullBoth(AudioPuller& first, AudioPuller& second, int ms);
-    /// The next audio, channels alternating; less of it when it does not come.
-    std::vector<float> listen(int ms);
-    /// The same, one channel.
-    std::vector<float> listen(int ms, int channel);
-    /// Of the left channel's next 200 ms.
-    double levelDb(double frequency);
+
+    /// A piece of what is captured, channels alternating.
+    struct Piece {
+        std::vector<float> audio;
+        double startMs = 0; ///< by the monotonic clock
+    };
+    /// The next audio of several captures, fetched side by side; less of it when it does not come.
+    static std::vector<Piece> listen(const std::vector<AudioPuller*>& pullers, int ms);
+    Piece listen(int ms);
 
     /// Everything since the constructor.
     const std::vector<float>& audio() const { return audio_; }
-    qint64 startMs() const { return startMs_; } ///< when that begins, by the monotonic clock
+    /// When that begins, by the monotonic clock; known from the first delivery on.
+    qint64 startMs() const { return startMs_; }
     /// Milliseconds of audio that are missing or too many, by the clock, at the last delivery.
     qint64 surplusMs() const { return surplusMs_; }
 
@@ -61,7 +63,11 @@ private:
     void append(const platform::AudioSampleBuffer& buffer);
 
     std::vector<float> audio_;
+    // The stream begins within startCapture(), and its first delivery tells at which millisecond of it.
+    qint64 earliestStartMs_ = 0;
+    qint64 latestStartMs_ = 0;
     qint64 startMs_ = 0;
+    bool delivered_ = false; // since the start
     qint64 surplusMs_ = 0;
     std::atomic<int> timesStopped_ = 0;
     bool capturing_ = false;

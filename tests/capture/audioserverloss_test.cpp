@@ -54,6 +54,19 @@ bool turnDown(PrivateAudioServer& server, const QJsonObject& node)
         && server.output(QStringLiteral("wpctl"), {QStringLiteral("set-mute"), idOf(node), QStringLiteral("1")});
 }
 
+/// The players are linked to that sink, and to no other: waits until they are.
+bool isPlayedTo(PrivateAudioServer& server, const QByteArray& sink)
+{
+    const auto isSo = [&] {
+        const QByteArray links
+            = server.output(QStringLiteral("pw-link"), {QStringLiteral("-l")}).value_or(QByteArray());
+        const QByteArray other = sink == "first-sink" ? "second-sink" : "first-sink";
+        return links.contains(sink + ":playback_FL\n  |<-") && !links.contains(other + ":playback_FL\n  |<-")
+            && links.contains(sink + ":monitor_FL\n  |->") && !links.contains(other + ":monitor_FL\n  |->");
+    };
+    return QTest::qWaitFor(isSo, limitMs);
+}
+
 /// By what the session manager knows a stream again.
 QByteArray memoryKey(const QJsonObject& node)
 {
@@ -81,14 +94,11 @@ private Q_SLOTS:
     void init();
 
     void noServer();
-    void serverDies_data();
     void serverDies();
     void serverDiesBeforeTheStart();
     void serverStopsBeforeTheLookUp();
-    void serverStopsDuringTheCapture();
-    void serverGoesOn();
+    void serverStopsAndGoesOn();
     void defaultSinkChanges();
-    void quantumStays_data();
     void quantumStays();
     void volumeThatSomebodyChanges();
     void volumeThatTheServerRemembers();
@@ -121,27 +131,23 @@ void AudioServerLossTest::noServer()
     QVERIFY(!error.isEmpty() && error != QStringLiteral("no answer"));
 }
 
-void AudioServerLossTest::serverDies_data()
-{
-    QTest::addColumn<bool>("ofDisplay");
-    QTest::newRow("display") << true;
-    QTest::newRow("application") << false;
-}
-
 void AudioServerLossTest::serverDies()
 {
-    QFETCH(bool, ofDisplay);
     const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    const auto puller
-        = ofDisplay ? std::make_unique<AudioPuller>() : std::make_unique<AudioPuller>(std::set<qint64>{player.pid()});
-    QVERIFY(hears(*puller, tone));
-    QCOMPARE(puller->timesStopped(), 0);
+    AudioPuller ofDisplay;
+    AudioPuller ofApplication(std::set<qint64>{player.pid()});
+    const Pullers both{&ofDisplay, &ofApplication};
+    QVERIFY(hears(both, tone));
     server_->server.killDaemon();
-    QTRY_COMPARE_WITH_TIMEOUT(puller->timesStopped(), 1, limitMs);
-    QVERIFY(hearsNothing(*puller));
-    QVERIFY(isSilent(puller->listen(500)));
-    QCOMPARE(puller->surplusMs(), qint64(0));
-    QCOMPARE(puller->timesStopped(), 1);
+    for (const AudioPuller* puller : both)
+        QTRY_COMPARE_WITH_TIMEOUT(puller->timesStopped(), 1, limitMs);
+    QVERIFY(hearsNothing(both));
+    for (const AudioPuller::Piece& piece : AudioPuller::listen(both, 500))
+        QVERIFY(isSilent(piece));
+    for (const AudioPuller* puller : both) {
+        QCOMPARE(puller->surplusMs(), qint64(0));
+        QCOMPARE(puller->timesStopped(), 1);
+    }
 }
 
 void AudioServerLossTest::serverDiesBeforeTheStart()
@@ -169,13 +175,18 @@ void AudioServerLossTest::serverStopsBeforeTheLookUp()
     QVERIFY2(lookUpAudio(&error), qPrintable(error));
 }
 
-void AudioServerLossTest::serverStopsDuringTheCapture()
+void AudioServerLossTest::serverStopsAndGoesOn()
 {
     const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
     auto puller = std::make_unique<AudioPuller>();
-    QVERIFY(hears(*puller, tone));
+    QVERIFY(hears({puller.get()}, tone));
     server_->server.stopDaemon();
-    QVERIFY(hearsNothing(*puller)); // the recording's audio goes on all the same
+    QVERIFY(hearsNothing({puller.get()})); // the recording's audio goes on all the same
+    server_->server.continueDaemon();
+    QVERIFY(hears({puller.get()}, tone));
+    QCOMPARE(puller->timesStopped(), 0);
+
+    server_->server.stopDaemon();
     QElapsedTimer ending;
     ending.start();
     puller.reset();
@@ -183,65 +194,66 @@ void AudioServerLossTest::serverStopsDuringTheCapture()
     server_->server.continueDaemon();
 }
 
-void AudioServerLossTest::serverGoesOn()
-{
-    const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    AudioPuller puller;
-    QVERIFY(hears(puller, tone));
-    server_->server.stopDaemon();
-    QVERIFY(hearsNothing(puller));
-    server_->server.continueDaemon();
-    QVERIFY(hears(puller, tone));
-    QCOMPARE(puller.timesStopped(), 0);
-}
-
 void AudioServerLossTest::defaultSinkChanges()
 {
     AudioServerOptions options;
     options.sinks.push_back(NullSink{"second-sink"});
     PrivateAudioServer& server = makeServer(options);
-    const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
     AudioPuller ofDisplay;
     AudioPuller ofApplication(std::set<qint64>{player.pid()});
-    QVERIFY(hears(ofDisplay, tone) && hears(ofApplication, tone));
+    const Pullers both{&ofDisplay, &ofApplication};
+    QVERIFY(hears(both, tone));
     for (const QByteArray& sink : {QByteArray("second-sink"), QByteArray("first-sink")}) {
         QVERIFY(server.setDefaultSink(sink));
-        AudioPuller::pullBoth(ofDisplay, ofApplication, 500);
-        QVERIFY(hears(ofDisplay, tone) && hears(ofApplication, tone));
-        const std::vector<float> audio = audioanalysis::channelOf(cleanAudio(ofDisplay, 500, tone), 2, 0);
-        const auto faults = audioanalysis::toneFaults(audio, 48000, tone);
-        QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
+        // The server has changed its mind; streams and captures are still on their way.
+        QVERIFY(isPlayedTo(server, sink));
+        QVERIFY(hears(both, tone));
+        const auto pieces = AudioPuller::listen(both, 500);
+        const QString faults = faultsOf(pieces[0], tone, player) + faultsOf(pieces[1], tone, player);
+        QVERIFY2(faults.isEmpty(), qPrintable(faults));
     }
 }
 
-void AudioServerLossTest::quantumStays_data()
-{
-    QTest::addColumn<int>("quantum");
-    QTest::newRow("512") << 512;
-    QTest::newRow("1024") << 1024;
-    QTest::newRow("4096") << 4096;
-}
-
-/// A graph that is made to run faster can fall silent for the user. The capture runs several times: that trap
-/// snapped in two of three runs only.
+/// A graph that is made to run faster can fall silent for the user. The captures run several times: that trap
+/// snapped in two of three runs only. One server for each quantum, all at once.
 void AudioServerLossTest::quantumStays()
 {
-    QFETCH(int, quantum);
-    AudioServerOptions options;
-    options.quantum = quantum;
-    makeServer(options);
-    ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    QCOMPARE(player.quantum(), quantum);
-    for (int run = 0; run < 4; ++run) {
-        AudioPuller ofDisplay;
-        AudioPuller ofApplication(std::set<qint64>{player.pid()});
-        QVERIFY(hears(ofDisplay, tone) && hears(ofApplication, tone));
-        const std::vector<float> audio = audioanalysis::channelOf(cleanAudio(ofApplication, 400, tone), 2, 0);
-        const auto faults = audioanalysis::toneFaults(audio, 48000, tone);
-        QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
-        QCOMPARE(player.quantum(), quantum);
+    struct Stage {
+        std::unique_ptr<PrivateAudioServer> server;
+        std::unique_ptr<ToneProcess> player;
+        int quantum = 0;
+    };
+    std::vector<Stage> stages;
+    for (const int quantum : {512, 1024, 4096}) {
+        AudioServerOptions options;
+        options.quantum = quantum;
+        auto server = std::make_unique<PrivateAudioServer>(options);
+        QVERIFY2(server->isRunning(), qPrintable(server->errorString()));
+        server->apply();
+        stages.push_back({std::move(server),
+            std::make_unique<ToneProcess>(ToneProcess::tone(QStringLiteral("wanted"), tone)), quantum});
     }
-    QCOMPARE(player.quantum(), quantum);
+    for (int run = 0; run < 4; ++run) {
+        std::vector<std::unique_ptr<AudioPuller>> owned;
+        Pullers pullers;
+        for (const Stage& stage : stages) {
+            QCOMPARE(stage.player->quantum(), stage.quantum);
+            stage.server->apply();
+            owned.push_back(std::make_unique<AudioPuller>());
+            owned.push_back(std::make_unique<AudioPuller>(std::set<qint64>{stage.player->pid()}));
+        }
+        for (const auto& puller : owned)
+            pullers.push_back(puller.get());
+        QVERIFY(hears(pullers, tone));
+        const auto pieces = AudioPuller::listen(pullers, 400);
+        for (std::size_t i = 0; i < pieces.size(); ++i) {
+            const QString faults = faultsOf(pieces[i], tone, *stages[i / 2].player);
+            QVERIFY2(faults.isEmpty(), qPrintable(QStringLiteral("capture %1: ").arg(i) + faults));
+        }
+        for (const Stage& stage : stages)
+            QCOMPARE(stage.player->quantum(), stage.quantum);
+    }
 }
 
 void AudioServerLossTest::volumeThatSomebodyChanges()
@@ -249,11 +261,11 @@ void AudioServerLossTest::volumeThatSomebodyChanges()
     PrivateAudioServer& server = server_->server;
     const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
     AudioPuller puller(std::set<qint64>{player.pid()});
-    QVERIFY(hears(puller, tone));
+    QVERIFY(hears({&puller}, tone));
     const QJsonObject node = captureNode(server);
     QVERIFY(turnDown(server, node));
     QTRY_COMPARE_WITH_TIMEOUT(volumeOf(server, node), QStringLiteral("Volume: 1.00"), limitMs);
-    QVERIFY(hears(puller, tone));
+    QVERIFY(hears({&puller}, tone));
 }
 
 /// That the server does it is seen on another stream.
@@ -277,10 +289,10 @@ void AudioServerLossTest::volumeThatTheServerRemembers()
 
     const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
     AudioPuller ofApplication(std::set<qint64>{player.pid()});
-    QVERIFY(hears(ofApplication, tone));
+    QVERIFY(hears({&ofApplication}, tone));
     QTRY_COMPARE_WITH_TIMEOUT(volumeOf(server, captureNode(server)), QStringLiteral("Volume: 1.00"), limitMs);
     AudioPuller ofDisplay;
-    QVERIFY(hears(ofDisplay, tone));
+    QVERIFY(hears({&ofDisplay}, tone));
 }
 
 /// The players' own links and volumes are theirs, and the default devices are the user's.
@@ -300,7 +312,7 @@ void AudioServerLossTest::othersAreNotTouched()
     {
         AudioPuller ofDisplay;
         AudioPuller ofApplication(std::set<qint64>{player.pid()});
-        QVERIFY(hears(ofDisplay, tone) && hears(ofApplication, tone));
+        QVERIFY(hears({&ofDisplay, &ofApplication}, tone));
         QVERIFY(links().contains("orvantis-recorder"));
         QCOMPARE(settings(), settingsBefore);
     }

@@ -14,14 +14,6 @@ using namespace audiotest;
 
 namespace {
 
-enum class Source { Display, Application };
-
-std::unique_ptr<AudioPuller> capture(Source source, qint64 pid)
-{
-    return source == Source::Display ? std::make_unique<AudioPuller>()
-                                     : std::make_unique<AudioPuller>(std::set<qint64>{pid});
-}
-
 /// A sine as 16-bit stereo at 48000 Hz.
 bool writeWave(const QString& path, double frequency, int seconds)
 {
@@ -39,7 +31,7 @@ bool writeWave(const QString& path, double frequency, int seconds)
     return file.open(QIODevice::WriteOnly) && file.write(header + samples) == 44 + samples.size();
 }
 
-/// The first sample that is heard, by the monotonic clock, in milliseconds.
+/// The first sample that is heard in the audio from a frame on, by the monotonic clock in milliseconds; 0 without.
 double onsetMs(const AudioPuller& puller, std::size_t fromFrame)
 {
     const std::vector<float>& audio = puller.audio();
@@ -50,21 +42,13 @@ double onsetMs(const AudioPuller& puller, std::size_t fromFrame)
     return 0;
 }
 
-/// How much later the display's audio has a player's onset than the player's own audio; far off without an onset.
-double displayLatenessMs()
+bool leftOutNear(ToneProcess& player, double atMs)
 {
-    const ToneProcess player(ToneProcess::tone(
-        QStringLiteral("wanted"), tone, {QStringLiteral("--schedule"), QStringLiteral("0.2,2,600")}));
-    AudioPuller ofDisplay;
-    AudioPuller ofApplication(std::set<qint64>{player.pid()});
-    const bool silent = ofDisplay.isCapturing() && ofApplication.isCapturing() && hearsNothing(ofDisplay);
-    AudioPuller::pullBoth(ofDisplay, ofApplication, 200);
-    const std::size_t silentDisplay = ofDisplay.audio().size() / 2;
-    const std::size_t silentApplication = ofApplication.audio().size() / 2;
-    AudioPuller::pullBoth(ofDisplay, ofApplication, 2200);
-    const double display = onsetMs(ofDisplay, silentDisplay);
-    const double application = onsetMs(ofApplication, silentApplication);
-    return silent && display > 0 && application > 0 ? display - application : 1e6;
+    constexpr double nearMs = 300;
+    const std::vector<playergaps::Gap>& gaps = player.gaps();
+    return std::any_of(gaps.begin(), gaps.end(), [atMs](const playergaps::Gap& gap) {
+        return gap.atMs < atMs + nearMs && gap.atMs + gap.lengthMs > atMs - nearMs;
+    });
 }
 
 }
@@ -73,76 +57,44 @@ class AudioSourcesTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
+    void initTestCase();
 
-    void displayAudio();
-    void applicationAudio();
-    void twoApplications();
+    void twoPlayers();
     void playersOfAllKinds_data();
     void playersOfAllKinds();
-    void everyChannelReaches_data();
     void everyChannelReaches();
     void pulseClient();
-    void pausedPlayer_data();
-    void pausedPlayer();
-    void nobodyPlays_data();
-    void nobodyPlays();
-    void playerPausesAndComesBack_data();
-    void playerPausesAndComesBack();
-    void wantedProcessExits();
-    void captureStopsAndStartsAgain();
+    void playerPausesExitsAndComesBack();
     void bothKindsAreInTime_data();
     void bothKindsAreInTime();
 
 private:
-    std::unique_ptr<ServerForTest> server_;
+    PrivateAudioServer& makeServer(const AudioServerOptions& options);
+
+    std::unique_ptr<PrivateAudioServer> server_; // as it comes; where a test changes nothing about it
+    std::unique_ptr<PrivateAudioServer> special_;
 };
 
-void AudioSourcesTest::init()
+void AudioSourcesTest::initTestCase()
 {
-    server_.reset();
-    server_ = std::make_unique<ServerForTest>();
-    QVERIFY2(server_->server.isRunning(), qPrintable(server_->server.errorString()));
+    server_ = std::make_unique<PrivateAudioServer>();
+    QVERIFY2(server_->isRunning(), qPrintable(server_->errorString()));
 }
 
-void AudioSourcesTest::displayAudio()
+/// The environment leads to it.
+PrivateAudioServer& AudioSourcesTest::makeServer(const AudioServerOptions& options)
 {
-    const ToneProcess first(ToneProcess::tone(QStringLiteral("first"), tone));
-    const ToneProcess second(ToneProcess::tone(QStringLiteral("second"), otherTone));
-    AudioPuller puller;
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    for (const int channel : {0, 1}) {
-        const auto bothAreHeard = [&puller, channel] {
-            const std::vector<float> side = puller.listen(500, channel);
-            return isFull(levelDb(side, tone)) && isFull(levelDb(side, otherTone));
-        };
-        QVERIFY(comesTrue(bothAreHeard));
-    }
+    special_.reset();
+    special_ = std::make_unique<PrivateAudioServer>(options);
+    special_->apply();
+    return *special_;
 }
 
-void AudioSourcesTest::applicationAudio()
+void AudioSourcesTest::twoPlayers()
 {
-    const ToneProcess unwanted(ToneProcess::tone(QStringLiteral("unwanted"), otherTone));
-    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    AudioPuller puller(std::set<qint64>{wanted.pid()});
-    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
-    QVERIFY(hears(puller, tone));
-    const std::vector<float> audio = cleanAudio(puller, 1000, tone);
-    for (const int channel : {0, 1}) {
-        const std::vector<float> side = audioanalysis::channelOf(audio, 2, channel);
-        QVERIFY(isFull(levelDb(side, tone)));
-        QVERIFY(levelDb(side, otherTone) < unheardDb);
-        const auto faults = audioanalysis::toneFaults(side, 48000, tone);
-        QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
-    }
-    QVERIFY(
-        levelDb(audioanalysis::channelOf(puller.audio(), 2, 0), otherTone) < unheardDb); // not at the start either
-}
-
-void AudioSourcesTest::twoApplications()
-{
-    const ToneProcess first(ToneProcess::tone(QStringLiteral("first"), tone));
-    const ToneProcess second(ToneProcess::tone(QStringLiteral("second"), otherTone));
+    server_->apply();
+    ToneProcess first(ToneProcess::tone(QStringLiteral("first"), tone));
+    ToneProcess second(ToneProcess::tone(QStringLiteral("second"), otherTone));
     QString error;
     const auto content = lookUpAudio(&error);
     QVERIFY2(content, qPrintable(error));
@@ -153,91 +105,106 @@ void AudioSourcesTest::twoApplications()
     QCOMPARE(content->applications[*firstIndex].applicationName, QStringLiteral("first"));
     QCOMPARE(content->applications[*secondIndex].applicationName, QStringLiteral("second"));
 
+    AudioPuller ofDisplay;
     AudioPuller ofFirst(std::set<qint64>{first.pid()});
     AudioPuller ofSecond(std::set<qint64>{second.pid()});
-    QVERIFY(hears(ofFirst, tone) && hears(ofSecond, otherTone));
-    QVERIFY(levelDb(ofFirst.listen(500, 1), otherTone) < unheardDb);
-    QVERIFY(levelDb(ofSecond.listen(500, 1), tone) < unheardDb);
+    QVERIFY2(ofDisplay.isCapturing(), qPrintable(ofDisplay.errorString()));
+    QVERIFY2(ofFirst.isCapturing(), qPrintable(ofFirst.errorString()));
+    QVERIFY2(ofSecond.isCapturing(), qPrintable(ofSecond.errorString()));
+    QVERIFY(hears({&ofDisplay, &ofFirst}, tone) && hears({&ofDisplay, &ofSecond}, otherTone));
+    const auto pieces = AudioPuller::listen({&ofDisplay, &ofFirst, &ofSecond}, 500);
+    for (const int channel : {0, 1}) {
+        QVERIFY(isFull(usualLevelDb(side(pieces[0], channel), tone)));
+        QVERIFY(isFull(usualLevelDb(side(pieces[0], channel), otherTone)));
+    }
+    const QString faults = faultsOf(pieces[1], tone, first) + faultsOf(pieces[2], otherTone, second);
+    QVERIFY2(faults.isEmpty(), qPrintable(faults));
+    // The other one is not heard at the start either.
+    QVERIFY(levelDb(audioanalysis::channelOf(ofFirst.audio(), 2, 0), otherTone) < unheardDb);
+    QVERIFY(levelDb(audioanalysis::channelOf(ofSecond.audio(), 2, 1), tone) < unheardDb);
 }
 
 void AudioSourcesTest::playersOfAllKinds_data()
 {
-    QTest::addColumn<QStringList>("player");
     QTest::addColumn<int>("graphRate");
-    const QString channels = QStringLiteral("--channels");
-    const QString format = QStringLiteral("--format");
-    const QString rate = QStringLiteral("--rate");
-    QTest::newRow("mono") << QStringList{channels, QStringLiteral("1")} << 48000;
-    QTest::newRow("44100") << QStringList{rate, QStringLiteral("44100")} << 48000;
-    QTest::newRow("16 bits") << QStringList{format, QStringLiteral("s16")} << 48000;
-    QTest::newRow("planar") << QStringList{format, QStringLiteral("f32p")} << 48000;
-    QTest::newRow("44100 in a graph of 44100") << QStringList{rate, QStringLiteral("44100")} << 44100;
-    QTest::newRow("48000 in a graph of 44100") << QStringList() << 44100;
+    QTest::newRow("graph of 48000") << 48000;
+    QTest::newRow("graph of 44100") << 44100;
 }
 
+/// All play at once, each another tone: each is heard alone, and all are on the display.
 void AudioSourcesTest::playersOfAllKinds()
 {
-    QFETCH(QStringList, player);
     QFETCH(int, graphRate);
     AudioServerOptions options;
     options.rate = graphRate;
-    server_.reset();
-    server_ = std::make_unique<ServerForTest>(options);
-    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone, player));
-    for (const Source source : {Source::Display, Source::Application}) {
-        const auto puller = capture(source, wanted.pid());
+    PrivateAudioServer& server = makeServer(options);
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    const std::vector<QStringList> kinds{{}, {QStringLiteral("--channels"), QStringLiteral("1")},
+        {QStringLiteral("--rate"), QStringLiteral("44100")}, {QStringLiteral("--format"), QStringLiteral("s16")},
+        {QStringLiteral("--format"), QStringLiteral("f32p")}};
+    const auto toneOf = [](std::size_t kind) { return tone + 283.0 * double(kind); };
+    std::vector<std::unique_ptr<ToneProcess>> players;
+    std::vector<std::unique_ptr<AudioPuller>> owned;
+    for (const QStringList& kind : kinds)
+        players.push_back(std::make_unique<ToneProcess>(
+            ToneProcess::tone(QStringLiteral("player %1").arg(players.size()), toneOf(players.size()), kind)));
+    Pullers pullers;
+    for (const auto& player : players)
+        owned.push_back(std::make_unique<AudioPuller>(std::set<qint64>{player->pid()}));
+    owned.push_back(std::make_unique<AudioPuller>()); // of the display
+    for (const auto& puller : owned) {
         QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
-        QVERIFY(hears(*puller, tone));
-        const std::vector<float> audio = cleanAudio(*puller, 500, tone);
-        for (const int channel : {0, 1}) {
-            const std::vector<float> side = audioanalysis::channelOf(audio, 2, channel);
-            const auto faults = audioanalysis::toneFaults(side, 48000, tone);
-            const QString text
-                = QStringLiteral("%1 dB, %2").arg(levelDb(side, tone)).arg(audioanalysis::describe(faults));
-            QVERIFY2(isFull(levelDb(side, tone)) && faults.empty(), qPrintable(text));
-        }
+        pullers.push_back(puller.get());
     }
-}
-
-void AudioSourcesTest::everyChannelReaches_data()
-{
-    QTest::addColumn<bool>("ofDisplay");
-    QTest::newRow("display") << true;
-    QTest::newRow("application") << false;
+    QVERIFY(comesTrue(pullers, [&](const Pieces& heard) {
+        for (std::size_t i = 0; i < kinds.size(); ++i) {
+            if (!isFull(levelDb(side(heard[i], 0), toneOf(i))) || !isFull(levelDb(side(heard.back(), 0), toneOf(i))))
+                return false;
+        }
+        return true;
+    }));
+    const auto pieces = AudioPuller::listen(pullers, 500);
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+        const QString faults = faultsOf(pieces[i], toneOf(i), *players[i]);
+        QVERIFY2(faults.isEmpty(), qPrintable(kinds[i].join(QLatin1Char(' ')) + QStringLiteral(": ") + faults));
+        for (const int channel : {0, 1})
+            QVERIFY(isFull(usualLevelDb(side(pieces.back(), channel), toneOf(i))));
+    }
 }
 
 void AudioSourcesTest::everyChannelReaches()
 {
-    QFETCH(bool, ofDisplay);
     AudioServerOptions options;
     options.sinks[0].positions = {"FL", "FR", "FC", "LFE", "SL", "SR"};
-    server_.reset();
-    server_ = std::make_unique<ServerForTest>(options);
+    makeServer(options);
     const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone,
         {QStringLiteral("--channels"), QStringLiteral("6"), QStringLiteral("--spread"), QStringLiteral("1"),
             QStringLiteral("--amplitude"), QStringLiteral("0.1")}));
-    const auto puller = capture(ofDisplay ? Source::Display : Source::Application, wanted.pid());
-    QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
+    AudioPuller ofDisplay;
+    AudioPuller ofApplication(std::set<qint64>{wanted.pid()});
+    QVERIFY2(ofDisplay.isCapturing(), qPrintable(ofDisplay.errorString()));
+    QVERIFY2(ofApplication.isCapturing(), qPrintable(ofApplication.errorString()));
     const std::vector<std::vector<bool>> expected{
         {true, false, true, true, true, false}, {false, true, true, true, false, true}};
-    for (const int side : {0, 1}) {
-        std::vector<bool> heard;
-        const auto listen = [&] {
-            const std::vector<float> audio = puller->listen(500, side);
-            heard.clear();
-            for (int i = 1; i <= 6; ++i)
-                heard.push_back(std::abs(levelDb(audio, i * tone) + 20) < 0.2);
-            return heard == expected[std::size_t(side)];
-        };
-        QVERIFY(comesTrue(listen));
-        const std::vector<float> audio = puller->listen(500, side);
-        for (std::size_t i = 0; i < 6; ++i)
-            QVERIFY(expected[std::size_t(side)][i] || levelDb(audio, double(i + 1) * tone) < -60);
-    }
+    const auto areRight = [&expected](const Pieces& pieces) {
+        for (const AudioPuller::Piece& piece : pieces) {
+            for (const std::size_t channel : {0, 1}) {
+                const std::vector<float> audio = side(piece, int(channel));
+                for (std::size_t i = 0; i < 6; ++i) {
+                    const double level = levelDb(audio, double(i + 1) * tone);
+                    if (expected[channel][i] ? std::abs(level + 20) >= 0.2 : level >= -60)
+                        return false;
+                }
+            }
+        }
+        return true;
+    };
+    QVERIFY(comesTrue({&ofDisplay, &ofApplication}, areRight));
 }
 
 void AudioSourcesTest::pulseClient()
 {
+    server_->apply();
     QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("tone.wav"));
     QVERIFY(writeWave(path, tone, 30));
@@ -249,88 +216,55 @@ void AudioSourcesTest::pulseClient()
         return index && content->applications[*index].applicationName == QStringLiteral("paplay");
     };
     QTRY_VERIFY_WITH_TIMEOUT(isListed(), limitMs);
+    const std::vector<qint64> daemons = server_->processIds();
     AudioPuller ofPlayer(std::set<qint64>{player.pid()});
-    QVERIFY(hears(ofPlayer, tone));
-    const std::vector<qint64> daemons = server_->server.processIds();
     AudioPuller ofDaemons(std::set<qint64>(daemons.begin(), daemons.end()));
     QVERIFY2(ofDaemons.isCapturing(), qPrintable(ofDaemons.errorString()));
+    QVERIFY(hears({&ofPlayer}, tone));
     QVERIFY(isSilent(ofDaemons.listen(700)));
 }
 
-void AudioSourcesTest::pausedPlayer_data()
+/// From before there is any player, when the sink sleeps and no clock ticks, to after its end.
+void AudioSourcesTest::playerPausesExitsAndComesBack()
 {
-    everyChannelReaches_data();
-}
+    AudioServerOptions options; // on which nobody has played yet
+    makeServer(options);
+    AudioPuller ofDisplay;
+    AudioPuller ofThisProcess(std::set<qint64>{::getpid()}); // and of what starts later
+    const Pullers early{&ofDisplay, &ofThisProcess};
+    const auto quiet = AudioPuller::listen(early, 500);
+    QVERIFY(isSilent(quiet[0]) && isSilent(quiet[1]));
 
-void AudioSourcesTest::pausedPlayer()
-{
-    QFETCH(bool, ofDisplay);
-    const ToneProcess player(
-        ToneProcess::tone(QStringLiteral("wanted"), tone, {QStringLiteral("--schedule"), QStringLiteral("0.3,600")}));
-    const auto puller = capture(ofDisplay ? Source::Display : Source::Application, player.pid());
-    QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
-    QVERIFY(hearsNothing(*puller));
-    QVERIFY(isSilent(puller->listen(1000)));
-    QCOMPARE(puller->surplusMs(), qint64(0));
-}
+    auto player = std::make_unique<ToneProcess>(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    QVERIFY(hears(early, tone));
+    player->pause();
+    QVERIFY(hearsNothing(early));
+    AudioPuller ofPlayer(std::set<qint64>{player->pid()}); // which rests
+    const Pullers all{&ofDisplay, &ofThisProcess, &ofPlayer};
+    for (const AudioPuller::Piece& piece : AudioPuller::listen(all, 500))
+        QVERIFY(isSilent(piece));
+    for (const AudioPuller* puller : all)
+        QCOMPARE(puller->surplusMs(), qint64(0));
+    player->resume();
+    QVERIFY(hears(all, tone));
 
-void AudioSourcesTest::nobodyPlays_data()
-{
-    everyChannelReaches_data();
-}
+    QVERIFY(ofPlayer.stopCapture());
+    const std::size_t before = ofPlayer.audio().size();
+    ofPlayer.pull(100);
+    QCOMPARE(ofPlayer.audio().size(), before);
+    QVERIFY(ofPlayer.startCapture());
+    QVERIFY(hears(all, tone));
 
-/// The sink sleeps by then, and no clock ticks.
-void AudioSourcesTest::nobodyPlays()
-{
-    QFETCH(bool, ofDisplay);
-    const auto puller = capture(ofDisplay ? Source::Display : Source::Application, ::getpid());
-    QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
-    QVERIFY(isSilent(puller->listen(1000)));
-    QCOMPARE(puller->surplusMs(), qint64(0));
-    const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    QVERIFY(hears(*puller, tone));
-}
-
-void AudioSourcesTest::playerPausesAndComesBack_data()
-{
-    everyChannelReaches_data();
-}
-
-void AudioSourcesTest::playerPausesAndComesBack()
-{
-    QFETCH(bool, ofDisplay);
-    const ToneProcess player(ToneProcess::tone(
-        QStringLiteral("wanted"), tone, {QStringLiteral("--schedule"), QStringLiteral("1.5,1.5,600")}));
-    const auto puller = capture(ofDisplay ? Source::Display : Source::Application, player.pid());
-    QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
-    QVERIFY(hears(*puller, tone));
-    QVERIFY(hearsNothing(*puller));
-    QVERIFY(hears(*puller, tone));
-    QCOMPARE(puller->timesStopped(), 0);
-}
-
-void AudioSourcesTest::wantedProcessExits()
-{
-    ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    AudioPuller puller(std::set<qint64>{player.pid()});
-    QVERIFY(hears(puller, tone));
-    QVERIFY(player.stop());
-    QVERIFY(hearsNothing(puller));
-    QVERIFY(isSilent(puller.listen(300)));
-    QCOMPARE(puller.timesStopped(), 0);
-}
-
-void AudioSourcesTest::captureStopsAndStartsAgain()
-{
-    const ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
-    AudioPuller puller(std::set<qint64>{player.pid()});
-    QVERIFY(hears(puller, tone));
-    QVERIFY(puller.stopCapture());
-    const std::size_t before = puller.audio().size();
-    puller.pull(200);
-    QCOMPARE(puller.audio().size(), before);
-    QVERIFY(puller.startCapture());
-    QVERIFY(hears(puller, tone));
+    QVERIFY(player->stop());
+    QVERIFY(hearsNothing(all));
+    for (const AudioPuller::Piece& piece : AudioPuller::listen(all, 300))
+        QVERIFY(isSilent(piece));
+    for (const AudioPuller* puller : all) {
+        QCOMPARE(puller->surplusMs(), qint64(0));
+        QCOMPARE(puller->timesStopped(), 0);
+    }
+    player = std::make_unique<ToneProcess>(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    QVERIFY(hears(early, tone));
 }
 
 void AudioSourcesTest::bothKindsAreInTime_data()
@@ -347,15 +281,30 @@ void AudioSourcesTest::bothKindsAreInTime()
     QFETCH(int, quantum);
     AudioServerOptions options;
     options.quantum = quantum;
-    server_.reset();
-    server_ = std::make_unique<ServerForTest>(options);
-    double late = 0;
-    for (int attempt = 0; attempt < 4; ++attempt) { // a busy machine drops the odd cycle, and an onset with it
-        late = displayLatenessMs();
-        if (late > -2 && late < 20)
-            break;
+    makeServer(options);
+    ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    AudioPuller ofDisplay;
+    AudioPuller ofApplication(std::set<qint64>{player.pid()});
+    const Pullers both{&ofDisplay, &ofApplication};
+    QVERIFY(hears(both, tone));
+    int judged = 0;
+    for (int onset = 0; onset < 2; ++onset) {
+        player.pause();
+        QVERIFY(hearsNothing(both));
+        const std::size_t silentDisplay = ofDisplay.audio().size() / 2;
+        const std::size_t silentApplication = ofApplication.audio().size() / 2;
+        player.resume();
+        QVERIFY(hears(both, tone));
+        const double applicationMs = onsetMs(ofApplication, silentApplication);
+        const double late = onsetMs(ofDisplay, silentDisplay) - applicationMs;
+        if (leftOutNear(player, applicationMs)) {
+            qInfo("The player itself left something out near its onset; not judged: %.1f ms", late);
+            continue;
+        }
+        QVERIFY2(late > -2 && late < 20, qPrintable(QStringLiteral("%1 ms").arg(late)));
+        ++judged;
     }
-    QVERIFY2(late > -2 && late < 20, qPrintable(QStringLiteral("%1 ms").arg(late)));
+    QVERIFY2(judged > 0, "The machine is too busy for a player of audio.");
 }
 
 ORVANTIS_TEST(AudioSourcesTest)

@@ -1,6 +1,10 @@
 // AudioScene: a recording of a window while something plays.
 #include "audioscene.h"
 
+#include "playergaps.h"
+
+#include <QDateTime>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <algorithm>
@@ -24,12 +28,60 @@ AudioScene::AudioScene(
 
 bool AudioScene::record(int recordingMs)
 {
-    if (!startRecording())
+    return startRecording() && waitUntilRecorded(recordingMs) && stopAndExit();
+}
+
+double AudioScene::originMs()
+{
+    if (originMs_)
+        return *originMs_;
+    // A click with a time is keyed by how much later that is than the start.
+    const qint64 clickedAtMs = QDateTime::currentMSecsSinceEpoch();
+    const QString start = QStringLiteral("Recorder mouse click received global QPointF(-9998,-9998)");
+    if (!launcher.send("click|-9998|-9998|-1|-1|" + QByteArray::number(clickedAtMs) + '\n') || !waitForLine(start))
+        return 0.0;
+    static const QRegularExpression rawTime(QStringLiteral("raw recording ms (\\d+) "));
+    const qint64 rawMs = rawTime.match(restOfLine(log(), start)).captured(1).toLongLong();
+    if (rawMs > 0) // the clock runs
+        originMs_ = double(clickedAtMs - rawMs) - playergaps::wallClockLeadMs();
+    return originMs_.value_or(0.0);
+}
+
+namespace {
+
+template <typename Step>
+bool forAll(const std::vector<AudioScene*>& scenes, QByteArray& story, Step step)
+{
+    for (AudioScene* scene : scenes) {
+        if (step(*scene))
+            continue;
+        story = scene->command.audioSource.toUtf8() + ": " + scene->story();
         return false;
-    // The recorder's own clock is asked only near the end: every question is a line in its log.
-    constexpr int askedForMs = 5000;
+    }
+    return true;
+}
+
+}
+
+bool startTogether(const std::vector<AudioScene*>& scenes, QByteArray& story)
+{
+    return forAll(scenes, story, [](AudioScene& scene) { return scene.start(); })
+        && forAll(scenes, story, [](AudioScene& scene) { return scene.launcher.waitForReceived(1, hangLimitMs); });
+}
+
+bool endTogether(const std::vector<AudioScene*>& scenes, int recordingMs, QByteArray& story)
+{
+    // The recorders' own clocks are asked only near the end: every question is a line in a log.
+    constexpr int askedForMs = 3000;
     QTest::qWait(std::max(recordingMs - askedForMs, 0));
-    return waitUntilRecorded(recordingMs) && stopAndExit();
+    const auto hasRecorded
+        = [recordingMs](AudioScene& scene) { return scene.waitUntilRecorded(recordingMs) && scene.originMs() > 0.0; };
+    const auto hasEnded
+        = [](AudioScene& scene) { return scene.recorder.waitForEnd() && scene.recorder.exitCode() == 0; };
+    return forAll(scenes, story, hasRecorded)
+        && forAll(scenes, story, [](AudioScene& scene) { return scene.stop().has_value(); })
+        && forAll(scenes, story, [](AudioScene& scene) { return scene.launcher.send("{\"action\":\"exit\"}\n"); })
+        && forAll(scenes, story, hasEnded);
 }
 
 QString audioOf(qint64 pid)
@@ -43,6 +95,7 @@ Heard::Heard(const QString& path)
     const std::optional<MediaAudio> audio = file.audio();
     if (!audio || audio->sampleRate != rate)
         return;
+    worstJoinMs_ = audio->worstJoinMs;
     // A file may start with what the encoder puts before time 0, or with nothing at all.
     const auto shift = std::ptrdiff_t(std::lround(audio->startMs * samplesPerMs));
     const auto size = std::ptrdiff_t(audio->channels.first().size());
@@ -61,6 +114,11 @@ audioanalysis::Samples Heard::part(double fromMs, double toMs) const
 double Heard::levelDb(double frequency, double fromMs, double toMs) const
 {
     return audioanalysis::levelDb(part(fromMs, toMs), rate, frequency);
+}
+
+double Heard::usualLevelDb(double frequency, double fromMs, double toMs) const
+{
+    return audioanalysis::usualLevelDb(part(fromMs, toMs), rate, frequency);
 }
 
 double Heard::rmsDb(double fromMs, double toMs) const

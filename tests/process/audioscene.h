@@ -8,6 +8,7 @@
 
 #include <QString>
 
+#include <optional>
 #include <vector>
 
 /// A RecordingScene whose recorder hears an audio server.
@@ -18,7 +19,19 @@ public:
 
     /// Starts, records for so long, stops and waits for the end. False, with story(), when anything goes wrong.
     bool record(int recordingMs);
+
+    /// When the recording clock stood at 0, in milliseconds of the monotonic clock. Ask first while it runs; 0 when
+    /// the recorder does not tell.
+    double originMs();
+
+private:
+    std::optional<double> originMs_;
 };
+
+/// Recordings beside each other. False, with the story of the one that failed, when anything goes wrong.
+bool startTogether(const std::vector<AudioScene*>& scenes, QByteArray& story);
+/// Waits until each has recorded so long, stops them and waits for their end.
+bool endTogether(const std::vector<AudioScene*>& scenes, int recordingMs, QByteArray& story);
 
 /// The audio source for a process.
 QString audioOf(qint64 pid);
@@ -31,10 +44,14 @@ public:
 
     bool isThere() const { return !samples_.empty(); }
     double durationMs() const { return double(samples_.size()) / samplesPerMs; }
+    /// How far a block's own time ever was from where the one before it ends.
+    double worstJoinMs() const { return worstJoinMs_; }
     /// Between two times of the file.
     audioanalysis::Samples part(double fromMs, double toMs) const;
     /// In dB of a full-scale sine.
     double levelDb(double frequency, double fromMs, double toMs) const;
+    /// See audioanalysis.
+    double usualLevelDb(double frequency, double fromMs, double toMs) const;
     double rmsDb(double fromMs, double toMs) const;
     std::vector<audioanalysis::ToneFault> toneFaults(double frequency, double fromMs, double toMs) const;
     /// When a tone is first there for 0.1 s, in 10 ms; below 0 when never.
@@ -47,4 +64,5 @@ private:
 
     static constexpr double samplesPerMs = 48.0;
     std::vector<float> samples_;
+    double worstJoinMs_ = 0.0;
 };

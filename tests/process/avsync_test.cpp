@@ -1,5 +1,5 @@
 // Audio and frames of one recording belong together, and the audio is whole. A recording is as many seconds long as
-// the environment variable ORVANTIS_RECORDING_SECONDS says, 20 without it.
+// the environment variable ORVANTIS_RECORDING_SECONDS says, 8 without it.
 #include "audioscene.h"
 #include "privatexserver.h"
 #include "testregistry.h"
@@ -11,6 +11,7 @@
 #include <QFile>
 #include <QTest>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <vector>
@@ -28,11 +29,30 @@ int recordingSeconds()
 {
     bool set = false;
     const int seconds = qEnvironmentVariableIntValue("ORVANTIS_RECORDING_SECONDS", &set);
-    return set ? seconds : 20;
+    return set ? seconds : 8;
 }
+
+/// A window, what plays, and its two recordings, with an audio server of their own.
+struct Stage {
+    PrivateAudioServer audio;
+    std::unique_ptr<TruthWindowProcess> window;
+    std::unique_ptr<ToneProcess> player;
+    std::unique_ptr<AudioScene> ofApplication;
+    std::unique_ptr<AudioScene> ofDisplay;
+
+    AudioScene& scene(bool application) { return application ? *ofApplication : *ofDisplay; }
+    /// Of the application with that process, and of the display.
+    void makeScenes(const QByteArray& display, qint64 pid)
+    {
+        ofApplication = std::make_unique<AudioScene>(display, window->id(), audio, audioOf(pid));
+        ofDisplay = std::make_unique<AudioScene>(display, window->id(), audio, QString());
+    }
+};
 
 }
 
+/// Four recordings are made beside each other: of a window that flashes and beeps, and of a steady tone, each of the
+/// application and of the display. The test functions look at them.
 class AvSyncTest : public QObject {
     Q_OBJECT
 
@@ -44,21 +64,35 @@ private Q_SLOTS:
     void beepsAndFlashes();
     void steadyTone_data();
     void steadyTone();
-    void pausedPlayer();
 
 private:
-    /// Leaves in faults what is wrong with the tone of one recording.
-    void recordSteadyTone(bool ofTheApplication, std::vector<audioanalysis::ToneFault>& faults);
-
-    PrivateAudioServer audio_;
     PrivateXServer server_;
+    Stage beeps_;
+    Stage tone_;
 };
 
 void AvSyncTest::initTestCase()
 {
-    QVERIFY2(audio_.isRunning(), qPrintable(audio_.errorString()));
     QVERIFY2(server_.isRunning(), qPrintable(server_.errorString()));
-    audio_.apply();
+    for (Stage* stage : {&beeps_, &tone_})
+        QVERIFY2(stage->audio.isRunning(), qPrintable(stage->audio.errorString()));
+    beeps_.audio.apply();
+    beeps_.window = std::make_unique<TruthWindowProcess>(
+        server_.display(), windowPlace, 120, QStringList{QStringLiteral("--beep")});
+    QVERIFY2(beeps_.window->id() != 0, qPrintable(beeps_.window->errorString()));
+    tone_.audio.apply();
+    tone_.window = std::make_unique<TruthWindowProcess>(server_.display(), windowPlace, 0);
+    QVERIFY2(tone_.window->id() != 0, qPrintable(tone_.window->errorString()));
+    tone_.player = std::make_unique<ToneProcess>(ToneProcess::tone(QStringLiteral("steady"), toneHz));
+    QVERIFY2(tone_.player->isPlaying(), qPrintable(tone_.player->errorString()));
+
+    beeps_.makeScenes(server_.display(), beeps_.window->pid());
+    tone_.makeScenes(server_.display(), tone_.player->pid());
+    const std::vector<AudioScene*> scenes{
+        beeps_.ofApplication.get(), beeps_.ofDisplay.get(), tone_.ofApplication.get(), tone_.ofDisplay.get()};
+    QByteArray story;
+    QVERIFY2(startTogether(scenes, story) && endTogether(scenes, recordingSeconds() * 1000, story), story);
+    QVERIFY(tone_.player->isPlaying());
 }
 
 /// What measures says so when it cannot.
@@ -67,7 +101,7 @@ void AvSyncTest::noBeepsWithoutAServer()
     const PrivateTempDir directory; // no server listens there
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(directory.path()));
     const TruthWindowProcess window(server_.display(), windowPlace, 30, {QStringLiteral("--beep")});
-    audio_.apply();
+    beeps_.audio.apply();
     QCOMPARE(window.id(), 0u);
     QVERIFY(!window.errorString().isEmpty());
 }
@@ -82,11 +116,7 @@ void AvSyncTest::beepsAndFlashes_data()
 void AvSyncTest::beepsAndFlashes()
 {
     QFETCH(const bool, ofTheApplication);
-    const TruthWindowProcess window(server_.display(), windowPlace, 120, {QStringLiteral("--beep")});
-    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
-    AudioScene scene(server_.display(), window.id(), audio_, ofTheApplication ? audioOf(window.pid()) : QString());
-    QVERIFY2(scene.record(recordingSeconds() * 1000), scene.story());
-
+    AudioScene& scene = beeps_.scene(ofTheApplication);
     TruthQuery query{windowPlace.size(), std::nullopt, std::nullopt, {}};
     query.beeps = true;
     const TruthReport report = measureTruth(scene.command.output, query);
@@ -95,12 +125,31 @@ void AvSyncTest::beepsAndFlashes()
     qInfo().noquote() << table;
     const TruthAudio& audio = *report.audio;
     QVERIFY2(audio.flashes >= recordingSeconds() * 9 / 10 - 1, table);
-    // On a busy machine the window is late for its turn now and then, and leaves a beep out.
-    QVERIFY2(audio.missedBeeps <= audio.flashes / 100 && audio.strayBeeps == 0, table);
-    QVERIFY2(std::abs(audio.meanMs) <= 10.0, table);
-    QVERIFY2(std::abs(audio.worstMs) <= 20.0, table);
-    for (const TruthBeep& beep : audio.beeps)
-        QVERIFY2(beep.offsetMs >= -40.0 && beep.offsetMs <= 60.0, table);
+
+    // What the window left out of its own beeps does not count.
+    const std::vector<playergaps::Gap>& gaps = beeps_.window->gaps();
+    const double originMs = scene.originMs();
+    const auto isSpoilt = [&](const TruthBeep& beep) {
+        constexpr double nearMs = 100.0;
+        return std::any_of(gaps.begin(), gaps.end(), [&](const playergaps::Gap& gap) {
+            const double atMs = gap.atMs - originMs;
+            return atMs < beep.fileMs + nearMs && atMs + gap.lengthMs > beep.fileMs - nearMs;
+        });
+    };
+    double sumMs = 0.0;
+    int judged = 0;
+    for (const TruthBeep& beep : audio.beeps) {
+        if (isSpoilt(beep))
+            continue;
+        QVERIFY2(std::abs(beep.offsetMs) <= 20.0, table);
+        sumMs += beep.offsetMs;
+        ++judged;
+    }
+    const int leftOut = int(gaps.size());
+    if (leftOut > 0)
+        qInfo("The window itself left something out %d times; %d beeps are judged", leftOut, judged);
+    QVERIFY2(judged > 0 && std::abs(sumMs / judged) <= 10.0, table);
+    QVERIFY2(audio.missedBeeps <= leftOut && audio.strayBeeps <= leftOut, table);
     // Some milliseconds of the painting's and the capture's delay come and go: only a long recording tells a drift.
     constexpr int enoughSeconds = 180;
     QVERIFY2(recordingSeconds() < enoughSeconds || std::abs(audio.driftMsPerMinute) < 1.0, table);
@@ -112,61 +161,22 @@ void AvSyncTest::steadyTone_data()
     beepsAndFlashes_data();
 }
 
-/// Nothing is missing in the audio, nothing is there twice, and nothing clicks. A machine that is busy drops cycles
-/// of the whole graph now and then, also those of the player: three recordings in a row are not hit by that.
+/// Nothing is missing in the audio, nothing is there twice, and nothing clicks, unless the player itself left it out.
 void AvSyncTest::steadyTone()
 {
     QFETCH(const bool, ofTheApplication);
-    constexpr int tries = 3;
-    std::vector<audioanalysis::ToneFault> faults;
-    for (int i = 0; i < tries && (i == 0 || !faults.empty()); ++i) {
-        recordSteadyTone(ofTheApplication, faults);
-        if (QTest::currentTestFailed())
-            return;
-    }
-    QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
-}
-
-void AvSyncTest::recordSteadyTone(bool ofTheApplication, std::vector<audioanalysis::ToneFault>& faults)
-{
-    const TruthWindowProcess window(server_.display(), windowPlace, 30);
-    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
-    ToneProcess player(ToneProcess::tone(QStringLiteral("steady"), toneHz));
-    QVERIFY2(player.isPlaying(), qPrintable(player.errorString()));
-    AudioScene scene(server_.display(), window.id(), audio_, ofTheApplication ? audioOf(player.pid()) : QString());
-    QVERIFY2(scene.record(recordingSeconds() * 1000), scene.story());
-    QVERIFY(player.isPlaying());
-
+    AudioScene& scene = tone_.scene(ofTheApplication);
     const Heard heard(scene.command.output);
     QVERIFY(heard.durationMs() >= recordingSeconds() * 1000.0 - frameMs);
+    constexpr double roundingMs = 1.0;
+    QVERIFY2(heard.worstJoinMs() <= roundingMs, QByteArray::number(heard.worstJoinMs()));
     const double endMs = heard.durationMs() - settledMs;
     const double firstMs = heard.firstMs(toneHz);
     QVERIFY2(firstMs >= 0.0 && firstMs < settledMs, QByteArray::number(firstMs));
-    QVERIFY(std::abs(heard.levelDb(toneHz, settledMs, endMs) - toneDb) < 0.5);
-    faults = heard.toneFaults(toneHz, settledMs, endMs);
-}
-
-void AvSyncTest::pausedPlayer()
-{
-    const TruthWindowProcess window(server_.display(), windowPlace, 30);
-    QVERIFY2(window.id() != 0, qPrintable(window.errorString()));
-    // Pauses of 3 s, so that one lies in the recording as a whole.
-    ToneProcess player(ToneProcess::tone(
-        QStringLiteral("pausing"), toneHz, {QStringLiteral("--schedule"), QStringLiteral("2,3,2,3,2,3,9")}));
-    QVERIFY2(player.isPlaying(), qPrintable(player.errorString()));
-    AudioScene scene(server_.display(), window.id(), audio_, audioOf(player.pid()));
-    QVERIFY2(scene.record(12'000), scene.story());
-
-    const Heard heard(scene.command.output);
-    const double onMs = heard.firstMs(toneHz);
-    const double offMs = heard.goneMs(toneHz, onMs);
-    const double againMs = heard.firstMs(toneHz, offMs);
-    const QByteArray times
-        = QByteArray::number(onMs) + ' ' + QByteArray::number(offMs) + ' ' + QByteArray::number(againMs);
-    QVERIFY2(onMs >= 0.0 && offMs > onMs && againMs > offMs, times);
-    QVERIFY2(std::abs(againMs - offMs - 3000.0) < 400.0, times);
-    // An encoder that is asked for silence gives silence.
-    QVERIFY2(heard.rmsDb(offMs + 300.0, againMs - 300.0) < -90.0, times);
+    QVERIFY(std::abs(heard.usualLevelDb(toneHz, settledMs, endMs) - toneDb) < 0.5);
+    const auto faults = playergaps::unexplained(
+        heard.toneFaults(toneHz, settledMs, endMs), tone_.player->gaps(), scene.originMs() + settledMs);
+    QVERIFY2(faults.empty(), qPrintable(audioanalysis::describe(faults)));
 }
 
 ORVANTIS_TEST(AvSyncTest)

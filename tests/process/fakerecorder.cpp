@@ -5,7 +5,8 @@
 //   noimage      never ready; a black frame           notready     never ready and no answer to anything
 //   noreply      ends on "stop" without an answer     nonsense     answers "stop" with something else
 //   nofile       ready; duration 0 and no file        badexit      exit code 9 after all went well
-//   deaf         ready; no answer to anything         hangsup      ready, then hangs up and lives on
+//   deaf         ready; no answer, but on "stop" the readiness byte again and again, as notready does
+//   hangsup      ready, then hangs up and lives on
 //   nobody       does not connect and lives on        stays        does not end on "exit"
 //   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
@@ -140,6 +141,17 @@ private:
         log("FFmpeg recorder " + label + quoted.trimmed().toUtf8() + rest);
     }
 
+    /// Bytes that mean nothing behind a stop, but wake the launcher. A thread sanitizer holds signals back while Qt
+    /// waits, until the launcher's own code runs again.
+    [[noreturn]] void repeatReadiness()
+    {
+        constexpr useconds_t pauseUs = 50'000;
+        for (;;) {
+            ::usleep(pauseUs);
+            send("1");
+        }
+    }
+
     void answerStop()
     {
         if (mode_ == "nofile") {
@@ -168,8 +180,11 @@ private:
                 const QByteArray line = buffer.left(end);
                 buffer.remove(0, end + 1);
                 note("lines", now() + ' ' + line + '\n');
-                if (mode_ == "deaf" || mode_ == "notready" || mode_ == "stubborn")
+                if (mode_ == "deaf" || mode_ == "notready" || mode_ == "stubborn") {
+                    if (line == "{\"action\":\"stop\"}")
+                        repeatReadiness();
                     continue;
+                }
                 if (line == "{\"action\":\"stop\"}" && mode_ == "noreply")
                     return 3;
                 if (line == "{\"action\":\"stop\"}")

@@ -5,8 +5,11 @@
 #include <QFileInfo>
 #include <QTest>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <memory>
+#include <vector>
 
 class RecordWindowEndsTest : public QObject {
     Q_OBJECT
@@ -22,9 +25,7 @@ private Q_SLOTS:
     void recorderEndingBeforeItIsReady();
     void interruptBeforeTheFirstImage();
     void readyTimeout();
-    void badRepliesAreReported_data();
     void badRepliesAreReported();
-    void lostRecorderIsEnded_data();
     void lostRecorderIsEnded();
     void recorderThatDiesAsItConnects();
     void recorderThatDoesNotFinish_data();
@@ -201,48 +202,46 @@ void RecordWindowEndsTest::readyTimeout()
     QCOMPARE(inTime.run(brief + QStringList{"--ready-timeout", "60"}), 0);
 }
 
-void RecordWindowEndsTest::badRepliesAreReported_data()
-{
-    QTest::addColumn<QByteArray>("mode");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QByteArray>("complaint");
-    QTest::newRow("no reply") << QByteArray("noreply") << 6
-                              << QByteArray("ended without confirming the recording (exit code 3)");
-    QTest::newRow("nonsense") << QByteArray("nonsense") << 6
-                              << QByteArray("did not answer with a duration but with: what do you mean?");
-    QTest::newRow("no file") << QByteArray("nofile") << 7 << QByteArray("the recorder left no file");
-    QTest::newRow("bad exit") << QByteArray("badexit") << 7 << QByteArray("did not end well (exit code 9)");
-}
-
+/// All at once, for each takes its time.
 void RecordWindowEndsTest::badRepliesAreReported()
 {
-    QFETCH(QByteArray, mode);
-    QFETCH(int, code);
-    QFETCH(QByteArray, complaint);
-    RecordWindowProcess launcher(mode);
-    QCOMPARE(launcher.run(brief), code);
-    QVERIFY2(launcher.standardError().contains(complaint), launcher.standardError());
+    struct Reply {
+        const char* mode;
+        int code;
+        const char* complaint;
+    };
+    const std::array replies{Reply{"noreply", 6, "ended without confirming the recording (exit code 3)"},
+        Reply{"nonsense", 6, "did not answer with a duration but with: what do you mean?"},
+        Reply{"nofile", 7, "the recorder left no file"}, Reply{"badexit", 7, "did not end well (exit code 9)"}};
+    std::vector<std::unique_ptr<RecordWindowProcess>> launchers;
+    for (const Reply& reply : replies) {
+        launchers.push_back(std::make_unique<RecordWindowProcess>(reply.mode));
+        launchers.back()->start(brief);
+    }
+    for (std::size_t i = 0; i < replies.size(); ++i) {
+        QVERIFY2(launchers[i]->waitForEnd(), replies[i].mode);
+        QVERIFY2(launchers[i]->process().exitCode() == replies[i].code, replies[i].mode);
+        const QByteArray error = launchers[i]->standardError();
+        QVERIFY2(error.contains(replies[i].complaint), error);
+    }
 }
 
-void RecordWindowEndsTest::lostRecorderIsEnded_data()
-{
-    QTest::addColumn<QByteArray>("mode");
-    QTest::newRow("hangs up") << QByteArray("hangsup");
-    QTest::newRow("does not connect") << QByteArray("nobody");
-}
-
+/// Both at once: the launcher waits some seconds for each.
 void RecordWindowEndsTest::lostRecorderIsEnded()
 {
-    QFETCH(QByteArray, mode);
-    RecordWindowProcess launcher(mode);
-    launcher.start(window);
-    QTRY_VERIFY_WITH_TIMEOUT(launcher.recorderGroup() > 0, 60'000);
-    if (mode == "nobody")
-        launcher.interrupt(SIGINT);
-    QVERIFY(launcher.waitForEnd());
-    QCOMPARE(launcher.process().exitCode(), 6);
-    QVERIFY2(launcher.standardError().contains("cannot be reached"), launcher.standardError());
-    QVERIFY(QFileInfo::exists(launcher.path("notes/terminated")));
+    RecordWindowProcess hangsUp("hangsup");
+    RecordWindowProcess doesNotConnect("nobody");
+    for (RecordWindowProcess* launcher : {&hangsUp, &doesNotConnect})
+        launcher->start(window);
+    for (const RecordWindowProcess* launcher : {&hangsUp, &doesNotConnect})
+        QTRY_VERIFY_WITH_TIMEOUT(launcher->recorderGroup() > 0, 60'000);
+    doesNotConnect.interrupt(SIGINT);
+    for (RecordWindowProcess* launcher : {&hangsUp, &doesNotConnect}) {
+        QVERIFY(launcher->waitForEnd());
+        QCOMPARE(launcher->process().exitCode(), 6);
+        QVERIFY2(launcher->standardError().contains("cannot be reached"), launcher->standardError());
+        QVERIFY(QFileInfo::exists(launcher->path("notes/terminated")));
+    }
 }
 
 void RecordWindowEndsTest::recorderThatDiesAsItConnects()

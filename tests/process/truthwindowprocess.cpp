@@ -46,3 +46,13 @@ TruthWindowProcess::~TruthWindowProcess()
         process_.waitForFinished(hangLimitMs);
     }
 }
+
+const std::vector<playergaps::Gap>& TruthWindowProcess::gaps()
+{
+    process_.waitForReadyRead(0); // fetches what no event loop has fetched yet
+    while (process_.canReadLine()) {
+        if (const auto gap = playergaps::parse(process_.readLine()))
+            gaps_.push_back(*gap);
+    }
+    return gaps_;
+}

@@ -1,11 +1,15 @@
 // TruthWindowProcess: the truth window, in a process of its own.
 #pragma once
 
+#include "playergaps.h"
+
 #include <QByteArray>
 #include <QProcess>
 #include <QRect>
 #include <QString>
 #include <QStringList>
+
+#include <vector>
 
 /// On the screen when the constructor returns, gone when the object is. When it cannot be had, id() is 0 and
 /// errorString() says why.
@@ -21,9 +25,12 @@ public:
     quint32 id() const { return id_; }
     qint64 pid() const { return process_.processId(); }
     QString errorString() const { return error_; }
+    /// What its beeping left out up to now, because it got no processor in time.
+    const std::vector<playergaps::Gap>& gaps();
 
 private:
     QProcess process_;
+    std::vector<playergaps::Gap> gaps_;
     quint32 id_ = 0;
     QString error_;
 };

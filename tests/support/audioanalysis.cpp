@@ -81,6 +81,20 @@ double levelDb(Samples samples, int rate, double frequency)
     return weights > 0.0 ? toDb(2.0 * std::abs(sum) / weights) : silenceDb;
 }
 
+double usualLevelDb(Samples samples, int rate, double frequency)
+{
+    constexpr double pieceMs = 100.0;
+    const double lengthMs = double(samples.size()) * 1000.0 / rate;
+    std::vector<double> levels;
+    for (double ms = 0.0; ms + pieceMs <= lengthMs; ms += pieceMs)
+        levels.push_back(levelDb(between(samples, rate, ms, ms + pieceMs), rate, frequency));
+    if (levels.empty())
+        return silenceDb;
+    const auto middle = levels.begin() + std::ptrdiff_t(levels.size() / 2);
+    std::nth_element(levels.begin(), middle, levels.end());
+    return *middle;
+}
+
 double rmsDb(Samples samples)
 {
     double sum = 0.0;

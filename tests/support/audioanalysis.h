@@ -24,6 +24,9 @@ Samples between(Samples samples, int rate, double fromMs, double toMs);
 /// How strong one frequency is: 0 dB for a sine of full scale. Other tones do not leak into it when they are further
 /// away than four periods per length of the samples (40 Hz for 100 ms).
 double levelDb(Samples samples, int rate, double frequency);
+/// The same of most pieces of 100 ms, whatever some of them lack: the level at which a tone is there, not whether it
+/// is there all the time.
+double usualLevelDb(Samples samples, int rate, double frequency);
 double rmsDb(Samples samples); ///< 0 dB for a square wave of full scale; a sine has -3 dB
 double peakDb(Samples samples);
 

@@ -1,6 +1,7 @@
 // BeepPlayer: a stream of PipeWire whose samples know their time.
 #include "beepplayer.h"
 
+#include "cyclewatch.h"
 #include "truthbeeps.h"
 
 #include <pipewire/pipewire.h>
@@ -55,6 +56,7 @@ struct BeepPlayer::Impl {
     pw_stream* stream = nullptr;
     const spa_io_position* position = nullptr; // the graph's clock; set while the data thread does not run
     spa_hook hook{};
+    CycleWatch watch;
     std::atomic<bool> flows = false;
 
     void start(const QByteArray& name);
@@ -82,7 +84,8 @@ void BeepPlayer::Impl::fillBuffer()
     std::uint32_t frames = data.maxsize / bytesPerFrame;
     if (buffer->requested)
         frames = std::min(frames, std::uint32_t(buffer->requested));
-    const qint64 startNs = (position ? qint64(position->clock.nsec) : nanoseconds(CLOCK_MONOTONIC)) + wallClockLead();
+    const spa_io_clock clock = position ? position->clock : spa_io_clock{}; // the next cycle overwrites it
+    const qint64 startNs = (position ? qint64(clock.nsec) : nanoseconds(CLOCK_MONOTONIC)) + wallClockLead();
     // The low 32 bits of the milliseconds, and the rest of a millisecond.
     const double startMs = double(quint32(startNs / 1'000'000)) + double(startNs % 1'000'000) / 1e6;
     auto* const samples = static_cast<float*>(data.data);
@@ -92,6 +95,7 @@ void BeepPlayer::Impl::fillBuffer()
     data.chunk->stride = bytesPerFrame;
     data.chunk->size = frames * bytesPerFrame;
     pw_stream_queue_buffer(stream, buffer);
+    watch.cycleDone(clock);
     flows = true;
 }
 
@@ -179,4 +183,13 @@ BeepPlayer::~BeepPlayer()
 QString BeepPlayer::errorString() const
 {
     return impl_->error;
+}
+
+QByteArray BeepPlayer::newGaps()
+{
+    QByteArray lines;
+    while (const auto gap = impl_->watch.takeGap())
+        lines += "gap " + QByteArray::number(double(gap->startNs) / 1e6, 'f', 3) + ' '
+            + QByteArray::number(double(gap->lengthNs) / 1e6, 'f', 3) + '\n';
+    return lines;
 }

@@ -1,6 +1,7 @@
 // BeepPlayer: the audio of the truth window.
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 #include <memory>
@@ -17,6 +18,10 @@ public:
     BeepPlayer& operator=(const BeepPlayer&) = delete;
 
     QString errorString() const;
+
+    /// What it left out itself since the last call, because it was late, as lines "gap AT LENGTH" in milliseconds of
+    /// the monotonic clock.
+    QByteArray newGaps();
 
 private:
     struct Impl;

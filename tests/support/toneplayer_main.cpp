@@ -7,11 +7,15 @@
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // With a beat, there is audio only in the first tenth of each second of the monotonic clock.
 // Prints "playing" once samples flow, and before that and at every change "quantum FRAMES": how many frames the graph
-// takes in a cycle, and "latency MILLISECONDS": how long the server says that the audio takes to be heard. Anonymous,
+// takes in a cycle; "latency MILLISECONDS": how long the server says that the audio takes to be heard; and
+// "gap AT LENGTH" for what it left out itself because it was late, in milliseconds of the monotonic clock. Anonymous,
 // it is connected as PipeWire's PulseAudio server is for its clients, so that the server does not know its process
 // until it says so, N seconds after the start. The schedule is in seconds; the stream is paused in the OFF parts,
-// keeps its phase over them, and goes on playing after the last part when that is an ON part. Ends with 0 after N
-// seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
+// keeps its phase over them, and goes on playing after the last part when that is an ON part. SIGUSR1 pauses it,
+// SIGUSR2 lets it go on. Ends with 0 after N seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or
+// goes, with 2 for a wrong command line.
+#include "cyclewatch.h"
+
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -189,6 +193,7 @@ private:
     void fillBuffer();
     bool connect();
     void setTimer(spa_source* timer, double seconds);
+    void setActive(bool active);
     void nextPart();
     void report();
     void introduce();
@@ -202,6 +207,7 @@ private:
     pw_core* core_ = nullptr;
     pw_stream* stream_ = nullptr;
     spa_hook hook_{};
+    CycleWatch watch_;
     spa_source* partTimer_ = nullptr;
     spa_source* news_ = nullptr; // event: something to report
     const spa_io_position* position_ = nullptr; // set while the data thread does not run
@@ -263,6 +269,9 @@ void Player::report()
     if (!announced_ && buffers_ >= 2)
         std::cout << "playing" << std::endl;
     announced_ = buffers_ >= 2;
+    while (const auto gap = watch_.takeGap())
+        std::cout << std::fixed << "gap " << double(gap->startNs) / 1e6 << ' ' << double(gap->lengthNs) / 1e6
+                  << std::endl;
 }
 
 void Player::fillBuffer()
@@ -270,24 +279,25 @@ void Player::fillBuffer()
     pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
     if (!buffer)
         return;
+    const spa_io_clock clock = position_ ? position_->clock : spa_io_clock{}; // the next cycle overwrites it
     spa_buffer& data = *buffer->buffer;
     uint32_t frames = data.datas[0].maxsize / sine_.bytesPerFrame();
     if (buffer->requested)
         frames = std::min(frames, uint32_t(buffer->requested));
-    sine_.fill(data, frames, position_ ? int64_t(position_->clock.nsec) : 0);
+    sine_.fill(data, frames, int64_t(clock.nsec));
     for (uint32_t i = 0; i < data.n_datas; ++i) {
         data.datas[i].chunk->offset = 0;
         data.datas[i].chunk->stride = int32_t(sine_.bytesPerFrame());
         data.datas[i].chunk->size = frames * sine_.bytesPerFrame();
     }
     pw_stream_queue_buffer(stream_, buffer);
-    const uint64_t quantum = position_ ? position_->clock.duration : 0;
     pw_time time{};
     pw_stream_get_time_n(stream_, &time, sizeof(time));
     const int64_t latency = time.rate.denom ? time.delay * SPA_MSEC_PER_SEC * time.rate.num / time.rate.denom : 0;
-    const bool otherQuantum = quantum_.exchange(quantum) != quantum;
+    const bool otherQuantum = quantum_.exchange(clock.duration) != clock.duration;
     const bool changed = latencyMs_.exchange(latency) != latency || otherQuantum;
-    if (++buffers_ == 2 || changed) // the first one is heard when the second is asked for
+    const bool late = watch_.cycleDone(clock);
+    if (++buffers_ == 2 || changed || late) // the first one is heard when the second is asked for
         pw_loop_signal_event(loop_, news_);
 }
 
@@ -301,10 +311,14 @@ bool Player::connect()
         handlers.process = process;
         return handlers;
     }();
-    pw_properties* anonymous = options_.anonymous
-        ? pw_properties_new(PW_KEY_CLIENT_API, "pipewire-pulse", PW_KEY_APP_PROCESS_ID, "0", nullptr)
-        : nullptr;
-    context_ = pw_context_new(loop_, anonymous, 0);
+    // With a data thread that runs in real time where the system allows it: a late one leaves audio out.
+    pw_properties* properties = pw_properties_new(PW_KEY_APP_NAME, options_.name.c_str(), PW_KEY_CONFIG_NAME,
+        "client-rt.conf", "support.dbus", "false", nullptr);
+    if (options_.anonymous) {
+        pw_properties_set(properties, PW_KEY_CLIENT_API, "pipewire-pulse");
+        pw_properties_set(properties, PW_KEY_APP_PROCESS_ID, "0");
+    }
+    context_ = pw_context_new(loop_, properties, 0);
     core_ = context_ ? pw_context_connect(context_, nullptr, 0) : nullptr;
     stream_ = core_ ? pw_stream_new(core_, options_.name.c_str(),
                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_APP_NAME,
@@ -334,11 +348,17 @@ void Player::setTimer(spa_source* timer, double seconds)
     pw_loop_update_timer(loop_, timer, &value, nullptr, false);
 }
 
+void Player::setActive(bool active)
+{
+    watch_.restart();
+    pw_stream_set_active(stream_, active);
+}
+
 void Player::nextPart()
 {
     if (part_ >= options_.schedule.size())
         return;
-    pw_stream_set_active(stream_, part_ % 2 == 0);
+    setActive(part_ % 2 == 0);
     setTimer(partTimer_, options_.schedule[part_]);
     ++part_;
 }
@@ -359,6 +379,10 @@ int Player::run()
     for (int signal : {SIGTERM, SIGINT})
         pw_loop_add_signal(
             loop_, signal, [](void* self, int) { static_cast<Player*>(self)->end(0); }, this);
+    for (int signal : {SIGUSR1, SIGUSR2})
+        pw_loop_add_signal(
+            loop_, signal, [](void* self, int number) { static_cast<Player*>(self)->setActive(number == SIGUSR2); },
+            this);
     partTimer_ = pw_loop_add_timer(
         loop_, [](void* self, uint64_t) { static_cast<Player*>(self)->nextPart(); }, this);
     spa_source* endTimer = pw_loop_add_timer(

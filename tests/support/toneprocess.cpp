@@ -59,7 +59,26 @@ void ToneProcess::readReports()
         if (line.startsWith("latency "))
             latencies_.push_back(line.mid(8).toInt());
         plays_ = plays_ || line == "playing";
+        if (const auto gap = playergaps::parse(line))
+            gaps_.push_back(*gap);
     }
+}
+
+const std::vector<playergaps::Gap>& ToneProcess::gaps()
+{
+    process_.waitForReadyRead(0); // fetches what no event loop has fetched yet
+    readReports();
+    return gaps_;
+}
+
+void ToneProcess::pause() const
+{
+    ::kill(pid_t(pid()), SIGUSR1);
+}
+
+void ToneProcess::resume() const
+{
+    ::kill(pid_t(pid()), SIGUSR2);
 }
 
 int ToneProcess::quantum()

@@ -1,6 +1,8 @@
 // ToneProcess: a toneplayer, started from a test.
 #pragma once
 
+#include "playergaps.h"
+
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -30,6 +32,12 @@ public:
     std::vector<int> latencies();
     qint64 pid() const { return process_.processId(); }
 
+    /// What the player left out up to now, because it got no processor in time.
+    const std::vector<playergaps::Gap>& gaps();
+    /// Its application goes on, its audio does not.
+    void pause() const;
+    void resume() const;
+
     /// Asks it to end and waits. True when it ended in order.
     bool stop();
 
@@ -39,6 +47,7 @@ private:
     QProcess process_;
     int quantum_ = 0;
     std::vector<int> latencies_;
+    std::vector<playergaps::Gap> gaps_;
     bool plays_ = false; // once, at least
     QString error_;
 };

@@ -1,7 +1,8 @@
 // truthwindow: an X11 window that says in its own frame when it was painted, with colours and a plain field
 // to measure on; it can flash and beep in the same instants. Prints its window id, then "ready" once all of it is on
-// the screen. Ends with 0 on SIGTERM or SIGINT, or when the window is destroyed or closed; with 1 and a line on
-// stderr when something fails; with 2 for a wrong command line.
+// the screen, and then "gap AT LENGTH" for every piece of its audio that it left out itself because it was late, in
+// milliseconds of the monotonic clock. Ends with 0 on SIGTERM or SIGINT, or when the window is destroyed or closed;
+// with 1 and a line on stderr when something fails; with 2 for a wrong command line.
 #include "beepplayer.h"
 #include "truthbeeps.h"
 #include "truthscene.h"
@@ -109,8 +110,18 @@ private:
     quint32 counter_ = 0;
 };
 
+/// Tells of the player's gaps; null without a player.
+void report(BeepPlayer* player)
+{
+    const QByteArray gaps = player ? player->newGaps() : QByteArray();
+    if (gaps.isEmpty())
+        return;
+    std::fputs(gaps.constData(), stdout);
+    std::fflush(stdout);
+}
+
 /// Paints at the given rate and answers the window's events until the end. False when the connection is lost.
-bool run(XcbWindow& window, Painting& painting, int fps)
+bool run(XcbWindow& window, Painting& painting, int fps, BeepPlayer* player)
 {
     const EndSignals endSignals;
     QElapsedTimer timer;
@@ -129,6 +140,7 @@ bool run(XcbWindow& window, Painting& painting, int fps)
             painting.paintAll();
             continue;
         }
+        report(player);
         const int waitMs = fps == 0 ? -1 : int(std::max<qint64>(nextPaintingMs() - timer.elapsed(), 0));
         pollfd sources[] = {{endSignals.descriptor(), POLLIN, 0}, {window.descriptor(), POLLIN, 0}};
         if (poll(sources, 2, waitMs) < 0 && errno != EINTR)
@@ -185,7 +197,7 @@ int main(int argc, char** argv)
     painting.paintAll();
     std::printf("0x%x\nready\n", window.id());
     std::fflush(stdout);
-    if (!run(window, painting, options->fps)) {
+    if (!run(window, painting, options->fps, player ? &*player : nullptr)) {
         std::fputs("truthwindow: the connection to the X server is lost\n", stderr);
         return 1;
     }

@@ -116,6 +116,7 @@ class AudioAnalysisTest : public QObject {
 private Q_SLOTS:
     void levels();
     void levelsOfSilence();
+    void usualLevels();
     void toneBesideAnother();
     void zeroRuns_data();
     void zeroRuns();
@@ -155,6 +156,22 @@ void AudioAnalysisTest::levelsOfSilence()
 }
 
 /// A loud tone does not hide that another one is missing.
+/// A few holes do not make a tone quieter; being quieter does.
+void AudioAnalysisTest::usualLevels()
+{
+    Audio audio = tone(2.0);
+    const double full = levelDb(audio, rate, toneHz);
+    QVERIFY(std::abs(usualLevelDb(audio, rate, toneHz) - full) < 0.01);
+    for (const double holeMs : {300.0, 1100.0, 1555.0})
+        std::fill_n(audio.begin() + std::ptrdiff_t(holeMs * rate / 1000.0), rate / 10, 0.0f);
+    QVERIFY(levelDb(audio, rate, toneHz) < full - 0.5);
+    QVERIFY(std::abs(usualLevelDb(audio, rate, toneHz) - full) < 0.01);
+    QVERIFY(std::abs(usualLevelDb(tone(2.0, toneHz, 0.125), rate, toneHz) - (full - 6.02)) < 0.01);
+    QVERIFY(usualLevelDb(audio, rate, 880.0) < -80.0);
+    QCOMPARE(usualLevelDb(Audio(48000), rate, toneHz), silenceDb);
+    QCOMPARE(usualLevelDb(tone(0.05), rate, toneHz), silenceDb); // too short to tell
+}
+
 void AudioAnalysisTest::toneBesideAnother()
 {
     Audio audio = tone(1.0, 440.0, 0.5);
