@@ -141,10 +141,10 @@ void AudioLatencyTest::changeLeavesNothingElse_data()
 
 void AudioLatencyTest::listenToChanges(bool ofDisplay, std::vector<audioanalysis::ToneFault>& faults)
 {
-    const ToneProcess player(ToneProcess::tone(QStringLiteral("player"), tone));
+    ToneProcess player(ToneProcess::tone(QStringLiteral("player"), tone));
     const auto puller = capture(ofDisplay, player.pid());
     QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
-    QVERIFY(hears(*puller, tone));
+    QVERIFY(hears({puller.get()}, tone));
     const std::size_t begin = puller->audio().size();
     puller->pull(500);
     QVERIFY(sink_->setLatency(200));
@@ -153,27 +153,22 @@ void AudioLatencyTest::listenToChanges(bool ofDisplay, std::vector<audioanalysis
     puller->pull(1000);
     const std::vector<float> all(puller->audio().begin() + std::ptrdiff_t(begin), puller->audio().end());
     const std::vector<float> audio = audioanalysis::channelOf(all, 2, 0);
-    faults = audioanalysis::toneFaults(audio, 48000, tone);
+    faults = playergaps::unexplained(
+        audioanalysis::toneFaults(audio, 48000, tone), player.gaps(), double(puller->startMs()) + double(begin) / 96);
     QVERIFY(audioanalysis::peakDb(audio) < playedDb + 1); // no click is louder than what plays
 }
 
-/// 200 ms of silence where it rises, and a seam where it falls. A machine that is busy drops cycles of the whole
-/// graph now and then: three captures in a row are not hit by that.
+/// 200 ms of silence where it rises, and a seam where it falls.
 void AudioLatencyTest::changeLeavesNothingElse()
 {
     QFETCH(const bool, ofDisplay);
     std::vector<audioanalysis::ToneFault> faults;
-    const auto isRight = [&faults] {
-        return faults.size() == 2 && faults[0].toMs - faults[0].fromMs < 260
-            && faults[1].toMs - faults[1].fromMs < 60;
-    };
-    for (int i = 0; i < 3 && !isRight(); ++i) {
-        QVERIFY(sink_->setLatency(0));
-        listenToChanges(ofDisplay, faults);
-        if (QTest::currentTestFailed())
-            return;
-    }
-    QVERIFY2(isRight(), qPrintable(audioanalysis::describe(faults)));
+    listenToChanges(ofDisplay, faults);
+    if (QTest::currentTestFailed())
+        return;
+    const bool isRight
+        = faults.size() == 2 && faults[0].toMs - faults[0].fromMs < 260 && faults[1].toMs - faults[1].fromMs < 60;
+    QVERIFY2(isRight, qPrintable(audioanalysis::describe(faults)));
 }
 
 void AudioLatencyTest::playersAreToldTheSame_data()
@@ -191,7 +186,7 @@ void AudioLatencyTest::playersAreToldTheSame()
     const std::size_t before = player.latencies().size();
     {
         const auto puller = capture(ofDisplay, player.pid());
-        QVERIFY(hears(*puller, tone));
+        QVERIFY(hears({puller.get()}, tone));
         puller->pull(300);
         QVERIFY2(player.latencies().size() == before, text(player.latencies()));
         for (const int latencyMs : {50, 400}) {
@@ -214,7 +209,7 @@ void AudioLatencyTest::playerThatStartsLaterIsToldTheSame()
     AudioPuller puller(std::set<qint64>{wanted.pid()});
     QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
     ToneProcess player(ToneProcess::tone(QStringLiteral("later"), tone));
-    QVERIFY(hears(puller, tone));
+    QVERIFY(hears({&puller}, tone));
     QVERIFY2(isTold(player, 200), text(player.latencies()));
     for (const int latency : player.latencies())
         QVERIFY2(latency == 0 || latency == 200, text(player.latencies())); // 0: not linked yet
@@ -226,7 +221,7 @@ void AudioLatencyTest::recordersDoNotHoldEachOther()
     ToneProcess player(ToneProcess::tone(QStringLiteral("player"), tone));
     const AudioPuller first(std::set<qint64>{player.pid()});
     AudioPuller second(std::set<qint64>{player.pid()});
-    QVERIFY(hears(second, tone));
+    QVERIFY(hears({&second}, tone));
     QVERIFY2(isTold(player, 200), text(player.latencies()));
     QVERIFY(sink_->setLatency(0));
     QVERIFY2(isTold(player, 0), text(player.latencies()));

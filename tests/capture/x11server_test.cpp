@@ -222,7 +222,7 @@ void X11ServerTest::serverThatDiesUnderAWrite()
     QVERIFY(source.image().isNull());
 }
 
-/// Were each call to wait, or to send something, this would take hours, or fill the socket and block for ever.
+/// If each call waited or sent something, this would take hours, or fill the socket and block.
 void X11ServerTest::stoppedServerIsWaitedForOnce()
 {
     DisplayForTest display;

@@ -5,7 +5,7 @@
 //   noimage      never ready; a black frame           notready     never ready and no answer to anything
 //   noreply      ends on "stop" without an answer     nonsense     answers "stop" with something else
 //   nofile       ready; duration 0 and no file        badexit      exit code 9 after all went well
-//   deaf         ready; no answer, but on "stop" the readiness byte again and again, as notready does
+//   deaf         ready; no answer, but on "stop" the readiness byte again and again, as notready and stubborn do
 //   hangsup      ready, then hangs up and lives on
 //   nobody       does not connect and lives on        stays        does not end on "exit"
 //   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
