@@ -227,7 +227,7 @@ void WindowLifeTest::neverThere()
     QCOMPARE(scene.launcher.received(), "");
     // The file gets a black frame, which counts as readiness: the launcher hears both.
     QVERIFY(scene.launcher.send("{\"action\":\"stop\"}\n"));
-    const QByteArray both = "{\"duration\":41}\n1";
+    const QByteArray both = "1{\"duration\":41}\n";
     QVERIFY2(scene.launcher.waitForReceived(both.size(), hangLimitMs), scene.story());
     QVERIFY2(scene.exit(), scene.story());
     QCOMPARE(scene.launcher.received(), both);

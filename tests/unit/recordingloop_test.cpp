@@ -95,8 +95,8 @@ void RecordingLoopTest::verifyBlackFrameRecording(const QByteArray& sentBefore)
     QCOMPARE(probe().durationMs(), 41u);
     QCOMPARE(probe().encodedFrameCount(), 1);
     QVERIFY(probe().frameComeSent().load());
-    // Readiness that the stop brought about comes after the reply: it is queued while stop() blocks.
-    const QByteArray sentAfter = QByteArray("{\"duration\":41}\n") + (sentBefore.isEmpty() ? "1" : "");
+    // Also the readiness that the stop brought about comes before the reply.
+    const QByteArray sentAfter = (sentBefore.isEmpty() ? "1" : "") + QByteArray("{\"duration\":41}\n");
     QVERIFY(bench_->launcher.waitForReceived(sentBefore.size() + sentAfter.size(), patienceMs));
     QCOMPARE(bench_->launcher.received(), sentBefore + sentAfter);
     QCOMPARE(bench_->log.count(QStringLiteral("sending frame come")), 1);
