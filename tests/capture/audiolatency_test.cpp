@@ -14,6 +14,8 @@ using namespace audiotest;
 
 namespace {
 
+constexpr int cycleMs = 22; ///< of the graph, rounded up
+
 const QStringList beat{QStringLiteral("--beat"), QStringLiteral("1")};
 
 std::unique_ptr<AudioPuller> capture(bool ofDisplay, qint64 pid)
@@ -46,16 +48,20 @@ bool isNear(double foundMs, int latencyMs, bool ofDisplay)
     return ofDisplay ? late > -2 && late < 20 : std::abs(late) < 4;
 }
 
-/// Listens until the last beat is where it belongs.
-bool beatComesTo(AudioPuller& puller, int latencyMs, bool ofDisplay)
+/// Listens until the last beat is where it belongs, or late by as many milliseconds at most.
+bool beatComesTo(AudioPuller& puller, int latencyMs, bool ofDisplay, int mostLateMs = 0)
 {
     const std::size_t before = puller.audio().size() / 2;
     for (int waitedMs = 0; waitedMs < limitMs; waitedMs += 200) {
         puller.pull(200);
         const std::vector<double> beats = beatsMs(puller, before);
-        if (!beats.empty() && isNear(beats.back(), latencyMs, ofDisplay))
+        if (beats.empty())
+            continue;
+        const double late = std::max(beats.back() - latencyMs, 0.0);
+        if (isNear(beats.back() - std::min<double>(late, mostLateMs), latencyMs, ofDisplay))
             return true;
     }
+    qWarning() << "wanted a beat at" << latencyMs << "ms, heard them at" << beatsMs(puller, before);
     return false;
 }
 
@@ -243,7 +249,8 @@ void AudioLatencyTest::headphonesComeAndGo()
         const LatencySink headphones(server_->server, 200, "headphones");
         QVERIFY2(headphones.errorString().isEmpty(), qPrintable(headphones.errorString()));
         QVERIFY2(isTold(player, 200), text(player.latencies()));
-        QVERIFY(beatComesTo(*puller, 200, ofDisplay));
+        // Which of two sinks drives the graph is the server's choice; the monitor of the other one is a cycle later.
+        QVERIFY(beatComesTo(*puller, 200, ofDisplay, ofDisplay ? cycleMs : 0));
     }
     QVERIFY2(isTold(player, 0), text(player.latencies()));
     QVERIFY(beatComesTo(*puller, 0, ofDisplay));
