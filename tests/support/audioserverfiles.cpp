@@ -9,8 +9,8 @@
 
 namespace {
 
-/// In real time where the user's limits allow it: a daemon that is late spoils what is measured. Without D-Bus nothing
-/// else is asked for it.
+/// In real time where the user's limits allow it: a daemon that is late spoils what is measured. Without D-Bus
+/// nothing else is asked for it.
 QByteArray daemonText(const AudioServerOptions& options)
 {
     QByteArray text = R"(context.properties = {
