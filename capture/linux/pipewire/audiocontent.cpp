@@ -140,10 +140,11 @@ void lookUp(const std::stop_token& stop, const AudioContentCompletion& completio
 void requestAudioContent(
     bool /*excludeDesktopWindows*/, bool /*onScreenWindowsOnly*/, AudioContentCompletion completion)
 {
-    const bool started
-        = backgroundtasks::start([completion](const std::stop_token& stop) { lookUp(stop, completion); });
+    const AudioContentCompletion refused = completion;
+    const bool started = backgroundtasks::start(
+        [answered = std::move(completion)](const std::stop_token& stop) { lookUp(stop, answered); });
     if (!started)
-        completion(nullptr, QStringLiteral("no thread is to be had"));
+        refused(nullptr, QStringLiteral("no thread is to be had"));
 }
 
 QString executablePath(qint64 processId)

@@ -190,7 +190,8 @@ bool ProcessFilter::Impl::ownsWindow(const Identity& process)
     return windowOwners.count(process.pid) > 0;
 }
 
-ProcessFilter::ProcessFilter(std::shared_ptr<const ApplicationSnapshot> snapshot, std::vector<std::size_t> excluded)
+ProcessFilter::ProcessFilter(
+    std::shared_ptr<const ApplicationSnapshot> snapshot, const std::vector<std::size_t>& excluded)
     : impl_(std::make_unique<Impl>())
 {
     const std::vector<std::pair<Identity, Kind>>& kinds = snapshot->data().kinds;

@@ -50,7 +50,7 @@ using Ancestry = std::vector<processtable::Identity>;
 class ProcessFilter {
 public:
     /// excluded: indices into snapshot->applications().
-    ProcessFilter(std::shared_ptr<const ApplicationSnapshot> snapshot, std::vector<std::size_t> excluded);
+    ProcessFilter(std::shared_ptr<const ApplicationSnapshot> snapshot, const std::vector<std::size_t>& excluded);
     ~ProcessFilter();
     ProcessFilter(const ProcessFilter&) = delete;
     ProcessFilter& operator=(const ProcessFilter&) = delete;
