@@ -14,6 +14,8 @@ namespace {
 
 constexpr int rate = 48000;
 constexpr double thereDb = -40.0; // a player's tone is at -12
+/// A recorder's own clock is asked only near the end of a recording: every question is a line in its log.
+constexpr int askedForMs = 3000;
 
 }
 
@@ -28,7 +30,10 @@ AudioScene::AudioScene(
 
 bool AudioScene::record(int recordingMs)
 {
-    return startRecording() && waitUntilRecorded(recordingMs) && stopAndExit();
+    if (!startRecording())
+        return false;
+    QTest::qWait(std::max(recordingMs - askedForMs, 0));
+    return waitUntilRecorded(recordingMs) && stopAndExit();
 }
 
 double AudioScene::originMs()
@@ -71,8 +76,6 @@ bool startTogether(const std::vector<AudioScene*>& scenes, QByteArray& story)
 
 bool endTogether(const std::vector<AudioScene*>& scenes, int recordingMs, QByteArray& story)
 {
-    // The recorders' own clocks are asked only near the end: every question is a line in a log.
-    constexpr int askedForMs = 3000;
     QTest::qWait(std::max(recordingMs - askedForMs, 0));
     const auto hasRecorded
         = [recordingMs](AudioScene& scene) { return scene.waitUntilRecorded(recordingMs) && scene.originMs() > 0.0; };
