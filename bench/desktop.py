@@ -4,6 +4,7 @@ import contextlib
 import os
 import pathlib
 import subprocess
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
@@ -41,20 +42,24 @@ def end(process):
 
 @contextlib.contextmanager
 def private_x_server(width, height):
-    """An Xvfb of that size in pixels; gives (display, process id)."""
-    read_end, write_end = os.pipe()
-    command = ["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{width}x{height}x24", "-nolisten", "tcp",
-               "-noreset"]
-    server = subprocess.Popen(with_parent(command), pass_fds=[write_end], stderr=subprocess.DEVNULL)
-    os.close(write_end)
-    try:
-        with os.fdopen(read_end) as number:
-            display = number.readline().strip()
-        if not display:
-            raise RuntimeError("Xvfb did not start")
-        yield f":{display}", server.pid
-    finally:
-        end(server)
+    """An Xvfb of that size in pixels; gives (display, process id). XAUTHORITY opens it to this process's children."""
+    with tempfile.TemporaryDirectory() as directory:
+        authority = os.path.join(directory, "authority")
+        subprocess.run([ROOT / "scripts" / "x-authority", authority], check=True)
+        os.environ["XAUTHORITY"] = authority
+        read_end, write_end = os.pipe()
+        command = ["Xvfb", "-displayfd", str(write_end), "-auth", authority, "-screen", "0",
+                   f"{width}x{height}x24", "-nolisten", "tcp", "-noreset"]
+        server = subprocess.Popen(with_parent(command), pass_fds=[write_end], stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        try:
+            with os.fdopen(read_end) as number:
+                display = number.readline().strip()
+            if not display:
+                raise RuntimeError("Xvfb did not start")
+            yield f":{display}", server.pid
+        finally:
+            end(server)
 
 
 @contextlib.contextmanager

@@ -3,6 +3,7 @@
 #include "testregistry.h"
 #include "x11fixture.h"
 
+#include <QScopeGuard>
 #include <QTest>
 
 #include <algorithm>
@@ -90,6 +91,7 @@ class X11ServerTest : public QObject {
 private Q_SLOTS:
     void preflightWithADisplay();
     void preflightWithoutADisplay();
+    void preflightWithoutTheCookie();
     void preflightWithoutComposite();
     void noDisplayGivesNoImage();
     void withoutSharedMemory_data();
@@ -129,6 +131,18 @@ void X11ServerTest::preflightWithoutADisplay()
     qunsetenv("DISPLAY");
     QVERIFY(!platform::preflightScreenCaptureAccess());
     QVERIFY(!platform::requestScreenCaptureAccess());
+}
+
+/// A display that lets this client not in. So are all servers of the tests for other users of the machine: who has no
+/// cookie could otherwise drive a browser there.
+void X11ServerTest::preflightWithoutTheCookie()
+{
+    DisplayForTest display;
+    QVERIFY2(display.server.isRunning(), qPrintable(display.server.errorString()));
+    const QByteArray authority = qgetenv("XAUTHORITY");
+    const auto giveBack = qScopeGuard([&] { qputenv("XAUTHORITY", authority); });
+    qputenv("XAUTHORITY", "/dev/null");
+    QVERIFY(!platform::preflightScreenCaptureAccess());
 }
 
 void X11ServerTest::preflightWithoutComposite()

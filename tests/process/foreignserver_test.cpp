@@ -4,6 +4,7 @@
 #include "recordingscene.h"
 #include "testregistry.h"
 #include "truthwindowprocess.h"
+#include "xauthority.h"
 
 #include <QFile>
 #include <QTest>
@@ -80,6 +81,10 @@ void ForeignServerTest::rootIsObeyed()
     const QString binary = scene.directory.filePath(QStringLiteral("recorder")); // where that user may read it
     QVERIFY(QFile::copy(RecorderProcess::defaultBinary(), binary));
     scene.recorder.setBinary(binary);
+    const QString authority = scene.directory.filePath(QStringLiteral("authority"));
+    QVERIFY(QFile::copy(xAuthorityFile(), authority));
+    QCOMPARE(::chown(qPrintable(authority), anotherUser, anotherUser), 0);
+    scene.recorder.setVariable(QStringLiteral("XAUTHORITY"), authority);
     for (const QString& path : {scene.directory.path(), scene.command.logDirectory})
         QCOMPARE(::chown(qPrintable(path), anotherUser, anotherUser), 0);
     QCOMPARE(::chmod(qPrintable(scene.directory.filePath(QStringLiteral("orvantis-recorder"))), 0777), 0);

@@ -1,6 +1,8 @@
 // PrivateXServer: an X server of a test's own.
 #include "privatexserver.h"
 
+#include "xauthority.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -85,9 +87,9 @@ PrivateXServer::PrivateXServer(QSize screen, int depth, const QStringList& extra
             ::_exit(1); // the parent was gone before the line above
     });
     process_.start(QStringLiteral("Xvfb"),
-        QStringList{QStringLiteral("-displayfd"), QString::number(writer.number()), QStringLiteral("-screen"),
-            QStringLiteral("0"), screenText, QStringLiteral("-nolisten"), QStringLiteral("tcp"),
-            QStringLiteral("-noreset")}
+        QStringList{QStringLiteral("-displayfd"), QString::number(writer.number()), QStringLiteral("-auth"),
+            xAuthorityFile(), QStringLiteral("-screen"), QStringLiteral("0"), screenText, QStringLiteral("-nolisten"),
+            QStringLiteral("tcp"), QStringLiteral("-noreset")}
             + extraArguments);
     if (!process_.waitForStarted(startLimitMs)) {
         error_ = QStringLiteral("Xvfb did not start: %1").arg(process_.errorString());
