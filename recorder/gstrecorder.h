@@ -153,6 +153,7 @@ private:
     bool waitingAfterReadiness(LoopState& loop, const CapturedFrame& frame);
     void rehearse(const CapturedFrame& frame);
     void recordFrame(LoopState& loop, CapturedFrame&& frame);
+    void boundQueue(LoopState& loop);
     void setClock(bool runs);
     void startAudio();
     void takeAudio(bool last = false);

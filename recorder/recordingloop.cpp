@@ -4,6 +4,8 @@
 
 #include "macwindowcapture.h"
 #include "pacing.h"
+#include "platform/application.h"
+#include "queuelimit.h"
 #include "recorderaudiocapture.h"
 
 #include <QDateTime>
@@ -15,6 +17,7 @@
 #include <exception>
 #include <limits>
 #include <new>
+#include <utility>
 
 using namespace pacing;
 
@@ -28,6 +31,9 @@ struct GstRecorder::LoopState {
     QElapsedTimer ready; ///< started when readiness is announced
     QList<QueuedFrame> queue; ///< first in, first out
     qint64 lastElapsedMs = -1; ///< recording time of the newest queued frame; -1 before the first
+    QElapsedTimer limitAge; ///< started when queueLimitBytes was found
+    qint64 queueLimitBytes = 0;
+    bool queueLimitLogged = false;
 
     void advance(qint64 nowMs) { nextDueMs = nextDue(nextDueMs, nowMs); }
 };
@@ -164,7 +170,27 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     loop.lastElapsedMs = elapsedMs;
     loop.queue.append({std::move(frame), elapsedMs});
     drainQueue(loop.queue, elapsedMs - holdMs, false);
+    boundQueue(loop);
     takeAudio();
+}
+
+/// A huge window that moves would otherwise fill the memory of the machine within the three seconds, and whoever is
+/// killed for that, the evidence would end there. The newest frame stays.
+void GstRecorder::boundQueue(LoopState& loop)
+{
+    const qint64 bytes = queuelimit::bytesOf(loop.queue);
+    if (!loop.limitAge.isValid() || loop.limitAge.hasExpired(queuelimit::checkIntervalMs)) {
+        loop.queueLimitBytes = queuelimit::largest(platform::availableMemory(), bytes);
+        loop.limitAge.start();
+    }
+    if (bytes <= loop.queueLimitBytes)
+        return;
+    if (!std::exchange(loop.queueLimitLogged, true)) {
+        qWarning() << "Recorder composes frames early for want of memory; late mouse clicks can miss them: MiB"
+                   << (bytes >> 20) << "limit" << (loop.queueLimitBytes >> 20);
+    }
+    while (loop.queue.size() > 1 && queuelimit::bytesOf(loop.queue) > loop.queueLimitBytes)
+        drainQueue(loop.queue, loop.queue.constFirst().elapsedMs, false);
 }
 
 /// Under the lock of addClick(), which reads the clock on its own thread.

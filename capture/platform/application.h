@@ -25,4 +25,8 @@ std::optional<quint32> peerUserId(qintptr socketDescriptor);
 /// The user id that this process acts with (the effective one).
 quint32 ownUserId();
 
+/// Bytes of memory that this process can still take before the system, or a limit that was set for it, makes it or
+/// others suffer; nothing when the system does not tell. Any thread; takes well below a millisecond.
+std::optional<qint64> availableMemory();
+
 }

@@ -101,4 +101,9 @@ quint32 ownUserId()
     return state().ownUserId;
 }
 
+std::optional<qint64> availableMemory()
+{
+    return state().availableMemory;
+}
+
 }

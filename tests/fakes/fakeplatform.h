@@ -29,6 +29,7 @@ struct State {
 
     std::optional<quint32> peerUserId = 1000;
     quint32 ownUserId = 1000;
+    std::optional<qint64> availableMemory;
 };
 
 State& state();

@@ -32,6 +32,7 @@ private Q_SLOTS:
     void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
     void unchangedWindowIsRecordedAllTheSame();
+    void framesAreComposedEarlyForWantOfMemory();
     void clicksArriveWhileTheClockStarts();
     void pointerIsRecorded();
     void drainStopsAtTheLimit_data();
@@ -256,6 +257,24 @@ void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
 }
 
 /// The launcher's clicks and the worker's first frame meet at the clock.
+/// The memory that is there holds ten frames: no more are kept, each reaches the file, and the log says it once.
+void RecordingLoopTest::framesAreComposedEarlyForWantOfMemory()
+{
+    constexpr int held = 10;
+    constexpr int onTheWay = 3; // captured, composed, and the one that makes it too much
+    fakeplatform::state().availableMemory = held * 4 * NumberedWindow::width * NumberedWindow::height;
+    make();
+    waitForRecordedImages(3 * held);
+    stopAndRead();
+    QVERIFY2(window_->mostLiveFrames() <= held + onTheWay, qPrintable(QString::number(window_->mostLiveFrames())));
+    QVERIFY(window_->mostLiveFrames() > held / 2);
+    QCOMPARE(
+        text(numbersOf(frames_)), text(sequence(frames_.first().number, window_->asked() - frames_.first().number)));
+    const QStringList lines = bench_->log.messages().filter(QStringLiteral("composes frames early"));
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().endsWith(QStringLiteral("MiB 0 limit 0")), qPrintable(lines.first()));
+}
+
 void RecordingLoopTest::clicksArriveWhileTheClockStarts()
 {
     make();
