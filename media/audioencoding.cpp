@@ -287,7 +287,7 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
             qWarning() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, wholeBytes);
+        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, writtenBytes);
         if (status < 0) {
             qWarning() << writeError << avErrorString(status);
             return false;

@@ -7,15 +7,18 @@
 
 #include <QDebug>
 
-/// A write that failed left a part of something in the file, and FFmpeg has dropped everything since. What follows is
-/// tried again in its place, and has an error of its own if it has one.
-void GstRecorder::returnToLastWhole()
+/// After writes that failed the trailer's table of fragments would name lost ones, too, at places where others are
+/// now. The file plays without it.
+void GstRecorder::writeTrailer()
 {
-    AVIOContext* const file = formatContext->pb;
-    if (!file || file->error >= 0 || wholeBytes == 0)
-        return;
-    file->error = 0;
-    avio_seek(file, wholeBytes, SEEK_SET);
+    resumeWriting(*formatContext, writtenBytes);
+    if (writtenBytes.someLost)
+        av_opt_set(formatContext->priv_data, "movflags", "+skip_trailer", 0); // Matroska knows no such option
+    int status = av_write_trailer(formatContext);
+    if (status >= 0 && formatContext->pb)
+        status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
+    if (status < 0)
+        qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
 }
 
 void GstRecorder::closeOutput()
@@ -28,14 +31,8 @@ void GstRecorder::closeOutput()
 
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
-        if (headerWritten) {
-            returnToLastWhole();
-            int status = av_write_trailer(formatContext);
-            if (status >= 0 && formatContext->pb)
-                status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
-            if (status < 0)
-                qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
-        }
+        if (headerWritten)
+            writeTrailer();
         if (!(formatContext->oformat->flags & AVFMT_NOFILE) && formatContext->pb)
             avio_closep(&formatContext->pb);
     }
@@ -54,7 +51,7 @@ void GstRecorder::closeOutput()
     audioCapture.reset();
 
     // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
-    wholeBytes = 0;
+    writtenBytes = {};
     audioSamplesWritten = 0;
     audioPcmLogged = false;
     headerWritten = false;

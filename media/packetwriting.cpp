@@ -1,20 +1,36 @@
+// One encoded packet on its way into the file, whatever stream it belongs to, and what becomes of a file that takes
+// nothing for a while.
 #include "packetwriting.h"
 
 #include <algorithm>
 
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,
-    int64_t missingDuration, int64_t& wholeBytes)
+    int64_t missingDuration, WrittenBytes& written)
 {
+    resumeWriting(container, written);
     packet.stream_index = stream.index;
     av_packet_rescale_ts(&packet, encoder.time_base, stream.time_base);
     if (packet.duration < 1)
         packet.duration = std::max<int64_t>(av_rescale_q(missingDuration, encoder.time_base, stream.time_base), 1);
-    const int status = av_interleaved_write_frame(&container, &packet);
+    int status = av_interleaved_write_frame(&container, &packet);
     if (container.pb) {
         avio_flush(container.pb);
-        if (container.pb->error >= 0)
-            wholeBytes = avio_tell(container.pb);
+        if (container.pb->error >= 0) {
+            written.whole = avio_tell(container.pb);
+        } else {
+            written.someLost = true;
+            status = status < 0 ? status : container.pb->error;
+        }
     }
     av_packet_unref(&packet);
     return status;
+}
+
+void resumeWriting(AVFormatContext& container, WrittenBytes& written)
+{
+    AVIOContext* const file = container.pb;
+    if (!file || file->error >= 0 || written.whole == 0)
+        return;
+    file->error = 0;
+    avio_seek(file, written.whole, SEEK_SET);
 }

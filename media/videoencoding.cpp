@@ -105,7 +105,7 @@ bool GstRecorder::writeVideoPackets(const char* receiveError, const char* writeE
             return false;
         }
         status = writePacket(
-            *packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs, wholeBytes);
+            *packet, *videoCodecContext, *formatContext, *videoStream, pacing::frameIntervalMs, writtenBytes);
         if (status < 0) {
             qCritical() << writeError << avErrorString(status);
             return false;

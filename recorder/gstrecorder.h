@@ -21,6 +21,7 @@
 #include "clickkeys.h"
 #include "compositionsource.h"
 #include "framegeometry.h"
+#include "packetwriting.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -223,7 +224,7 @@ private:
     // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
 
     void closeOutput();
-    void returnToLastWhole();
+    void writeTrailer();
 
     // ==== data, in the order of construction =================================================================
 
@@ -281,7 +282,7 @@ private:
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
-    int64_t wholeBytes = 0; // of the file, when the last packet was written without an error; packetwriting.cpp
+    WrittenBytes writtenBytes; // what has reached the file
     qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
 
     // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
