@@ -27,6 +27,8 @@ QString macMainBundleString(const char* selectorName)
 
 void startup::keepEveryLogLine()
 {
+    qunsetenv("QT_FATAL_WARNINGS");
+    qunsetenv("QT_FATAL_CRITICALS");
     // The filter that applies the rules; there is no other way to get it than to install it twice.
     static const QLoggingCategory::CategoryFilter rules = [] {
         QLoggingCategory::installFilter(nullptr);

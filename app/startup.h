@@ -6,7 +6,8 @@
 namespace startup {
 
 /// From now on no rule for log lines that Qt finds (QT_LOGGING_RULES, QT_LOGGING_CONF, qtlogging.ini) takes a line of
-/// this program away. Rules for other libraries' categories hold.
+/// this program away, and no warning ends the process (QT_FATAL_WARNINGS, QT_FATAL_CRITICALS). Rules for other
+/// libraries' categories hold. Before the first line is logged.
 void keepEveryLogLine();
 
 /// Puts the application's own plug-in directory ("../PlugIns" beside the executable's directory, else

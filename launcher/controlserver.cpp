@@ -43,7 +43,8 @@ void ControlServer::readLastReplies()
 {
     if (!recorder_)
         server_.waitForNewConnection(0);
-    while (isConnected() && recorder_->waitForReadyRead(0)) { }
+    constexpr int mostReads = 100; // an answer is one line; who sends without end has no say here
+    for (int reads = 0; reads < mostReads && isConnected() && recorder_->waitForReadyRead(0); ++reads) { }
 }
 
 void ControlServer::takeConnection()

@@ -3,6 +3,7 @@
 #include "recordingsession.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"
+#include "stderrlines.h"
 
 #include <QCoreApplication>
 
@@ -11,15 +12,15 @@
 
 namespace {
 
-void print(FILE* stream, const QByteArray& text)
+void print(const QByteArray& text)
 {
-    std::fwrite(text.constData(), 1, size_t(text.size()), stream);
-    std::fflush(stream);
+    std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+    std::fflush(stdout);
 }
 
 void printError(const QString& error)
 {
-    print(stderr, "record-window: " + error.toLocal8Bit() + '\n');
+    stderrlines::write("record-window: " + error.toLocal8Bit() + '\n');
 }
 
 int record(const Options& options)
@@ -38,9 +39,9 @@ int record(const Options& options)
     if (!outcome.error.isEmpty())
         printError(outcome.error);
     if (options.json)
-        print(stdout, outcome.toJson());
+        print(outcome.toJson());
     else if (!options.quiet)
-        print(stdout, outcome.toText());
+        print(outcome.toText());
     return int(outcome.code);
 }
 
@@ -49,6 +50,7 @@ int record(const Options& options)
 int main(int argc, char** argv)
 {
     standardstreams::openMissing();
+    standardstreams::keepErrorOutputFromBlocking();
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("record-window"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ORVANTIS_VERSION));
@@ -59,7 +61,7 @@ int main(int argc, char** argv)
         return int(ExitCode::BadUsage);
     }
     if (!commandLine.options) {
-        print(stdout, commandLine.text.toLocal8Bit());
+        print(commandLine.text.toLocal8Bit());
         return 0;
     }
     return record(*commandLine.options);

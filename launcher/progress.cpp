@@ -1,9 +1,10 @@
 // Progress on a terminal, or as plain lines.
 #include "progress.h"
 
+#include "stderrlines.h"
+
 #include <QLocale>
 
-#include <cstdio>
 #include <unistd.h>
 
 namespace {
@@ -26,8 +27,7 @@ QString timeText(qint64 elapsedMs)
 
 void print(const char* before, const QString& text, const char* after)
 {
-    std::fprintf(stderr, "%s%s%s", before, text.toLocal8Bit().constData(), after);
-    std::fflush(stderr);
+    stderrlines::write(before + text.toLocal8Bit() + after);
 }
 
 }

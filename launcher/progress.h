@@ -1,4 +1,5 @@
-// Progress: what record-window tells people while it works. Everything goes to standard error.
+// Progress: what record-window tells people while it works. Everything goes to standard error; what that does not
+// take at once is left out, for nobody who does not read may hold up the recording.
 #pragma once
 
 #include <QString>

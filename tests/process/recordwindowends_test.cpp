@@ -8,7 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <memory>
+#include <unistd.h>
 #include <vector>
 
 class RecordWindowEndsTest : public QObject {
@@ -34,6 +36,7 @@ private Q_SLOTS:
     void secondInterruptKillsTheRecorder();
     void differentSignalsKillNothing();
     void killedLauncherTakesItsRecorderAlong();
+    void nobodyReadsStandardError();
 };
 
 namespace {
@@ -341,6 +344,23 @@ void RecordWindowEndsTest::killedLauncherTakesItsRecorderAlong()
     QVERIFY2(launcher.waitForRecording(), launcher.standardError());
     launcher.interrupt(SIGKILL);
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(launcher.path("notes/terminated")), 60'000);
+}
+
+/// Nor takes it anything: the recording ends in time all the same, and is told on stdout.
+void RecordWindowEndsTest::nobodyReadsStandardError()
+{
+    std::array<int, 2> ends{};
+    QCOMPARE(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const QByteArray own = "/proc/self/fd/" + QByteArray::number(ends[1]); // its flags are not those of ends[1]
+    const int filler = ::open(own.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    while (::write(filler, "x", 1) == 1) { }
+    RecordWindowProcess launcher;
+    launcher.process().setChildProcessModifier([end = ends[1]] { ::dup2(end, STDERR_FILENO); });
+    const int code = launcher.run(window + QStringList{"--seconds", "1.5"});
+    for (const int descriptor : {ends[0], ends[1], filler})
+        ::close(descriptor);
+    QCOMPARE(code, 0);
+    QVERIFY2(launcher.standardOutput().contains("duration  1.234 s\n"), launcher.standardOutput());
 }
 
 ORVANTIS_TEST(RecordWindowEndsTest)

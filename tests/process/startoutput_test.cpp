@@ -91,6 +91,8 @@ void StartOutputTest::logRulesOfTheEnvironmentTakeNothing()
     scene.recorder.setVariable(QStringLiteral("XDG_CONFIG_HOME"), configuration);
     scene.recorder.setVariable(QStringLiteral("QT_LOGGING_CONF"), rules);
     scene.recorder.setVariable(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("*=false;default.warning=false"));
+    for (const char* const name : {"QT_FATAL_WARNINGS", "QT_FATAL_CRITICALS"})
+        scene.recorder.setVariable(QLatin1String(name), QStringLiteral("1"));
     scene.command.captureCommand = QStringLiteral("another-capture"); // which is warned of
     QVERIFY2(scene.startRecording() && scene.stopAndExit(), scene.story());
     const QList<LogLine> log = scene.log();

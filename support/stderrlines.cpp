@@ -1,5 +1,5 @@
 // What each kind of file takes without waiting. O_NONBLOCK is not set on descriptor 2: it would hold for everybody
-// who shares the open file (support/standardstreams.h tells how it may be set already).
+// who shares the open file (standardstreams.h tells how it may be set already).
 #include "stderrlines.h"
 
 #include <algorithm>
