@@ -183,6 +183,17 @@ void TestWindow::addDrawingCommands()
     // fill PIXEL X Y WIDTH HEIGHT
     commands_["fill"] = [this](Arguments& arguments) { return fill(window_, arguments); };
     commands_["fillchild"] = [this](Arguments& arguments) { return fill(child_, arguments); };
+    // nobackground: the server paints nothing by itself; keeppixels: a change of size leaves what was drawn
+    commands_["nobackground"] = [this](Arguments&) {
+        const uint32_t none = XCB_BACK_PIXMAP_NONE;
+        xcb_change_window_attributes(xcb_, window_, XCB_CW_BACK_PIXMAP, &none);
+        return true;
+    };
+    commands_["keeppixels"] = [this](Arguments&) {
+        const uint32_t gravity = XCB_GRAVITY_NORTH_WEST;
+        xcb_change_window_attributes(xcb_, window_, XCB_CW_BIT_GRAVITY, &gravity);
+        return true;
+    };
     // background PIXEL: shows where nothing is drawn, and after every change of size
     commands_["background"] = [this](Arguments& arguments) {
         uint32_t pixel = 0;

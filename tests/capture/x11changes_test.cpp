@@ -2,10 +2,12 @@
 #include "testregistry.h"
 #include "x11fixture.h"
 
+#include "linux/x11/x11windowimages.h"
 #include "macwindowcapture.h"
 
 #include <QTest>
 
+#include <chrono>
 #include <memory>
 
 #include <xcb/shm.h>
@@ -21,7 +23,8 @@ int fetches = 0;
 
 /// An image that stays the same one as long as nothing happens. What was drawn just before the first image can still
 /// be reported after it, and then costs one more.
-QImage settledImage(WindowSource& source)
+template <typename Source>
+QImage settledImage(Source& source)
 {
     QImage image = source.image();
     for (int i = 0; i < 100; ++i) {
@@ -52,6 +55,7 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void unchangedWindowSharesItsPixels();
+    void unchangedWindowIsComparedNowAndThen();
     void changedWindowDoesNot();
     void everyChangeIsSeen();
     void coveredWindowIsWatched();
@@ -83,7 +87,8 @@ void X11ChangesTest::init()
 void X11ChangesTest::unchangedWindowSharesItsPixels()
 {
     WindowProcess window({.pixel = blue});
-    WindowSource source(window.id());
+    const auto noTime = [] { return std::chrono::steady_clock::time_point(); };
+    x11::WindowImages source(window.id(), noTime);
     const QImage image = settledImage(source);
     QVERIFY(isFilled(image, blue));
     const int fetchesBefore = fetches;
@@ -91,6 +96,24 @@ void X11ChangesTest::unchangedWindowSharesItsPixels()
         QCOMPARE(source.image().cacheKey(), image.cacheKey());
     QCOMPARE(fetches, fetchesBefore);
     QCOMPARE(source.bounds(), QRectF(100, 80, 320, 240));
+}
+
+/// Reports of changes can fail, so a window that seems to stand still is read all the same; it stays the same image.
+void X11ChangesTest::unchangedWindowIsComparedNowAndThen()
+{
+    for (const int depth : {24, 32}) {
+        WindowProcess window({.depth = depth, .pixel = blue});
+        std::chrono::steady_clock::time_point now;
+        x11::WindowImages source(window.id(), [&now] { return now; });
+        const QImage image = settledImage(source);
+        for (int second = 1; second <= 3; ++second) {
+            const int fetchesBefore = fetches;
+            now += x11::WindowImages::checkInterval;
+            for (int i = 0; i < 5; ++i)
+                QCOMPARE(source.image().cacheKey(), image.cacheKey());
+            QCOMPARE(fetches, fetchesBefore + 1);
+        }
+    }
 }
 
 void X11ChangesTest::changedWindowDoesNot()
@@ -193,12 +216,12 @@ void X11ChangesTest::changedFrameExtentsAreReadAgain()
 {
     WindowProcess window({.pixel = blue});
     WindowSource source(window.id());
-    QVERIFY(window.send("fill ff00ff00 0 0 10 240"));
-    QVERIFY(window.send("extents 10 0 0 0"));
-    QVERIFY(isFilled(settledImage(source), blue));
-    QVERIFY(window.send("extents 0 310 0 0")); // the same area, another part
+    QVERIFY(window.send("fill ff00ff00 0 0 220 240"));
+    QVERIFY(window.send("extents 100 0 0 0"));
+    QVERIFY(!isFilled(settledImage(source), green));
+    QVERIFY(window.send("extents 0 100 0 0")); // the same size, another part
     QVERIFY(isFilled(source.image(), green));
-    QCOMPARE(source.bounds(), QRectF(100, 80, 10, 240));
+    QCOMPARE(source.bounds(), QRectF(100, 80, 220, 240));
 }
 
 void X11ChangesTest::resizedThereAndBackIsReadAgain()

@@ -2,6 +2,8 @@
 #include "testregistry.h"
 #include "x11fixture.h"
 
+#include "logcapture.h"
+
 #include <QTest>
 
 #include <memory>
@@ -30,6 +32,7 @@ private Q_SLOTS:
     void childWindowsAreIncluded();
     void frameExtentsAreCutOff();
     void frameExtentsAreFollowed();
+    void changedFrameExtentsAreLogged();
     void senselessFrameExtentsAreIgnored_data();
     void senselessFrameExtentsAreIgnored();
     void frameExtentsOfAnotherFormatAreIgnored();
@@ -155,10 +158,27 @@ void X11ImageTest::frameExtentsAreFollowed()
     QCOMPARE(source.bounds(), QRectF(100, 80, 320, 240));
 }
 
+void X11ImageTest::changedFrameExtentsAreLogged()
+{
+    LogCapture log;
+    WindowProcess window({.pixel = blue});
+    QVERIFY(window.send("extents 4 4 0 4"));
+    WindowSource source(window.id());
+    QVERIFY(!source.image().isNull());
+    QCOMPARE(log.messages(QtWarningMsg), QStringList()); // it was so from the beginning
+    QVERIFY(window.send("extents 100 0 0 0"));
+    QVERIFY(!source.image().isNull());
+    QVERIFY(window.send("extents 0 0 0 0"));
+    QVERIFY(!source.image().isNull());
+    QCOMPARE(log.messages(QtWarningMsg).size(), 1);
+}
+
 void X11ImageTest::senselessFrameExtentsAreIgnored_data()
 {
     QTest::addColumn<QByteArray>("command");
     QTest::newRow("nothing left of the width") << QByteArray("extents 160 160 0 0");
+    QTest::newRow("all but one pixel") << QByteArray("extents 159 160 119 120");
+    QTest::newRow("broader than shadows are") << QByteArray("extents 129 0 0 0");
     QTest::newRow("nothing left of the height") << QByteArray("extents 0 0 0 240");
     QTest::newRow("larger than the window") << QByteArray("extents 1000 0 0 0");
     QTest::newRow("sum overflows 32 bits") << QByteArray("extents 4294967295 2 0 0");

@@ -87,6 +87,7 @@ bool DisplayConnection::queryExtensions()
         Request<xcb_shm_query_version_reply_t> request(*this, xcb_shm_query_version(xcb()));
         const auto version = request.reply();
         extensions_.sharedMemory = version != nullptr;
+        extensions_.badSegment = quint8(xcb_get_extension_data(xcb(), &xcb_shm_id)->first_error + XCB_SHM_BAD_SEG);
         extensions_.sharedMemoryByDescriptor
             = version && (version->major_version > 1 || (version->major_version == 1 && version->minor_version >= 2));
     }

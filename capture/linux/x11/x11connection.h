@@ -26,6 +26,7 @@ struct Extensions {
     bool composite = false; ///< 0.2 or later: windows have pixmaps that can be named
     bool sharedMemory = false;
     bool sharedMemoryByDescriptor = false; ///< 1.2 or later
+    quint8 badSegment = 0; ///< error code for shared memory that the server does not know; 0 without the extension
     std::optional<quint8> damageNotify; ///< event code; nothing without the extension
 };
 

@@ -33,8 +33,12 @@ const uchar* PixelReader::read(xcb_drawable_t drawable, const QRect& area, const
         return nullptr;
     const size_t size = size_t(layout.byteCount(area.size()));
     while (way_ != Way::Plain) {
-        if (ensureSegment(size))
-            return readShared(drawable, area);
+        if (ensureSegment(size)) {
+            const uchar* pixels = readShared(drawable, area);
+            if (pixels || segment_)
+                return pixels;
+            break; // somebody else has taken it away: this once without, and anew the next time
+        }
         if (!connection_.isResponsive())
             return nullptr;
         way_ = way_ == Way::SharedDescriptor ? Way::SharedSystemV : Way::Plain;
@@ -58,7 +62,11 @@ const uchar* PixelReader::readShared(xcb_drawable_t drawable, const QRect& area)
     Request<xcb_shm_get_image_reply_t> request(connection_,
         xcb_shm_get_image(connection_.xcb(), drawable, int16_t(area.x()), int16_t(area.y()), uint16_t(area.width()),
             uint16_t(area.height()), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segmentId_, 0));
-    return request.reply() ? segment_->data() : nullptr;
+    if (request.reply())
+        return segment_->data();
+    if (request.errorCode() != 0 && request.errorCode() == connection_.extensions().badSegment)
+        segment_.reset();
+    return nullptr;
 }
 
 const uchar* PixelReader::readPlain(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout)

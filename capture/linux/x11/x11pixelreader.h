@@ -24,6 +24,7 @@ private:
     enum class Way { SharedDescriptor, SharedSystemV, Plain };
 
     bool ensureSegment(size_t size);
+    /// Without segment_ afterwards when the server does not know it any more: any client can detach it.
     const uchar* readShared(xcb_drawable_t drawable, const QRect& area);
     const uchar* readPlain(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout);
     bool readTile(

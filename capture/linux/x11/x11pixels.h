@@ -28,6 +28,9 @@ struct PixelLayout {
 std::optional<PixelLayout> pixelLayout(const xcb_setup_t* setup, xcb_visualid_t visual);
 std::optional<PixelLayout> pixelLayout(int depth, int bitsPerPixel, const xcb_visualtype_t& visual);
 
+/// Whether imageFromPixels() would give that image again. Much cheaper.
+bool hasSamePixels(const QImage& image, const uchar* pixels, QSize size, const PixelLayout& layout);
+
 /// An image with its own pixels, in ARGB32_Premultiplied, or in RGB32 with 0xff in every top byte. Null when there
 /// is no memory for it.
 QImage imageFromPixels(const uchar* pixels, QSize size, const PixelLayout& layout);

@@ -176,21 +176,34 @@ void Transport::receive()
 
 bool Transport::handOverPackets()
 {
+    const uchar* waiting = packets_.data() + handedOver_;
+    const size_t available = packets_.size() - handedOver_;
     size_t size = 0;
-    while (size + unitSize <= packets_.size()) {
-        const size_t next = size + packetSize(packets_.data() + size);
-        if (next > packets_.size() || (size > 0 && next > portionSize))
+    while (size + unitSize <= available) {
+        const size_t next = size + packetSize(waiting + size);
+        if (next > available || (size > 0 && next > portionSize))
             break;
         size = next;
     }
     if (size > 0) {
-        const ssize_t sent = ::send(library_.number(), packets_.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
-        packets_.erase(packets_.begin(), packets_.begin() + ssize_t(size));
+        const ssize_t sent = ::send(library_.number(), waiting, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+        discardHandedOver(size);
         serverGone_ = serverGone_ || sent != ssize_t(size); // a socket without room for one answer is useless
     }
     if (serverGone_)
         ::shutdown(library_.number(), SHUT_WR);
     return size > 0;
+}
+
+/// Only when there is as much of it as of the rest: any client can send us so many events that moving the rest each
+/// time would take for ever.
+void Transport::discardHandedOver(size_t size)
+{
+    handedOver_ += size;
+    if (handedOver_ * 2 < packets_.size())
+        return;
+    packets_.erase(packets_.begin(), packets_.begin() + ssize_t(handedOver_));
+    handedOver_ = 0;
 }
 
 }

@@ -60,12 +60,14 @@ private:
     void takeRequests();
     void sendRequests();
     void receive();
+    void discardHandedOver(size_t size);
 
     Descriptor server_;
     Descriptor library_; ///< the other end of libxcb's
     std::vector<uchar> requests_; ///< not yet sent
     std::vector<Descriptor> attached_; ///< sent with them; at most one, as nothing is queued behind an unsent one
-    std::vector<uchar> packets_; ///< received and not yet handed over; begins with the beginning of a packet
+    std::vector<uchar> packets_; ///< received; what is not yet handed over begins with the beginning of a packet
+    size_t handedOver_ = 0; ///< of them, bytes
     bool serverGone_ = false;
 };
 

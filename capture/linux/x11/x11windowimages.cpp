@@ -1,0 +1,329 @@
+// Windows of an X server as images. The Composite extension draws a redirected window into a separate pixmap, so that
+// covered and off-screen parts are there too; the Damage extension reports changes.
+//
+// No pixmap is kept between two images. One round trip asks where the window is and what happened to it; when it has
+// changed, a second one names its present pixmap, reads it and frees the name. A name that was kept would still show
+// the old pixels after the window was resized, or after it or one of its parents was mapped again.
+#include "x11windowimages.h"
+
+#include <QPainter>
+
+#include <string_view>
+#include <utility>
+
+#include <xcb/composite.h>
+#include <xcb/damage.h>
+
+namespace x11 {
+
+namespace {
+
+/// A window's present pixmap under a name, for as long as the object lives.
+class NamedPixmap {
+public:
+    NamedPixmap(DisplayConnection& connection, xcb_window_t window, xcb_pixmap_t id)
+        : connection_(connection), id_(id),
+          naming_(connection, xcb_composite_name_window_pixmap_checked(connection.xcb(), window, id))
+    {
+    }
+    ~NamedPixmap()
+    {
+        // An error only says that there was no pixmap to name.
+        const Request<void> freeing(connection_, xcb_free_pixmap_checked(connection_.xcb(), id_));
+    }
+    NamedPixmap(const NamedPixmap&) = delete;
+    NamedPixmap& operator=(const NamedPixmap&) = delete;
+
+private:
+    DisplayConnection& connection_;
+    xcb_pixmap_t id_;
+    Request<void> naming_; ///< its result is not needed: requests for a missing pixmap fail themselves
+};
+
+/// Makes a part of an image blank: black, or transparent where it has an alpha channel.
+void blank(QImage& image, const QRegion& area)
+{
+    if (area.isEmpty())
+        return;
+    const bool hasAlpha = image.hasAlphaChannel();
+    QPainter painter(&image);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    for (const QRect& part : area)
+        painter.fillRect(part, hasAlpha ? Qt::transparent : Qt::black);
+}
+
+}
+
+WindowImages::WindowImages(quint32 windowId, Now now) : now_(std::move(now)), connection_(DisplayConnection::open())
+{
+    watched_.window = windowId;
+    if (!connection_ || !connection_->extensions().composite || !watchWindow())
+        endCapture();
+}
+
+/// The window stays redirected from here on. Directly after the redirection its covered parts hold nothing but
+/// background, or what covers them, until the application draws them again; so this is done once, and early. The
+/// damage object is there before, and tells the difference.
+bool WindowImages::watchWindow()
+{
+    xcb_connection_t* xcb = connection_->xcb();
+    static constexpr std::string_view frameExtents = "_GTK_FRAME_EXTENTS";
+    const xcb_window_t window = watched_.window;
+    Request<xcb_intern_atom_reply_t> atomRequest(
+        *connection_, xcb_intern_atom(xcb, 0, uint16_t(frameExtents.size()), frameExtents.data()));
+    Request<xcb_get_window_attributes_reply_t> attributesRequest(
+        *connection_, xcb_get_window_attributes(xcb, window));
+    Request<xcb_get_geometry_reply_t> geometryRequest(*connection_, xcb_get_geometry(xcb, window));
+    const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_VISIBILITY_CHANGE;
+    Request<void> selecting(
+        *connection_, xcb_change_window_attributes_checked(xcb, window, XCB_CW_EVENT_MASK, &events));
+    watched_.damageNotify = connection_->extensions().damageNotify;
+    if (watched_.damageNotify)
+        createDamage();
+    // Refused when another client already redirects the window manually: then it has a pixmap anyway.
+    const Request<void> redirecting(
+        *connection_, xcb_composite_redirect_window_checked(xcb, window, XCB_COMPOSITE_REDIRECT_AUTOMATIC));
+    if (!connection_->synchronise())
+        return false;
+
+    const auto atom = atomRequest.reply();
+    const auto attributes = attributesRequest.reply();
+    const auto geometry = geometryRequest.reply();
+    if (!atom || !attributes || !geometry || !selecting.succeeded())
+        return false;
+    const auto layout = pixelLayout(xcb_get_setup(xcb), attributes->visual);
+    if (!layout)
+        return false;
+    layout_ = *layout;
+    root_ = geometry->root;
+    frameExtents_ = atom->atom;
+    pixmapId_ = xcb_generate_id(xcb);
+    reader_ = std::make_unique<PixelReader>(*connection_);
+    unpainted_ = UnpaintedArea(QRect(geometry->x, geometry->y, geometry->width, geometry->height));
+    takeFirstReports();
+    return true;
+}
+
+/// The first report is what could be seen, and is therefore the window's own; the others come of the redirection.
+void WindowImages::takeFirstReports()
+{
+    unpainted_.begin(now_());
+    for (const auto& event : connection_->takeEvents()) {
+        const std::optional<WindowEvent> own = windowEvent(*event, watched_);
+        if (own && own->kind == WindowEvent::Kind::Damaged)
+            unpainted_.addDamage(own->area, own->more);
+    }
+}
+
+QImage WindowImages::image()
+{
+    static constexpr int attempts = 3; // a window that is being resized can change between the two round trips
+    for (int attempt = 0; attempt < attempts && connection_ && connection_->recover(); ++attempt) {
+        const std::optional<Placement> now = placement();
+        if (!now)
+            break;
+        const bool current = isCurrent(*now);
+        if (current) {
+            shown_->placement = *now;
+            if (now_() - readAt_ < checkInterval)
+                return shown_->image;
+        }
+        if (readImage(*now, current))
+            return shown_->image;
+    }
+    shown_.reset();
+    if (gone_)
+        endCapture();
+    return QImage();
+}
+
+std::optional<QRectF> WindowImages::bounds() const
+{
+    if (!shown_)
+        return std::nullopt;
+    return QRectF(shown_->placement.visible().translated(shown_->placement.origin));
+}
+
+std::optional<QPointF> WindowImages::pointerLocation()
+{
+    if (!connection_ || !connection_->recover())
+        return std::nullopt;
+    Request<xcb_query_pointer_reply_t> request(*connection_, xcb_query_pointer(connection_->xcb(), root_));
+    const auto pointer = request.reply();
+    if (!pointer || !pointer->same_screen)
+        return std::nullopt;
+    return QPointF(pointer->root_x, pointer->root_y);
+}
+
+/// The window as it is now, or nothing when it shows nowhere. Afterwards changed_ and gone_ hold for the same moment:
+/// every event that happened before the answer has come before the answer.
+std::optional<Placement> WindowImages::placement()
+{
+    static constexpr uint32_t extentWords = 4;
+    xcb_connection_t* xcb = connection_->xcb();
+    const xcb_window_t window = watched_.window;
+    Request<xcb_get_window_attributes_reply_t> attributesRequest(
+        *connection_, xcb_get_window_attributes(xcb, window));
+    Request<xcb_get_geometry_reply_t> geometryRequest(*connection_, xcb_get_geometry(xcb, window));
+    Request<xcb_translate_coordinates_reply_t> originRequest(
+        *connection_, xcb_translate_coordinates(xcb, window, root_, 0, 0));
+    Request<xcb_get_property_reply_t> extentsRequest(
+        *connection_, xcb_get_property(xcb, 0, window, frameExtents_, XCB_ATOM_CARDINAL, 0, extentWords));
+    const auto extents = extentsRequest.reply(); // the last one first: then the other replies have arrived, too
+    const auto attributes = attributesRequest.reply();
+    const auto geometry = geometryRequest.reply();
+    const auto origin = originRequest.reply();
+    if (attributes)
+        keepsPixels_ = attributes->bit_gravity != XCB_GRAVITY_BIT_FORGET;
+    handleEvents();
+    if (attributesRequest.errorCode() == XCB_WINDOW)
+        gone_ = true;
+    if (gone_ || !attributes || !geometry || !origin)
+        return std::nullopt;
+    if (attributes->map_state != XCB_MAP_STATE_VIEWABLE)
+        return std::nullopt;
+
+    Placement now;
+    now.size = QSize(geometry->width, geometry->height);
+    now.border = geometry->border_width;
+    now.origin = QPoint(origin->dst_x, origin->dst_y);
+    now.clientShadow = clientShadow(extents.get(), now.size);
+    shadowLog_.note(now.clientShadow, now_());
+    return now;
+}
+
+/// Errors are events, too; those of requests whose answer is not awaited end here.
+void WindowImages::handleEvents()
+{
+    for (const auto& event : connection_->takeEvents()) {
+        if (const std::optional<WindowEvent> own = windowEvent(*event, watched_))
+            handleEvent(*own);
+    }
+}
+
+void WindowImages::handleEvent(const WindowEvent& event)
+{
+    switch (event.kind) {
+    case WindowEvent::Kind::Destroyed:
+        gone_ = true;
+        break;
+    case WindowEvent::Kind::Shown:
+        unpainted_.begin(now_());
+        [[fallthrough]];
+    case WindowEvent::Kind::Mapped:
+        changed_ = true;
+        ++pixmapsSeen_;
+        break;
+    case WindowEvent::Kind::Configured:
+        handleConfigure(event);
+        break;
+    case WindowEvent::Kind::Damaged:
+        changed_ = true;
+        unpainted_.addDamage(event.area, event.more);
+        break;
+    }
+}
+
+/// A move does not change the pixels. A new size does, also when the old size is back before the next image.
+void WindowImages::handleConfigure(const WindowEvent& event)
+{
+    const QSize size = event.area.size();
+    if (shown_ && (size != shown_->placement.size || event.border != shown_->placement.border))
+        changed_ = true;
+    if (size != unpainted_.size())
+        ++pixmapsSeen_;
+    unpainted_.configure(event.area, keepsPixels_, now_());
+}
+
+bool WindowImages::isCurrent(const Placement& placement)
+{
+    return shown_ && !changed_ && shown_->placement.hasPixelsOf(placement) && shown_->blank == blankArea();
+}
+
+/// Without reports of damage nobody knows.
+QRegion WindowImages::blankArea()
+{
+    return watched_.damage == XCB_NONE ? QRegion() : unpainted_.at(now_());
+}
+
+/// Brings shown_ up to date. current: nothing was reported since it was read. False when the window changes while it
+/// is read, and when it cannot be read.
+bool WindowImages::readImage(const Placement& placement, bool current)
+{
+    const QRegion unpainted = blankArea(); // what is painted from here on may be missing in the pixels
+    const int pixmapsBefore = pixmapsSeen_;
+    changed_ = watched_.damage == XCB_NONE;
+    bool damageIsThere = true;
+    const uchar* pixels = readPixels(placement, damageIsThere);
+    handleEvents();
+    if (!pixels || pixmapsSeen_ != pixmapsBefore) {
+        changed_ = true;
+        return false;
+    }
+    const QSize size = placement.visible().size();
+    const bool same = current && hasSamePixels(shown_->image, pixels, size, layout_);
+    if (!same) {
+        QImage image = imageFromPixels(pixels, size, layout_);
+        if (image.isNull()) {
+            changed_ = true;
+            return false;
+        }
+        blank(image, (unpainted & placement.visible()).translated(-placement.visible().topLeft()));
+        shown_ = Shown{image, placement, unpainted};
+    }
+    readAt_ = now_();
+    const bool missedSomething = current && !same && !changed_;
+    if (!damageIsThere || missedSomething)
+        renewDamage();
+    return true;
+}
+
+/// Null when the window has been given another pixmap, or the server does not answer. damageIsThere is only then
+/// told when the pixels are there.
+const uchar* WindowImages::readPixels(const Placement& placement, bool& damageIsThere)
+{
+    xcb_connection_t* xcb = connection_->xcb();
+    std::optional<Request<void>> subtracting;
+    if (watched_.damage != XCB_NONE) {
+        // Before reading: a change during the read is then reported again, and read the next time.
+        subtracting.emplace(*connection_, xcb_damage_subtract_checked(xcb, watched_.damage, XCB_NONE, XCB_NONE));
+    }
+    const NamedPixmap pixmap(*connection_, watched_.window, pixmapId_);
+    Request<xcb_get_geometry_reply_t> geometryRequest(*connection_, xcb_get_geometry(xcb, pixmapId_));
+    const QRect visible = placement.visible();
+    const uchar* pixels = reader_->read(pixmapId_, visible.translated(placement.border, placement.border), layout_);
+    const auto geometry = geometryRequest.reply();
+    if (!pixels || !geometry || QSize(geometry->width, geometry->height) != placement.pixmapSize())
+        return nullptr;
+    damageIsThere = !subtracting || subtracting->succeeded();
+    return pixels;
+}
+
+/// Every drawing is reported, as only so the first report of an area can be told from the next.
+void WindowImages::createDamage()
+{
+    watched_.damage = xcb_generate_id(connection_->xcb());
+    Request<void> creating(*connection_,
+        xcb_damage_create_checked(
+            connection_->xcb(), watched_.damage, watched_.window, XCB_DAMAGE_REPORT_LEVEL_RAW_RECTANGLES));
+    if (!connection_->synchronise() || !creating.succeeded())
+        watched_.damage = XCB_NONE;
+}
+
+/// Any client can destroy the damage object, and the server says nothing. What happened meanwhile is read.
+void WindowImages::renewDamage()
+{
+    {
+        const Request<void> destroying(*connection_, xcb_damage_destroy_checked(connection_->xcb(), watched_.damage));
+    }
+    createDamage();
+    changed_ = true;
+}
+
+void WindowImages::endCapture()
+{
+    reader_.reset();
+    connection_.reset();
+}
+
+}

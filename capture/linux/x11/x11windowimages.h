@@ -1,0 +1,98 @@
+// WindowImages: one window of an X server as images.
+#pragma once
+
+#include "clientshadow.h"
+#include "unpaintedarea.h"
+#include "x11connection.h"
+#include "x11pixelreader.h"
+#include "x11pixels.h"
+#include "x11windowevents.h"
+
+#include <QImage>
+#include <QMargins>
+#include <QPointF>
+#include <QRect>
+#include <QRectF>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace x11 {
+
+/// Where a window is and which part of it counts. Pixels; a root window's coordinates are the global screen points.
+struct Placement {
+    QSize size; ///< without the border
+    int border = 0; ///< width of the border around it
+    QPoint origin; ///< top left pixel inside the border, in the root window's coordinates
+    QMargins clientShadow; ///< inside the size; drawn by the application around what the user takes for the window
+
+    /// What the user takes for the window, relative to the origin.
+    QRect visible() const { return QRect(QPoint(0, 0), size).marginsRemoved(clientShadow); }
+    QSize pixmapSize() const { return size + QSize(2 * border, 2 * border); }
+
+    bool hasPixelsOf(const Placement& other) const
+    {
+        return size == other.size && border == other.border && clientShadow == other.clientShadow;
+    }
+};
+
+/**
+ * What platform::WindowSource promises, and in the same way to be used. Other clients of the server are not trusted:
+ * only events of the server's own count, and what they destroy of ours is noticed and made anew.
+ */
+class WindowImages {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Now = std::function<Clock::time_point()>;
+
+    /// A window that is reported as unchanged is read again after this time, and compared: reports can fail.
+    static constexpr std::chrono::seconds checkInterval{1};
+
+    explicit WindowImages(quint32 windowId, Now now = &Clock::now);
+
+    QImage image();
+    std::optional<QRectF> bounds() const;
+    std::optional<QPointF> pointerLocation();
+
+private:
+    struct Shown {
+        QImage image;
+        Placement placement;
+        QRegion blank; // of the window; not painted yet, and so not shown
+    };
+
+    bool watchWindow();
+    void takeFirstReports();
+    std::optional<Placement> placement();
+    void handleEvents();
+    void handleEvent(const WindowEvent& event);
+    void handleConfigure(const WindowEvent& event);
+    bool isCurrent(const Placement& placement);
+    QRegion blankArea();
+    bool readImage(const Placement& placement, bool current);
+    const uchar* readPixels(const Placement& placement, bool& damageIsThere);
+    void createDamage();
+    void renewDamage();
+    void endCapture();
+
+    const Now now_;
+    std::unique_ptr<DisplayConnection> connection_; // null: there are no more images
+    std::unique_ptr<PixelReader> reader_; // uses connection_; made and ended with it
+    WatchedWindow watched_;
+    xcb_window_t root_ = XCB_NONE; // of the window's screen
+    PixelLayout layout_;
+    xcb_atom_t frameExtents_ = XCB_NONE;
+    xcb_pixmap_t pixmapId_ = XCB_NONE; // free between two images
+    bool keepsPixels_ = false; // the window does, when its size changes
+    bool changed_ = true; // since shown_ was read
+    bool gone_ = false;
+    int pixmapsSeen_ = 0; // grows when the window may have been given a new pixmap
+    UnpaintedArea unpainted_;
+    ShadowLog shadowLog_;
+    Clock::time_point readAt_; // shown_
+    std::optional<Shown> shown_; // the last image; nothing when that was null
+};
+
+}
