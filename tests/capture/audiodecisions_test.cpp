@@ -6,6 +6,8 @@
 #include "x11fixture.h"
 
 #include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <algorithm>
@@ -89,6 +91,7 @@ private Q_SLOTS:
     void xServerThatIsStoppedFromTheStart();
     void processThatIsKnownLate_data();
     void processThatIsKnownLate();
+    void programThatPretendsToBePulseAudio();
 
 private:
     std::unique_ptr<ServerForTest> server_;
@@ -191,8 +194,12 @@ void AudioDecisionsTest::processThatIsKnownLate()
 {
     QFETCH(bool, wanted);
     const OtherProcess other;
+    const QTemporaryDir directory;
+    const QString service = directory.filePath(QStringLiteral("pipewire-pulse")); // others are not believed
+    QVERIFY(QFile::copy(ToneProcess::program(), service));
     const ToneProcess player(
-        ToneProcess::tone(QStringLiteral("anonymous"), tone, {QStringLiteral("--anonymous"), QStringLiteral("1.5")}));
+        ToneProcess::tone(QStringLiteral("anonymous"), tone, {QStringLiteral("--anonymous"), QStringLiteral("1.5")}),
+        service);
     AudioPuller puller(std::set<qint64>{wanted ? player.pid() : other.pid()});
     QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
     const auto isIntroduced = [&] {
@@ -213,6 +220,16 @@ void AudioDecisionsTest::processThatIsKnownLate()
         QVERIFY(hears({&puller}, tone));
     else
         QVERIFY(isSilent(puller.listen(500)));
+}
+
+/// Its audio stays its own, whatever it says about itself.
+void AudioDecisionsTest::programThatPretendsToBePulseAudio()
+{
+    const ToneProcess player(
+        ToneProcess::tone(QStringLiteral("anonymous"), tone, {QStringLiteral("--anonymous"), QStringLiteral("600")}));
+    AudioPuller puller(std::set<qint64>{player.pid()});
+    QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
+    QVERIFY(hears({&puller}, tone));
 }
 
 ORVANTIS_TEST(AudioDecisionsTest)

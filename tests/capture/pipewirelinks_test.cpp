@@ -202,8 +202,11 @@ void PipewireLinksTest::ownerIsTheProgramItself_data()
     QTest::addColumn<qint64>("clientSays");
     QTest::addColumn<qint64>("nodeSays");
     QTest::addColumn<qint64>("expected");
-    const auto row = [](const char* name, const char* api, qint64 peer, qint64 client, qint64 node, qint64 expected) {
-        QTest::newRow(name) << QString::fromLatin1(api) << peer << client << node << expected;
+    QTest::addColumn<QString>("program"); // of the peer
+    const auto row = [](const char* name, const char* api, qint64 peer, qint64 client, qint64 node, qint64 expected,
+                         const char* program = "") {
+        QTest::newRow(name) << QString::fromLatin1(api) << peer << client << node << expected
+                            << QString::fromLatin1(program);
     };
     row("the kernel knows", "", 100, 200, 300, 100);
     row("the kernel does not", "", 0, 200, 300, 200);
@@ -211,6 +214,10 @@ void PipewireLinksTest::ownerIsTheProgramItself_data()
     row("PulseAudio: the client says", "pipewire-pulse", 100, 200, 0, 200);
     row("PulseAudio: nobody says", "pipewire-pulse", 100, 0, 0, 0);
     row("nobody", "", 0, 0, 300, 0);
+    row("PulseAudio by its own program", "pipewire-pulse", 100, 200, 300, 300, "pipewire-pulse");
+    row("PulseAudio within the server", "pipewire-pulse", 100, 200, 300, 300, "pipewire");
+    row("another program says it is PulseAudio", "pipewire-pulse", 100, 200, 300, 100, "player");
+    row("the same without its process", "pipewire-pulse", 0, 200, 300, 300, "player");
 }
 
 void PipewireLinksTest::ownerIsTheProgramItself()
@@ -219,10 +226,12 @@ void PipewireLinksTest::ownerIsTheProgramItself()
     QFETCH(qint64, peer);
     QFETCH(qint64, clientSays);
     QFETCH(qint64, nodeSays);
+    QFETCH(QString, program);
     Graph graph;
     graph.clients[2] = Client();
     graph.clients[2]->api = api.toStdString();
     graph.clients[2]->peerProcessId = peer;
+    graph.clients[2]->peerProgram = program.toStdString();
     graph.clients[2]->processId = clientSays;
     Node node = nodeOf("Stream/Output/Audio", 2);
     node.processId = nodeSays;

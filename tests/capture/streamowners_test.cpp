@@ -120,6 +120,7 @@ private Q_SLOTS:
     void windowsUnderAManager();
     void windowTellsNameAndId();
     void serverThatDoesNotKnowProcesses();
+    void whatAWindowSaysOfItsProcessDoesNotCount();
     void noDisplay();
     void deadServer();
     void serverThatHangs();
@@ -219,6 +220,15 @@ void StreamOwnersTest::serverThatDoesNotKnowProcesses()
     QCOMPARE(windowOwner(0), window.pid());
     QVERIFY(window.send("pid 0"));
     QVERIFY(windowowners::find().empty());
+}
+
+void StreamOwnersTest::whatAWindowSaysOfItsProcessDoesNotCount()
+{
+    const Idler other;
+    WindowProcess window;
+    QVERIFY(window.send("pid " + QByteArray::number(other.pid())));
+    QCOMPARE(windowowners::find().size(), std::size_t(1));
+    QCOMPARE(windowOwner(0), window.pid());
 }
 
 void StreamOwnersTest::noDisplay()

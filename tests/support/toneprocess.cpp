@@ -14,14 +14,14 @@ constexpr int endLimitMs = 10'000;
 
 }
 
-ToneProcess::ToneProcess(const QStringList& arguments)
+ToneProcess::ToneProcess(const QStringList& arguments, const QString& executable)
 {
     process_.setChildProcessModifier([parent = ::getpid()] {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (::getppid() != parent)
             ::_exit(1); // the parent was gone before the line above
     });
-    process_.start(program(), arguments);
+    process_.start(executable, arguments);
     QElapsedTimer waited;
     waited.start();
     bool lives = process_.waitForStarted(startLimitMs);

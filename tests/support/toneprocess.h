@@ -13,8 +13,8 @@
 /// constructor returns once audio flows, or with isPlaying() false; errorString() then says why. One thread.
 class ToneProcess {
 public:
-    /// What toneplayer_main.cpp takes.
-    explicit ToneProcess(const QStringList& arguments);
+    /// What toneplayer_main.cpp takes; executable: a copy of the player under another name.
+    explicit ToneProcess(const QStringList& arguments, const QString& executable = program());
     ~ToneProcess();
     ToneProcess(const ToneProcess&) = delete;
     ToneProcess& operator=(const ToneProcess&) = delete;

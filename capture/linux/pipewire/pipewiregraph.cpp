@@ -1,6 +1,10 @@
 // Following the server's registry.
 #include "pipewiregraph.h"
 
+#include "platform/audio.h"
+
+#include <QString>
+
 #include <spa/param/latency-utils.h>
 #include <spa/utils/json.h>
 
@@ -36,6 +40,23 @@ qint64 processId(const spa_dict* properties, const char* key)
     return number<qint64>(properties, key).value_or(0);
 }
 
+constexpr std::string_view pulseApi = "pipewire-pulse";
+
+/// The service is a program of its own, or a part of PipeWire. Where its executable cannot be told, as for a process
+/// with more rights than this one, what it says counts.
+bool isPulseService(const Client& client)
+{
+    const std::string& program = client.peerProgram;
+    return client.api == pulseApi
+        && (client.peerProcessId <= 0 || program.empty() || program == "pipewire" || program == "pipewire-pulse");
+}
+
+std::string programName(qint64 pid)
+{
+    const QString path = pid > 0 ? platform::executablePath(pid) : QString();
+    return path.section(QLatin1Char('/'), -1).toStdString();
+}
+
 constexpr const char* portalId = "pipewire.access.portal.app_id";
 
 Client clientFrom(const spa_dict* properties)
@@ -43,6 +64,8 @@ Client clientFrom(const spa_dict* properties)
     Client client;
     client.api = text(properties, PW_KEY_CLIENT_API);
     client.peerProcessId = processId(properties, PW_KEY_SEC_PID);
+    if (client.api == pulseApi)
+        client.peerProgram = programName(client.peerProcessId);
     client.processId = processId(properties, PW_KEY_APP_PROCESS_ID);
     client.applicationName = text(properties, PW_KEY_APP_NAME);
     client.applicationId = text(properties, PW_KEY_APP_ID);
@@ -96,7 +119,7 @@ qint64 ownerProcess(const Graph& graph, const Node& node)
     const Client* client = clientOf(graph, node);
     if (!client)
         return node.processId;
-    if (client->api == "pipewire-pulse") // the other end is the PulseAudio service, in behalf of the program
+    if (isPulseService(*client))
         return node.processId > 0 ? node.processId : client->processId;
     return client->peerProcessId > 0 ? client->peerProcessId : client->processId;
 }

@@ -19,8 +19,9 @@ namespace pipewire {
 
 /// A program that is connected to the server. Texts that the server does not know are empty, numbers 0.
 struct Client {
-    std::string api; ///< through which it is connected
+    std::string api; ///< through which it is connected, as it says
     qint64 peerProcessId = 0; ///< what the kernel says of the other end of the connection
+    std::string peerProgram; ///< name of the executable there; looked up where it says to be the PulseAudio service
     qint64 processId = 0; ///< what the program says
     std::string applicationName;
     std::string applicationId;
@@ -74,7 +75,8 @@ inline constexpr const char* playbackClass = "Stream/Output/Audio"; ///< of a no
 
 /// Whose node it is; null for the server's own, and while it is not described.
 const Client* clientOf(const Graph& graph, const Node& node);
-/// The process behind a node; 0 when the server does not know.
+/// The process behind a node; 0 when the server does not know. What the kernel says counts before what the program
+/// says. The PulseAudio service speaks for others: it alone is believed, and tells what its own clients tell it.
 qint64 ownerProcess(const Graph& graph, const Node& node);
 /// Everything is known that ownerProcess() needs.
 bool isOwnerKnown(const Graph& graph, const Node& node);

@@ -3,10 +3,8 @@
 
 #include "processancestry.h"
 #include "processtable.h"
+#include "sandboxinfo.h"
 #include "windowowners.h"
-
-#include <QFileInfo>
-#include <QSettings>
 
 #include <algorithm>
 #include <chrono>
@@ -42,10 +40,7 @@ constexpr int windowMemoryPerWait = 10;
 /// The id of the sandbox that a process runs in; empty outside of one.
 QString sandboxId(qint64 pid)
 {
-    const QString path = QStringLiteral("/proc/%1/root/.flatpak-info").arg(pid);
-    if (!QFileInfo(path).isFile()) // what a foreign process put there may be anything
-        return QString();
-    return QSettings(path, QSettings::IniFormat).value(QStringLiteral("Application/name")).toString();
+    return sandboxinfo::applicationId(QStringLiteral("/proc/%1/root").arg(pid));
 }
 
 class SnapshotBuilder {
