@@ -18,16 +18,36 @@ void ForeignClient::sendBytes(quint32 window, const char* bytes)
     synchronise();
 }
 
-void ForeignClient::forEachForeignId(const std::function<void(quint32)>& action)
+std::vector<quint32> ForeignClient::foreignBases()
 {
-    static constexpr quint32 idsTried = 256;
     const x11::Allocated<xcb_res_query_clients_reply_t> clients(
         xcb_res_query_clients_reply(xcb(), xcb_res_query_clients(xcb()), nullptr));
     const quint32 own = xcb_get_setup(xcb())->resource_id_base;
+    std::vector<quint32> bases;
     for (auto client = xcb_res_query_clients_clients_iterator(clients.get()); client.rem;
          xcb_res_client_next(&client)) {
-        for (quint32 i = 0; i < idsTried && client.data->resource_base != own; ++i)
-            action(client.data->resource_base + i);
+        if (client.data->resource_base != own)
+            bases.push_back(client.data->resource_base);
+    }
+    return bases;
+}
+
+void ForeignClient::forEachForeignId(const std::function<void(quint32)>& action)
+{
+    static constexpr quint32 idsTried = 256;
+    for (const quint32 base : foreignBases()) {
+        for (quint32 i = 0; i < idsTried; ++i)
+            action(base + i);
+    }
+    synchronise();
+}
+
+void ForeignClient::endConnections(quint32 window)
+{
+    const quint32 mask = xcb_get_setup(xcb())->resource_id_mask;
+    for (const quint32 base : foreignBases()) {
+        if (base != (window & ~mask))
+            xcb_kill_client(xcb(), base);
     }
     synchronise();
 }

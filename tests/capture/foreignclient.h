@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <functional>
+#include <vector>
 
 /// A client of the default display (DISPLAY), in this process but with a connection of its own. Every call returns
 /// when the server has carried it out.
@@ -31,9 +32,12 @@ public:
     void destroyDamage();
     void detachSegments();
     void freePixmaps();
+    /// Ends the connections of all other clients but the window's.
+    void endConnections(quint32 window);
 
 private:
     void sendBytes(quint32 window, const char* bytes);
+    std::vector<quint32> foreignBases();
     void forEachForeignId(const std::function<void(quint32)>& action);
     void synchronise();
 

@@ -1,10 +1,13 @@
 // Another client of the X server that tries to blind the recording.
 #include "foreignclient.h"
+#include "linux/x11/x11windowimages.h"
+#include "logcapture.h"
 #include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QTest>
 
+#include <chrono>
 #include <memory>
 #include <utility>
 
@@ -26,8 +29,11 @@ private Q_SLOTS:
     void forgedEventsReadNothing();
     void destroyedDamage();
     void damageDestroyedAgainAndAgain();
+    void resizedThereAndBackWithoutDamage();
     void detachedSegment();
     void freedPixmaps();
+    void endedConnection();
+    void idOfAnotherProgramAfterwards();
 
 private:
     std::unique_ptr<DisplayForTest> display_;
@@ -107,6 +113,20 @@ void X11AttacksTest::damageDestroyedAgainAndAgain()
     }
 }
 
+/// The background has come back with the other size, and nothing else tells.
+void X11AttacksTest::resizedThereAndBackWithoutDamage()
+{
+    WindowProcess window({.pixel = blue});
+    x11::WindowImages source(window.id(), [] { return std::chrono::steady_clock::time_point(); });
+    QVERIFY(window.send("fill ff00ff00 0 0 320 240"));
+    QVERIFY(isFilled(source.image(), green));
+    ForeignClient().destroyDamage();
+    while (source.image().cacheKey() != source.image().cacheKey()) { } // until what was reported before is read
+    QVERIFY(window.send("resize 321 240") && window.send("resize 320 240"));
+    QVERIFY(!isFilled(source.image(), green));
+    QTRY_VERIFY(isFilled(source.image(), blue));
+}
+
 void X11AttacksTest::detachedSegment()
 {
     WindowProcess window({.pixel = blue});
@@ -131,6 +151,44 @@ void X11AttacksTest::freedPixmaps()
     QVERIFY(isFilled(source.image(), blue));
     QVERIFY(window.send("background ff00ff00"));
     QVERIFY(isFilled(source.image(), green));
+}
+
+void X11AttacksTest::endedConnection()
+{
+    LogCapture log;
+    WindowProcess window({.pixel = blue});
+    WindowSource source(window.id());
+    QVERIFY(isFilled(source.image(), blue));
+    for (quint32 i = 1; i <= 3; ++i) {
+        ForeignClient().endConnections(window.id());
+        QTRY_VERIFY(isFilled(source.image(), blue));
+        QVERIFY(source.pointerLocation().has_value());
+    }
+    QVERIFY(window.send("background ff00ff00"));
+    QVERIFY(isFilled(source.image(), green));
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList(
+            QStringLiteral("Connection to the X server was ended from outside; connecting again. Told once.")));
+}
+
+/// Its window is not the one that is recorded.
+void X11AttacksTest::idOfAnotherProgramAfterwards()
+{
+    auto window = std::make_unique<WindowProcess>(WindowStart{.pixel = blue});
+    const quint32 id = window->id();
+    std::chrono::steady_clock::time_point now;
+    x11::WindowImages source(id, [&now] { return now; });
+    QVERIFY(isFilled(source.image(), blue));
+    ForeignClient().endConnections(id);
+    window->kill();
+    window = std::make_unique<WindowProcess>(WindowStart{.pixel = green});
+    for (int i = 0; window->id() != id && i < 20; ++i) // the server gives ids away in turn
+        window = std::make_unique<WindowProcess>(WindowStart{.pixel = green});
+    QCOMPARE(window->id(), id);
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(source.image().isNull());
+        now += x11::WindowImages::checkInterval;
+    }
 }
 
 ORVANTIS_TEST(X11AttacksTest)

@@ -79,11 +79,9 @@ void X11WindowEventsTest::ownEvents()
     configure.y = 8;
     configure.width = 300;
     configure.height = 200;
-    configure.border_width = 5;
     const auto configured = tell(configure);
     QCOMPARE(configured->kind, Kind::Configured);
     QCOMPARE(configured->area, QRect(-7, 8, 300, 200));
-    QCOMPARE(configured->border, 5);
 
     auto report = damage(own, watched.damage);
     QCOMPARE(tell(report)->kind, Kind::Damaged);

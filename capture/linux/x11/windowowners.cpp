@@ -1,12 +1,11 @@
 // Who owns windows on the display.
 #include "windowowners.h"
 
+#include "clientprocess.h"
 #include "x11connection.h"
 
 #include <QByteArray>
 #include <QList>
-
-#include <xcb/res.h>
 
 #include <algorithm>
 #include <deque>
@@ -119,32 +118,6 @@ std::vector<xcb_window_t> shownWindows(DisplayConnection& connection, xcb_window
     return windows;
 }
 
-/// The X server knows the process at the other end of a local connection; for others the window's own claim is read.
-bool knowsProcesses(DisplayConnection& connection)
-{
-    xcb_prefetch_extension_data(connection.xcb(), &xcb_res_id);
-    if (!connection.synchronise())
-        return false;
-    const xcb_query_extension_reply_t* data = xcb_get_extension_data(connection.xcb(), &xcb_res_id);
-    if (!data || !data->present)
-        return false;
-    Request<xcb_res_query_version_reply_t> request(connection, xcb_res_query_version(connection.xcb(), 1, 2));
-    const auto version = request.reply();
-    return version && (version->server_major > 1 || (version->server_major == 1 && version->server_minor >= 2));
-}
-
-qint64 localProcess(const xcb_res_query_client_ids_reply_t* reply)
-{
-    if (!reply)
-        return 0;
-    for (auto id = xcb_res_query_client_ids_ids_iterator(reply); id.rem > 0; xcb_res_client_id_value_next(&id)) {
-        if ((id.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID)
-            && xcb_res_client_id_value_value_length(id.data) > 0)
-            return *xcb_res_client_id_value_value(id.data);
-    }
-    return 0;
-}
-
 /// What is asked about one window.
 struct OwnerQuery {
     OwnerQuery(DisplayConnection& connection, xcb_window_t window, const Atoms& atoms, bool askServer)
@@ -152,9 +125,8 @@ struct OwnerQuery {
           applicationId(connection, getProperty(connection, window, atoms.applicationId, atoms.utf8, textWords)),
           claimedPid(connection, getProperty(connection, window, atoms.processId, XCB_ATOM_CARDINAL, 1))
     {
-        const xcb_res_client_id_spec_t spec{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
         if (askServer)
-            client.emplace(connection, xcb_res_query_client_ids(connection.xcb(), 1, &spec));
+            client.emplace(connection, x11::askClientProcess(connection, window));
     }
 
     Property classes;
@@ -167,7 +139,7 @@ Owner readOwner(OwnerQuery& query)
 {
     Owner owner;
     const std::vector<quint32> claimedPid = values(query.claimedPid.reply().get());
-    owner.processId = query.client ? localProcess(query.client->reply().get()) : 0;
+    owner.processId = query.client ? x11::clientProcess(query.client->reply().get()) : 0;
     if (owner.processId == 0 && !claimedPid.empty())
         owner.processId = claimedPid[0];
     // Instance, then class, each with a zero byte behind it.
@@ -198,7 +170,7 @@ std::vector<Owner> find()
     if (!connection)
         return {};
     const Atoms atoms = findAtoms(*connection);
-    const bool askServer = knowsProcesses(*connection);
+    const bool askServer = x11::knowsClientProcesses(*connection);
     std::vector<Owner> owners;
     for (auto screen = xcb_setup_roots_iterator(xcb_get_setup(connection->xcb())); screen.rem > 0;
          xcb_screen_next(&screen)) {

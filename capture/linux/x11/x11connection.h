@@ -45,6 +45,10 @@ public:
     const Extensions& extensions() const { return extensions_; }
     /// The server is on this machine, behind a Unix socket.
     bool isLocal() const { return line_->isLocal(); }
+    /// The process that serves the display on this machine; 0 when it is unknown.
+    qint64 serverProcess() const { return line_->serverProcess(); }
+    /// The server has ended the connection: it died, or another client had it ended.
+    bool isLost() const { return xcb_connection_has_error(xcb()); }
 
     /// Whether the server answered last time; stays false once the connection is lost.
     bool isResponsive() const { return !overdue_ && !xcb_connection_has_error(xcb()); }

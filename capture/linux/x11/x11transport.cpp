@@ -107,6 +107,13 @@ bool Transport::isLocal() const
         && peer.ss_family == AF_UNIX;
 }
 
+qint64 Transport::serverProcess() const
+{
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    return isLocal() && ::getsockopt(server_.number(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
 bool Transport::wait(QDeadlineTimer deadline) const
 {
     const short events = requests_.empty() ? POLLIN : POLLIN | POLLOUT;

@@ -42,6 +42,8 @@ public:
 
     /// The server is on this machine, behind a Unix socket.
     bool isLocal() const;
+    /// The process at the other end; 0 when it is unknown.
+    qint64 serverProcess() const;
 
     /// Passes on what libxcb has written, and receives what the server has sent. What cannot be passed on yet is
     /// kept.

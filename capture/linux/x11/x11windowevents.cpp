@@ -48,7 +48,6 @@ std::optional<WindowEvent> configureEvent(const xcb_configure_notify_event_t& ev
     WindowEvent own;
     own.kind = WindowEvent::Kind::Configured;
     own.area = QRect(event.x, event.y, event.width, event.height);
-    own.border = event.border_width;
     return own;
 }
 

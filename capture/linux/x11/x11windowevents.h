@@ -28,7 +28,6 @@ struct WindowEvent {
 
     Kind kind = Kind::Damaged;
     QRect area; ///< Damaged: what was drawn on; Configured: position in the parent, and size without the border
-    int border = 0; ///< Configured: width in pixels
     bool more = false; ///< Damaged: another area of the same report follows
 };
 

@@ -6,6 +6,9 @@
 // the old pixels after the window was resized, or after it or one of its parents was mapped again.
 #include "x11windowimages.h"
 
+#include "clientprocess.h"
+
+#include <QDebug>
 #include <QPainter>
 
 #include <string_view>
@@ -54,11 +57,51 @@ void blank(QImage& image, const QRegion& area)
 
 }
 
-WindowImages::WindowImages(quint32 windowId, Now now) : now_(std::move(now)), connection_(DisplayConnection::open())
+WindowImages::WindowImages(quint32 windowId, Now now) : now_(std::move(now))
 {
     watched_.window = windowId;
-    if (!connection_ || !connection_->extensions().composite || !watchWindow())
+    if (!connect())
         endCapture();
+    else
+        origin_ = findOrigin();
+}
+
+bool WindowImages::connect()
+{
+    connection_ = DisplayConnection::open();
+    return connection_ && connection_->extensions().composite && watchWindow();
+}
+
+WindowImages::Origin WindowImages::findOrigin()
+{
+    Origin origin;
+    origin.server = connection_->serverProcess();
+    if (knowsClientProcesses(*connection_)) {
+        Request<xcb_res_query_client_ids_reply_t> request(
+            *connection_, askClientProcess(*connection_, watched_.window));
+        origin.client = clientProcess(request.reply().get());
+    }
+    return origin;
+}
+
+/// Any client can have the connection of another one ended. At once when that happens; when it fails, now and then.
+/// It has to be the same server and the same program: another one's window may have the id by now.
+void WindowImages::reconnect()
+{
+    if (failedAt_ && now_() - *failedAt_ < checkInterval)
+        return;
+    if (connection_ && !std::exchange(cutLogged_, true))
+        qWarning() << "Connection to the X server was ended from outside; connecting again. Told once.";
+    reader_.reset();
+    connection_.reset();
+    shown_.reset();
+    changed_ = true;
+    failedAt_.reset();
+    if (connect() && findOrigin() == origin_)
+        return;
+    failedAt_ = now_();
+    reader_.reset();
+    connection_.reset();
 }
 
 /// The window stays redirected from here on. Directly after the redirection its covered parts hold nothing but
@@ -118,6 +161,9 @@ void WindowImages::takeFirstReports()
 QImage WindowImages::image()
 {
     static constexpr int attempts = 3; // a window that is being resized can change between the two round trips
+    const bool isLost = !connection_ || connection_->isLost();
+    if (isLost && !ended_ && origin_.server != 0 && origin_.client != 0)
+        reconnect();
     for (int attempt = 0; attempt < attempts && connection_ && connection_->recover(); ++attempt) {
         const std::optional<Placement> now = placement();
         if (!now)
@@ -224,13 +270,11 @@ void WindowImages::handleEvent(const WindowEvent& event)
     }
 }
 
-/// A move does not change the pixels. A new size does, also when the old size is back before the next image.
+/// A move does not change the pixels. A new size does, also when the old size is back before the next image: then
+/// they are not painted.
 void WindowImages::handleConfigure(const WindowEvent& event)
 {
-    const QSize size = event.area.size();
-    if (shown_ && (size != shown_->placement.size || event.border != shown_->placement.border))
-        changed_ = true;
-    if (size != unpainted_.size())
+    if (event.area.size() != unpainted_.size())
         ++pixmapsSeen_;
     unpainted_.configure(event.area, keepsPixels_, now_());
 }
@@ -322,6 +366,7 @@ void WindowImages::renewDamage()
 
 void WindowImages::endCapture()
 {
+    ended_ = true;
     reader_.reset();
     connection_.reset();
 }

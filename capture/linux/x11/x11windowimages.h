@@ -40,7 +40,8 @@ struct Placement {
 
 /**
  * What platform::WindowSource promises, and in the same way to be used. Other clients of the server are not trusted:
- * only events of the server's own count, and what they destroy of ours is noticed and made anew.
+ * only events of the server's own count, and what they destroy of ours, the connection included, is noticed and made
+ * anew.
  */
 class WindowImages {
 public:
@@ -63,6 +64,16 @@ private:
         QRegion blank; // of the window; not painted yet, and so not shown
     };
 
+    /// Who serves the display, and whose window it is. Process ids; 0 where they are unknown.
+    struct Origin {
+        qint64 server = 0;
+        qint64 client = 0;
+        bool operator==(const Origin&) const = default;
+    };
+
+    bool connect();
+    void reconnect();
+    Origin findOrigin();
     bool watchWindow();
     void takeFirstReports();
     std::optional<Placement> placement();
@@ -78,7 +89,7 @@ private:
     void endCapture();
 
     const Now now_;
-    std::unique_ptr<DisplayConnection> connection_; // null: there are no more images
+    std::unique_ptr<DisplayConnection> connection_; // null: there are no images, and no more once ended_
     std::unique_ptr<PixelReader> reader_; // uses connection_; made and ended with it
     WatchedWindow watched_;
     xcb_window_t root_ = XCB_NONE; // of the window's screen
@@ -88,6 +99,10 @@ private:
     bool keepsPixels_ = false; // the window does, when its size changes
     bool changed_ = true; // since shown_ was read
     bool gone_ = false;
+    bool ended_ = false;
+    bool cutLogged_ = false;
+    Origin origin_;
+    std::optional<Clock::time_point> failedAt_; // to connect again, last
     int pixmapsSeen_ = 0; // grows when the window may have been given a new pixmap
     UnpaintedArea unpainted_;
     ShadowLog shadowLog_;
