@@ -287,7 +287,8 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
             qWarning() << receiveError << avErrorString(status);
             return false;
         }
-        status = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, writtenBytes);
+        status
+            = writePacket(*packet, *audioCodecContext, *formatContext, *audioStream, missingDuration, writtenBytes);
         if (status < 0) {
             qWarning() << writeError << avErrorString(status);
             return false;

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@ bool descriptorsFail = false;
 bool systemVFails = false;
 int descriptorsMade = 0;
 int systemVAsked = 0;
+std::optional<qint64> availableMemory; ///< as the system tells, unless set
 
 /// System V segments that this process has made and that are still there.
 int ownSystemVSegments()
@@ -51,6 +53,14 @@ extern "C" int __wrap_memfd_create(const char* name, unsigned flags)
     return __real_memfd_create(name, flags);
 }
 
+// Of platform::availableMemory().
+extern "C" std::optional<qint64> __real__ZN8platform15availableMemoryEv();
+
+extern "C" std::optional<qint64> __wrap__ZN8platform15availableMemoryEv()
+{
+    return availableMemory ? availableMemory : __real__ZN8platform15availableMemoryEv();
+}
+
 extern "C" int __wrap_shmget(key_t key, size_t size, int flags)
 {
     ++systemVAsked;
@@ -71,6 +81,7 @@ private Q_SLOTS:
     void segmentGrowsWithTheWindow();
     void systemVComesSecond();
     void socketComesLast();
+    void windowThatDoesNotFitIntoMemory();
 
 private:
     std::unique_ptr<DisplayForTest> display_;
@@ -88,6 +99,7 @@ void X11SharedMemoryTest::init()
     systemVFails = false;
     descriptorsMade = 0;
     systemVAsked = 0;
+    availableMemory.reset();
 }
 
 void X11SharedMemoryTest::descriptorsComeFirst()
@@ -147,6 +159,26 @@ void X11SharedMemoryTest::socketComesLast()
     QVERIFY(window.send("resize 1000 1000"));
     QVERIFY(isFilled(source.image(), green));
     QCOMPARE(systemVAsked, 1); // what failed is not tried again
+}
+
+/// A window can be made so large that its images would take the memory of everybody. There is no image of it then,
+/// and there is one again when it is small, or when there is room.
+void X11SharedMemoryTest::windowThatDoesNotFitIntoMemory()
+{
+    WindowProcess window({.pixel = blue});
+    WindowSource source(window.id());
+    availableMemory = qint64(100) << 20;
+    QVERIFY(isFilled(source.image(), blue));
+    QVERIFY(window.send("resize 4000 2200")); // 34 MiB, four times
+    QVERIFY(source.image().isNull());
+    QVERIFY(window.send("resize 100 100"));
+    QVERIFY(isFilled(source.image(), blue));
+    QVERIFY(window.send("resize 4000 2200"));
+    availableMemory = qint64(200) << 20;
+    QVERIFY(isFilled(source.image(), blue));
+    availableMemory = 0; // what is there is used again
+    QVERIFY(window.send("background ff00ff00"));
+    QVERIFY(isFilled(source.image(), green));
 }
 
 ORVANTIS_TEST(X11SharedMemoryTest)

@@ -9,7 +9,8 @@
 
 /// An Xvfb on a free display, ready when the constructor returns and gone when the object is. It ends with
 /// its parent too, even when that is killed: make it on a thread that outlives it (the kernel watches the
-/// thread). It takes only clients with the cookie of xauthority.h. When the server cannot be had, isRunning() is false and errorString() says why.
+/// thread). It takes only clients with the cookie of xauthority.h. When the server cannot be had, isRunning() is
+/// false and errorString() says why.
 class PrivateXServer {
 public:
     /// Screen size in pixels, depth in bits; extraArguments follow the standard ones.

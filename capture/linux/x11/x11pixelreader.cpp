@@ -1,8 +1,11 @@
 // Reading through shared memory, or through the socket where there is none.
 #include "x11pixelreader.h"
 
+#include "platform/application.h"
+
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 namespace x11 {
 
@@ -10,6 +13,19 @@ namespace {
 
 /// No larger area is read: 16384 x 16384 pixels. A window can be 65535 pixels wide and high.
 constexpr qsizetype largestByteCount = qsizetype(1) << 30;
+
+/// Windows below this size, in bytes, are not worth the question for the memory that is there.
+constexpr size_t smallByteCount = size_t(32) << 20;
+
+/// Whether as much memory can be taken four times: for the reader, for the image, for the one that is recorded
+/// meanwhile, and for all others.
+bool fitsIntoMemory(size_t size)
+{
+    if (size <= smallByteCount)
+        return true;
+    const std::optional<qint64> available = platform::availableMemory();
+    return !available || qint64(size) <= *available / 4;
+}
 
 /// Pixels per answer when reading through the socket; an answer has to fit into the socket whole (see Transport).
 constexpr qsizetype tileByteCount = 64 * 1024;
@@ -32,6 +48,8 @@ const uchar* PixelReader::read(xcb_drawable_t drawable, const QRect& area, const
     if (area.isEmpty() || layout.bytesPerLine(area.width()) > largestByteCount / area.height())
         return nullptr;
     const size_t size = size_t(layout.byteCount(area.size()));
+    if (size > std::max(bufferSize_, segment_ ? segment_->size() : 0) && !fitsIntoMemory(size))
+        return nullptr;
     while (way_ != Way::Plain) {
         if (ensureSegment(size)) {
             const uchar* pixels = readShared(drawable, area);

@@ -15,8 +15,8 @@ public:
     explicit PixelReader(DisplayConnection& connection);
 
     /// The pixels of an area of a drawable, laid out as the layout says; they stay as they are until the next call.
-    /// Null when the area is not all inside the drawable, when there is no memory for it, or when the server does not
-    /// answer.
+    /// Null when the area is not all inside the drawable, when it would take most of the memory that is there (1 GiB
+    /// at most in any case), or when the server does not answer.
     const uchar* read(xcb_drawable_t drawable, const QRect& area, const PixelLayout& layout);
 
 private:
