@@ -38,24 +38,14 @@ void GstRecorder::connectControlSocket()
 {
     controlSocket = new QLocalSocket(this);
     controlSocket->setReadBufferSize(linesplitter::longestLine);
-    bool foreignServerLogged = false;
-    for (int attempt = 0; attempt < connectAttempts; ++attempt) {
-        QElapsedTimer attemptTime;
-        attemptTime.start();
-        controlSocket->abort();
-        controlSocket->connectToServer(serverName, QIODevice::ReadWrite);
-        if (controlSocket->waitForConnected(attemptMs)) {
-            if (serverIsOurs())
-                break;
-            controlSocket->abort();
-            if (!foreignServerLogged)
-                qWarning() << "Browser recorder control socket belongs to another user; not obeying it.";
-            foreignServerLogged = true;
-        }
-        QThread::msleep(ulong(std::max<qint64>(attemptMs - attemptTime.elapsed(), 0)));
-    }
-    if (controlSocket->state() != QLocalSocket::ConnectedState)
+    const bool connected = findLauncher();
+    if (!connected) {
         qWarning() << "Unable to connect to browser recorder control socket:" << controlSocket->errorString();
+        // The last attempt can still be under way. Nobody would ask whose server completes it.
+        controlSocket->abort();
+        controlSocket->close();
+    }
+    // Only now, so that no byte of a server is read before it is known whose it is.
     connect(controlSocket, SIGNAL(readyRead()), this, SLOT(proceessData()), Qt::DirectConnection);
     if (!endsWithLauncher())
         return;
@@ -68,10 +58,32 @@ void GstRecorder::connectControlSocket()
             QCoreApplication::exit(launcherGoneExitCode);
         });
     };
-    if (controlSocket->state() == QLocalSocket::ConnectedState)
+    if (connected)
         connect(controlSocket, &QLocalSocket::disconnected, this, endSoon);
     else
         endSoon();
+}
+
+/// True when the control socket is connected to a server that may be obeyed.
+bool GstRecorder::findLauncher()
+{
+    bool foreignServerLogged = false;
+    for (int attempt = 0; attempt < connectAttempts; ++attempt) {
+        QElapsedTimer attemptTime;
+        attemptTime.start();
+        controlSocket->abort();
+        controlSocket->connectToServer(serverName, QIODevice::ReadWrite);
+        if (controlSocket->waitForConnected(attemptMs)) {
+            if (serverIsOurs())
+                return true;
+            controlSocket->abort();
+            if (!foreignServerLogged)
+                qWarning() << "Browser recorder control socket belongs to another user; not obeying it.";
+            foreignServerLogged = true;
+        }
+        QThread::msleep(ulong(std::max<qint64>(attemptMs - attemptTime.elapsed(), 0)));
+    }
+    return false;
 }
 
 bool GstRecorder::serverIsOurs()

@@ -124,6 +124,7 @@ private:
     friend struct RecorderProbe; // tests look inside
 
     void connectControlSocket();
+    bool findLauncher();
     bool serverIsOurs();
     void handleControlLine(const QByteArray& line);
     void handleClickLine(const QByteArray& line);

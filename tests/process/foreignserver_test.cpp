@@ -1,4 +1,5 @@
 // A control socket that belongs to another user is not obeyed, unless that is root. To have another user takes root.
+#include "fullbacklog.h"
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
@@ -35,6 +36,7 @@ class ForeignServerTest : public QObject {
 
 private Q_SLOTS:
     void notObeyed();
+    void notObeyedWhenItAcceptsLate();
     void rootIsObeyed();
 };
 
@@ -69,6 +71,33 @@ void ForeignServerTest::notObeyed()
     QVERIFY(scene->recorder.waitForEnd());
     QCOMPARE(scene->recorder.exitCode(), 143);
     QVERIFY2(playBack(scene->command.output).isWhole(), playBack(scene->command.output).description());
+}
+
+/// Its queue is full while the recorder tries to connect, and has room when nobody looks any more.
+void ForeignServerTest::notObeyedWhenItAcceptsLate()
+{
+    PrivateXServer server;
+    QVERIFY2(server.isRunning(), qPrintable(server.errorString()));
+    TruthWindowProcess window(server.display());
+    RecordingScene scene(server.display(), window.id());
+    FullBacklog planted(
+        QFile::encodeName(scene.directory.filePath(QStringLiteral("orvantis-recorder"))), anotherUser);
+    QVERIFY2(planted.isFull(), "this test has to be run by root");
+    QVERIFY(scene.recorder.start(scene.command.arguments()));
+    QVERIFY2(
+        scene.waitForLine(QStringLiteral("Unable to connect to browser recorder control socket:")), scene.story());
+
+    const auto isReady = [&] {
+        planted.acceptAll("click|1|2|0.5|0.5\n{\"action\":\"exit\"}\n{\"action\":\"stop\"}\n");
+        return countLines(scene.log(), QStringLiteral("sending frame come")) == 1;
+    };
+    QVERIFY2(QTest::qWaitFor(isReady, hangLimitMs), scene.story());
+    QCOMPARE(planted.strangers(), 0);
+    QCOMPARE(countLines(scene.log(), QStringLiteral("Recorder mouse click received")), 0);
+    scene.recorder.send(SIGTERM);
+    QVERIFY(scene.recorder.waitForEnd());
+    QCOMPARE(scene.recorder.exitCode(), 143);
+    QVERIFY2(playBack(scene.command.output).isWhole(), playBack(scene.command.output).description());
 }
 
 /// A launcher that runs as root, and a recorder in the session of somebody else.

@@ -1,4 +1,5 @@
 // How the recorder finds its launcher: absent, late, of another user.
+#include "fullbacklog.h"
 #include "privatetempdir.h"
 #include "recorderbench.h"
 #include "testregistry.h"
@@ -16,6 +17,7 @@ private Q_SLOTS:
     void absentLauncher();
     void lateLauncherIsMet();
     void serverOfAnotherUserIsNotObeyed();
+    void connectionAfterTheAttemptsIsNotObeyed();
 
 private:
     PrivateTempDir directory_;
@@ -122,6 +124,31 @@ void ControlConnectTest::serverOfAnotherUserIsNotObeyed()
     recorder->stop();
     QVERIFY(!bench.launcher.waitForReceived(1, 150));
     QCOMPARE(bench.launcher.received(), QByteArray());
+}
+
+/// The last attempt is still under way when the attempts are over, and nobody would look at who completes it.
+void ControlConnectTest::connectionAfterTheAttemptsIsNotObeyed()
+{
+    fakeplatform::state().peerUserId = 4711;
+    FullBacklog planted(QFile::encodeName(directory_.filePath(QStringLiteral("orvantis-recorder"))));
+    QVERIFY(planted.isFull());
+    LogCapture log;
+    RecorderArguments arguments;
+    arguments.window = QStringLiteral("0");
+    const std::unique_ptr<GstRecorder> recorder = makeRecorder(arguments);
+    RecorderProbe probe(*recorder);
+    probe.waitForWorker();
+    QCOMPARE(log.countStartingWith(QStringLiteral("Unable to connect to browser recorder control socket:")), 1);
+    QCOMPARE(probe.controlSocket()->state(), QLocalSocket::LocalSocketState::UnconnectedState);
+
+    constexpr int lateMs = 500;
+    const auto comesLate = [&] {
+        planted.acceptAll("click|1|2|0.5|0.5\n{\"action\":\"pause\"}\n");
+        return planted.strangers() > 0;
+    };
+    QVERIFY(!QTest::qWaitFor(comesLate, lateMs));
+    QVERIFY(!probe.paused().load());
+    QVERIFY(probe.clicks().isEmpty());
 }
 
 ORVANTIS_TEST(ControlConnectTest)
