@@ -34,7 +34,7 @@ GstRecorder* makeRecorder(char** argv)
         argument(argv, 10), nullptr);
 }
 
-int record(QGuiApplication& application, int argc, char** argv)
+int record(QGuiApplication& application, int argc, char** argv, const QStringList& refusedPlugIns)
 {
     // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
     SignalNotifier::ignore(SIGPIPE);
@@ -45,6 +45,7 @@ int record(QGuiApplication& application, int argc, char** argv)
     else
         startup::startLoggingWithoutFile();
     startup::logIdentity(argc, argv);
+    startup::logRefusedPlugIns(refusedPlugIns);
     if (argc < neededArgumentCount) {
         qDebug() << "invalid param count";
         std::fputs(usageText.constData(), stdout);
@@ -73,7 +74,7 @@ int main(int argc, char** argv)
     standardstreams::openMissing();
     standardstreams::keepErrorOutputFromBlocking();
     startup::keepEveryLogLine();
-    startup::extendPluginPath(argv[0]);
+    const QStringList refusedPlugIns = startup::extendPluginPath(argv[0]) + startup::leaveOutSharedDirectory();
     platform::chooseGuiPlatform();
     QGuiApplication application(argc, argv);
     platform::becomeAccessory();
@@ -81,5 +82,5 @@ int main(int argc, char** argv)
 
     if (QCoreApplication::arguments().contains(QLatin1String("--request-permissions")))
         return startup::requestPermissions();
-    return record(application, argc, argv);
+    return record(application, argc, argv, refusedPlugIns);
 }

@@ -6,10 +6,12 @@
 #include "platform/screen.h"
 #include "stderrlines.h"
 #include "timestamp.h"
+#include "trustedplace.h"
 
 #include <QCoreApplication>
 #include <QDebug>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QLoggingCategory>
 
@@ -21,6 +23,13 @@ namespace {
 QString macMainBundleString(const char* selectorName)
 {
     return platform::mainBundleString(selectorName);
+}
+
+/// Of this process, whatever it was called by; where it cannot be told, empty.
+QString executablePath()
+{
+    const QString linked = QFile::symLinkTarget(QStringLiteral("/proc/self/exe"));
+    return linked.isEmpty() ? platform::mainBundleString("executablePath") : linked;
 }
 
 }
@@ -43,16 +52,45 @@ void startup::keepEveryLogLine()
     });
 }
 
-void startup::extendPluginPath(const char* executable)
+QStringList startup::extendPluginPath(const char* executable)
 {
+    QStringList refused;
     const QDir executableDir(QFileInfo(QString::fromLocal8Bit(executable)).absolutePath());
-    QString plugIns = executableDir.absoluteFilePath(QStringLiteral("../PlugIns"));
-    if (!QFileInfo::exists(plugIns))
-        plugIns = executableDir.absoluteFilePath(QStringLiteral("../../../../PlugIns"));
-    if (!QFileInfo::exists(plugIns))
-        return;
+    for (const auto* const place : {"../PlugIns", "../../../../PlugIns"}) {
+        const QString plugIns = executableDir.absoluteFilePath(QLatin1String(place));
+        if (!QFileInfo::exists(plugIns))
+            continue;
+        if (trustedplace::isPlugInDirectory(QFile::encodeName(plugIns), platform::administratorsGroup())) {
+            const QByteArray before = qgetenv("QT_PLUGIN_PATH");
+            qputenv("QT_PLUGIN_PATH", before.isEmpty() ? plugIns.toUtf8() : plugIns.toUtf8() + ':' + before);
+            break;
+        }
+        refused.append(plugIns);
+    }
+    return refused;
+}
+
+// The application object adds the directory. It repeats what was done to its paths before: what is removed while it
+// is there for another reason stays removed.
+QStringList startup::leaveOutSharedDirectory()
+{
+    const QString directory = QFileInfo(executablePath()).absolutePath();
+    if (!trustedplace::isShared(QFile::encodeName(directory)))
+        return QStringList();
     const QByteArray before = qgetenv("QT_PLUGIN_PATH");
-    qputenv("QT_PLUGIN_PATH", before.isEmpty() ? plugIns.toUtf8() : plugIns.toUtf8() + ':' + before);
+    qputenv("QT_PLUGIN_PATH", QFile::encodeName(directory));
+    QCoreApplication::removeLibraryPath(directory);
+    if (before.isEmpty())
+        qunsetenv("QT_PLUGIN_PATH");
+    else
+        qputenv("QT_PLUGIN_PATH", before);
+    return {directory};
+}
+
+void startup::logRefusedPlugIns(const QStringList& directories)
+{
+    for (const QString& directory : directories)
+        qWarning() << "Plug-ins are not loaded from a place that other users can change:" << directory;
 }
 
 QString startup::logFilePath(const char* directory)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace startup {
 
@@ -12,8 +13,13 @@ void keepEveryLogLine();
 
 /// Puts the application's own plug-in directory ("../PlugIns" beside the executable's directory, else
 /// "../../../../PlugIns" for an executable deeper in a bundle) in front of QT_PLUGIN_PATH; leaves the
-/// variable alone when neither exists. Before the application object exists.
-void extendPluginPath(const char* executable);
+/// variable alone when neither exists. One that another user can change does not count. Before the application object
+/// exists. Returns those that did not count.
+QStringList extendPluginPath(const char* executable);
+
+/// Qt also searches the directory that the executable lies in. When that is everybody's, as /tmp, it does so no more:
+/// returned are the directories that are left out. Before the application object exists, behind extendPluginPath().
+QStringList leaveOutSharedDirectory();
 
 /// The name of this run's log file in a directory (argument 1, UTF-8; may be null for a missing argument).
 QString logFilePath(const char* directory);
@@ -28,6 +34,9 @@ void startLoggingWithoutFile();
 /// Logs the arguments, the process identity, the environment and the library paths. A line feed in an argument is
 /// shown as "\n": it must not look like a line of the log.
 void logIdentity(int argc, char** argv);
+
+/// Logs the places that plug-ins are not loaded from, if there are any.
+void logRefusedPlugIns(const QStringList& directories);
 
 /// Checks, and if need be requests, the screen-recording permission; the exit code of permission mode: 0 when
 /// it is held, 2 when not.

@@ -39,4 +39,9 @@ quint32 ownUserId()
     return ::geteuid();
 }
 
+std::optional<quint32> administratorsGroup()
+{
+    return std::nullopt;
+}
+
 }

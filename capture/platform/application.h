@@ -29,4 +29,7 @@ quint32 ownUserId();
 /// others suffer; nothing when the system does not tell. Any thread; takes well below a millisecond.
 std::optional<qint64> availableMemory();
 
+/// The group whose members administer the machine, and so can become root, where the system has one by its number.
+std::optional<quint32> administratorsGroup();
+
 }

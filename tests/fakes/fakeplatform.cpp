@@ -106,4 +106,9 @@ std::optional<qint64> availableMemory()
     return state().availableMemory;
 }
 
+std::optional<quint32> administratorsGroup()
+{
+    return state().administratorsGroup;
+}
+
 }

@@ -30,6 +30,7 @@ struct State {
     std::optional<quint32> peerUserId = 1000;
     quint32 ownUserId = 1000;
     std::optional<qint64> availableMemory;
+    std::optional<quint32> administratorsGroup;
 };
 
 State& state();

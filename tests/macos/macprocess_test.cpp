@@ -65,6 +65,7 @@ private Q_SLOTS:
     void processStaysInTheBackground();
     void peerOfALocalSocketIsKnown();
     void whatHasNoPeerHasNoUser();
+    void administratorsMayWriteApplications();
 
 private:
     std::optional<MacBench> bench_;
@@ -302,6 +303,11 @@ void MacProcessTest::whatHasNoPeerHasNoUser()
     QCOMPARE(platform::peerUserId(file), std::nullopt);
     ::close(file);
     QCOMPARE(platform::peerUserId(-1), std::nullopt);
+}
+
+void MacProcessTest::administratorsMayWriteApplications()
+{
+    QCOMPARE(platform::administratorsGroup(), std::optional<quint32>(80));
 }
 
 ORVANTIS_TEST(MacProcessTest)

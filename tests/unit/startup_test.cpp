@@ -12,6 +12,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QTest>
@@ -49,6 +50,7 @@ private Q_SLOTS:
     void nearerPluginDirectoryWins();
     void oldPluginPathComesAfterAColon();
     void withoutPluginDirectoryNothingChanges();
+    void pluginDirectoryThatOthersCanChangeDoesNotCount();
     void pluginDirectoryOfARelativeExecutable();
     void pluginPathIsUtf8();
 
@@ -149,6 +151,34 @@ void StartupTest::withoutPluginDirectoryNothingChanges()
     startup::extendPluginPath(executable.constData());
     QCOMPARE(qgetenv("QT_PLUGIN_PATH"), QByteArray("/opt/plugins"));
     QCOMPARE(log.messages(), QStringList());
+}
+
+void StartupTest::pluginDirectoryThatOthersCanChangeDoesNotCount()
+{
+    const QString near = makeDirectory(QStringLiteral("a/b/c/PlugIns"));
+    const QString executables = makeDirectory(QStringLiteral("a/b/c/d"));
+    const QByteArray executable = QFile::encodeName(executables + QStringLiteral("/recorder"));
+    const auto own = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+    QVERIFY(QFile::setPermissions(near, own | QFile::WriteOther));
+    const QStringList refused{executables + QStringLiteral("/../PlugIns")};
+    QCOMPARE(startup::extendPluginPath(executable.constData()), refused);
+    QVERIFY(!qEnvironmentVariableIsSet("QT_PLUGIN_PATH"));
+
+    // The other place then counts as if there was none here.
+    makeDirectory(QStringLiteral("PlugIns"));
+    QCOMPARE(startup::extendPluginPath(executable.constData()), refused);
+    QCOMPARE(qgetenv("QT_PLUGIN_PATH"), (executables + QStringLiteral("/../../../../PlugIns")).toUtf8());
+
+    const LogCapture log;
+    startup::logRefusedPlugIns(refused);
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList{QStringLiteral("Plug-ins are not loaded from a place that other users can change: \"%1\"")
+                        .arg(refused[0])});
+    QVERIFY(QFile::setPermissions(near, own | QFile::WriteGroup));
+    fakeplatform::state().administratorsGroup = QFileInfo(near).groupId();
+    qunsetenv("QT_PLUGIN_PATH");
+    QCOMPARE(startup::extendPluginPath(executable.constData()), QStringList());
+    QCOMPARE(qgetenv("QT_PLUGIN_PATH"), (executables + QStringLiteral("/../PlugIns")).toUtf8());
 }
 
 void StartupTest::pluginDirectoryOfARelativeExecutable()
