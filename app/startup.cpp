@@ -4,6 +4,7 @@
 #include "messagehandler.h"
 #include "platform/application.h"
 #include "platform/screen.h"
+#include "privatefile.h"
 #include "stderrlines.h"
 #include "timestamp.h"
 #include "trustedplace.h"
@@ -15,7 +16,6 @@
 #include <QFileInfo>
 #include <QLoggingCategory>
 
-#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -102,10 +102,12 @@ QString startup::logFilePath(const char* directory)
 void startup::startLogging(const char* directory)
 {
     const QByteArray path = logFilePath(directory).toUtf8();
-    logFilePtr = std::fopen(path.constData(), "w");
-    if (!logFilePtr)
-        stderrlines::write(
-            "orvantis-recorder: cannot open the log file " + path + ": " + std::strerror(errno) + '\n');
+    const privatefile::Opened file = privatefile::openEmpty(path);
+    if (file.descriptor >= 0)
+        logFilePtr = ::fdopen(file.descriptor, "w");
+    else
+        stderrlines::write("orvantis-recorder: cannot open the log file " + path + ": "
+            + (file.refusal ? file.refusal : std::strerror(file.error)) + '\n');
     startLoggingWithoutFile();
 }
 

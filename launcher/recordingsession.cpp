@@ -2,10 +2,12 @@
 #include "recordingsession.h"
 
 #include "endwithparent.h"
+#include "privatefile.h"
 #include "signalnotifier.h"
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
 #include <QTemporaryFile>
@@ -24,11 +26,12 @@ constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
 constexpr auto lostLineLimit = 2s; // between the end of the connection and that of the process
 constexpr auto leaveLimit = 10s; // between "exit", which takes effect after one second, and the end of the process
 
-/// Whether a file can be made in a directory, which is created when it is missing. The permission bits alone do not
-/// tell.
+/// Whether a file can be made in a directory, which is created, for the user alone, when it is missing. The
+/// permission bits alone do not tell.
 bool canWriteInto(const QString& directory)
 {
-    return QDir().mkpath(directory) && QTemporaryFile(directory + QLatin1String("/record-window-XXXXXX")).open();
+    return privatefile::makeDirectories(QFile::encodeName(directory))
+        && QTemporaryFile(directory + QLatin1String("/record-window-XXXXXX")).open();
 }
 
 QString number(int value)

@@ -3,6 +3,7 @@
 #include "gstrecorder.h"
 
 #include "averror.h"
+#include "outputfile.h"
 #include "recorderaudiocapture.h"
 
 #include <QDebug>
@@ -33,8 +34,8 @@ void GstRecorder::closeOutput()
     if (formatContext) {
         if (headerWritten)
             writeTrailer();
-        if (!(formatContext->oformat->flags & AVFMT_NOFILE) && formatContext->pb)
-            avio_closep(&formatContext->pb);
+        if (!(formatContext->oformat->flags & AVFMT_NOFILE))
+            outputfile::close(*formatContext);
     }
 
     // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.

@@ -5,9 +5,12 @@
 #include "avcompat.h"
 #include "averror.h"
 #include "encoderchoice.h"
+#include "outputfile.h"
+#include "privatefile.h"
 
 #include <QDebug>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QThread>
 
@@ -50,7 +53,7 @@ QByteArray GstRecorder::outputFileName() const
 bool GstRecorder::openOutput()
 {
     av_log_set_level(AV_LOG_ERROR); // what encoders tell beyond errors is no business of the launcher's
-    QDir().mkpath(QFileInfo(outputPath).absolutePath());
+    privatefile::makeDirectories(QFile::encodeName(QFileInfo(outputPath).absolutePath()));
     if (!allocateContainer())
         return false;
     if (!videoCodecContext)
@@ -192,7 +195,7 @@ bool GstRecorder::createVideoStream()
 bool GstRecorder::openFileAndWriteHeader()
 {
     if (!(formatContext->oformat->flags & AVFMT_NOFILE)) {
-        const int status = avio_open(&formatContext->pb, outputFileName().constData(), AVIO_FLAG_WRITE);
+        const int status = outputfile::open(*formatContext, outputPath);
         if (status < 0) {
             qCritical() << "Unable to open video output file" << outputPath << ":" << avErrorString(status);
             return false;

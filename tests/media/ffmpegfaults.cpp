@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstdarg>
 #include <cstring>
+#include <fcntl.h>
 #include <limits>
 
 namespace ffmpegfaults {
@@ -94,12 +97,18 @@ using ffmpegfaults::surroundings;
         return failing(Call::CALL) ? nullptr : __real_##NAME ARGUMENTS;                                              \
     }
 
+using ReadBytes = int (*)(void*, uint8_t*, int);
+using Seek = int64_t (*)(void*, int64_t, int);
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using WriteBytes = int (*)(void*, const uint8_t*, int);
+#else
+using WriteBytes = int (*)(void*, uint8_t*, int);
+#endif
+
 extern "C" {
 
 ORVANTIS_STATUS_CALL(CopyParameters, avcodec_parameters_from_context,
     (AVCodecParameters * parameters, const AVCodecContext* context), (parameters, context))
-ORVANTIS_STATUS_CALL(
-    OpenFile, avio_open, (AVIOContext * *context, const char* name, int flags), (context, name, flags))
 ORVANTIS_STATUS_CALL(GetFrameBuffer, av_frame_get_buffer, (AVFrame * frame, int alignment), (frame, alignment))
 ORVANTIS_STATUS_CALL(MakeWritable, av_frame_make_writable, (AVFrame * frame), (frame))
 ORVANTIS_STATUS_CALL(
@@ -110,6 +119,9 @@ ORVANTIS_POINTER_CALL(FindEncoderById, const AVCodec, avcodec_find_encoder, (AVC
 ORVANTIS_POINTER_CALL(AllocCodecContext, AVCodecContext, avcodec_alloc_context3, (const AVCodec* codec), (codec))
 ORVANTIS_POINTER_CALL(
     NewStream, AVStream, avformat_new_stream, (AVFormatContext * context, const AVCodec* codec), (context, codec))
+ORVANTIS_POINTER_CALL(AllocFileContext, AVIOContext, avio_alloc_context,
+    (unsigned char* buffer, int bytes, int forWriting, void* opaque, ReadBytes read, WriteBytes write, Seek seek),
+    (buffer, bytes, forWriting, opaque, read, write, seek))
 ORVANTIS_POINTER_CALL(AllocFrame, AVFrame, av_frame_alloc, (), ())
 ORVANTIS_POINTER_CALL(AllocPacket, AVPacket, av_packet_alloc, (), ())
 ORVANTIS_POINTER_CALL(GetConverter, SwsContext, sws_getContext,
@@ -134,6 +146,24 @@ ORVANTIS_STATUS_CALL(
 
 ORVANTIS_POINTER_CALL(AllocFifo, AVAudioFifo, av_audio_fifo_alloc, (AVSampleFormat format, int channels, int samples),
     (format, channels, samples))
+
+// The C library's. What makes no file is none of the recorder's output.
+int __real_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...)
+{
+    if (!(flags & O_CREAT))
+        return __real_open(path, flags);
+    if (const auto* plan = failing(Call::OpenFile)) {
+        errno = AVUNERROR(plan->status);
+        return -1;
+    }
+    std::va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = va_arg(rest, mode_t);
+    va_end(rest);
+    return __real_open(path, flags, mode);
+}
 
 int __real_av_samples_alloc_array_and_samples(
     uint8_t*** planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment);

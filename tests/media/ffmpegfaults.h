@@ -19,7 +19,8 @@ enum class Call {
     OpenCodec,
     NewStream,
     CopyParameters,
-    OpenFile,
+    OpenFile, ///< the C library's open(), of a file that may be made
+    AllocFileContext,
     WriteHeader,
     AllocFrame,
     GetFrameBuffer,

@@ -79,6 +79,8 @@ void OpenFaultsTest::openingFails_data()
         "Unable to open video output file \"%1\" : \"Permission denied\"");
     row("file not opened in the fallback", {Call::OpenFile, AVERROR(EROFS), 1, true}, {fallbackWarning},
         "Unable to open video output file \"%1\" : \"Read-only file system\"");
+    row("no way to the file", {Call::AllocFileContext}, {},
+        "Unable to open video output file \"%1\" : \"Cannot allocate memory\"");
     row("header not written", {Call::WriteHeader, AVERROR(EIO)}, {},
         "Unable to write FFmpeg output header: \"Input/output error\"");
 }

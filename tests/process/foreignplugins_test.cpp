@@ -1,5 +1,6 @@
 // Plug-ins that another user puts where the recorder looks for its own are not loaded. To have another user takes
 // root.
+#include "anotheruser.h"
 #include "recordingscene.h"
 #include "testregistry.h"
 
@@ -14,19 +15,8 @@
 
 namespace {
 
-constexpr uid_t anotherUser = 65534;
 const QByteArray loaded = "the foreign plug-in is loaded\n";
 const auto refusal = QStringLiteral("Plug-ins are not loaded from a place that other users can change: ");
-
-/// What another user does in a shell.
-bool doAsAnother(const QString& commands)
-{
-    QProcess shell;
-    shell.start(QStringLiteral("setpriv"),
-        {QStringLiteral("--reuid"), QString::number(anotherUser), QStringLiteral("--clear-groups"),
-            QStringLiteral("sh"), QStringLiteral("-ec"), QStringLiteral("umask 022; ") + commands});
-    return shell.waitForFinished(hangLimitMs) && shell.exitStatus() == QProcess::NormalExit && shell.exitCode() == 0;
-}
 
 /// A common directory, as /tmp is one, with the user's own copy of the recorder in it, and the plug-in for whoever
 /// wants it.
@@ -51,7 +41,7 @@ public:
     {
         const QString names = QStringLiteral("D='%1' P='%2'; ").arg(path(), plugIn());
         return isMade_ && QProcess::execute(QStringLiteral("sh"), {QStringLiteral("-ec"), names + own}) == 0
-            && doAsAnother(names + others);
+            && anotheruser::run(names + others) == 0;
     }
 
     /// The recorder's copy, with too few arguments for a recording. False when it does not end well.

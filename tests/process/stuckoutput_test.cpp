@@ -1,4 +1,4 @@
-// An output that takes nothing: a pipe that nobody reads stands for a disk that hangs. The process still ends.
+// An output that takes nothing: a disk that hangs (stuckdisk.cpp). The process still ends.
 #include "privatexserver.h"
 #include "recordingscene.h"
 #include "testregistry.h"
@@ -8,9 +8,6 @@
 #include <QTest>
 
 #include <csignal>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -18,36 +15,27 @@ const auto stillRunningLine = QStringLiteral("Recorder worker still writes the o
 const auto givenUpLine = QStringLiteral("recorder worker did not end in time; leaving the output as it is");
 constexpr int endLimitMs = 120'000; // what stop() and the process's end wait for, and some
 
-/// A recorder whose output is a pipe.
-class PipeScene {
+/// A recorder whose disk hangs.
+class StuckScene {
 public:
-    PipeScene(const QByteArray& display, quint32 window) : scene(display, window)
+    /// place: as stuckdisk.cpp knows it.
+    StuckScene(const QByteArray& display, quint32 window, const char* place) : scene(display, window)
     {
-        made_ = ::mkfifo(QFile::encodeName(scene.command.output).constData(), 0600) == 0;
+        scene.recorder.setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(STUCK_DISK));
+        scene.recorder.setVariable(QStringLiteral("STUCK_DISK_AT"), QLatin1String(place));
+        scene.recorder.setVariable(QStringLiteral("STUCK_DISK_HURRY"), hurry());
+        // A sanitizer wants to be first in the list of libraries.
+        scene.recorder.setVariable(QStringLiteral("ASAN_OPTIONS"),
+            qEnvironmentVariable("ASAN_OPTIONS") + QStringLiteral(":verify_asan_link_order=0"));
     }
-    ~PipeScene()
-    {
-        if (reader_ >= 0)
-            ::close(reader_);
-    }
-    PipeScene(const PipeScene&) = delete;
-    PipeScene& operator=(const PipeScene&) = delete;
 
-    bool isMade() const { return made_; }
-
-    /// Opens the pipe's other end, so that opening the output does not hang, and never reads.
-    bool openUnread()
-    {
-        reader_ = ::open(QFile::encodeName(scene.command.output).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        // The smallest that there is: one page.
-        return reader_ >= 0 && ::fcntl(reader_, F_SETPIPE_SZ, 1) > 0;
-    }
+    /// From now on its clock runs fast.
+    bool makeHurry() const { return QFile(hurry()).open(QIODevice::WriteOnly); }
 
     RecordingScene scene;
 
 private:
-    bool made_ = false;
-    int reader_ = -1;
+    QString hurry() const { return scene.directory.filePath(QStringLiteral("hurry")); }
 };
 
 }
@@ -87,28 +75,28 @@ void StuckOutputTest::verifyGivenUp(RecordingScene& scene, int exitCode)
 /// All at the same time, because each one waits for as long as a worker may take.
 void StuckOutputTest::processEnds()
 {
-    PipeScene stopped(server_.display(), window_->id());
-    PipeScene signalled(server_.display(), window_->id());
-    PipeScene unread(server_.display(), window_->id());
-    QVERIFY(stopped.isMade() && signalled.isMade() && unread.isMade());
-    QVERIFY(unread.openUnread());
-    for (PipeScene* const pipe : {&stopped, &signalled, &unread})
-        QVERIFY2(pipe->scene.start(), pipe->scene.story());
-    QVERIFY2(unread.scene.launcher.waitForReceived(1, hangLimitMs), unread.scene.story());
-    QVERIFY2(unread.scene.waitUntilRecorded(4000), unread.scene.story()); // frames have been written
+    StuckScene stopped(server_.display(), window_->id(), "open");
+    StuckScene signalled(server_.display(), window_->id(), "open");
+    StuckScene writing(server_.display(), window_->id(), "write");
+    for (StuckScene* const stuck : {&stopped, &signalled, &writing})
+        QVERIFY2(stuck->scene.start(), stuck->scene.story());
+    QVERIFY2(writing.scene.launcher.waitForReceived(1, hangLimitMs), writing.scene.story());
+    QVERIFY2(writing.scene.waitUntilRecorded(4500), writing.scene.story()); // frames have been written
 
     signalled.scene.recorder.send(SIGTERM);
-    for (PipeScene* const pipe : {&stopped, &unread}) {
-        QVERIFY(pipe->scene.launcher.send("{\"action\":\"stop\"}\n{\"action\":\"stop\"}\n{\"action\":\"exit\"}\n"));
+    for (StuckScene* const stuck : {&stopped, &writing}) {
+        QVERIFY(stuck->scene.launcher.send("{\"action\":\"stop\"}\n{\"action\":\"stop\"}\n{\"action\":\"exit\"}\n"));
     }
+    for (StuckScene* const stuck : {&stopped, &signalled, &writing})
+        QVERIFY(stuck->makeHurry());
     verifyGivenUp(signalled.scene, 128 + SIGTERM);
     verifyGivenUp(stopped.scene, 0);
-    verifyGivenUp(unread.scene, 0);
+    verifyGivenUp(writing.scene, 0);
     QCOMPARE(countLines(signalled.scene.log(), stillRunningLine), 0);
     QCOMPARE(countLines(stopped.scene.log(), stillRunningLine), 1);
-    QCOMPARE(countLines(unread.scene.log(), stillRunningLine), 1);
+    QCOMPARE(countLines(writing.scene.log(), stillRunningLine), 1);
     QCOMPARE(stopped.scene.launcher.received(), "");
-    QCOMPARE(unread.scene.launcher.received(), "1");
+    QCOMPARE(writing.scene.launcher.received(), "1");
 }
 
 ORVANTIS_TEST(StuckOutputTest)

@@ -17,6 +17,8 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QRegularExpression stampPattern(QStringLiteral("\\A\\d{8}T\\d{6}\\.\\d{3}Z\\z"));
@@ -60,6 +62,8 @@ private Q_SLOTS:
     void missingDirectoryArgumentMeansTheRoot();
 
     void messagesGoToTheLogFileAndToStderr();
+    void logFileIsTheUsersAlone();
+    void plantedLogFileIsNotWritten();
     void unusableLogDirectoryLeavesStderr();
     void identityLines();
     void lineFeedInAnArgumentIsShown();
@@ -250,6 +254,42 @@ void StartupTest::messagesGoToTheLogFileAndToStderr()
     QCOMPARE(
         contents(directory_->filePath(files.first())), QByteArray("Debug: recorder exiting 0 (main:10, main)\n"));
     QCOMPARE(errors.text(), QByteArray("Debug: recorder exiting 0 (main:10, main)\n"));
+}
+
+void StartupTest::logFileIsTheUsersAlone()
+{
+    const StderrCapture errors;
+    const mode_t before = ::umask(0);
+    startup::startLogging(QFile::encodeName(directory_->path()).constData());
+    ::umask(before);
+    const QStringList files = QDir(directory_->path()).entryList(QDir::Files);
+    QCOMPARE(files.size(), 1);
+    struct stat status = {};
+    QCOMPARE(::stat(QFile::encodeName(directory_->filePath(files.first())).constData(), &status), 0);
+    QCOMPARE(status.st_mode & 07777, mode_t(0600));
+}
+
+/// The name is a time, and can be guessed.
+void StartupTest::plantedLogFileIsNotWritten()
+{
+    const StderrCapture errors;
+    const QString precious = directory_->filePath(QStringLiteral("precious"));
+    QFile file(precious);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("text") == 4);
+    file.close();
+    QDateTime time = QDateTime::currentDateTimeUtc();
+    for (const QDateTime end = time.addSecs(2); time < end; time = time.addMSecs(1)) {
+        QVERIFY(QFile::link(precious,
+            directory_->filePath(time.toString(QStringLiteral("yyyyMMdd'T'HHmmss.zzz'Z'"))
+                + QStringLiteral("-orvantis-recorder-log.txt"))));
+    }
+    startup::startLogging(QFile::encodeName(directory_->path()).constData());
+    QCOMPARE(logFilePtr, nullptr);
+    QMessageLogger("main", 10, "main").debug() << "hello";
+    QCOMPARE(contents(precious), QByteArray("text"));
+    const QByteArrayList lines = errors.text().split('\n');
+    QVERIFY2(lines[0].endsWith("-orvantis-recorder-log.txt: it is a symbolic link"), lines[0]);
+    QCOMPARE(lines[1], QByteArray("Debug: hello (main:10, main)"));
 }
 
 void StartupTest::unusableLogDirectoryLeavesStderr()

@@ -1,0 +1,97 @@
+// FFmpeg's own protocol for files, with a descriptor that is open already: the same buffer, the same errors.
+#include "outputfile.h"
+
+#include "privatefile.h"
+
+#include <QDebug>
+#include <QDir>
+
+#include <cerrno>
+#include <cstdint>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int bufferBytes = 256 * 1024;
+
+/// FFmpeg keeps a pointer for us; the descriptor is put into it.
+void* asOpaque(int descriptor)
+{
+    return reinterpret_cast<void*>(std::intptr_t(descriptor)); // NOLINT(performance-no-int-to-ptr)
+}
+
+int descriptorOf(void* opaque)
+{
+    return int(reinterpret_cast<std::intptr_t>(opaque));
+}
+
+/// All of it or an error. What the bytes are is constant from FFmpeg 7 on.
+template <typename Byte>
+int writeBytes(void* opaque, Byte* bytes, int size)
+{
+    for (int written = 0; written < size;) {
+        const ssize_t taken = ::write(descriptorOf(opaque), bytes + written, std::size_t(size - written));
+        if (taken > 0)
+            written += int(taken);
+        else if (taken == 0)
+            return AVERROR(EIO);
+        else if (errno != EINTR)
+            return AVERROR(errno);
+    }
+    return size;
+}
+
+int64_t seek(void* opaque, int64_t offset, int whence)
+{
+    if (whence & AVSEEK_SIZE) {
+        struct stat status = {};
+        return ::fstat(descriptorOf(opaque), &status) == 0 ? int64_t(status.st_size) : int64_t(AVERROR(errno));
+    }
+    const off_t place = ::lseek(descriptorOf(opaque), off_t(offset), whence & ~AVSEEK_FORCE);
+    return place >= 0 ? int64_t(place) : int64_t(AVERROR(errno));
+}
+
+AVIOContext* makeContext(int descriptor)
+{
+    auto* const buffer = static_cast<unsigned char*>(av_malloc(bufferBytes));
+    if (!buffer)
+        return nullptr;
+    constexpr int forWriting = 1;
+    AVIOContext* context
+        = avio_alloc_context(buffer, bufferBytes, forWriting, asOpaque(descriptor), nullptr, &writeBytes, &seek);
+    if (!context) {
+        av_free(buffer);
+        return nullptr;
+    }
+    context->min_packet_size = context->max_packet_size = bufferBytes;
+    return context;
+}
+
+}
+
+int outputfile::open(AVFormatContext& container, const QString& path)
+{
+    const privatefile::Opened file = privatefile::openEmpty(QDir::toNativeSeparators(path).toUtf8());
+    if (file.refusal)
+        qWarning() << "Recorder does not write to the file that is there:" << path << file.refusal;
+    if (file.descriptor < 0)
+        return AVERROR(file.error);
+    container.pb = makeContext(file.descriptor);
+    if (!container.pb) {
+        ::close(file.descriptor);
+        return AVERROR(ENOMEM);
+    }
+    container.flags |= AVFMT_FLAG_CUSTOM_IO;
+    return 0;
+}
+
+void outputfile::close(AVFormatContext& container)
+{
+    if (!container.pb)
+        return;
+    avio_flush(container.pb);
+    ::close(descriptorOf(container.pb->opaque));
+    av_freep(&container.pb->buffer);
+    avio_context_free(&container.pb);
+}
