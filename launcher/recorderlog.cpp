@@ -1,5 +1,8 @@
-// Finding and reading the recorder's log file. Its texts are part of the recorder's interface.
+// Finding and reading the recorder's log file. Its texts are part of the recorder's interface. The directory can be
+// one where others write, too: what is not of this user is not read.
 #include "recorderlog.h"
+
+#include "privatefile.h"
 
 #include <QDir>
 #include <QFile>
@@ -19,16 +22,23 @@ QString unquoted(const QByteArray& quoted)
     return QJsonDocument::fromJson('[' + quoted.left(end + 1) + ']').array().first().toString();
 }
 
-/// The first line that holds the label; empty when there is none.
-QByteArray lineWith(const QString& path, const QByteArray& label)
+constexpr qint64 longestLine = 64 * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
+
+/// The first line that starts with the text; empty when there is none, or when the file is not of this user, or was
+/// last written before the given time.
+QByteArray lineWith(const QString& path, const QByteArray& start, const QDateTime& writtenSince)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    const privatefile::Opened opened = privatefile::openToRead(QFile::encodeName(path));
+    QFile file;
+    if (opened.descriptor < 0 || !file.open(opened.descriptor, QIODevice::ReadOnly, QFile::AutoCloseHandle)
+        || file.fileTime(QFileDevice::FileModificationTime) < writtenSince)
         return QByteArray();
+    bool goesOn = false; // a line that is longer than what is read at once
     while (!file.atEnd()) {
-        QByteArray line = file.readLine();
-        if (line.contains(label))
+        QByteArray line = file.readLine(longestLine);
+        if (!goesOn && line.startsWith(start))
             return line;
+        goesOn = !line.endsWith('\n');
     }
     return QByteArray();
 }
@@ -47,11 +57,12 @@ QString RecorderLog::path()
     if (!path_.isEmpty())
         return path_;
     // The blank behind the number makes it the whole number.
-    const QByteArray identity = "recorder process identity pid " + QByteArray::number(recorderPid_) + ' ';
-    const QFileInfoList newestFirst
-        = QDir(directory_).entryInfoList({QStringLiteral("*-orvantis-recorder-log.txt")}, QDir::Files, QDir::Time);
+    const QByteArray identity = "Debug: recorder process identity pid " + QByteArray::number(recorderPid_) + ' ';
+    const QFileInfoList newestFirst = QDir(directory_)
+                                          .entryInfoList({QStringLiteral("*-orvantis-recorder-log.txt")},
+                                              QDir::Files | QDir::NoSymLinks, QDir::Time);
     for (const QFileInfo& file : newestFirst) {
-        if (file.lastModified() >= startedAt_ && !lineWith(file.filePath(), identity).isEmpty()) {
+        if (!lineWith(file.filePath(), identity, startedAt_).isEmpty()) {
             path_ = file.filePath();
             break;
         }
@@ -61,10 +72,11 @@ QString RecorderLog::path()
 
 QString RecorderLog::outputInUse()
 {
-    return quotedTextAfter(lineWith(path(), "FFmpeg recorder using video encoder"), "output");
+    return quotedTextAfter(lineWith(path(), "Debug: FFmpeg recorder using video encoder ", startedAt_), "output");
 }
 
 QString RecorderLog::finalizedOutput()
 {
-    return quotedTextAfter(lineWith(path(), "FFmpeg recorder finalized output"), "FFmpeg recorder finalized output");
+    return quotedTextAfter(
+        lineWith(path(), "Debug: FFmpeg recorder finalized output ", startedAt_), "FFmpeg recorder finalized output");
 }

@@ -3,6 +3,7 @@
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"
+#include "recordwindowprocess.h"
 #include "testregistry.h"
 #include "truthwindowprocess.h"
 
@@ -22,6 +23,7 @@ private Q_SLOTS:
     void othersCannotRead();
     void plantedOutputIsNotWritten_data();
     void plantedOutputIsNotWritten();
+    void forgedLogIsNotBelieved();
 
 private:
     PrivateXServer server_;
@@ -108,6 +110,33 @@ void ForeignFilesTest::plantedOutputIsNotWritten()
     QVERIFY(precious.open(QIODevice::ReadOnly));
     QCOMPARE(precious.readAll(), QByteArray("text"));
     QCOMPARE(QFileInfo(scene.command.output + QStringLiteral(".his")).size(), 0);
+}
+
+/// record-window learns from the log which file there is. Process ids can be guessed, and times can be set.
+void ForeignFilesTest::forgedLogIsNotBelieved()
+{
+    RecordWindowProcess launcher;
+    const QString logs = launcher.path(QStringLiteral("logs"));
+    QVERIFY(::chmod(QFile::encodeName(launcher.path(QString())).constData(), 0711) == 0);
+    QVERIFY(QDir().mkdir(logs) && ::chmod(QFile::encodeName(logs).constData(), 0777) == 0);
+    QCOMPARE(anotheruser::run(QStringLiteral(
+                 "cd '%1'; f=20990101T000000.000Z-orvantis-recorder-log.txt; "
+                 "from=1; to=$(cat /proc/sys/kernel/pid_max); "
+                 "[ $to -lt 100000 ] || { from=$$; to=$((from + 99999)); }; "
+                 "seq -f 'Debug: recorder process identity pid %.0f applicationFilePath' $from $to >$f; "
+                 "echo 'Debug: FFmpeg recorder finalized output \"/etc/passwd\" duration 1' >>$f; "
+                 "touch -d '1 hour' $f")
+                                  .arg(logs)),
+        0);
+    launcher.start({"--window", "77", "--seconds", "0.1", "--log-dir", logs, "--json"});
+    QVERIFY(launcher.waitForEnd());
+    const QByteArray said = launcher.standardOutput();
+    QFile forged(logs + QStringLiteral("/20990101T000000.000Z-orvantis-recorder-log.txt"));
+    QVERIFY(forged.open(QIODevice::ReadOnly));
+    QVERIFY2(forged.readAll().contains(" pid " + QByteArray::number(launcher.recorderPid()) + ' '),
+        "the forger has guessed wrong");
+    QVERIFY2(said.contains("/recording.mp4\""), said);
+    QVERIFY2(said.contains("/20260101T000000.000Z-orvantis-recorder-log.txt\""), said);
 }
 
 ORVANTIS_TEST(ForeignFilesTest)
