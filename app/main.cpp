@@ -9,10 +9,12 @@
 #include <QDebug>
 #include <QGuiApplication>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 using namespace std::chrono_literals;
 
@@ -76,11 +78,15 @@ int main(int argc, char** argv)
     startup::keepEveryLogLine();
     const QStringList refusedPlugIns = startup::extendPluginPath(argv[0]) + startup::leaveOutSharedDirectory();
     platform::chooseGuiPlatform();
-    QGuiApplication application(argc, argv);
+    // Qt takes out of the arguments what looks like an option of its own; here everything means what its place says.
+    int ownNameOnly = std::min(argc, 1);
+    QGuiApplication application(ownNameOnly, argv);
     platform::becomeAccessory();
     QCoreApplication::setOrganizationName(QStringLiteral("PEMLO"));
 
-    if (QCoreApplication::arguments().contains(QLatin1String("--request-permissions")))
+    const auto asksForPermissions
+        = [](const char* given) { return std::strcmp(given, "--request-permissions") == 0; };
+    if (std::any_of(argv, argv + argc, asksForPermissions))
         return startup::requestPermissions();
     return record(application, argc, argv, refusedPlugIns);
 }

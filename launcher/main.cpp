@@ -6,7 +6,9 @@
 #include "stderrlines.h"
 
 #include <QCoreApplication>
+#include <QStringList>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 
@@ -51,11 +53,16 @@ int main(int argc, char** argv)
 {
     standardstreams::openMissing();
     standardstreams::keepErrorOutputFromBlocking();
-    const QCoreApplication application(argc, argv);
+    // Qt takes out of the arguments what looks like an option of its own, also where it is another option's value.
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    int ownNameOnly = std::min(argc, 1);
+    const QCoreApplication application(ownNameOnly, argv);
     QCoreApplication::setApplicationName(QStringLiteral("record-window"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ORVANTIS_VERSION));
 
-    const CommandLine commandLine = readCommandLine(QCoreApplication::arguments());
+    const CommandLine commandLine = readCommandLine(arguments);
     if (!commandLine.error.isEmpty()) {
         printError(commandLine.error + QLatin1String("\n(--help shows what is possible)"));
         return int(ExitCode::BadUsage);

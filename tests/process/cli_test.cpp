@@ -47,6 +47,7 @@ private Q_SLOTS:
     void tenthArgumentMissing();
     void tenthArgumentThere();
     void moreArgumentsThanNeeded();
+    void argumentsThatLookLikeQts();
     void noArgumentsAtAll();
     void numbers_data();
     void numbers();
@@ -116,6 +117,24 @@ void CliTest::moreArgumentsThanNeeded()
     QCOMPARE(log[11].text, QStringLiteral("11 one"));
     QCOMPARE(log[12].text, QStringLiteral("12 2"));
     QCOMPARE(countLines(log, startingLine), 1);
+}
+
+/// Qt has options that it takes out of every command line, with what follows them.
+void CliTest::argumentsThatLookLikeQts()
+{
+    RecordingScene scene(server_.display(), window_->id());
+    const QStringList given{scene.command.logDirectory, "-platform", "-style", "-qmljsdebugger=port:3",
+        "-platformpluginpath", "-geometry", "-qwindowicon", "-session", "-reverse", "-title", "--platform"};
+    QVERIFY(scene.recorder.start(given));
+    QVERIFY(scene.recorder.waitForEnd());
+    QCOMPARE(scene.recorder.exitCode(), 2); // that is no window
+    const QList<LogLine> log = scene.log();
+    QVERIFY2(log.size() > given.size(), scene.story());
+    for (qsizetype i = 0; i < given.size(); ++i)
+        QCOMPARE(log[i + 1].text, QStringLiteral("%1 %2").arg(QString::number(i + 1), given[i]));
+    QCOMPARE(restOfLine(log, startingLine),
+        QStringLiteral("command \"-platform\" window \"-qmljsdebugger=port:3\" output \"-style.mp4\" canvas 16 16 "
+                       "screen origin 0 0 scale 0"));
 }
 
 void CliTest::noArgumentsAtAll()

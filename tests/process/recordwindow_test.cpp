@@ -21,6 +21,7 @@ class RecordWindowTest : public QObject {
 private Q_SLOTS:
     void recorderGetsTheTenArguments();
     void argumentsKeepEveryByte();
+    void valueThatLooksLikeAnOptionOfQt();
     void recorderIsToldToStopAndToLeave();
     void recorderRunsInAGroupOfItsOwn();
     void recorderIsNotToOutliveIt();
@@ -77,6 +78,14 @@ void RecordWindowTest::argumentsKeepEveryByte()
         directory + "/my clips/Größe 世界 \"x\" 🎬.webm", "4294967295", "0", "0", "7", "33", "1.0", " app-pid:12 "};
     QCOMPARE(launcher.recorderArguments(), expected);
     QCOMPARE(value(launcher.standardOutput(), "file"), expected[2]);
+}
+
+void RecordWindowTest::valueThatLooksLikeAnOptionOfQt()
+{
+    RecordWindowProcess launcher;
+    QCOMPARE(launcher.run(brief + QStringList{"--output", "-qmljsdebugger=port:3.mp4", "--audio", "-platform"}), 0);
+    QVERIFY2(launcher.recorderArguments()[2].endsWith("/-qmljsdebugger=port:3.mp4"), launcher.recorderArguments()[2]);
+    QCOMPARE(launcher.recorderArguments()[9], QByteArray("-platform"));
 }
 
 void RecordWindowTest::recorderIsToldToStopAndToLeave()
