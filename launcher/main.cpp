@@ -52,7 +52,6 @@ int record(const Options& options)
 int main(int argc, char** argv)
 {
     standardstreams::openMissing();
-    standardstreams::keepErrorOutputFromBlocking();
     // Qt takes out of the arguments what looks like an option of its own, also where it is another option's value.
     QStringList arguments;
     for (int i = 0; i < argc; ++i)

@@ -86,6 +86,14 @@ int outputfile::open(AVFormatContext& container, const QString& path)
     return 0;
 }
 
+void outputfile::returnTo(AVFormatContext& container, int64_t place)
+{
+    container.pb->error = 0;
+    avio_seek(container.pb, place, SEEK_SET);
+    // What cannot be cut off is written over, as far as there is something to write.
+    static_cast<void>(::ftruncate(descriptorOf(container.pb->opaque), off_t(place)));
+}
+
 void outputfile::close(AVFormatContext& container)
 {
     if (!container.pb)

@@ -12,6 +12,10 @@ namespace outputfile {
 /// that is there is not used, the log says why. Worker thread.
 int open(AVFormatContext& container, const QString& path);
 
+/// Goes back to a place, in bytes from the beginning, and cuts off what is behind it. An error of earlier writes is
+/// forgotten.
+void returnTo(AVFormatContext& container, int64_t place);
+
 /// Writes what is left, and closes the file. Harmless without one.
 void close(AVFormatContext& container);
 

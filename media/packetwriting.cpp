@@ -2,6 +2,8 @@
 // nothing for a while.
 #include "packetwriting.h"
 
+#include "outputfile.h"
+
 #include <algorithm>
 
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,
@@ -28,9 +30,6 @@ int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext
 
 void resumeWriting(AVFormatContext& container, WrittenBytes& written)
 {
-    AVIOContext* const file = container.pb;
-    if (!file || file->error >= 0 || written.whole == 0)
-        return;
-    file->error = 0;
-    avio_seek(file, written.whole, SEEK_SET);
+    if (container.pb && container.pb->error < 0 && written.whole > 0)
+        outputfile::returnTo(container, written.whole);
 }
