@@ -1,11 +1,9 @@
 // Whose audio it is, while the answer takes its time: nothing else waits for it, and nothing is heard before it.
 #include "audiofixture.h"
 #include "linux/pipewire/pipewirecapture.h"
-#include "recorderaudiocapture.h"
 #include "testregistry.h"
 #include "x11fixture.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -20,6 +18,8 @@
 using namespace audiotest;
 
 namespace {
+
+constexpr int longerThanItIsAwaitedMs = 3000; ///< the X server
 
 /// A question that hangs until the test has it answered.
 struct HangingQuestion {
@@ -37,7 +37,7 @@ pipewire::ProcessFilter asking(const std::shared_ptr<HangingQuestion>& question,
             question->asked.release();
             question->answered.acquire();
             ++question->returned;
-            return true;
+            return std::optional(true);
         };
     };
 }
@@ -66,10 +66,19 @@ float loudest(pipewire::AudioCapture& capture)
     return most;
 }
 
-qint64 monotonicMs()
+/// The player under a name of which it is believed that it speaks for other processes.
+struct PulseService {
+    PulseService() { QFile::copy(ToneProcess::program(), program); }
+
+    QTemporaryDir directory;
+    QString program = directory.filePath(QStringLiteral("pipewire-pulse"));
+};
+
+/// What the kernel gives at most.
+qint64 largestProcessId()
 {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    QFile limit(QStringLiteral("/proc/sys/kernel/pid_max"));
+    return limit.open(QIODevice::ReadOnly) ? limit.readAll().trimmed().toLongLong() : 0;
 }
 
 bool wait(std::counting_semaphore<>& semaphore)
@@ -91,6 +100,7 @@ private Q_SLOTS:
     void xServerThatIsStoppedFromTheStart();
     void processThatIsKnownLate_data();
     void processThatIsKnownLate();
+    void processThatNobodyKnows();
     void programThatPretendsToBePulseAudio();
 
 private:
@@ -132,7 +142,7 @@ void AudioDecisionsTest::answerAfterTheEnd()
 }
 
 /// A player that appears takes a question to the X server. Stop and start do not wait for the answer, which is still
-/// missing after them; neither does what is heard.
+/// missing after them; neither does what is heard. That there is no answer is none: the player is not heard.
 void AudioDecisionsTest::stoppedXServer()
 {
     DisplayForTest display;
@@ -144,7 +154,8 @@ void AudioDecisionsTest::stoppedXServer()
     const ToneProcess later(ToneProcess::tone(QStringLiteral("later"), otherTone));
     const bool stopped = puller.stopCapture();
     const bool startedAgain = puller.startCapture();
-    const double laterDb = levelDb(side(puller.listen(200), 0), otherTone);
+    const AudioPuller::Piece whileItHangs = puller.listen(longerThanItIsAwaitedMs);
+    const double laterDb = levelDb(side(whileItHangs, 0), otherTone);
     const bool heard = hears({&puller}, tone);
     ::kill(pid_t(display.server.pid()), SIGCONT);
     QVERIFY(stopped && startedAgain && heard);
@@ -152,34 +163,20 @@ void AudioDecisionsTest::stoppedXServer()
     QVERIFY(hears({&puller}, otherTone)); // when the question is answered
 }
 
-/// From the look-up on, within the limits of every wait.
+/// From the look-up on, everything is answered.
 void AudioDecisionsTest::xServerThatIsStoppedFromTheStart()
 {
     DisplayForTest display;
     QVERIFY2(display.server.isRunning(), qPrintable(display.server.errorString()));
     const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
     ::kill(pid_t(display.server.pid()), SIGSTOP);
-    RecorderAudioCapture capture(QStringLiteral("app-pid:%1").arg(wanted.pid()));
+    AudioPuller puller(std::set<qint64>{wanted.pid()});
     const ToneProcess later(ToneProcess::tone(QStringLiteral("later"), otherTone));
-    const bool started = capture.start();
-    const auto isHeard = [&capture] {
-        capture.deliverUntil(monotonicMs());
-        for (const RecorderAudioCapture::Chunk& chunk : capture.readAvailable()) {
-            if (std::any_of(chunk.pcm.begin(), chunk.pcm.end(), [](char byte) { return byte != 0; }))
-                return true;
-        }
-        return false;
-    };
-    const bool heard = started && QTest::qWaitFor(isHeard, limitMs);
-    QElapsedTimer stopping;
-    stopping.start();
-    capture.stop();
-    const qint64 stopMs = stopping.elapsed();
+    const bool heard = puller.isCapturing() && hears({&puller}, tone);
+    const bool stopped = puller.stopCapture();
     ::kill(pid_t(display.server.pid()), SIGCONT);
-    QVERIFY(started);
     QVERIFY(heard);
-    constexpr qint64 stopLimitMs = 2000; // a wait that ran out
-    QVERIFY2(stopMs < stopLimitMs, QByteArray::number(stopMs));
+    QVERIFY(stopped);
 }
 
 void AudioDecisionsTest::processThatIsKnownLate_data()
@@ -194,12 +191,10 @@ void AudioDecisionsTest::processThatIsKnownLate()
 {
     QFETCH(bool, wanted);
     const OtherProcess other;
-    const QTemporaryDir directory;
-    const QString service = directory.filePath(QStringLiteral("pipewire-pulse")); // others are not believed
-    QVERIFY(QFile::copy(ToneProcess::program(), service));
+    const PulseService service;
     const ToneProcess player(
         ToneProcess::tone(QStringLiteral("anonymous"), tone, {QStringLiteral("--anonymous"), QStringLiteral("1.5")}),
-        service);
+        service.program);
     AudioPuller puller(std::set<qint64>{wanted ? player.pid() : other.pid()});
     QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
     const auto isIntroduced = [&] {
@@ -220,6 +215,24 @@ void AudioDecisionsTest::processThatIsKnownLate()
         QVERIFY(hears({&puller}, tone));
     else
         QVERIFY(isSilent(puller.listen(500)));
+}
+
+/// It could be that of a program that is left out. The audio of everything has it.
+void AudioDecisionsTest::processThatNobodyKnows()
+{
+    const PulseService service;
+    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    const qint64 nobody = 1 + largestProcessId();
+    const ToneProcess stranger(ToneProcess::tone(QStringLiteral("stranger"), otherTone,
+                                   {QStringLiteral("--claim"), QString::number(nobody)}),
+        service.program);
+    AudioPuller everything;
+    AudioPuller puller(std::set<qint64>{wanted.pid()});
+    QVERIFY(hears({&everything, &puller}, tone));
+    const std::vector<AudioPuller::Piece> pieces = AudioPuller::listen({&everything, &puller}, 500);
+    QVERIFY(isFull(levelDb(side(pieces[0], 0), otherTone)));
+    const double strangerDb = levelDb(side(pieces[1], 0), otherTone);
+    QVERIFY2(strangerDb < unheardDb, QByteArray::number(strangerDb));
 }
 
 /// Its audio stays its own, whatever it says about itself.

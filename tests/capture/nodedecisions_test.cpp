@@ -6,12 +6,16 @@
 
 #include <QTest>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <semaphore>
 #include <thread>
+#include <vector>
 
 using namespace pipewire;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -23,13 +27,13 @@ struct SlowQuestion {
     std::binary_semaphore answered{0};
     std::thread::id asker;
 
-    std::function<bool()> question()
+    Question question()
     {
         return [this] {
             asker = std::this_thread::get_id();
             asked.release();
             answered.acquire();
-            return true;
+            return std::optional(true);
         };
     }
 };
@@ -55,6 +59,9 @@ private Q_SLOTS:
     void severalQuestions();
     void answerAfterTheEnd();
     void nodesThatHaveGoneAreForgotten();
+    void questionWithoutAnAnswerIsAskedAgain();
+    void questionsWithoutAnAnswerHoldUpNoOther();
+    void nodesThatHaveGoneAreNotAskedFor();
 };
 
 void NodeDecisionsTest::knownAtOnce()
@@ -128,7 +135,7 @@ void NodeDecisionsTest::severalQuestions()
                 most = std::max(most.load(), ++atOnce);
                 std::this_thread::yield();
                 --atOnce;
-                return pid % 2 == 1;
+                return std::optional(pid % 2 == 1);
             };
         },
         [&decided] { ++decided; });
@@ -150,7 +157,7 @@ void NodeDecisionsTest::answerAfterTheEnd()
         NodeDecisions decisions(
             [&](qint64) -> Verdict {
                 return [question = slow->question(), slow, returned] {
-                    const bool answer = question();
+                    const std::optional<bool> answer = question();
                     *returned = true;
                     return answer;
                 };
@@ -183,6 +190,65 @@ void NodeDecisionsTest::nodesThatHaveGoneAreForgotten()
     QCOMPARE(asked, 2);
     decisions.of(1, 7);
     QCOMPARE(asked, 3);
+}
+
+/// Less and less often, and until there is an answer.
+void NodeDecisionsTest::questionWithoutAnAnswerIsAskedAgain()
+{
+    using std::chrono::steady_clock;
+    std::atomic<int> decided = 0;
+    std::vector<steady_clock::time_point> asked;
+    NodeDecisions decisions(
+        [&asked](qint64) -> Verdict {
+            return [&asked]() -> std::optional<bool> {
+                asked.push_back(steady_clock::now());
+                return asked.size() < 5 ? std::nullopt : std::optional(true);
+            };
+        },
+        [&decided] { ++decided; }, {20ms, 40ms});
+    QCOMPARE(decisions.of(1, 7), std::optional<bool>());
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 1, limitMs);
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+    QCOMPARE(asked.size(), std::size_t(5));
+    constexpr std::array pauses{20ms, 40ms, 40ms, 40ms}; // at least
+    for (std::size_t i = 0; i < pauses.size(); ++i)
+        QVERIFY(asked[i + 1] - asked[i] >= pauses[i]);
+}
+
+void NodeDecisionsTest::questionsWithoutAnAnswerHoldUpNoOther()
+{
+    std::atomic<int> decided = 0;
+    NodeDecisions decisions(
+        [](qint64 pid) -> Verdict { return [pid] { return pid == 7 ? std::nullopt : std::optional(true); }; },
+        [&decided] { ++decided; }, {24h, 24h});
+    decisions.of(1, 7);
+    decisions.of(2, 8);
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 1, limitMs);
+    decisions.of(3, 9); // while the thread waits
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 2, limitMs);
+    QCOMPARE(decisions.of(1, 7), std::optional<bool>());
+}
+
+void NodeDecisionsTest::nodesThatHaveGoneAreNotAskedFor()
+{
+    std::atomic<int> asked = 0;
+    std::atomic<int> decided = 0;
+    NodeDecisions decisions(
+        [&asked](qint64 pid) -> Verdict {
+            return [&asked, pid] {
+                asked += pid == 7 ? 1 : 0;
+                return pid == 7 ? std::nullopt : std::optional(true);
+            };
+        },
+        [&decided] { ++decided; }, {1ms, 1ms});
+    decisions.of(1, 7);
+    QTRY_VERIFY_WITH_TIMEOUT(asked.load() > 3, limitMs);
+    decisions.keepNodesOf(graphOf({}));
+    decisions.of(2, 8);
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 1, limitMs); // what was being asked then is over
+    const int before = asked;
+    QTest::qWait(50);
+    QCOMPARE(asked.load(), before);
 }
 
 ORVANTIS_TEST(NodeDecisionsTest)

@@ -2,7 +2,7 @@
 //
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
 //              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1] [--anonymous N]
-//              [--beat 0|1]
+//              [--beat 0|1] [--claim PROCESS]
 //
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // With a beat, there is audio only in the first tenth of each second of the monotonic clock.
@@ -10,10 +10,10 @@
 // takes in a cycle; "latency MILLISECONDS": how long the server says that the audio takes to be heard; and
 // "gap AT LENGTH" for what it left out itself because it was late, in milliseconds of the monotonic clock. Anonymous,
 // it is connected as PipeWire's PulseAudio server is for its clients, so that the server does not know its process
-// until it says so, N seconds after the start. The schedule is in seconds; the stream is paused in the OFF parts,
-// keeps its phase over them, and goes on playing after the last part when that is an ON part. SIGUSR1 pauses it,
-// SIGUSR2 lets it go on. Ends with 0 after N seconds or on SIGTERM or SIGINT, with 1 when the audio server refuses or
-// goes, with 2 for a wrong command line.
+// until it says so, N seconds after the start; with a claim it says from the start on that it is that process. The
+// schedule is in seconds; the stream is paused in the OFF parts, keeps its phase over them, and goes on playing after
+// the last part when that is an ON part. SIGUSR1 pauses it, SIGUSR2 lets it go on. Ends with 0 after N seconds or on
+// SIGTERM or SIGINT, with 1 when the audio server refuses or goes, with 2 for a wrong command line.
 #include "cyclewatch.h"
 
 #include <pipewire/pipewire.h>
@@ -52,6 +52,7 @@ struct Options {
     bool spread = false;
     bool beat = false;
     std::optional<double> anonymous; // seconds
+    std::optional<double> claim; // a process id
 };
 
 std::optional<double> positiveNumber(const std::string& text)
@@ -100,6 +101,8 @@ bool readOption(const std::string& name, const std::string& value, Options& opti
         options.beat = number.value_or(0) != 0;
     else if (name == "--anonymous")
         options.anonymous = number;
+    else if (name == "--claim")
+        options.claim = number;
     else if (name == "--seconds")
         options.seconds = number.value_or(0);
     else
@@ -314,9 +317,9 @@ bool Player::connect()
     // With a data thread that runs in real time where the system allows it: a late one leaves audio out.
     pw_properties* properties = pw_properties_new(PW_KEY_APP_NAME, options_.name.c_str(), PW_KEY_CONFIG_NAME,
         "client-rt.conf", "support.dbus", "false", nullptr);
-    if (options_.anonymous) {
+    if (options_.anonymous || options_.claim) {
         pw_properties_set(properties, PW_KEY_CLIENT_API, "pipewire-pulse");
-        pw_properties_set(properties, PW_KEY_APP_PROCESS_ID, "0");
+        pw_properties_setf(properties, PW_KEY_APP_PROCESS_ID, "%ld", long(options_.claim.value_or(0)));
     }
     context_ = pw_context_new(loop_, properties, 0);
     core_ = context_ ? pw_context_connect(context_, nullptr, 0) : nullptr;

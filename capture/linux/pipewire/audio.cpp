@@ -71,7 +71,11 @@ pipewire::ProcessFilter processFilter(const AudioFilter& filter)
         auto ancestry = accepting->ancestryOf(processId);
         if (const std::optional<bool> known = accepting->acceptsAtOnce(ancestry))
             return *known;
-        return [accepting, ancestry = std::move(ancestry)] { return accepting->accepts(ancestry); };
+        return [accepting, processId, ancestry = std::move(ancestry)]() mutable {
+            if (ancestry.empty()) // nobody knew the process
+                ancestry = accepting->ancestryOf(processId);
+            return accepting->accepts(ancestry);
+        };
     };
 }
 

@@ -4,9 +4,12 @@
 #include "backgroundtasks.h"
 #include "pipewiregraph.h"
 
-#include <deque>
+#include <algorithm>
+#include <condition_variable>
+#include <list>
 #include <map>
 #include <mutex>
+#include <stop_token>
 #include <utility>
 
 namespace pipewire {
@@ -14,51 +17,83 @@ namespace pipewire {
 /// What the thread that asks shares with the object that may be gone before the answer.
 struct NodeDecisions::Desk {
     using Key = std::pair<uint32_t, qint64>; // node, process
-    using Question = std::pair<Key, std::function<bool()>>;
+    using Clock = std::chrono::steady_clock;
+    struct Waiting {
+        Key key;
+        Question ask;
+        Clock::time_point due;
+        std::chrono::milliseconds pause; // after an attempt without an answer
+    };
 
-    std::optional<Question> nextQuestion();
-    void answerAll();
+    std::optional<Waiting> nextQuestion(const std::stop_token& stop);
+    void settle(Waiting question, std::optional<bool> answer);
+    void answerAll(const std::stop_token& stop);
 
+    Pauses pauses;
     std::mutex mutex; // guards the following
+    std::condition_variable_any changed; // the questions
     std::map<Key, std::optional<bool>> answers; // nothing while the question waits or is asked
-    std::deque<Question> questions;
+    std::list<Waiting> questions;
     bool asking = false; // a thread takes them
 
     std::mutex calling; // held while decided runs, and guards it
     std::function<void()> decided; // null when the object is gone
 };
 
-std::optional<NodeDecisions::Desk::Question> NodeDecisions::Desk::nextQuestion()
+/// Waits until one is due. Nothing when there are none, or the process ends.
+std::optional<NodeDecisions::Desk::Waiting> NodeDecisions::Desk::nextQuestion(const std::stop_token& stop)
 {
-    const std::lock_guard lock(mutex);
-    if (questions.empty()) {
-        asking = false;
-        return std::nullopt;
-    }
-    Question question = std::move(questions.front());
-    questions.pop_front();
-    return question;
-}
-
-void NodeDecisions::Desk::answerAll()
-{
-    while (const std::optional<Question> question = nextQuestion()) {
-        const bool answer = question->second();
-        {
-            const std::lock_guard lock(mutex);
-            if (const auto waiting = answers.find(question->first); waiting != answers.end())
-                waiting->second = answer;
+    const auto sooner = [](const Waiting& first, const Waiting& second) { return first.due < second.due; };
+    std::unique_lock lock(mutex);
+    while (!questions.empty() && !stop.stop_requested()) {
+        const auto next = std::min_element(questions.begin(), questions.end(), sooner);
+        const Clock::time_point due = next->due;
+        if (due <= Clock::now()) {
+            Waiting question = std::move(*next);
+            questions.erase(next);
+            return question;
         }
-        const std::lock_guard lock(calling);
-        if (decided)
-            decided();
+        changed.wait_until(lock, stop, due, [&] {
+            return questions.empty() || std::min_element(questions.begin(), questions.end(), sooner)->due < due;
+        });
+    }
+    asking = false;
+    return std::nullopt;
+}
+
+void NodeDecisions::Desk::settle(Waiting question, std::optional<bool> answer)
+{
+    {
+        const std::lock_guard lock(mutex);
+        const auto waiting = answers.find(question.key);
+        if (waiting == answers.end())
+            return; // the node has gone
+        waiting->second = answer;
+        if (!answer) {
+            question.due = Clock::now() + question.pause;
+            question.pause = std::min(2 * question.pause, pauses.longest);
+            questions.push_back(std::move(question));
+            return;
+        }
+    }
+    const std::lock_guard lock(calling);
+    if (decided)
+        decided();
+}
+
+void NodeDecisions::Desk::answerAll(const std::stop_token& stop)
+{
+    while (std::optional<Waiting> question = nextQuestion(stop)) {
+        const std::optional<bool> answer = question->ask();
+        settle(std::move(*question), answer);
     }
 }
 
-NodeDecisions::NodeDecisions(ProcessFilter filter, std::function<void()> decided)
+NodeDecisions::NodeDecisions(ProcessFilter filter, std::function<void()> decided, Pauses pauses)
     : filter_(std::move(filter)), desk_(std::make_shared<Desk>())
 {
     desk_->decided = std::move(decided);
+    desk_->pauses = pauses;
 }
 
 NodeDecisions::~NodeDecisions()
@@ -66,7 +101,9 @@ NodeDecisions::~NodeDecisions()
     {
         const std::lock_guard lock(desk_->mutex);
         desk_->questions.clear();
+        desk_->answers.clear(); // nor is the question asked again that is being asked
     }
+    desk_->changed.notify_all();
     const std::lock_guard lock(desk_->calling);
     desk_->decided = nullptr;
 }
@@ -82,17 +119,23 @@ std::optional<bool> NodeDecisions::of(uint32_t node, qint64 processId)
         if (const bool* known = std::get_if<bool>(&verdict))
             entry->second = *known;
         else
-            desk_->questions.emplace_back(entry->first, std::get<std::function<bool()>>(std::move(verdict)));
+            desk_->questions.push_back(
+                {entry->first, std::get<Question>(std::move(verdict)), Desk::Clock::now(), desk_->pauses.first});
+        desk_->changed.notify_all();
     }
     if (!desk_->questions.empty() && !desk_->asking)
-        desk_->asking = backgroundtasks::start([desk = desk_](const std::stop_token&) { desk->answerAll(); });
+        desk_->asking
+            = backgroundtasks::start([desk = desk_](const std::stop_token& stop) { desk->answerAll(stop); });
     return entry->second;
 }
 
 void NodeDecisions::keepNodesOf(const Graph& graph)
 {
+    const auto hasGone = [&graph](const Desk::Key& key) { return graph.nodes.count(key.first) == 0; };
     const std::lock_guard lock(desk_->mutex);
-    std::erase_if(desk_->answers, [&](const auto& entry) { return graph.nodes.count(entry.first.first) == 0; });
+    std::erase_if(desk_->answers, [&](const auto& entry) { return hasGone(entry.first); });
+    std::erase_if(desk_->questions, [&](const Desk::Waiting& question) { return hasGone(question.key); });
+    desk_->changed.notify_all();
 }
 
 }

@@ -3,6 +3,7 @@
 
 #include <QtGlobal>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,9 +14,11 @@ namespace pipewire {
 
 struct Graph;
 
-/// Whether the audio of a process is wanted: known at once, or the answer to a question. A question may take as long
-/// as it likes; it is asked on another thread, one at a time.
-using Verdict = std::variant<bool, std::function<bool()>>;
+/// Whether the audio of a process is wanted; nothing while that cannot be told.
+using Question = std::function<std::optional<bool>()>;
+/// Known at once, or the answer to a question. A question may take as long as it likes; it is asked on another
+/// thread, one at a time, and asked again later, less and less often, as long as it has no answer.
+using Verdict = std::variant<bool, Question>;
 using ProcessFilter = std::function<Verdict(qint64 processId)>;
 
 /**
@@ -25,8 +28,14 @@ using ProcessFilter = std::function<Verdict(qint64 processId)>;
  */
 class NodeDecisions {
 public:
+    /// When a question without an answer is asked again: first after that time, then after twice as much, and so on.
+    struct Pauses {
+        std::chrono::milliseconds first{250};
+        std::chrono::milliseconds longest{8000};
+    };
+
     /// decided is called on the thread of the questions when of() has a new answer.
-    NodeDecisions(ProcessFilter filter, std::function<void()> decided);
+    NodeDecisions(ProcessFilter filter, std::function<void()> decided, Pauses pauses = defaultPauses());
     /// When it returns, decided does not run and will not. It does not wait for an answer: hold no lock that decided
     /// takes.
     ~NodeDecisions();
@@ -40,6 +49,7 @@ public:
 
 private:
     struct Desk;
+    static Pauses defaultPauses() { return {}; }
 
     ProcessFilter filter_;
     std::shared_ptr<Desk> desk_; // also of the thread that asks

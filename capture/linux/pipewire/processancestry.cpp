@@ -39,8 +39,10 @@ std::vector<Identity> ancestry(qint64 pid, const Processes& snapshot, const Look
     return line;
 }
 
-bool isHeard(const std::vector<Identity>& ancestry, const Knowledge& knowledge)
+std::optional<bool> isHeard(const std::vector<Identity>& ancestry, const Knowledge& knowledge)
 {
+    if (ancestry.empty())
+        return std::nullopt;
     bool startedByExcluded = false;
     for (const Identity& process : ancestry) {
         const auto found = knowledge.applications.find(process);
@@ -48,11 +50,14 @@ bool isHeard(const std::vector<Identity>& ancestry, const Knowledge& knowledge)
         if (isApplication && !found->second.excluded)
             return true;
         const bool ownedWindow = isApplication && found->second.kind == Kind::WindowOwner;
-        if (ownedWindow || knowledge.ownsWindow(process))
+        const std::optional<bool> ownsWindow = ownedWindow ? true : knowledge.ownsWindow(process);
+        if (!ownsWindow)
+            return std::nullopt;
+        if (*ownsWindow)
             return !isApplication && !ranAt(knowledge.snapshot, process);
         startedByExcluded = startedByExcluded || (isApplication && found->second.kind == Kind::StreamOwner);
     }
-    return ancestry.empty() || (!startedByExcluded && !ranAt(knowledge.snapshot, ancestry.front()));
+    return !startedByExcluded && !ranAt(knowledge.snapshot, ancestry.front());
 }
 
 }

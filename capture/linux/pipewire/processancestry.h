@@ -40,7 +40,8 @@ std::vector<Identity> ancestry(qint64 pid, const Processes& snapshot, const Look
 struct Knowledge {
     const Processes& snapshot;
     const std::map<Identity, Application>& applications;
-    std::function<bool(const Identity&)> ownsWindow; ///< now; asked only where it matters
+    /// Now; asked only where it matters. Nothing where it cannot be told.
+    std::function<std::optional<bool>(const Identity&)> ownsWindow;
 };
 
 /**
@@ -48,8 +49,9 @@ struct Knowledge {
  * wanted application is heard, any other owner of a window is not, unless it started after the snapshot. Where nobody
  * decides, a process that ran when the snapshot was taken is not heard, because it was not wanted; nor is what an
  * excluded owner of a stream started later. All else belongs to nobody that is excluded. A plain process decides only
- * when it is wanted: what an excluded shell starts later is a program by itself.
+ * when it is wanted: what an excluded shell starts later is a program by itself. Nothing where it cannot be told:
+ * nobody knows the process, or who owns a window; what is not known could be excluded.
  */
-bool isHeard(const std::vector<Identity>& ancestry, const Knowledge& knowledge);
+std::optional<bool> isHeard(const std::vector<Identity>& ancestry, const Knowledge& knowledge);
 
 }

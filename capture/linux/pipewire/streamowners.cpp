@@ -33,9 +33,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// How long an answer of the X server holds for the processFilter, for streams come in bursts: this long, or this
-/// many times what it took, so that a server that hangs holds up the decisions only once in a while.
+/// many times what it took, so that a server that hangs holds up the other decisions only a part of the time.
 constexpr std::chrono::milliseconds windowMemory{200};
-constexpr int windowMemoryPerWait = 10;
+constexpr int windowMemoryPerWait = 2;
 
 /// The id of the sandbox that a process runs in; empty outside of one.
 QString sandboxId(qint64 pid)
@@ -140,11 +140,12 @@ void SnapshotBuilder::addPlainProcesses()
 /// The windows come first: a process that starts in between is then new, and not one without a window.
 std::shared_ptr<const ApplicationSnapshot> ApplicationSnapshot::take(const std::vector<Stream>& streams)
 {
-    const std::vector<windowowners::Owner> owners = windowowners::find();
+    const auto owners = windowowners::find();
     auto data = std::make_unique<Data>();
     data->processes = processtable::readAll();
     SnapshotBuilder builder(*data);
-    builder.addWindowOwners(owners);
+    if (owners)
+        builder.addWindowOwners(*owners);
     builder.addStreams(streams);
     builder.addPlainProcesses();
     return std::make_shared<const ApplicationSnapshot>(std::move(data));
@@ -160,29 +161,33 @@ const std::vector<platform::AudioApplication>& ApplicationSnapshot::applications
 }
 
 struct ProcessFilter::Impl {
-    bool ownsWindow(const Identity& process);
-    bool isHeard(const Ancestry& ancestry, std::function<bool(const Identity&)> windowOwner) const
+    std::optional<bool> ownsWindow(const Identity& process);
+    std::optional<bool> isHeard(
+        const Ancestry& ancestry, std::function<std::optional<bool>(const Identity&)> windowOwner) const
     {
         return processancestry::isHeard(ancestry, {snapshot->data().processes, applications, std::move(windowOwner)});
     }
 
     std::shared_ptr<const ApplicationSnapshot> snapshot;
     std::map<Identity, processancestry::Application> applications;
-    std::set<qint64> windowOwners;
+    std::optional<std::set<qint64>> windowOwners; // nothing when the X server did not answer
     std::optional<Clock::time_point> staleFrom; // windowOwners; nothing before the first answer
 };
 
-bool ProcessFilter::Impl::ownsWindow(const Identity& process)
+std::optional<bool> ProcessFilter::Impl::ownsWindow(const Identity& process)
 {
     const Clock::time_point begin = Clock::now();
     if (!staleFrom || begin >= *staleFrom) {
-        windowOwners.clear();
-        for (const windowowners::Owner& owner : windowowners::find())
-            windowOwners.insert(owner.processId);
+        windowOwners.reset();
+        if (const auto owners = windowowners::find()) {
+            windowOwners.emplace();
+            for (const windowowners::Owner& owner : *owners)
+                windowOwners->insert(owner.processId);
+        }
         const Clock::time_point end = Clock::now();
         staleFrom = end + std::max<Clock::duration>(windowMemory, windowMemoryPerWait * (end - begin));
     }
-    return windowOwners.count(process.pid) > 0;
+    return windowOwners ? std::optional(windowOwners->count(process.pid) > 0) : std::nullopt;
 }
 
 ProcessFilter::ProcessFilter(
@@ -206,15 +211,10 @@ Ancestry ProcessFilter::ancestryOf(qint64 processId) const
 
 std::optional<bool> ProcessFilter::acceptsAtOnce(const Ancestry& ancestry) const
 {
-    bool asked = false;
-    const bool heard = impl_->isHeard(ancestry, [&asked](const Identity&) {
-        asked = true;
-        return false;
-    });
-    return asked ? std::nullopt : std::optional(heard);
+    return impl_->isHeard(ancestry, [](const Identity&) { return std::optional<bool>(); });
 }
 
-bool ProcessFilter::accepts(const Ancestry& ancestry)
+std::optional<bool> ProcessFilter::accepts(const Ancestry& ancestry)
 {
     return impl_->isHeard(ancestry, [this](const Identity& process) { return impl_->ownsWindow(process); });
 }

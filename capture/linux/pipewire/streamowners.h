@@ -29,7 +29,7 @@ public:
     struct Data;
 
     /// Counts what runs now: owners of windows, owners of streams, then every other process of this user. Waits for
-    /// the X server with a bound; without one nobody owns a window.
+    /// the X server with a bound; where none answers nobody owns a window, as far as is known.
     static std::shared_ptr<const ApplicationSnapshot> take(const std::vector<Stream>& streams);
 
     explicit ApplicationSnapshot(std::unique_ptr<const Data> data);
@@ -58,10 +58,11 @@ public:
     /// Reads the process table. Any thread.
     Ancestry ancestryOf(qint64 processId) const;
     /// Whether the stream of the first of the ancestry is heard, or nothing when that is not clear without the X
-    /// server. Any thread.
+    /// server, or the ancestry is empty. Any thread.
     std::optional<bool> acceptsAtOnce(const Ancestry& ancestry) const;
-    /// The same; may ask the X server (bounded). One thread at a time.
-    bool accepts(const Ancestry& ancestry);
+    /// The same; may ask the X server (bounded). Nothing when that does not answer, or the ancestry is empty: it
+    /// could be that of a program that is left out. One thread at a time.
+    std::optional<bool> accepts(const Ancestry& ancestry);
 
 private:
     struct Impl;

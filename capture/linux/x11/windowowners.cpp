@@ -164,11 +164,13 @@ void add(std::vector<Owner>& owners, const Owner& owner)
 
 }
 
-std::vector<Owner> find()
+std::optional<std::vector<Owner>> find()
 {
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        return std::vector<Owner>();
     const std::unique_ptr<DisplayConnection> connection = DisplayConnection::open();
     if (!connection)
-        return {};
+        return std::nullopt;
     const Atoms atoms = findAtoms(*connection);
     const bool askServer = x11::knowsClientProcesses(*connection);
     std::vector<Owner> owners;
@@ -186,7 +188,7 @@ std::vector<Owner> find()
                 add(owners, owner);
         }
     }
-    return owners;
+    return connection->isResponsive() ? std::optional(std::move(owners)) : std::nullopt;
 }
 
 }

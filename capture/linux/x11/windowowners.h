@@ -4,6 +4,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <optional>
 #include <vector>
 
 namespace windowowners {
@@ -15,8 +16,8 @@ struct Owner {
     QString applicationId; ///< as one of its windows tells it; else empty
 };
 
-/// Each process once, in the order of the windows. Waits for the X server with a bound; empty without DISPLAY, or
-/// when the server is gone or does not answer. Any thread.
-std::vector<Owner> find();
+/// Each process once, in the order of the windows. Waits for the X server with a bound; nothing when it is gone or
+/// does not answer, so that it is not known. Without DISPLAY there are none. Any thread.
+std::optional<std::vector<Owner>> find();
 
 }
