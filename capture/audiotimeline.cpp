@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 
 namespace {
 
@@ -20,6 +21,14 @@ constexpr qint64 patienceNs = 500 * nsPerMs;
 constexpr qint64 patienceBlocks = 6;
 constexpr qint64 spareMs = 2; ///< beyond what would just have sufficed
 
+constexpr qint64 seamFrames = 5 * framesPerMs;
+
+/// The weight of audio that begins, in a frame of its seam; 1 minus that is the weight of what ends.
+float weight(qint64 frame)
+{
+    return float(0.5 - 0.5 * std::cos(std::numbers::pi * double(frame + 1) / double(seamFrames + 1)));
+}
+
 }
 
 AudioTimeline::AudioTimeline(int holdBackMs) : holdBackMs_(holdBackMs) { }
@@ -31,6 +40,10 @@ void AudioTimeline::start(qint64 startMs)
     queue_.clear();
     stretch_.reset();
     running_ = false;
+    past_.clear();
+    echoFrames_ = 0;
+    overlap_.clear();
+    fadedIn_ = 0;
     arrivedNs_ = startMs * nsPerMs;
     blockNs_ = 0;
     waitingSinceMs_.reset();
@@ -47,40 +60,84 @@ void AudioTimeline::append(const Block& block, std::span<const float> stereo)
 {
     const auto frames = qint64(stereo.size() / 2);
     const double startFrame = frameAt(block.startNs);
-    if (frames == 0 || startFrame + double(frames) > double(delivered_ + mostFrames))
+    if (frames == 0 || std::abs(startFrame + double(frames) - double(delivered_)) > double(mostFrames))
         return;
     arrivedNs_ = std::max(arrivedNs_, block.arrivedNs);
     blockNs_ = frames * nsPerMs / framesPerMs;
 
     double step = 1;
     const double ahead = startFrame - (double(delivered_ + queuedFrames()) + stretch_.heldFrames());
-    if (running_ && std::abs(ahead) <= double(toleranceFrames))
+    if (running_ && !block.discontinuous && std::abs(ahead) <= double(toleranceFrames))
         step = drift_.step(ahead / double(framesPerMs), double(frames) / double(framesPerMs));
     else
         beginRun(startFrame, stereo);
+    if (!running_)
+        return;
+    const qint64 before = queuedFrames();
     stretch_.process(stereo, step, queue_);
+    fadeIn(before);
 }
 
-/// Puts silence before the block, or cuts off its beginning.
+/// Puts silence before the block, or cuts off its beginning. What is left of the echo there is mixed in later, with
+/// the frames of the run.
 void AudioTimeline::beginRun(double startFrame, std::span<const float>& stereo)
 {
     endRun();
-    const qint64 gap = std::llround(startFrame) - (delivered_ + queuedFrames());
+    const qint64 end = queuedFrames() - echoFrames_;
+    const qint64 gap = std::llround(startFrame) - (delivered_ + end);
     const auto frames = qint64(stereo.size() / 2);
-    if (gap > 0)
-        queue_.resize(queue_.size() + size_t(gap) * 2);
-    else
+    if (gap < 0)
         stereo = stereo.subspan(size_t(std::min(-gap, frames)) * 2);
     running_ = !stereo.empty();
+    if (!running_)
+        return;
+    const qint64 begin = end + std::max<qint64>(gap, 0);
+    overlap_.assign(queue_.begin() + std::min(begin, queuedFrames()) * 2, queue_.end());
+    queue_.resize(size_t(begin) * 2);
+    echoFrames_ = 0;
+    fadedIn_ = delivered_ + begin > 0 ? 0 : seamFrames;
 }
 
 void AudioTimeline::endRun()
 {
-    if (running_)
+    if (running_) {
+        const qint64 before = queuedFrames();
         stretch_.flush(queue_);
+        fadeIn(before);
+        appendEcho();
+    }
     stretch_.reset();
     drift_.restart();
     running_ = false;
+}
+
+/// The audio so far runs backwards from its end, so that neither its value nor its loudness jumps. Nothing of it has
+/// to be there still: it may have been delivered.
+void AudioTimeline::appendEcho()
+{
+    std::vector<float> audio = past_;
+    const qint64 queued = std::min(queuedFrames(), seamFrames);
+    audio.insert(audio.end(), queue_.end() - queued * 2, queue_.end());
+    const auto frames = qint64(audio.size() / 2);
+    echoFrames_ = std::min(frames, seamFrames);
+    for (qint64 i = 0; i < echoFrames_; ++i) {
+        const float share = 1 - weight(i);
+        const auto mirrored = size_t(frames - 1 - i) * 2;
+        queue_.insert(queue_.end(), {audio[mirrored] * share, audio[mirrored + 1] * share});
+    }
+}
+
+/// For frames of the run that have just been queued.
+void AudioTimeline::fadeIn(qint64 fromFrame)
+{
+    for (qint64 frame = fromFrame; frame < queuedFrames() && fadedIn_ < seamFrames; ++frame, ++fadedIn_) {
+        const float share = weight(fadedIn_);
+        for (const size_t channel : {0U, 1U}) {
+            const size_t ended = size_t(fadedIn_) * 2 + channel;
+            float& sample = queue_[size_t(frame) * 2 + channel];
+            sample = sample * share + (ended < overlap_.size() ? overlap_[ended] : 0.F);
+        }
+    }
 }
 
 std::optional<std::vector<float>> AudioTimeline::deliver(qint64 untilMs, bool last)
@@ -122,16 +179,17 @@ void AudioTimeline::waitForMore(qint64 untilMs, qint64 missingFrames)
     waitingSinceMs_.reset();
 }
 
+/// The next block is placed behind a gap as long as that.
 void AudioTimeline::growHoldBack(qint64 milliseconds)
 {
     endRun();
     holdBackMs_ += int(milliseconds);
-    queue_.resize(queue_.size() + size_t(milliseconds * framesPerMs) * 2);
 }
 
 void AudioTimeline::skip(qint64 frames)
 {
     queue_.erase(queue_.begin(), queue_.begin() + std::min(frames, queuedFrames()) * 2);
+    echoFrames_ = std::min(echoFrames_, queuedFrames());
     delivered_ += frames;
 }
 
@@ -141,5 +199,7 @@ std::vector<float> AudioTimeline::take(qint64 frames)
     std::vector<float> taken(queue_.begin(), queue_.begin() + std::min(frames, queuedFrames()) * 2);
     taken.resize(size_t(frames) * 2);
     skip(frames);
+    past_.insert(past_.end(), taken.end() - std::min(frames, seamFrames) * 2, taken.end());
+    past_.erase(past_.begin(), past_.end() - std::min<qint64>(qint64(past_.size()), seamFrames * 2));
     return taken;
 }

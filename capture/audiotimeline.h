@@ -15,12 +15,17 @@
  * Time stamps jitter, so a block follows the one before it without a gap as long as its time stamp is about right;
  * an error that builds up is removed by a very small change of speed. A block that is further off is placed by its
  * time stamp: a gap before it is silence, and what overlaps the audio so far is cut off.
+ *
+ * No such place makes a click. Audio that ends is followed by its own mirror image, which fades out within 5 ms, and
+ * audio that begins fades in as long, except at the very start; where both meet that is a crossfade. Everything else
+ * is delivered bit for bit as it came, unless the speed is being corrected.
  */
 class AudioTimeline {
 public:
     struct Block {
         qint64 startNs = 0; ///< when its first sample is heard, which may be later than it became known
         qint64 arrivedNs = 0; ///< when it became known
+        bool discontinuous = false; ///< it does not continue the block before, however close its time is
     };
 
     /// Audio is delivered this much later than its time stamps say: at least the interval between the reader's turns
@@ -30,7 +35,7 @@ public:
     /// Begins anew: the first delivery starts at this instant.
     void start(qint64 startMs);
 
-    /// stereo: two samples a frame. A block of no frames, or of a time that is far ahead, is left out.
+    /// stereo: two samples a frame. A block of no frames, or of a time that is far off, is left out.
     void append(const Block& block, std::span<const float> stereo);
 
     /// The audio from the end of the last delivery up to this instant, 48 frames for each millisecond; nothing when
@@ -43,6 +48,8 @@ private:
     double frameAt(qint64 ns) const;
     void beginRun(double startFrame, std::span<const float>& stereo);
     void endRun();
+    void appendEcho();
+    void fadeIn(qint64 fromFrame);
     bool isStalled(qint64 untilMs) const;
     void waitForMore(qint64 untilMs, qint64 missingFrames);
     void growHoldBack(qint64 milliseconds);
@@ -56,6 +63,10 @@ private:
     VariableResampler stretch_; // holds what follows the queue
     DriftController drift_;
     bool running_ = false; // a block can follow the last one
+    std::vector<float> past_; // the last of what was delivered, as long as a seam
+    qint64 echoFrames_ = 0; // at the end of the queue, of a run that has ended
+    std::vector<float> overlap_; // the echo on which the run has begun
+    qint64 fadedIn_ = 0; // frames of the run; as many as a seam has when it is in
     qint64 arrivedNs_ = 0; // the last block, at first the start
     qint64 blockNs_ = 0; // length of the last block
 

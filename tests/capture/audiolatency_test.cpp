@@ -8,13 +8,12 @@
 
 #include <cmath>
 #include <memory>
+#include <numbers>
 #include <vector>
 
 using namespace audiotest;
 
 namespace {
-
-constexpr int cycleMs = 22; ///< of the graph, rounded up
 
 const QStringList beat{QStringLiteral("--beat"), QStringLiteral("1")};
 
@@ -45,24 +44,43 @@ std::vector<double> beatsMs(const AudioPuller& puller, std::size_t fromFrame)
 bool isNear(double foundMs, int latencyMs, bool ofDisplay)
 {
     const double late = foundMs - latencyMs;
-    return ofDisplay ? late > -2 && late < 20 : std::abs(late) < 4;
+    return ofDisplay ? late > 6 && late < 20 : std::abs(late) < 4;
 }
 
-/// Listens until the last beat is where it belongs, or late by as many milliseconds at most.
-bool beatComesTo(AudioPuller& puller, int latencyMs, bool ofDisplay, int mostLateMs = 0)
+/// Listens until the last beat is where it belongs.
+bool beatComesTo(AudioPuller& puller, int latencyMs, bool ofDisplay)
 {
     const std::size_t before = puller.audio().size() / 2;
     for (int waitedMs = 0; waitedMs < limitMs; waitedMs += 200) {
         puller.pull(200);
         const std::vector<double> beats = beatsMs(puller, before);
-        if (beats.empty())
-            continue;
-        const double late = std::max(beats.back() - latencyMs, 0.0);
-        if (isNear(beats.back() - std::min<double>(late, mostLateMs), latencyMs, ofDisplay))
+        if (!beats.empty() && isNear(beats.back(), latencyMs, ofDisplay))
             return true;
     }
     qWarning() << "wanted a beat at" << latencyMs << "ms, heard them at" << beatsMs(puller, before);
     return false;
+}
+
+/// Whether beats lie where they belong, and did not only come there in the course of time. A beat during which sinks
+/// come or go does not count.
+bool beatIsAt(AudioPuller& puller, int latencyMs, bool ofDisplay)
+{
+    puller.pull(1200 + latencyMs);
+    const std::size_t before = puller.audio().size() / 2;
+    puller.pull(1400);
+    const std::vector<double> beats = beatsMs(puller, before);
+    if (!beats.empty() && isNear(beats.front(), latencyMs, ofDisplay))
+        return true;
+    qWarning() << "wanted beats at" << latencyMs << "ms, heard them at" << beats;
+    return false;
+}
+
+double largestStep(const std::vector<float>& audio)
+{
+    double largest = 0;
+    for (std::size_t i = 1; i < audio.size(); ++i)
+        largest = std::max(largest, std::abs(double(audio[i]) - double(audio[i - 1])));
+    return largest;
 }
 
 /// Waits until the player is told that.
@@ -161,7 +179,10 @@ void AudioLatencyTest::listenToChanges(bool ofDisplay, std::vector<audioanalysis
     const std::vector<float> audio = audioanalysis::channelOf(all, 2, 0);
     faults = playergaps::unexplained(
         audioanalysis::toneFaults(audio, 48000, tone), player.gaps(), double(puller->startMs()) + double(begin) / 96);
-    QVERIFY(audioanalysis::peakDb(audio) < playedDb + 1); // no click is louder than what plays
+    // No click, which would show even where it is not louder than what plays.
+    const double toneStep = std::pow(10, playedDb / 20) * 2 * std::numbers::pi * tone / 48000;
+    if (player.gaps().empty())
+        QVERIFY2(largestStep(audio) < 1.3 * toneStep, QByteArray::number(largestStep(audio) / toneStep));
 }
 
 /// 200 ms of silence where it rises, and a seam where it falls.
@@ -238,7 +259,8 @@ void AudioLatencyTest::headphonesComeAndGo_data()
     audioLiesWhereItIsHeard_data();
 }
 
-/// Another sink becomes the default, players move to it, and it disappears.
+/// Another sink becomes the default, players move to it, and it disappears. The latencies differ so little that time
+/// stamps could be that wrong.
 void AudioLatencyTest::headphonesComeAndGo()
 {
     QFETCH(const bool, ofDisplay);
@@ -246,14 +268,13 @@ void AudioLatencyTest::headphonesComeAndGo()
     const auto puller = capture(ofDisplay, player.pid());
     QVERIFY(beatComesTo(*puller, 0, ofDisplay));
     {
-        const LatencySink headphones(server_->server, 200, "headphones");
+        const LatencySink headphones(server_->server, 11, "headphones");
         QVERIFY2(headphones.errorString().isEmpty(), qPrintable(headphones.errorString()));
-        QVERIFY2(isTold(player, 200), text(player.latencies()));
-        // Which of two sinks drives the graph is the server's choice; the monitor of the other one is a cycle later.
-        QVERIFY(beatComesTo(*puller, 200, ofDisplay, ofDisplay ? cycleMs : 0));
+        QVERIFY2(isTold(player, 11), text(player.latencies()));
+        QVERIFY(beatIsAt(*puller, 11, ofDisplay));
     }
     QVERIFY2(isTold(player, 0), text(player.latencies()));
-    QVERIFY(beatComesTo(*puller, 0, ofDisplay));
+    QVERIFY(beatIsAt(*puller, 0, ofDisplay));
     QCOMPARE(puller->surplusMs(), qint64(0));
 }
 

@@ -165,7 +165,7 @@ void AudioStream::deliverUntil(qint64 untilMs, bool last)
     if (!impl_->started || !impl_->output)
         return;
     while (const auto taken = impl_->capture.takeBlock(impl_->block))
-        impl_->timeline.append({taken->startNs, taken->arrivedNs}, impl_->block);
+        impl_->timeline.append({taken->startNs, taken->arrivedNs, taken->discontinuous}, impl_->block);
     if (auto audio = impl_->timeline.deliver(untilMs, last))
         impl_->deliver(std::move(*audio));
 }

@@ -16,6 +16,7 @@ struct AudioBlock {
     qint64 startNs = 0; ///< when its first sample is heard; monotonic clock
     qint64 arrivedNs = 0;
     qint64 frames = 0;
+    bool discontinuous = false; ///< of another source or clock than the block before it, or that one was left out
 };
 
 /**

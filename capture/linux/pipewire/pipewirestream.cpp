@@ -143,23 +143,26 @@ void CaptureStream::onIo(void* data, uint32_t id, void* area, uint32_t size)
     if (id != SPA_IO_Position)
         return;
     const auto* position = size >= sizeof(spa_io_position) ? static_cast<const spa_io_position*>(area) : nullptr;
-    static_cast<CaptureStream*>(data)->setOnDataThread(&CaptureStream::position_, position);
+    static_cast<CaptureStream*>(data)->setOnDataThread(&CaptureStream::position_, position, false);
 }
 
-/// Once this returns, the data thread does not look at the old value, whose memory may go then.
+/// Once this returns, the data thread does not look at the old value, whose memory may go then. breaks: what comes
+/// afterwards does not continue what came before.
 template <typename Value>
-void CaptureStream::setOnDataThread(Value CaptureStream::*member, const Value& value)
+void CaptureStream::setOnDataThread(Value CaptureStream::*member, const Value& value, bool breaks)
 {
     struct Change {
         CaptureStream* self;
         Value CaptureStream::*member;
         Value value;
+        bool breaks;
     };
-    const Change change{this, member, value};
+    const Change change{this, member, value, breaks};
     const auto apply = [](spa_loop*, bool, uint32_t, const void* data, size_t, void*) {
         Change wanted;
         std::memcpy(&wanted, data, sizeof(wanted));
         wanted.self->*wanted.member = wanted.value;
+        wanted.self->broken_ = wanted.self->broken_ || wanted.breaks;
         return 0;
     };
     pw_data_loop* dataLoop = pw_context_get_data_loop(pw_core_get_context(core_));
@@ -172,7 +175,7 @@ void CaptureStream::setSource(const Source& source)
     if (source.monitoredSink == source_.monitoredSink && sameLatency(source.latency, source_.latency))
         return;
     source_ = source;
-    setOnDataThread(&CaptureStream::currentSource_, source);
+    setOnDataThread(&CaptureStream::currentSource_, source, true);
 }
 
 void CaptureStream::tellLatency(const spa_latency_info& latency)
@@ -206,18 +209,23 @@ void CaptureStream::handleBuffer(const spa_buffer& buffer)
     const uint32_t offset = std::min(data.chunk->offset, data.maxsize);
     const uint32_t bytes = std::min(data.chunk->size, data.maxsize - offset);
 
+    if (bytes < BlockQueue::frameBytes)
+        return;
+
     AudioBlock block;
     block.arrivedNs = monotonicNs();
     block.startNs = block.arrivedNs;
     block.frames = bytes / BlockQueue::frameBytes;
     if (const spa_io_position* position = position_) {
+        broken_ = std::exchange(clock_, position->clock.id) != position->clock.id || broken_;
         if (const auto current = cycle(position->clock, block.arrivedNs)) {
             const bool fromLastCycle = position->clock.id == currentSource_.monitoredSink;
             block.startNs = current->startNs - (fromLastCycle ? current->length.cycleNs : 0)
                 + latencyNs(currentSource_.latency, current->length);
         }
     }
-    blocks_.push(block, static_cast<const char*>(data.data) + offset);
+    block.discontinuous = broken_;
+    broken_ = !blocks_.push(block, static_cast<const char*>(data.data) + offset);
 }
 
 }

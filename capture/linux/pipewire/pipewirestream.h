@@ -39,7 +39,8 @@ public:
 
     void setActive(bool active) { pw_stream_set_active(stream_.get(), active); }
 
-    /// Where the audio comes from that arrives from now on, and how long it still takes to be heard.
+    /// Where the audio comes from that arrives from now on, and how long it still takes to be heard. What comes from
+    /// another one does not continue what came before.
     struct Source {
         /// The sink whose monitor is heard, or none. A sink that drives the graph has its audio ready only at the
         /// beginning of the next cycle, so its blocks are a whole cycle older than the moment they come in.
@@ -60,7 +61,7 @@ private:
     static void onControl(void* data, uint32_t id, const pw_stream_control* control);
     static void onIo(void* data, uint32_t id, void* area, uint32_t size);
     template <typename Value>
-    void setOnDataThread(Value CaptureStream::*member, const Value& value);
+    void setOnDataThread(Value CaptureStream::*member, const Value& value, bool breaks);
     static void onProcess(void* data);
     void handleState(pw_stream_state state, const char* error);
     void handleControl(uint32_t id, const pw_stream_control& control);
@@ -78,6 +79,8 @@ private:
     // Of the data thread:
     const spa_io_position* position_ = nullptr; // the graph's clock; null while not known
     Source currentSource_;
+    uint32_t clock_ = SPA_ID_INVALID; // the node whose clock the last block has its time from
+    bool broken_ = false; // the next block does not continue the last one in the queue
     BlockQueue blocks_;
     StreamHandle stream_; // last but the hook: its data thread uses the rest
     Hook hook_;
