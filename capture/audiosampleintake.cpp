@@ -10,6 +10,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <new>
 
 namespace audiointake {
@@ -125,7 +126,16 @@ std::optional<RecorderAudioCapture::Chunk> toChunk(const platform::AudioStreamDe
 
 }
 
-void RecorderAudioCapturePrivate::handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer)
+/// The platform's code does not expect exceptions. A buffer for which there is no memory is left out.
+void RecorderAudioCapturePrivate::handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer) noexcept
+{
+    try {
+        takeIn(buffer);
+    } catch (const std::exception&) {
+    }
+}
+
+void RecorderAudioCapturePrivate::takeIn(const platform::AudioSampleBuffer* buffer)
 {
     if (!buffer || !buffer->valid)
         return;

@@ -25,7 +25,7 @@ public:
     void stop();
 
     /// Converts one delivered buffer and queues the chunk (audiosampleintake.cpp). null is ignored.
-    void handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer);
+    void handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer) noexcept;
     /// The platform ended the stream: a warning, when there is an error. No state changes.
     static void handleStreamStopped(const std::optional<QString>& error);
 
@@ -44,6 +44,7 @@ public:
     bool unsupportedFormatLogged = false;
 
 private:
+    void takeIn(const platform::AudioSampleBuffer* buffer);
     bool configure();
     std::shared_ptr<const platform::AudioContent> lookUpContent() const;
     std::optional<platform::AudioFilter> filterFor(

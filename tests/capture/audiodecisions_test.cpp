@@ -1,4 +1,5 @@
 // Whose audio it is, while the answer takes its time: nothing else waits for it, and nothing is heard before it.
+#include "allocationfaults.h"
 #include "audiofixture.h"
 #include "linux/pipewire/pipewirecapture.h"
 #include "testregistry.h"
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <new>
 #include <semaphore>
 
 using namespace audiotest;
@@ -102,6 +104,8 @@ private Q_SLOTS:
     void processThatIsKnownLate();
     void processThatNobodyKnows();
     void programThatPretendsToBePulseAudio();
+    void memoryForADecisionIsMissing();
+    void memoryForTheLookUpIsMissing();
 
 private:
     std::unique_ptr<ServerForTest> server_;
@@ -243,6 +247,40 @@ void AudioDecisionsTest::programThatPretendsToBePulseAudio()
     AudioPuller puller(std::set<qint64>{player.pid()});
     QVERIFY2(puller.isCapturing(), qPrintable(puller.errorString()));
     QVERIFY(hears({&puller}, tone));
+}
+
+/// On PipeWire's thread, whose callers are no C++. What has not been decided is decided with the next change.
+void AudioDecisionsTest::memoryForADecisionIsMissing()
+{
+    const ToneProcess player(ToneProcess::tone(QStringLiteral("player"), tone));
+    std::atomic<bool> missing = true;
+    std::atomic<int> asked = 0;
+    pipewire::AudioCapture capture(
+        [&](qint64) -> pipewire::Verdict {
+            ++asked;
+            if (missing)
+                throw std::bad_alloc();
+            return true;
+        },
+        [](const QString&) {});
+    QVERIFY2(!capture.error(), qPrintable(capture.error().value_or(QString())));
+    QVERIFY(QTest::qWaitFor([&] { return asked > 0; }, limitMs));
+    missing = false;
+    QVERIFY(isAnswered(capture, true));
+    const ToneProcess later(ToneProcess::tone(QStringLiteral("later"), otherTone));
+    QVERIFY(QTest::qWaitFor([&capture] { return loudest(capture) > 0.4F; }, limitMs)); // both
+}
+
+void AudioDecisionsTest::memoryForTheLookUpIsMissing()
+{
+    QString error;
+    {
+        const allocationfaults::Refusal refusal(sizeof(pipewire::GraphMirror));
+        QVERIFY(!lookUpAudio(&error));
+        QVERIFY(refusal.count() > 0);
+    }
+    QCOMPARE(error, QStringLiteral("std::bad_alloc"));
+    QVERIFY(lookUpAudio(&error));
 }
 
 ORVANTIS_TEST(AudioDecisionsTest)

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <new>
 #include <semaphore>
 #include <thread>
 #include <vector>
@@ -62,6 +63,8 @@ private Q_SLOTS:
     void questionWithoutAnAnswerIsAskedAgain();
     void questionsWithoutAnAnswerHoldUpNoOther();
     void nodesThatHaveGoneAreNotAskedFor();
+    void questionThatThrowsIsAskedAgain();
+    void filterThatThrowsIsAskedAgain();
 };
 
 void NodeDecisionsTest::knownAtOnce()
@@ -249,6 +252,44 @@ void NodeDecisionsTest::nodesThatHaveGoneAreNotAskedFor()
     const int before = asked;
     QTest::qWait(50);
     QCOMPARE(asked.load(), before);
+}
+
+void NodeDecisionsTest::questionThatThrowsIsAskedAgain()
+{
+    std::atomic<int> decided = 0;
+    std::atomic<int> asked = 0;
+    NodeDecisions decisions(
+        [&asked](qint64) -> Verdict {
+            return [&asked]() -> std::optional<bool> {
+                if (++asked == 1)
+                    throw std::bad_alloc();
+                return true;
+            };
+        },
+        [&decided] {
+            ++decided;
+            throw std::bad_alloc(); // nor is that the end of the thread
+        },
+        {1ms, 1ms});
+    decisions.of(1, 7);
+    decisions.of(2, 7);
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 2, limitMs);
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
+    QCOMPARE(decisions.of(2, 7), std::optional(true));
+}
+
+void NodeDecisionsTest::filterThatThrowsIsAskedAgain()
+{
+    int asked = 0;
+    NodeDecisions decisions(
+        [&asked](qint64) -> Verdict {
+            if (++asked == 1)
+                throw std::bad_alloc();
+            return true;
+        },
+        [] {});
+    QVERIFY_EXCEPTION_THROWN(decisions.of(1, 7), std::bad_alloc);
+    QCOMPARE(decisions.of(1, 7), std::optional(true));
 }
 
 ORVANTIS_TEST(NodeDecisionsTest)

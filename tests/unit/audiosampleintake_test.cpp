@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -128,6 +129,7 @@ private Q_SLOTS:
     void frameCounts_data();
     void frameCounts();
     void failingBufferListAddsNoChunk();
+    void memoryForTheBufferListIsMissing();
     void bufferListIsReleased();
     void unsupportedBuffersAreNotFetched();
     void deliveriesAndReadsMeet();
@@ -412,6 +414,19 @@ void AudioSampleIntakeTest::failingBufferListAddsNoChunk()
     QVERIFY(fakeplatform::deliver(&buffer));
     QCOMPARE(intake.capture->readAvailable().size(), 0);
     QCOMPARE(intake.log.messages(), QStringList());
+}
+
+/// The caller is the platform, which knows no exceptions.
+void AudioSampleIntakeTest::memoryForTheBufferListIsMissing()
+{
+    const Intake intake;
+    AudioSampleBuffer buffer = oneFloatFrame();
+    buffer.bufferList = []() -> std::optional<AudioBufferList> { throw std::bad_alloc(); };
+    QVERIFY(fakeplatform::deliver(&buffer));
+    QCOMPARE(intake.capture->readAvailable().size(), 0);
+    const AudioSampleBuffer next = oneFloatFrame();
+    QVERIFY(fakeplatform::deliver(&next));
+    QCOMPARE(intake.capture->readAvailable().size(), 1);
 }
 
 void AudioSampleIntakeTest::bufferListIsReleased()

@@ -7,9 +7,11 @@
 #include "streamowners.h"
 
 #include <QFile>
+#include <QScopeGuard>
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -96,6 +98,7 @@ std::optional<std::vector<streamowners::Stream>> lookUpStreams(
         return std::nullopt;
     }
     std::unique_ptr<pipewire::GraphMirror> mirror;
+    const auto stopped = qScopeGuard([&connection] { connection->stop(); }); // before the mirror goes
     const auto ask = [&](Awaited& awaited) {
         const pipewire::LoopLock lock = connection->lock();
         if (!mirror)
@@ -112,27 +115,38 @@ std::optional<std::vector<streamowners::Stream>> lookUpStreams(
             break;
     }
     connection->stop();
+    if (answered && !*error && !mirror->isComplete())
+        *error = QStringLiteral("PipeWire's graph is not complete");
     if (!answered || *error)
         return std::nullopt;
     return streamsOf(mirror->graph());
 }
 
-void lookUp(const std::stop_token& stop, const AudioContentCompletion& completion)
+/// Null with an error, or without one when the server does not answer.
+std::shared_ptr<const AudioContent> contentNow(const std::stop_token& stop, std::optional<QString>* error)
 {
-    std::optional<QString> error;
-    const auto streams = lookUpStreams(stop, &error);
-    if (error) {
-        completion(nullptr, error);
-        return;
-    }
+    const auto streams = lookUpStreams(stop, error);
     if (!streams)
-        return;
+        return nullptr;
     const auto snapshot = streamowners::ApplicationSnapshot::take(*streams);
     auto content = std::make_shared<AudioContent>();
     content->displays = 1; // the sink that everything plays through unless told otherwise
     content->applications = snapshot->applications();
     content->native = snapshot;
-    completion(std::move(content), std::nullopt);
+    return content;
+}
+
+void lookUp(const std::stop_token& stop, const AudioContentCompletion& completion)
+{
+    std::optional<QString> error;
+    std::shared_ptr<const AudioContent> content;
+    try {
+        content = contentNow(stop, &error);
+    } catch (const std::exception& exception) {
+        error = QString::fromLocal8Bit(exception.what());
+    }
+    if (content || error)
+        completion(std::move(content), std::move(error));
 }
 
 }

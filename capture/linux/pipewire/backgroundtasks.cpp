@@ -1,6 +1,8 @@
 // The threads of tasks.
 #include "backgroundtasks.h"
 
+#include "containment.h"
+
 #include <atomic>
 #include <list>
 #include <mutex>
@@ -21,7 +23,7 @@ public:
         Running& running = running_.emplace_back();
         try {
             running.thread = std::jthread([&running, work = std::move(task)](const std::stop_token& stop) {
-                work(stop);
+                pipewire::contain([&] { work(stop); });
                 running.finished = true;
             });
         } catch (const std::system_error&) {

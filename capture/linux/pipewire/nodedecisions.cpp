@@ -2,6 +2,7 @@
 #include "nodedecisions.h"
 
 #include "backgroundtasks.h"
+#include "containment.h"
 #include "pipewiregraph.h"
 
 #include <algorithm>
@@ -84,8 +85,9 @@ void NodeDecisions::Desk::settle(Waiting question, std::optional<bool> answer)
 void NodeDecisions::Desk::answerAll(const std::stop_token& stop)
 {
     while (std::optional<Waiting> question = nextQuestion(stop)) {
-        const std::optional<bool> answer = question->ask();
-        settle(std::move(*question), answer);
+        std::optional<bool> answer;
+        contain([&] { answer = question->ask(); });
+        contain([&] { settle(std::move(*question), answer); });
     }
 }
 
@@ -113,14 +115,15 @@ std::optional<bool> NodeDecisions::of(uint32_t node, qint64 processId)
     if (processId <= 0)
         return std::nullopt;
     const std::lock_guard lock(desk_->mutex);
-    const auto [entry, isNew] = desk_->answers.try_emplace({node, processId});
-    if (isNew) {
+    const Desk::Key key{node, processId};
+    auto entry = desk_->answers.find(key);
+    if (entry == desk_->answers.end()) {
         Verdict verdict = filter_(processId);
-        if (const bool* known = std::get_if<bool>(&verdict))
-            entry->second = *known;
-        else
+        const bool* known = std::get_if<bool>(&verdict);
+        if (!known)
             desk_->questions.push_back(
-                {entry->first, std::get<Question>(std::move(verdict)), Desk::Clock::now(), desk_->pauses.first});
+                {key, std::get<Question>(std::move(verdict)), Desk::Clock::now(), desk_->pauses.first});
+        entry = desk_->answers.emplace(key, known ? std::optional(*known) : std::nullopt).first;
         desk_->changed.notify_all();
     }
     if (!desk_->questions.empty() && !desk_->asking)

@@ -1,6 +1,8 @@
 // Connecting, and questions and answers.
 #include "pipewireconnection.h"
 
+#include "containment.h"
+
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -107,7 +109,7 @@ void CoreConnection::synchronise(Answer answer)
 void CoreConnection::onDone(void* data, uint32_t id, int sequence)
 {
     if (id == PW_ID_CORE)
-        static_cast<CoreConnection*>(data)->handleDone(sequence);
+        contain([&] { static_cast<CoreConnection*>(data)->handleDone(sequence); });
 }
 
 void CoreConnection::handleDone(int sequence)
@@ -119,8 +121,10 @@ void CoreConnection::handleDone(int sequence)
 void CoreConnection::onError(void* data, uint32_t id, int /*sequence*/, int result, const char* /*message*/)
 {
     if (id == PW_ID_CORE && result == -EPIPE) // any other is about one object, and told to its proxy
-        static_cast<CoreConnection*>(data)->handleLoss(
-            QStringLiteral("The connection to PipeWire is lost: ") + errorText(-result));
+        contain([&] {
+            static_cast<CoreConnection*>(data)->handleLoss(
+                QStringLiteral("The connection to PipeWire is lost: ") + errorText(-result));
+        });
 }
 
 void CoreConnection::handleLoss(const QString& error)

@@ -1,6 +1,7 @@
 // Following the server's registry.
 #include "pipewiregraph.h"
 
+#include "containment.h"
 #include "platform/audio.h"
 
 #include <QString>
@@ -168,8 +169,7 @@ struct GraphMirror::BoundClient : Bound<pw_client> {
         auto* self = static_cast<BoundClient*>(data);
         if (!(info->change_mask & PW_CLIENT_CHANGE_MASK_PROPS))
             return;
-        self->mirror->graph_.clients[self->id] = clientFrom(info->props);
-        self->mirror->changed_();
+        self->mirror->apply([&](Graph& graph) { graph.clients[self->id] = clientFrom(info->props); });
     }
     static const pw_client_events events;
 };
@@ -189,8 +189,7 @@ struct GraphMirror::BoundNode : Bound<pw_node> {
         auto* self = static_cast<BoundNode*>(data);
         if (!(info->change_mask & PW_NODE_CHANGE_MASK_PROPS))
             return;
-        self->mirror->graph_.nodes[self->id] = nodeFrom(info->props);
-        self->mirror->changed_();
+        self->mirror->apply([&](Graph& graph) { graph.nodes[self->id] = nodeFrom(info->props); });
     }
     static const pw_node_events events;
 };
@@ -214,8 +213,7 @@ struct GraphMirror::BoundPort : Bound<pw_port> {
         if (id != SPA_PARAM_Latency || !parameter || spa_latency_parse(parameter, &latency) < 0
             || latency.direction != SPA_DIRECTION_INPUT)
             return;
-        self->mirror->graph_.ports[self->id].latency = latency;
-        self->mirror->changed_();
+        self->mirror->apply([&](Graph& graph) { graph.ports[self->id].latency = latency; });
     }
     static const pw_port_events events;
 };
@@ -236,8 +234,7 @@ struct GraphMirror::BoundMetadata : Bound<pw_metadata> {
         auto* self = static_cast<BoundMetadata*>(data);
         if (subject != PW_ID_CORE || (key && std::string_view(key) != "default.audio.sink"))
             return 0;
-        self->mirror->graph_.defaultSink = sinkName(key ? value : nullptr);
-        self->mirror->changed_();
+        self->mirror->apply([&](Graph& graph) { graph.defaultSink = sinkName(key ? value : nullptr); });
         return 0;
     }
     static const pw_metadata_events events;
@@ -270,12 +267,25 @@ GraphMirror::~GraphMirror() = default;
 void GraphMirror::onGlobal(void* data, uint32_t id, uint32_t /*permissions*/, const char* type, uint32_t /*version*/,
     const spa_dict* properties)
 {
-    static_cast<GraphMirror*>(data)->add(id, type, properties);
+    auto* self = static_cast<GraphMirror*>(data);
+    self->apply([&](Graph&) { self->add(id, type, properties); });
 }
 
 void GraphMirror::onGlobalRemove(void* data, uint32_t id)
 {
-    static_cast<GraphMirror*>(data)->remove(id);
+    auto* self = static_cast<GraphMirror*>(data);
+    self->apply([&](Graph&) { self->remove(id); });
+}
+
+/// The one way in which the server's messages come in.
+template <typename Change>
+void GraphMirror::apply(const Change& change)
+{
+    const bool done = contain([&] {
+        change(graph_);
+        changed_();
+    });
+    complete_ = complete_ && done;
 }
 
 void GraphMirror::add(uint32_t id, const char* type, const spa_dict* properties)
@@ -300,7 +310,6 @@ void GraphMirror::add(uint32_t id, const char* type, const spa_dict* properties)
         addPort(id, *properties);
     } else if (kind == PW_TYPE_INTERFACE_Link && properties) {
         graph_.links[id] = linkFrom(properties);
-        changed_();
     } else if (kind == PW_TYPE_INTERFACE_Metadata && properties
         && text(properties, PW_KEY_METADATA_NAME) == "default") {
         addMetadata(id);
@@ -318,7 +327,6 @@ void GraphMirror::addPort(uint32_t id, const spa_dict& properties)
         listen(proxy, bound->hook, BoundPort::events, bound.get());
         subscribe(proxy, SPA_PARAM_Latency);
     }
-    changed_();
 }
 
 void GraphMirror::addMetadata(uint32_t id)
@@ -342,7 +350,6 @@ void GraphMirror::remove(uint32_t id)
     graph_.links.erase(id);
     if (metadata_ && metadata_->id == id)
         metadata_.reset(); // the sink stays the default until somebody says otherwise
-    changed_();
 }
 
 }

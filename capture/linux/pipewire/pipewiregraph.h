@@ -94,6 +94,8 @@ public:
     GraphMirror& operator=(const GraphMirror&) = delete;
 
     const Graph& graph() const { return graph_; }
+    /// False once something of the graph, or what followed from it, is lost for want of memory.
+    bool isComplete() const { return complete_; }
 
 private:
     template <typename Interface>
@@ -108,12 +110,15 @@ private:
     static void onGlobalRemove(void* data, uint32_t id);
     static const pw_registry_events events;
 
+    template <typename Change>
+    void apply(const Change& change);
     void add(uint32_t id, const char* type, const spa_dict* properties);
     void addPort(uint32_t id, const spa_dict& properties);
     void addMetadata(uint32_t id);
     void remove(uint32_t id);
 
     Graph graph_;
+    bool complete_ = true;
     std::function<void()> changed_;
     ProxyHandle<pw_registry> registry_;
     Hook registryHook_;

@@ -1,6 +1,7 @@
 // The stream and its data thread.
 #include "pipewirestream.h"
 
+#include "containment.h"
 #include "pipewirelatency.h"
 
 #include <spa/node/io.h>
@@ -99,7 +100,7 @@ bool CaptureStream::connect()
 
 void CaptureStream::onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error)
 {
-    static_cast<CaptureStream*>(data)->handleState(state, error);
+    contain([&] { static_cast<CaptureStream*>(data)->handleState(state, error); });
 }
 
 void CaptureStream::handleState(pw_stream_state state, const char* error)
@@ -118,7 +119,7 @@ void CaptureStream::handleState(pw_stream_state state, const char* error)
 
 void CaptureStream::onControl(void* data, uint32_t id, const pw_stream_control* control)
 {
-    static_cast<CaptureStream*>(data)->handleControl(id, *control);
+    contain([&] { static_cast<CaptureStream*>(data)->handleControl(id, *control); });
 }
 
 /// The session manager gives a stream the volume that somebody once chose for one like it; the audio is to be heard
