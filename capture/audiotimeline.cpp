@@ -33,9 +33,10 @@ float weight(qint64 frame)
 
 AudioTimeline::AudioTimeline(int holdBackMs) : holdBackMs_(holdBackMs) { }
 
-void AudioTimeline::start(qint64 startMs)
+void AudioTimeline::start(qint64 startMs, bool inMidstream)
 {
     startMs_ = startMs;
+    inMidstream_ = inMidstream;
     delivered_ = 0;
     queue_.clear();
     stretch_.reset();
@@ -47,6 +48,12 @@ void AudioTimeline::start(qint64 startMs)
     arrivedNs_ = startMs * nsPerMs;
     blockNs_ = 0;
     waitingSinceMs_.reset();
+}
+
+/// Beyond the last delivery.
+qint64 AudioTimeline::framesUntil(qint64 untilMs) const
+{
+    return (untilMs - startMs_) * framesPerMs - delivered_;
 }
 
 /// The place of an instant in the stream, in frames from its start.
@@ -95,7 +102,7 @@ void AudioTimeline::beginRun(double startFrame, std::span<const float>& stereo)
     overlap_.assign(queue_.begin() + std::min(begin, queuedFrames()) * 2, queue_.end());
     queue_.resize(size_t(begin) * 2);
     echoFrames_ = 0;
-    fadedIn_ = delivered_ + begin > 0 ? 0 : seamFrames;
+    fadedIn_ = inMidstream_ || delivered_ + begin > 0 ? 0 : seamFrames;
 }
 
 void AudioTimeline::endRun()
@@ -140,19 +147,27 @@ void AudioTimeline::fadeIn(qint64 fromFrame)
     }
 }
 
+bool AudioTimeline::prepare(qint64 untilMs, bool last)
+{
+    const qint64 wanted = framesUntil(untilMs);
+    if (wanted <= 0)
+        return false;
+    if (wanted <= queuedFrames())
+        return true;
+    if (!last && !isStalled(untilMs)) {
+        waitForMore(untilMs, wanted - queuedFrames());
+        return false;
+    }
+    endRun();
+    return true;
+}
+
 std::optional<std::vector<float>> AudioTimeline::deliver(qint64 untilMs, bool last)
 {
-    const qint64 wanted = (untilMs - startMs_) * framesPerMs - delivered_;
-    if (wanted <= 0)
+    if (!prepare(untilMs, last))
         return std::nullopt;
-    if (wanted > queuedFrames()) {
-        if (!last && !isStalled(untilMs)) {
-            waitForMore(untilMs, wanted - queuedFrames());
-            return std::nullopt;
-        }
-        endRun();
-    }
     waitingSinceMs_.reset();
+    const qint64 wanted = framesUntil(untilMs);
     const qint64 tooMany = wanted - mostFrames;
     if (tooMany > 0)
         skip(tooMany);

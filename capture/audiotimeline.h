@@ -32,8 +32,9 @@ public:
     /// when blocks arrive at the end of their time or later, and 0 when they arrive ahead of it.
     explicit AudioTimeline(int holdBackMs);
 
-    /// Begins anew: the first delivery starts at this instant.
-    void start(qint64 startMs);
+    /// Begins anew: the first delivery starts at this instant. inMidstream: other audio was heard before it, so that
+    /// even what is there from the start on fades in.
+    void start(qint64 startMs, bool inMidstream = false);
 
     /// stereo: two samples a frame. A block of no frames, or of a time that is far off, is left out.
     void append(const Block& block, std::span<const float> stereo);
@@ -43,8 +44,15 @@ public:
     /// silence; the last time it is silence at once. Of more than 10 seconds only the last 10 are delivered.
     std::optional<std::vector<float>> deliver(qint64 untilMs, bool last = false);
 
+    /// Whether deliver() would hand out something now. One call of either is a turn of the reader.
+    bool prepare(qint64 untilMs, bool last = false);
+
+    /// There is no audio left beyond the last delivery.
+    bool isEmpty() const { return !running_ && queue_.empty(); }
+
 private:
     qint64 queuedFrames() const { return qint64(queue_.size() / 2); }
+    qint64 framesUntil(qint64 untilMs) const;
     double frameAt(qint64 ns) const;
     void beginRun(double startFrame, std::span<const float>& stereo);
     void endRun();
@@ -59,6 +67,7 @@ private:
     int holdBackMs_;
     qint64 startMs_ = 0;
     qint64 delivered_ = 0; // frames since the start
+    bool inMidstream_ = false;
     std::vector<float> queue_; // follows what was delivered
     VariableResampler stretch_; // holds what follows the queue
     DriftController drift_;

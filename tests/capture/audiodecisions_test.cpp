@@ -61,9 +61,11 @@ float loudest(pipewire::AudioCapture& capture)
 {
     std::vector<float> block;
     float most = 0;
-    while (capture.takeBlock(block)) {
-        for (const float sample : block)
-            most = std::max(most, std::abs(sample));
+    for (const auto& queue : capture.queues()) {
+        while (queue->pop(block)) {
+            for (const float sample : block)
+                most = std::max(most, std::abs(sample));
+        }
     }
     return most;
 }

@@ -27,7 +27,7 @@ std::unique_ptr<AudioPuller> capture(bool ofDisplay, qint64 pid)
 std::vector<double> beatsMs(const AudioPuller& puller, std::size_t fromFrame)
 {
     const std::vector<float>& audio = puller.audio();
-    constexpr std::size_t pause = 48 * 200; // frames of silence before a beat
+    constexpr std::size_t pause = 48 * 50; // frames of silence before a beat
     std::vector<double> beats;
     std::size_t silent = 0;
     for (std::size_t i = fromFrame; i < audio.size() / 2; ++i) {
@@ -75,6 +75,35 @@ bool beatIsAt(AudioPuller& puller, int latencyMs, bool ofDisplay)
     return false;
 }
 
+/// Whether beats come there, and nowhere else, in the end.
+bool beatsComeTo(AudioPuller& puller, const std::vector<int>& latenciesMs, bool ofDisplay)
+{
+    std::vector<double> beats;
+    for (int waitedMs = 0; waitedMs < limitMs; waitedMs += 1500) {
+        const std::size_t before = puller.audio().size() / 2;
+        puller.pull(1500);
+        beats = beatsMs(puller, before);
+        const auto isBeatAt = [&](int latencyMs) {
+            return std::any_of(
+                beats.begin(), beats.end(), [&](double at) { return isNear(at, latencyMs, ofDisplay); });
+        };
+        const auto isExpected = [&](double at) {
+            return std::any_of(latenciesMs.begin(), latenciesMs.end(),
+                [&](int latencyMs) { return isNear(at, latencyMs, ofDisplay); });
+        };
+        if (std::all_of(latenciesMs.begin(), latenciesMs.end(), isBeatAt)
+            && std::all_of(beats.begin(), beats.end(), isExpected))
+            return true;
+    }
+    qWarning() << "wanted beats at" << latenciesMs << "ms, heard them at" << beats;
+    return false;
+}
+
+QStringList playingTo(const char* sink, const QStringList& more)
+{
+    return QStringList{QStringLiteral("--target"), QString::fromLatin1(sink)} + more;
+}
+
 double largestStep(const std::vector<float>& audio)
 {
     double largest = 0;
@@ -116,6 +145,9 @@ private Q_SLOTS:
     void recordersDoNotHoldEachOther();
     void headphonesComeAndGo_data();
     void headphonesComeAndGo();
+    void eachSinkHasItsLatency_data();
+    void eachSinkHasItsLatency();
+    void othersHaveNoGapWhenPlayersComeAndGo();
 
 private:
     /// Leaves in faults what is wrong with a steady tone while the latency goes up and down.
@@ -276,6 +308,64 @@ void AudioLatencyTest::headphonesComeAndGo()
     QVERIFY2(isTold(player, 0), text(player.latencies()));
     QVERIFY(beatIsAt(*puller, 0, ofDisplay));
     QCOMPARE(puller->surplusMs(), qint64(0));
+}
+
+void AudioLatencyTest::eachSinkHasItsLatency_data()
+{
+    audioLiesWhereItIsHeard_data();
+}
+
+/// Players of two sinks: each is told its own sink's latency, before, during and after a capture, and lies where it
+/// is heard. The audio of the display is that of the second one, which is the default.
+void AudioLatencyTest::eachSinkHasItsLatency()
+{
+    QFETCH(const bool, ofDisplay);
+    LatencySink headphones(server_->server, 200, "headphones");
+    QVERIFY2(headphones.errorString().isEmpty(), qPrintable(headphones.errorString()));
+    ToneProcess first(ToneProcess::tone(QStringLiteral("first"), tone, playingTo("latency-sink", beat)));
+    ToneProcess second(ToneProcess::tone(QStringLiteral("second"), otherTone, playingTo("headphones", beat)));
+    QVERIFY(isTold(second, 200));
+    const std::vector<int> toldFirst = first.latencies();
+    const std::vector<int> toldSecond = second.latencies();
+    QVERIFY2(toldFirst == std::vector<int>{0} || toldFirst.empty(), text(toldFirst));
+    {
+        const auto puller = ofDisplay ? std::make_unique<AudioPuller>()
+                                      : std::make_unique<AudioPuller>(std::set<qint64>{first.pid(), second.pid()});
+        QVERIFY2(puller->isCapturing(), qPrintable(puller->errorString()));
+        QVERIFY(beatsComeTo(*puller, ofDisplay ? std::vector{200} : std::vector{0, 200}, ofDisplay));
+        QVERIFY2(second.latencies() == toldSecond, text(second.latencies()));
+        QVERIFY(headphones.setLatency(400));
+        QVERIFY(isTold(second, 400));
+        QVERIFY(beatsComeTo(*puller, ofDisplay ? std::vector{400} : std::vector{0, 400}, ofDisplay));
+        QCOMPARE(puller->surplusMs(), qint64(0));
+    }
+    QTest::qWait(300);
+    QVERIFY2(first.latencies() == toldFirst, text(first.latencies()));
+    QVERIFY2(second.latencies().size() == toldSecond.size() + 1, text(second.latencies()));
+}
+
+/// A player to another sink takes another stream of the recorder's.
+void AudioLatencyTest::othersHaveNoGapWhenPlayersComeAndGo()
+{
+    const LatencySink headphones(server_->server, 200, "headphones");
+    QVERIFY2(headphones.errorString().isEmpty(), qPrintable(headphones.errorString()));
+    ToneProcess player(ToneProcess::tone(QStringLiteral("player"), tone, playingTo("latency-sink", {})));
+    AudioPuller puller(std::set<qint64>{player.pid()});
+    QVERIFY(hears({&puller}, tone));
+    const std::size_t begin = puller.audio().size();
+    for (int i = 0; i < 3; ++i) {
+        ToneProcess silent(ToneProcess::tone(QStringLiteral("silent"), otherTone,
+            playingTo("headphones", {QStringLiteral("--amplitude"), QStringLiteral("0")})));
+        QVERIFY(isTold(silent, 200));
+        puller.pull(400);
+        QVERIFY2(silent.latencies().back() == 200, text(silent.latencies()));
+        QVERIFY(silent.stop());
+        puller.pull(300);
+    }
+    const AudioPuller::Piece piece{{puller.audio().begin() + std::ptrdiff_t(begin), puller.audio().end()},
+        double(puller.startMs()) + double(begin) / 96};
+    QCOMPARE(faultsOf(piece, tone, player), QString());
+    QCOMPARE(player.latencies().back(), 0);
 }
 
 ORVANTIS_TEST(AudioLatencyTest)

@@ -2,7 +2,7 @@
 //
 //   toneplayer [--frequency HZ] [--amplitude A] [--channels 1|2|6] [--format f32|f32p|s16] [--rate HZ]
 //              [--name APPLICATION] [--schedule ON,OFF,ON...] [--seconds N] [--spread 0|1] [--anonymous N]
-//              [--beat 0|1] [--claim PROCESS]
+//              [--beat 0|1] [--claim PROCESS] [--target SINK]
 //
 // Spread over its channels, the audio has one, two, three... times the frequency in the first, second, third... one.
 // With a beat, there is audio only in the first tenth of each second of the monotonic clock.
@@ -47,6 +47,7 @@ struct Options {
     uint32_t rate = 48000;
     spa_audio_format format = SPA_AUDIO_FORMAT_F32;
     std::string name = "toneplayer";
+    std::string target; // the name of a sink; empty for the default
     std::vector<double> schedule{1e6}; // seconds on, off, on, ...
     double seconds = 1e6;
     bool spread = false;
@@ -71,6 +72,10 @@ bool readOption(const std::string& name, const std::string& value, Options& opti
         {"f32", SPA_AUDIO_FORMAT_F32}, {"f32p", SPA_AUDIO_FORMAT_F32P}, {"s16", SPA_AUDIO_FORMAT_S16}};
     if (name == "--name") {
         options.name = value;
+        return !value.empty();
+    }
+    if (name == "--target") {
+        options.target = value;
         return !value.empty();
     }
     if (name == "--format") {
@@ -323,10 +328,11 @@ bool Player::connect()
     }
     context_ = pw_context_new(loop_, properties, 0);
     core_ = context_ ? pw_context_connect(context_, nullptr, 0) : nullptr;
-    stream_ = core_ ? pw_stream_new(core_, options_.name.c_str(),
-                  pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_APP_NAME,
-                      options_.name.c_str(), nullptr))
-                    : nullptr;
+    pw_properties* description = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
+        PW_KEY_APP_NAME, options_.name.c_str(), nullptr);
+    if (!options_.target.empty())
+        pw_properties_set(description, PW_KEY_TARGET_OBJECT, options_.target.c_str());
+    stream_ = core_ ? pw_stream_new(core_, options_.name.c_str(), description) : nullptr;
     if (!stream_)
         return false;
     pw_stream_add_listener(stream_, &hook_, &events, this);

@@ -2,7 +2,7 @@
 // them metered out by its own clock.
 #include "platform/audio.h"
 
-#include "audiotimeline.h"
+#include "audiomix.h"
 #include "pipewirecapture.h"
 #include "streamowners.h"
 
@@ -93,7 +93,7 @@ AudioStreamDescription stereoFloat()
 
 struct AudioStream::Impl {
     Impl(const AudioFilter& filter, AudioOutput& delegate)
-        : timeline(filter.excludedApplications ? 0 : monitorHoldBackMs),
+        : mix(filter.excludedApplications ? 0 : monitorHoldBackMs),
           capture(processFilter(filter),
               [&delegate](const QString& error) { delegate.impl().owner.streamStopped(error); })
     {
@@ -112,8 +112,7 @@ struct AudioStream::Impl {
         output->impl().owner.handleSampleBuffer(&buffer);
     }
 
-    AudioTimeline timeline;
-    std::vector<float> block; // its samples
+    pipewire::AudioMix mix;
     AudioOutput* output = nullptr; // null until added
     AudioQueue* queue = nullptr;
     bool started = false;
@@ -145,7 +144,7 @@ void AudioStream::startCapture(AudioCompletion completion)
         completion(impl_->capture.error());
         return;
     }
-    impl_->timeline.start(monotonicMs());
+    impl_->mix.start(monotonicMs());
     impl_->started = true;
     impl_->capture.setActive(true, std::move(completion));
 }
@@ -164,9 +163,7 @@ void AudioStream::deliverUntil(qint64 untilMs, bool last)
 {
     if (!impl_->started || !impl_->output)
         return;
-    while (const auto taken = impl_->capture.takeBlock(impl_->block))
-        impl_->timeline.append({taken->startNs, taken->arrivedNs, taken->discontinuous}, impl_->block);
-    if (auto audio = impl_->timeline.deliver(untilMs, last))
+    if (auto audio = impl_->mix.deliver(impl_->capture.queues(), untilMs, last))
         impl_->deliver(std::move(*audio));
 }
 

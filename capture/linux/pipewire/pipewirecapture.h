@@ -1,17 +1,21 @@
 // AudioCapture: the audio of the default sink, or of the programs that are wanted, whatever comes and goes.
 #pragma once
 
+#include "audiomix.h"
 #include "nodedecisions.h"
 #include "pipewireconnection.h"
 #include "pipewiregraph.h"
 #include "pipewirelinks.h"
 #include "pipewirestream.h"
+#include "streamplan.h"
 
 #include <QString>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -37,13 +41,20 @@ public:
 
     /// Only while there is no error.
     void setActive(bool active, Answer answer);
-    std::optional<AudioBlock> takeBlock(std::vector<float>& stereo) { return input_->takeBlock(stereo); }
+    /// Of the streams that there are now: their audio belongs together. The caller takes what is in them.
+    BlockQueues queues();
 
 private:
+    void open(ProcessFilter processFilter);
+    void addStream(uint32_t id);
+    void retireAllBut(const std::vector<StreamPlan::Stream>& planned);
+    void publishQueues();
     void follow();
+    void followGraph();
     void followDecision();
-    std::set<PortPair> linksOfSink(uint32_t capture);
-    std::set<PortPair> linksOfPrograms(uint32_t capture);
+    std::set<PortPair> linksOfSink();
+    std::set<PortPair> linksOfPrograms();
+    std::optional<uint32_t> captureNode(uint32_t stream) const;
     void reportLoss(const QString& error);
 
     std::function<void(const QString& error)> lost_;
@@ -51,10 +62,17 @@ private:
     std::optional<QString> error_;
 
     std::unique_ptr<CoreConnection> connection_; // null after a failure
-    std::unique_ptr<CaptureStream> input_;
+    bool active_ = false;
+    std::map<uint32_t, std::unique_ptr<CaptureStream>> streams_; // by their ids in the plan
+    std::vector<std::unique_ptr<CaptureStream>> retired_; // go when none of their callbacks can be running
+    StreamPlan plan_;
+    std::map<uint32_t, uint32_t> streamOf_; // by the node that is linked to it
     std::unique_ptr<LinkSet> links_;
     std::unique_ptr<GraphMirror> mirror_;
     std::unique_ptr<NodeDecisions> decisions_; // null for the audio of the default sink; last, for it calls follow()
+
+    std::mutex queuesMutex_; // guards the following
+    BlockQueues queues_;
 };
 
 }

@@ -40,6 +40,15 @@ spa_latency_info defaultLatency(const Graph& graph)
     return sink ? sinkLatency(graph, *sink) : spa_latency_info{};
 }
 
+/// It may be anything that a program writes into it.
+double middleNs(const spa_latency_info& latency, const CycleLength& length)
+{
+    const double cycles = (double(latency.min_quantum) + double(latency.max_quantum)) / 2;
+    const double frames = (double(latency.min_rate) + double(latency.max_rate)) / 2;
+    const double fixedNs = (double(latency.min_ns) + double(latency.max_ns)) / 2;
+    return cycles * double(length.cycleNs) + frames * length.frameNs + fixedNs;
+}
+
 bool isRecorder(const Graph& graph, uint32_t id)
 {
     const auto node = graph.nodes.find(id);
@@ -56,6 +65,19 @@ spa_latency_info sinkLatency(const Graph& graph, uint32_t sink)
             range.add(port);
     }
     return range.finished();
+}
+
+std::set<uint32_t> playbackSinks(const Graph& graph, uint32_t node)
+{
+    std::set<uint32_t> sinks;
+    for (const auto& [id, link] : graph.links) {
+        if (link.outputNode == node && graph.ports.count(link.inputPort) > 0 && !isRecorder(graph, link.inputNode))
+            sinks.insert(link.inputNode);
+    }
+    const std::optional<uint32_t> sink = sinks.empty() ? defaultSinkNode(graph) : std::nullopt;
+    if (sink)
+        sinks.insert(*sink);
+    return sinks;
 }
 
 spa_latency_info playbackLatency(const Graph& graph, uint32_t node)
@@ -77,7 +99,7 @@ spa_latency_info longestLatency(const Graph& graph, const std::set<uint32_t>& no
     std::optional<spa_latency_info> longest;
     for (const uint32_t node : nodes) {
         const spa_latency_info latency = playbackLatency(graph, node);
-        if (!longest || latencyNs(latency, usualLength) > latencyNs(*longest, usualLength))
+        if (!longest || usualLatencyNs(latency) > usualLatencyNs(*longest))
             longest = latency;
     }
     return longest ? *longest : defaultLatency(graph);
@@ -85,11 +107,24 @@ spa_latency_info longestLatency(const Graph& graph, const std::set<uint32_t>& no
 
 qint64 latencyNs(const spa_latency_info& latency, const CycleLength& length)
 {
-    const double cycles = (double(latency.min_quantum) + double(latency.max_quantum)) / 2;
-    const double frames = (double(latency.min_rate) + double(latency.max_rate)) / 2;
-    const double fixedNs = (double(latency.min_ns) + double(latency.max_ns)) / 2;
-    const double ns = cycles * double(length.cycleNs) + frames * length.frameNs + fixedNs;
+    const double ns = middleNs(latency, length);
     return ns > 0 ? qint64(std::min(ns, double(mostLatencyNs))) : 0; // also where it is no number
+}
+
+qint64 usualLatencyNs(const spa_latency_info& latency)
+{
+    return latencyNs(latency, usualLength);
+}
+
+spa_latency_info boundedLatency(const spa_latency_info& latency)
+{
+    const double ns = middleNs(latency, usualLength);
+    if (ns >= 0 && ns <= double(mostLatencyNs))
+        return latency;
+    spa_latency_info bounded{};
+    bounded.min_ns = quint64(usualLatencyNs(latency));
+    bounded.max_ns = bounded.min_ns;
+    return bounded;
 }
 
 }

@@ -70,18 +70,18 @@ const pw_stream_events CaptureStream::events = [] {
     return table;
 }();
 
-CaptureStream::CaptureStream(pw_core* core, Handlers handlers)
+CaptureStream::CaptureStream(pw_core* core, Handlers handlers, bool active)
     : core_(core), handlers_(std::move(handlers)), stream_(pw_stream_new(core, captureNodeName, streamProperties()))
 {
     if (!stream_)
         return;
     pw_stream_add_listener(stream_.get(), hook_.get(), &events, this);
-    connected_ = connect();
+    connected_ = connect(active);
 }
 
 CaptureStream::~CaptureStream() = default;
 
-bool CaptureStream::connect()
+bool CaptureStream::connect(bool active)
 {
     std::array<uint8_t, 1024> memory;
     spa_pod_builder builder{};
@@ -93,8 +93,8 @@ bool CaptureStream::connect()
     format.position[0] = SPA_AUDIO_CHANNEL_FL;
     format.position[1] = SPA_AUDIO_CHANNEL_FR;
     const spa_pod* parameters[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format)};
-    const auto flags
-        = pw_stream_flags(PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS | PW_STREAM_FLAG_INACTIVE);
+    const auto flags = pw_stream_flags(
+        PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS | (active ? 0 : PW_STREAM_FLAG_INACTIVE));
     return pw_stream_connect(stream_.get(), PW_DIRECTION_INPUT, PW_ID_ANY, flags, parameters, 1) >= 0;
 }
 
@@ -226,7 +226,7 @@ void CaptureStream::handleBuffer(const spa_buffer& buffer)
         }
     }
     block.discontinuous = broken_;
-    broken_ = !blocks_.push(block, static_cast<const char*>(data.data) + offset);
+    broken_ = !blocks_->push(block, static_cast<const char*>(data.data) + offset);
 }
 
 }

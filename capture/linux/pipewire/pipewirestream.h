@@ -10,16 +10,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
-#include <vector>
 
 struct spa_io_position;
 
 namespace pipewire {
 
 /**
- * Asleep at first. Made and used under the connection's lock, or after its thread has ended, except for takeBlock()
- * (one thread of the user's) and what PipeWire's data thread does.
+ * Made and used under the connection's lock, or after its thread has ended, except for the queue's other end and what
+ * PipeWire's data thread does.
  */
 class CaptureStream {
 public:
@@ -28,7 +28,7 @@ public:
         std::function<void(const QString& error)> ended; ///< the server has ended it
     };
 
-    CaptureStream(pw_core* core, Handlers handlers);
+    CaptureStream(pw_core* core, Handlers handlers, bool active);
     ~CaptureStream();
     CaptureStream(const CaptureStream&) = delete;
     CaptureStream& operator=(const CaptureStream&) = delete;
@@ -53,10 +53,11 @@ public:
     /// believe in the middle between that and none, and move their video.
     void tellLatency(const spa_latency_info& latency);
 
-    std::optional<AudioBlock> takeBlock(std::vector<float>& stereo) { return blocks_.pop(stereo); }
+    /// What comes in; it outlives the stream. One thread of the user's takes from it.
+    const std::shared_ptr<BlockQueue>& queue() const { return blocks_; }
 
 private:
-    bool connect();
+    bool connect(bool active);
     static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state, const char* error);
     static void onControl(void* data, uint32_t id, const pw_stream_control* control);
     static void onIo(void* data, uint32_t id, void* area, uint32_t size);
@@ -81,7 +82,7 @@ private:
     Source currentSource_;
     uint32_t clock_ = SPA_ID_INVALID; // the node whose clock the last block has its time from
     bool broken_ = false; // the next block does not continue the last one in the queue
-    BlockQueue blocks_;
+    const std::shared_ptr<BlockQueue> blocks_ = std::make_shared<BlockQueue>();
     StreamHandle stream_; // last but the hook: its data thread uses the rest
     Hook hook_;
 };

@@ -1,0 +1,56 @@
+// Following the streams, adding their audio.
+#include "audiomix.h"
+
+#include <algorithm>
+
+namespace pipewire {
+
+void AudioMix::start(qint64 startMs)
+{
+    deliveredMs_ = startMs;
+    delivered_ = false;
+    std::erase_if(voices_, [](const Voice& voice) { return voice.ended; });
+    for (Voice& voice : voices_)
+        voice.timeline.start(startMs);
+}
+
+void AudioMix::follow(const BlockQueues& queues)
+{
+    for (Voice& voice : voices_)
+        voice.ended = std::find(queues.begin(), queues.end(), voice.queue) == queues.end();
+    for (const std::shared_ptr<BlockQueue>& queue : queues) {
+        const auto isIts = [&queue](const Voice& voice) { return voice.queue == queue; };
+        if (std::none_of(voices_.begin(), voices_.end(), isIts)) {
+            voices_.push_back({queue, AudioTimeline(holdBackMs_)});
+            voices_.back().timeline.start(deliveredMs_, delivered_);
+        }
+    }
+    for (Voice& voice : voices_) {
+        while (const auto taken = voice.queue->pop(block_))
+            voice.timeline.append({taken->startNs, taken->arrivedNs, taken->discontinuous}, block_);
+    }
+    std::erase_if(voices_, [](const Voice& voice) { return voice.ended && voice.timeline.isEmpty(); });
+}
+
+std::optional<std::vector<float>> AudioMix::deliver(const BlockQueues& queues, qint64 untilMs, bool last)
+{
+    follow(queues);
+    bool isThere = untilMs > deliveredMs_;
+    for (Voice& voice : voices_)
+        isThere = voice.timeline.prepare(untilMs, last || voice.ended) && isThere;
+    if (!isThere)
+        return std::nullopt;
+    std::optional<std::vector<float>> mix;
+    for (Voice& voice : voices_) {
+        std::optional<std::vector<float>> audio = voice.timeline.deliver(untilMs, last || voice.ended);
+        if (mix && audio)
+            std::transform(mix->begin(), mix->end(), audio->begin(), mix->begin(), std::plus<>());
+        else if (audio)
+            mix = std::move(audio);
+    }
+    deliveredMs_ = untilMs;
+    delivered_ = true;
+    return mix;
+}
+
+}

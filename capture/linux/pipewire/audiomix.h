@@ -1,0 +1,41 @@
+// AudioMix: the audio of several streams, each on a timeline of its own, as one.
+#pragma once
+
+#include "audiotimeline.h"
+#include "pipewireblocks.h"
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace pipewire {
+
+using BlockQueues = std::vector<std::shared_ptr<BlockQueue>>;
+
+/// Streams come and go; what they have put into their queues is heard to the end. One thread at a time.
+class AudioMix {
+public:
+    /// See AudioTimeline; each of them begins with it.
+    explicit AudioMix(int holdBackMs) : holdBackMs_(holdBackMs) { }
+
+    void start(qint64 startMs);
+
+    /// See AudioTimeline::deliver(). queues: of the streams that there are now; they do not change their order.
+    std::optional<std::vector<float>> deliver(const BlockQueues& queues, qint64 untilMs, bool last);
+
+private:
+    struct Voice {
+        std::shared_ptr<BlockQueue> queue;
+        AudioTimeline timeline;
+        bool ended = false; ///< there is no such stream any more
+    };
+    void follow(const BlockQueues& queues);
+
+    int holdBackMs_;
+    qint64 deliveredMs_ = 0; // the end of the last delivery
+    bool delivered_ = false; // since the start
+    std::vector<Voice> voices_;
+    std::vector<float> block_; // its samples
+};
+
+}
