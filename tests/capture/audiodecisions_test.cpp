@@ -2,6 +2,7 @@
 #include "allocationfaults.h"
 #include "audiofixture.h"
 #include "linux/pipewire/pipewirecapture.h"
+#include "linux/x11/windowowners.h"
 #include "testregistry.h"
 #include "x11fixture.h"
 
@@ -29,6 +30,8 @@ struct HangingQuestion {
     std::counting_semaphore<> answered{0};
     std::atomic<int> returned = 0;
 };
+
+std::shared_ptr<HangingQuestion> hangingXServer; ///< for whoever asks for windows; null for the real one
 
 pipewire::ProcessFilter asking(const std::shared_ptr<HangingQuestion>& question, qint64 about)
 {
@@ -92,6 +95,22 @@ bool wait(std::counting_semaphore<>& semaphore)
 
 }
 
+// windowowners::find() under its name for the linker.
+extern "C" {
+using WindowOwners = std::optional<std::vector<windowowners::Owner>>;
+WindowOwners __real__ZN12windowowners4findEv();
+WindowOwners __wrap__ZN12windowowners4findEv();
+WindowOwners __wrap__ZN12windowowners4findEv()
+{
+    if (const auto question = hangingXServer) {
+        question->asked.release();
+        wait(question->answered);
+        ++question->returned;
+    }
+    return __real__ZN12windowowners4findEv();
+}
+}
+
 class AudioDecisionsTest : public QObject {
     Q_OBJECT
 
@@ -100,6 +119,7 @@ private Q_SLOTS:
 
     void nothingWaitsForAQuestion();
     void answerAfterTheEnd();
+    void nothingWaitsForTheXServer();
     void stoppedXServer();
     void xServerThatIsStoppedFromTheStart();
     void processThatIsKnownLate_data();
@@ -145,6 +165,25 @@ void AudioDecisionsTest::answerAfterTheEnd()
     QCOMPARE(question->returned.load(), 0);
     question->answered.release();
     QTRY_COMPARE_WITH_TIMEOUT(question->returned.load(), 1, limitMs);
+}
+
+void AudioDecisionsTest::nothingWaitsForTheXServer()
+{
+    const ToneProcess wanted(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    AudioPuller puller(std::set<qint64>{wanted.pid()});
+    QVERIFY(hears({&puller}, tone));
+    const auto question = std::make_shared<HangingQuestion>();
+    hangingXServer = question;
+    const ToneProcess later(ToneProcess::tone(QStringLiteral("later"), otherTone));
+    const bool asked = wait(question->asked);
+    const bool stopped = puller.stopCapture();
+    const bool startedAgain = puller.startCapture();
+    const int answersBefore = question->returned;
+    hangingXServer.reset();
+    question->answered.release();
+    QVERIFY(asked && stopped && startedAgain);
+    QCOMPARE(answersBefore, 0);
+    QVERIFY(hears({&puller}, otherTone)); // when the question is answered
 }
 
 /// A player that appears takes a question to the X server. Stop and start do not wait for the answer, which is still
