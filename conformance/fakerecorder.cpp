@@ -1,4 +1,4 @@
-// fakerecorder: stands in for the recorder when its launcher is tested. It notes what it is told in the directory
+// FakeRecorder: stands in for the recorder when a launcher is tested. It notes what it is told in the directory
 // FAKE_RECORDER_NOTES (which must exist) and behaves as FAKE_RECORDER_MODE says:
 //   (empty)      ready, and a duration on "stop"      fallback     the file ends in .mkv
 //   setupfails   exit code 2 before it is ready       crashes      killed by a signal before it is ready
@@ -9,22 +9,34 @@
 //   hangsup      ready, then hangs up and lives on
 //   nobody       does not connect and lives on        stays        does not end on "exit"
 //   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
+//   slowstart    connects and is ready late           pieces       answers byte by byte
+//   nooutput     never ready; duration 0 and no file  crasheslater killed by a signal after it is ready
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
+// With FAKE_RECORDER_CHECKS=1 it writes little to stderr, tries to connect as long as the recorder does, ends with
+// the launcher when that asked for it, and keeps two more notes: "alive", which is locked as long as it lives, and
+// "journal" (lines of wall clock, event and details: "connected", "impatient" for a stop that came
+// before the readiness, "ready", "line", "early" for what came before the answer, "replied", "hungup").
+#include "fakerecorder.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QDebug>
 #include <QFile>
 #include <QString>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -32,6 +44,8 @@ namespace {
 
 constexpr int usageExitCode = 99;
 constexpr unsigned longestLifeSeconds = 600; // whatever becomes of the launcher
+constexpr useconds_t slowStepUs = 1'500'000;
+constexpr useconds_t pieceUs = 20'000;
 QByteArray terminatedNote;
 bool ignoresTermination = false;
 
@@ -54,7 +68,8 @@ void append(const QString& path, const QByteArray& text)
 class FakeRecorder {
 public:
     FakeRecorder(int argc, char** argv)
-        : mode_(qgetenv("FAKE_RECORDER_MODE")), notes_(qEnvironmentVariable("FAKE_RECORDER_NOTES") + '/'),
+        : mode_(qgetenv("FAKE_RECORDER_MODE")), checks_(qEnvironmentVariableIsSet("FAKE_RECORDER_CHECKS")),
+          notes_(qEnvironmentVariable("FAKE_RECORDER_NOTES") + '/'),
           log_(QString::fromUtf8(argv[1]) + QLatin1String("/20260101T000000.000Z-orvantis-recorder-log.txt")),
           output_(QString::fromUtf8(argv[3]))
     {
@@ -73,10 +88,13 @@ public:
     int run()
     {
         // More than a pipe holds: who does not read it must not stop us.
-        std::fputs(QByteArray(1 << 20, 'x').append("\nend of the fake's standard error\n").constData(), stderr);
+        std::fputs(QByteArray(checks_ ? 1 : 1 << 20, 'x').append("\nend of the fake's standard error\n").constData(),
+            stderr);
         log("recorder process identity pid " + QByteArray::number(::getpid()) + " applicationFilePath \"/fake\"");
         if (mode_ == "nobody")
             waitForTheEnd();
+        if (mode_ == "slowstart")
+            ::usleep(slowStepUs);
         while (mode_ == "dies" && !QFile::exists(notes_ + QLatin1String("go")))
             ::usleep(1000);
         if (!connectToLauncher())
@@ -87,8 +105,14 @@ public:
             return 2;
         if (mode_ == "crashes")
             std::raise(SIGKILL);
-        if (mode_ != "noimage" && mode_ != "notready")
+        if (mode_ == "slowstart")
+            ::usleep(slowStepUs);
+        if (mode_ != "noimage" && mode_ != "notready" && mode_ != "nooutput")
             sayReady();
+        if (mode_ == "crasheslater") {
+            ::usleep(slowStepUs / 10);
+            std::raise(SIGKILL);
+        }
         if (mode_ == "hangsup") {
             ::close(socket_);
             waitForTheEnd();
@@ -99,6 +123,11 @@ public:
 private:
     void note(const char* name, const QByteArray& text) { append(notes_ + QLatin1String(name), text); }
     void log(const QByteArray& message) { append(log_, "Debug: " + message + " (:0, )\n"); }
+    void journal(const QByteArray& event)
+    {
+        if (checks_)
+            note("journal", now() + ' ' + event + '\n');
+    }
     static QByteArray now() { return QByteArray::number(QDateTime::currentMSecsSinceEpoch()); }
 
     [[noreturn]] static void waitForTheEnd()
@@ -109,15 +138,33 @@ private:
 
     bool connectToLauncher()
     {
-        const QByteArray path = qgetenv("TMPDIR") + "/orvantis-recorder";
+        const QByteArray directory = qEnvironmentVariableIsSet("TMPDIR") ? qgetenv("TMPDIR") : QByteArray("/tmp");
+        const QByteArray path = directory + "/orvantis-recorder";
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         qstrncpy(address.sun_path, path.constData(), sizeof(address.sun_path));
-        socket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
-            return true;
+        const int attempts = checks_ ? 50 : 1;
+        for (int attempt = 1; attempt <= attempts; ++attempt) {
+            socket_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
+            if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+                journalConnection(attempt, directory, path);
+                return true;
+            }
+            ::close(socket_);
+            if (attempt < attempts)
+                ::usleep(100'000);
+        }
         std::fprintf(stderr, "fakerecorder: %s: %s\n", path.constData(), std::strerror(errno));
         return false;
+    }
+
+    void journalConnection(int attempt, const QByteArray& directory, const QByteArray& path)
+    {
+        struct stat status { };
+        if (::stat(directory.constData(), &status) != 0)
+            return;
+        journal("connected " + QByteArray::number(attempt) + ' ' + QByteArray::number(status.st_mode & 0777, 8) + ' '
+            + QByteArray::number(int(status.st_uid == ::geteuid())) + ' ' + QByteArray::number(path.size()));
     }
 
     void send(const QByteArray& bytes)
@@ -130,6 +177,11 @@ private:
     {
         writeOutput("using video encoder \"mpeg4\" output ", " container mp4");
         note("ready", now());
+        char peeked[512];
+        const ssize_t size = ::recv(socket_, peeked, sizeof(peeked), MSG_PEEK | MSG_DONTWAIT);
+        if (QByteArray(peeked, std::max<ssize_t>(size, 0)).contains("\"stop\""))
+            journal("impatient");
+        journal("ready");
         send("1");
     }
 
@@ -152,19 +204,41 @@ private:
         }
     }
 
-    void answerStop()
+    QByteArray answer()
     {
-        if (mode_ == "nofile") {
+        if (mode_ == "nofile" || mode_ == "nooutput") {
             QFile::remove(output_);
-            return send("{\"duration\":0}\n");
+            return "{\"duration\":0}\n";
         }
         writeOutput("finalized output ", " duration 1234");
         if (mode_ == "nonsense")
-            send("what do you mean?\n");
-        else if (mode_ == "noimage")
-            send("1{\"duration\":41}\n");
-        else
-            send("{\"duration\":1234}\n");
+            return "what do you mean?\n";
+        return mode_ == "noimage" ? "1{\"duration\":41}\n" : "{\"duration\":1234}\n";
+    }
+
+    /// unread: what came in the same read behind the stop.
+    void answerStop(const QByteArray& unread)
+    {
+        const QByteArray bytes = answer();
+        if (mode_ == "pieces") {
+            for (const char byte : bytes.chopped(1)) {
+                send(QByteArray(1, byte));
+                ::usleep(pieceUs);
+            }
+        }
+        pollfd waiting{socket_, POLLIN, 0};
+        if (!unread.isEmpty() || ::poll(&waiting, 1, 0) > 0)
+            journal("early");
+        send(mode_ == "pieces" ? bytes.right(1) : bytes);
+        journal("replied");
+    }
+
+    int onHungUp()
+    {
+        journal("hungup");
+        if (!checks_ || qgetenv("ORVANTIS_END_WITH_LAUNCHER") != "1")
+            waitForTheEnd();
+        return 3;
     }
 
     int serve()
@@ -174,21 +248,22 @@ private:
         for (;;) {
             const ssize_t size = ::read(socket_, bytes, sizeof(bytes));
             if (size <= 0)
-                waitForTheEnd(); // the launcher went first
+                return onHungUp();
             buffer.append(bytes, size);
             for (qsizetype end = buffer.indexOf('\n'); end >= 0; end = buffer.indexOf('\n')) {
                 const QByteArray line = buffer.left(end);
                 buffer.remove(0, end + 1);
                 note("lines", now() + ' ' + line + '\n');
+                journal("line " + line);
                 if (mode_ == "deaf" || mode_ == "notready" || mode_ == "stubborn") {
-                    if (line == "{\"action\":\"stop\"}")
+                    if (!checks_ && line == "{\"action\":\"stop\"}")
                         repeatReadiness();
                     continue;
                 }
                 if (line == "{\"action\":\"stop\"}" && mode_ == "noreply")
                     return 3;
                 if (line == "{\"action\":\"stop\"}")
-                    answerStop();
+                    answerStop(buffer);
                 if (line == "{\"action\":\"exit\"}" && mode_ != "stays")
                     return mode_ == "badexit" ? 9 : 0;
             }
@@ -196,6 +271,7 @@ private:
     }
 
     const QByteArray mode_;
+    const bool checks_; // the launcher is judged by the notes
     const QString notes_;
     const QString log_;
     QString output_;
@@ -204,10 +280,19 @@ private:
 
 }
 
-int main(int argc, char** argv)
+int runFakeRecorder(int argc, char** argv)
 {
     constexpr int fewest = 4; // up to the output
-    if (argc < fewest || !qEnvironmentVariableIsSet("FAKE_RECORDER_NOTES"))
+    if (argc < fewest) {
+        for (int i = 1; i < argc; ++i)
+            append(qEnvironmentVariable("FAKE_RECORDER_NOTES") + QLatin1String("/arguments"),
+                QByteArray(argv[i]) + '\0');
+        return usageExitCode;
+    }
+    // Held until the process ends.
+    const QByteArray alive = qgetenv("FAKE_RECORDER_NOTES") + "/alive";
+    const int descriptor = ::open(alive.constData(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    if (descriptor < 0 || ::flock(descriptor, LOCK_EX) != 0)
         return usageExitCode;
     return FakeRecorder(argc, argv).run();
 }
