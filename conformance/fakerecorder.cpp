@@ -69,8 +69,7 @@ class FakeRecorder {
 public:
     FakeRecorder(int argc, char** argv)
         : mode_(qgetenv("FAKE_RECORDER_MODE")), checks_(qEnvironmentVariableIsSet("FAKE_RECORDER_CHECKS")),
-          notes_(qEnvironmentVariable("FAKE_RECORDER_NOTES") + '/'),
-          log_(QString::fromUtf8(argv[1]) + QLatin1String("/20260101T000000.000Z-orvantis-recorder-log.txt")),
+          notes_(qEnvironmentVariable("FAKE_RECORDER_NOTES") + '/'), log_(logPath(argv[1])),
           output_(QString::fromUtf8(argv[3]))
     {
         for (int i = 1; i < argc; ++i)
@@ -121,6 +120,14 @@ public:
     }
 
 private:
+    /// Several fakes may share a directory.
+    static QString logPath(const char* directory)
+    {
+        return QString::fromUtf8(directory)
+            + QStringLiteral("/20260101T000000.%1Z-orvantis-recorder-log.txt")
+                  .arg(qEnvironmentVariableIsSet("FAKE_RECORDER_CHECKS") ? ::getpid() : 0, 3, 10, QLatin1Char('0'));
+    }
+
     void note(const char* name, const QByteArray& text) { append(notes_ + QLatin1String(name), text); }
     void log(const QByteArray& message) { append(log_, "Debug: " + message + " (:0, )\n"); }
     void journal(const QByteArray& event)
