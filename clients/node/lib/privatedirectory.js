@@ -14,7 +14,7 @@ process.on('exit', () => {
 export function make() {
     const usual = os.tmpdir();
     const parent = Buffer.byteLength(usual) <= LONGEST_PARENT ? usual : '/tmp';
-    const directory = fs.mkdtempSync(path.join(parent, 'orvantis-'));
+    const directory = fs.mkdtempSync(path.join(parent, `orvantis-${process.pid}-`));
     made.add(directory);
     const { mode, uid } = fs.lstatSync(directory);
     if ((mode & 0o777) !== 0o700 || uid !== process.geteuid())

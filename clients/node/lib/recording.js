@@ -140,12 +140,12 @@ export class Recording extends EventEmitter {
         });
         this.#process.once('exit', (exitCode, signal) => this.#onExit(exitCode, signal));
         this.#process.stderr.on('data', (bytes) => this.#stderr.take(bytes));
+        this.#limit('connect', () => this.#giveUp('NOT_CONNECTED', 'the recorder did not connect in time'));
+        this.#limit('ready', () => this.#ready.reject(this.#error('NO_READINESS', 'the window gave no image in time')));
         await once(this.#process, 'spawn');
         this.#process.on('error', () => {}); // a signal that could not be sent
         this.#log = new LogFollower(this.#options.logDirectory, this.pid, since, (line) => this.#onLogLine(line));
         this.#timers.set('log', setInterval(() => this.#log.read(), LOG_POLL_MS));
-        this.#limit('connect', () => this.#giveUp('NOT_CONNECTED', 'the recorder did not connect in time'));
-        this.#limit('ready', () => this.#ready.reject(this.#error('NO_READINESS', 'the window gave no image in time')));
     }
 
     #takeConnection(socket) {

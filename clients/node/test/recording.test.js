@@ -12,7 +12,7 @@ import { Recording, RecorderError } from 'orvantis-recorder';
 
 import { isAlive, place, start } from './fake.js';
 
-const leftDirectories = () => fs.readdirSync(os.tmpdir()).filter((name) => name.startsWith('orvantis-'));
+const leftDirectories = () => fs.readdirSync(os.tmpdir()).filter((name) => name.startsWith(`orvantis-${process.pid}-`));
 const withCode = (code) => (error) => error instanceof RecorderError && error.code === code;
 
 test('a recording from start to exit', async (t) => {

@@ -12,7 +12,8 @@ _made: set[str] = set()
 
 def make() -> str:
     usual = tempfile.gettempdir()
-    directory = tempfile.mkdtemp(prefix="orvantis-", dir=usual if len(os.fsencode(usual)) <= LONGEST_PARENT else "/tmp")
+    parent = usual if len(os.fsencode(usual)) <= LONGEST_PARENT else "/tmp"
+    directory = tempfile.mkdtemp(prefix=f"orvantis-{os.getpid()}-", dir=parent)
     _made.add(directory)
     status = os.lstat(directory)
     if status.st_mode & 0o777 != 0o700 or status.st_uid != os.geteuid():

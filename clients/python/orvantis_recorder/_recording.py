@@ -5,6 +5,7 @@ import asyncio
 import dataclasses
 import os
 import signal
+import socket
 import time as clock
 import weakref
 from collections.abc import Callable
@@ -88,6 +89,7 @@ class Recording:
         self._on_log = on_log
         self._warnings: list[LogLine] = []
         self._directory: str | None = None  # of the socket
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._server: asyncio.AbstractServer | None = None
         self._transport: asyncio.Transport | None = None
         self._replies = ReplyReader()
@@ -165,9 +167,12 @@ class Recording:
             if not os.access(self._options.log_directory, os.W_OK | os.X_OK):
                 raise PermissionError(f"cannot write into {self._options.log_directory}")
             self._directory = privatedirectory.make()
-            self._server = await asyncio.get_running_loop().create_unix_server(
-                lambda: _Connection(self), os.path.join(self._directory, "orvantis-recorder"))
+            self._listener.bind(os.path.join(self._directory, "orvantis-recorder"))
+            self._listener.listen(1)
             await self._spawn(self._directory)
+            # Only now, so that nothing arrives before the process is known.
+            self._server = await asyncio.get_running_loop().create_unix_server(
+                lambda: _Connection(self), sock=self._listener)
         except (OSError, ValueError) as cause:
             self._clean_up()
             raise RecorderError("NOT_STARTED", f"cannot start {self._options.recorder}: {cause}") from cause
@@ -426,5 +431,6 @@ class Recording:
             self._transport.abort()
         if self._server:
             self._server.close()
+        self._listener.close()
         if self._directory:
             privatedirectory.remove(self._directory)

@@ -19,7 +19,7 @@ from .fake import FakeTest, is_alive
 
 
 def left_directories() -> set[str]:
-    return set(glob.glob(tempfile.gettempdir() + "/orvantis-*"))
+    return set(glob.glob(tempfile.gettempdir() + f"/orvantis-{os.getpid()}-*"))
 
 
 class GoodRecordings(FakeTest):
