@@ -11,6 +11,7 @@
 //   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
 //   slowstart    connects and is ready late           pieces       answers byte by byte
 //   nooutput     never ready; duration 0 and no file  crasheslater killed by a signal after it is ready
+//   twice        ready twice
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
@@ -189,7 +190,7 @@ private:
         if (QByteArray(peeked, std::max<ssize_t>(size, 0)).contains("\"stop\""))
             journal("impatient");
         journal("ready");
-        send("1");
+        send(mode_ == "twice" ? "11" : "1");
     }
 
     void writeOutput(const QByteArray& label, const QByteArray& rest)

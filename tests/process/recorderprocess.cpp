@@ -4,7 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
-#include <QTest>
+#include <QtCore/qtestsupport_core.h>
 
 #include <algorithm>
 #include <csignal>
