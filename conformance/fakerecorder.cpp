@@ -11,7 +11,7 @@
 //   stubborn     like deaf, and ignores SIGTERM       dies         connects when the note "go" is there, and ends
 //   slowstart    connects and is ready late           pieces       answers byte by byte
 //   nooutput     never ready; duration 0 and no file  crasheslater killed by a signal after it is ready
-//   twice        ready twice
+//   twice        ready twice                          quits        ends as soon as it has answered
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
@@ -272,6 +272,8 @@ private:
                     return 3;
                 if (line == "{\"action\":\"stop\"}")
                     answerStop(buffer);
+                if (line == "{\"action\":\"stop\"}" && mode_ == "quits")
+                    return 0;
                 if (line == "{\"action\":\"exit\"}" && mode_ != "stays")
                     return mode_ == "badexit" ? 9 : 0;
             }

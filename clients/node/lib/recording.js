@@ -12,7 +12,7 @@ import * as privateDirectory from './privatedirectory.js';
 import { EXIT, ReplyReader, STOP, clickLine } from './protocol.js';
 
 const LOG_POLL_MS = 100;
-const LOST_CONNECTION_MS = 2000; // between the end of the connection and that of the process
+const LOST_CONNECTION_MS = 500; // between the end of the connection and that of the process
 const LAST_REPLIES_MS = 1000; // for what a recorder that has ended left in the socket
 const KEPT_LINES = 20; // in an error
 const CAPTURE_FAILED = 2; // exit code
@@ -60,6 +60,7 @@ export class Recording extends EventEmitter {
     #ended = deferred();
     #fault = null; // why the recorder was ended: [code, message]
     #isReady = false; // before the stop
+    #isAnswered = false; // the stop
     #end = null; // of the process: {exitCode, signal}
     #stopping = null; // the promises that were given out
     #exiting = null;
@@ -188,8 +189,8 @@ export class Recording extends EventEmitter {
         this.#clear('duration');
         this.#ready.reject(this.#error('STOPPED_BEFORE_READY', 'the recording was stopped before the window gave an image'));
         const file = this.#finishedFile();
-        if (duration === 0 || file === null)
-            throw this.#error('NO_FILE', 'the recorder wrote no file', { file });
+        if (file === null)
+            throw this.#error('NO_FILE', 'the recorder wrote no file');
         return { duration, file, wasReady };
     }
 
@@ -201,12 +202,8 @@ export class Recording extends EventEmitter {
 
     async #exit() {
         await this.#stopping?.catch(() => {});
-        await this.#untilConnected();
-        const { exit, duration } = this.#options.limits;
-        this.#socket.write(EXIT);
-        // Without a stop the file is still to be finished.
-        this.#limit('exit', () => this.#giveUp('NOT_ENDED', 'the recorder did not end in time'),
-            this.#stopping ? exit : exit + duration);
+        if (!this.#end || !this.#isAnswered)
+            await this.#sendExit();
         const { exitCode, signal } = await this.ended;
         this.#ready.reject(this.#error('STOPPED_BEFORE_READY', 'the recorder was told to exit before it was ready'));
         if (this.#fault)
@@ -214,6 +211,15 @@ export class Recording extends EventEmitter {
         if (exitCode !== 0)
             throw this.#error(signal ? 'CRASHED' : 'BAD_EXIT', `the recorder did not end well (${this.#endInWords()})`);
         return exitCode;
+    }
+
+    async #sendExit() {
+        await this.#untilConnected();
+        const { exit, duration } = this.#options.limits;
+        this.#socket.write(EXIT);
+        // Without a stop the file is still to be finished.
+        this.#limit('exit', () => this.#giveUp('NOT_ENDED', 'the recorder did not end in time'),
+            this.#stopping ? exit : exit + duration);
     }
 
     /** The wait for the readiness ends with it, too. */
@@ -244,6 +250,7 @@ export class Recording extends EventEmitter {
             this.#clear('ready');
             this.#ready.resolve();
         } else if (reply.type === 'duration' && this.#stopping) {
+            this.#isAnswered = true;
             this.#duration.resolve(reply.duration);
         } else if (reply.type !== 'ready') {
             this.#giveUp('BAD_REPLY', `the recorder said ${JSON.stringify(reply.text ?? reply)}, which is no answer`);
@@ -251,7 +258,7 @@ export class Recording extends EventEmitter {
     }
 
     #onDisconnected() {
-        if (!this.#end)
+        if (!this.#end && !this.#exiting)
             this.#limit('lost', () => this.#giveUp('CONNECTION_LOST', 'the recorder closed the connection and lives on'),
                 LOST_CONNECTION_MS);
     }
@@ -321,7 +328,7 @@ export class Recording extends EventEmitter {
 
     // ==== odds and ends ==========================================================================================
 
-    #error(code, message, details = {}) {
+    #error(code, message) {
         this.#log?.read();
         return new RecorderError(code, message, {
             exitCode: this.#end?.exitCode ?? null,
@@ -330,7 +337,6 @@ export class Recording extends EventEmitter {
             logLines: this.#log?.lines.slice(-KEPT_LINES) ?? [],
             stderrLines: this.#stderr.lines.slice(-KEPT_LINES),
             file: this.#log?.finalized ?? null,
-            ...details,
         });
     }
 

@@ -185,6 +185,44 @@ test('several at once, also into one log directory', async (t) => {
     assert.deepEqual(results, [...recordings, ...shared].map(({ directory }) => [path.join(directory, 'clip.mp4'), 0]));
 });
 
+test('one after the other into one log directory', async (t) => {
+    const logDirectory = place(t);
+    const first = await start(t, 'dies', { logDirectory }); // connects when it is told to
+    const second = start(t, '', { logDirectory });
+    const logs = () => fs.readdirSync(logDirectory).length;
+    while (logs() === 0)
+        await new Promise((resolve) => setTimeout(resolve, 5));
+    await new Promise((resolve) => setTimeout(resolve, 50));
+    assert.equal(logs(), 1);
+    fs.writeFileSync(path.join(first.directory, 'notes', 'go'), '');
+    await (await second).ready;
+    assert.equal(logs(), 2);
+});
+
+test('an answer with the end of the process right behind it', async (t) => {
+    const recording = await start(t, 'quits');
+    await recording.ready;
+    assert.equal((await recording.stop()).duration, 1234);
+    await recording.ended;
+    assert.equal(await recording.exit(), 0);
+});
+
+test('an exit that does not wait for the stop is said behind the answer', async (t) => {
+    const recording = await start(t, 'pieces');
+    await recording.ready;
+    const [{ duration }, code] = await Promise.all([recording.stop(), recording.exit()]);
+    assert.deepEqual([duration, code], [1234, 0]);
+    assert.doesNotMatch(recording.note('journal'), / early/);
+});
+
+test('a connection that is closed', async (t) => {
+    const recording = await start(t, 'hangsup');
+    await recording.ready;
+    await once(recording, 'ended');
+    await assert.rejects(recording.stop(), withCode('CONNECTION_LOST'));
+    assert.equal(recording.note('terminated'), '');
+});
+
 test('warnings and criticals of the log', async (t) => {
     const recording = await start(t, '');
     const seen = [];

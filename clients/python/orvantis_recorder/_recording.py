@@ -20,7 +20,7 @@ from ._options import Limits, Options, read_options
 from ._protocol import EXIT, STOP, Ready, ReplyReader, click_line
 
 LOG_POLL_S = 0.1
-LOST_CONNECTION_S = 2.0  # between the end of the connection and that of the process
+LOST_CONNECTION_S = 0.5  # between the end of the connection and that of the process
 LAST_REPLIES_S = 1.0  # for what a recorder that has ended left in the socket
 KEPT_LINES = 20  # in an error
 CAPTURE_FAILED = 2  # exit code
@@ -237,13 +237,13 @@ class Recording:
 
     async def stop(self) -> Result:
         """Ends the recording. Once; called again it gives the same result."""
+        if not self._stopping and self._exiting:
+            raise self._error("NOT_RECORDING", "the recorder was told to exit before")
         if not self._stopping:
             self._stopping = _quiet(asyncio.ensure_future(self._stop()))
         return await asyncio.shield(self._stopping)
 
     async def _stop(self) -> Result:
-        if self._exiting:
-            raise self._error("NOT_RECORDING", "the recorder was told to exit before")
         transport = await self._until_connected()
         was_ready = self._is_ready
         transport.write(STOP)
@@ -254,7 +254,7 @@ class Recording:
         _refuse(self._ready, self._error("STOPPED_BEFORE_READY",
                                          "the recording was stopped before the window gave an image"))
         file = self._finished_file()
-        if duration == 0 or file is None:
+        if file is None:
             raise self._error("NO_FILE", "the recorder wrote no file")
         return Result(duration, file, was_ready)
 
@@ -267,12 +267,8 @@ class Recording:
     async def _exit(self) -> int:
         if self._stopping:
             await asyncio.wait([self._stopping])
-        transport = await self._until_connected()
-        transport.write(EXIT)
-        limits = self._options.limits
-        # Without a stop the file is still to be finished.
-        self._limit("exit", limits.exit if self._stopping else limits.exit + limits.duration,
-                    lambda: self._give_up("NOT_ENDED", "the recorder did not end in time"))
+        if not self._ended.done() or not self._duration.done() or self._duration.exception():
+            await self._send_exit()
         code = await self.ended()
         _refuse(self._ready, self._error("STOPPED_BEFORE_READY",
                                          "the recorder was told to exit before it was ready"))
@@ -282,6 +278,14 @@ class Recording:
             raise self._error("CRASHED" if code < 0 else "BAD_EXIT",
                               f"the recorder did not end well ({self._end_in_words()})")
         return code
+
+    async def _send_exit(self) -> None:
+        transport = await self._until_connected()
+        transport.write(EXIT)
+        limits = self._options.limits
+        # Without a stop the file is still to be finished.
+        self._limit("exit", limits.exit if self._stopping else limits.exit + limits.duration,
+                    lambda: self._give_up("NOT_ENDED", "the recorder did not end in time"))
 
     async def _until_connected(self) -> asyncio.Transport:
         """The wait for the readiness ends with it, too."""
@@ -322,7 +326,7 @@ class Recording:
 
     def _on_disconnected(self) -> None:
         _settle(self._disconnected, None)
-        if not self._ended.done():
+        if not self._ended.done() and not self._exiting:
             self._limit("lost", LOST_CONNECTION_S, lambda: self._give_up(
                 "CONNECTION_LOST", "the recorder closed the connection and lives on"))
 

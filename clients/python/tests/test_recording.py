@@ -86,6 +86,26 @@ class GoodRecordings(FakeTest):
         self.assertEqual(await asyncio.gather(*map(finish, recordings)), [(True, 0)] * 6)
         self.assertEqual(len({recording.log_file for recording in recordings}), 6)
 
+    async def test_one_after_the_other_into_one_log_directory(self) -> None:
+        logs = self.place()
+        await self.start("dies", log_directory=logs)  # connects when it is told to
+        go = self.directory / "notes" / "go"
+        second = asyncio.ensure_future(self.start("", log_directory=logs))
+        while not os.listdir(logs):
+            await asyncio.sleep(0.005)
+        await asyncio.sleep(0.05)
+        self.assertEqual(len(os.listdir(logs)), 1)
+        go.touch()
+        await (await second).ready()
+        self.assertEqual(len(os.listdir(logs)), 2)
+
+    async def test_exit_that_does_not_wait_is_said_behind_the_answer(self) -> None:
+        recording = await self.start("pieces")
+        await recording.ready()
+        result, code = await asyncio.gather(recording.stop(), recording.exit())
+        self.assertEqual((result.duration_ms, code), (1234, 0))
+        self.assertNotIn(" early", self.note("journal"))
+
     async def test_warnings_and_criticals(self) -> None:
         seen: asyncio.Queue[LogLine] = asyncio.Queue()
         recording = await self.start("", on_log=lambda line: seen.put_nowait(line) if line.level != "debug" else None)
@@ -165,6 +185,20 @@ class BadRecorders(FakeTest):
         recording = await self.start("noreply")
         await recording.ready()
         self.assertEqual((await self.assert_fails("ENDED_EARLY", recording.stop())).exit_code, 3)
+
+    async def test_answer_with_the_end_of_the_process_right_behind_it(self) -> None:
+        recording = await self.start("quits")
+        await recording.ready()
+        self.assertEqual((await recording.stop()).duration_ms, 1234)
+        self.assertEqual(await recording.ended(), 0)
+        self.assertEqual(await recording.exit(), 0)
+
+    async def test_connection_that_is_closed(self) -> None:
+        recording = await self.start("hangsup")
+        await recording.ready()
+        await recording.ended()
+        await self.assert_fails("CONNECTION_LOST", recording.stop())
+        self.assertEqual(self.note("terminated"), "")
 
     async def test_no_readiness(self) -> None:
         recording = await self.start("noimage", limits=Limits(ready=0.05))
