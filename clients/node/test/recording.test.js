@@ -101,6 +101,13 @@ test('a crash while it records', async (t) => {
     assert.throws(() => recording.click({ x: 1, y: 2 }), withCode('NOT_RECORDING'));
 });
 
+test('what a recorder said before its end, to a launcher that was busy', async (t) => {
+    const recording = await start(t, 'crasheslater');
+    Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, 300); // milliseconds, in which it comes and goes
+    await recording.ready;
+    await assert.rejects(recording.stop(), withCode('CRASHED'));
+});
+
 test('an end without an answer', async (t) => {
     const recording = await start(t, 'noreply');
     await recording.ready;
