@@ -91,7 +91,7 @@ QString faultOfLine(const QByteArray& line)
 QString faultOfLines(const LauncherNotes& notes)
 {
     for (const LauncherNotes::Event& event : notes.journal) {
-        const QString fault = event.name == "line" ? faultOfLine(event.details) : QString();
+        QString fault = event.name == "line" ? faultOfLine(event.details) : QString();
         if (!fault.isEmpty())
             return fault;
     }

@@ -17,7 +17,7 @@ export interface Limits {
     duration?: number;
     /** From "exit" to the end of the process; 10,000. */
     exit?: number;
-    /** From SIGTERM to SIGKILL; 60,000. */
+    /** From SIGTERM to SIGKILL; 70,000. */
     terminate?: number;
 }
 

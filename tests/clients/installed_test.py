@@ -24,8 +24,8 @@ class Installed(unittest.TestCase):
 
     def test_programs(self):
         for name in ("orvantis-recorder", "record-window", "launcher-check", "recorder-check"):
-            version = subprocess.run([self.prefix / "bin" / name, "--version"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                                     text=True, check=True).stdout
+            version = subprocess.run([self.prefix / "bin" / name, "--version"], capture_output=True, text=True,
+                                     check=True).stdout
             self.assertRegex(version, f"^{name} [0-9.]+\n$")
 
     def test_clients(self):

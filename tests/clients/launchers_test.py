@@ -23,10 +23,11 @@ def readme_sample():
     readme = (HERE.parent.parent / "README.md").read_text(encoding="utf-8")
     sample = textwrap.dedent(re.search(r"(?:^    import json.*\n)(?:^(?:    .*)?\n)+", readme, re.MULTILINE)[0])
     replacements = {
-        '"build/release/bin/orvantis-recorder"': "sys.argv[1]", '"/tmp/clip.mp4"': "sys.argv[2]", '"/tmp"': "sys.argv[3]",
+        '"build/release/bin/orvantis-recorder"': "sys.argv[1]",
+        '"/tmp/clip.mp4"': "sys.argv[2]", '"/tmp"': "sys.argv[3]",
         "import json": "import sys, json", "settimeout(10)": "settimeout(4)", 'receive(b"1", 30)': 'receive(b"1", 6)',
         "sleep(2)": "sleep(0.2)", "sleep(3)": "sleep(0.2)", r'receive(b"\n", 60)': r'receive(b"\n", 2)',
-        "wait(10)": "wait(1.5)", "wait(65)": "wait(2)"}
+        "wait(10)": "wait(1.5)", "wait(70)": "wait(2)"}
     for old, new in replacements.items():
         if sample.count(old) != 1:
             raise AssertionError(f"the README's sample has {old} {sample.count(old)} times")

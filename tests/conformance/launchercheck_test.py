@@ -80,10 +80,10 @@ class LauncherCheck(unittest.TestCase):
 
     def test_bad_usage(self):
         for arguments in ([], ["--", "true"], ["--limit", "x", "--", "true", "{recorder}"],
-                          ["--jobs", "0", "--", "true", "{recorder}"], ["--cases", "none", "--", "true", "{recorder}"]):
+                          ["--jobs", "0", "--", "true", "{recorder}"],
+                          ["--cases", "none", "--", "true", "{recorder}"]):
             with self.subTest(arguments=arguments):
-                result = subprocess.run([CHECK, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                        check=False)
+                result = subprocess.run([CHECK, *arguments], capture_output=True, text=True, check=False)
                 self.assertEqual(result.returncode, 2)
                 self.assertTrue(result.stderr.startswith("launcher-check: "), result.stderr)
                 self.assertEqual(result.stdout, "")

@@ -23,7 +23,7 @@ BINARIES = pathlib.Path(sys.argv[4])
 FAULTS = [
     ("exit 7", "", "recording", "connection none in time"),
     ("fake", "twice", "recording", "readiness not one byte \"1\" but \"11\""),
-    ("fake", "nonsense", "recording", "answer not the byte and one line with the duration but \"1what do you mean?\""),
+    ("fake", "nonsense", "recording", "answer not the byte and one line with the duration but \"1what do you"),
     ("fake", "noreply", "recording", "answer not the byte and one line with the duration but \"1\""),
     ("fake", "nofile", "recording", "file the log names no closed file"),
     ("fake", "badexit", "recording", "end with 9, not 0"),
@@ -42,8 +42,8 @@ FAULTS = [
 
 def check(recorder, window, *options):
     """Exit code, and the lines of the table with single blanks."""
-    result = subprocess.run([CHECK, "--recorder", recorder, "--window", str(window), *options], stdout=subprocess.PIPE,
-                            text=True, check=False)
+    result = subprocess.run([CHECK, "--recorder", recorder, "--window", str(window), *options],
+                            stdout=subprocess.PIPE, text=True, check=False)
     return result.returncode, [re.sub(" +", " ", line) for line in result.stdout.splitlines()]
 
 
@@ -79,8 +79,7 @@ class RecorderCheck(unittest.TestCase):
                           ["--window", "1", "--recorder", RECORDER, "--cases", "none"],
                           ["--window", "1", "--recorder", RECORDER, "more"]):
             with self.subTest(arguments=arguments):
-                result = subprocess.run([CHECK, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                        check=False)
+                result = subprocess.run([CHECK, *arguments], capture_output=True, text=True, check=False)
                 self.assertEqual(result.returncode, 2)
                 self.assertTrue(result.stderr.startswith("recorder-check: "), result.stderr)
                 self.assertEqual(result.stdout, "")

@@ -41,7 +41,8 @@ export class Chromium {
         await once(this.#process, 'spawn');
         this.#process.stdio[3].on('error', () => {});
         this.#process.stdio[4].setEncoding('utf8').on('data', (text) => this.#take(text));
-        this.#process.once('exit', () => this.#waiting.forEach(({ reject }) => reject(new Error('the browser ended'))));
+        const end = () => this.#waiting.forEach(({ reject }) => reject(new Error('the browser ended')));
+        this.#process.once('exit', end);
         await this.#attach();
     }
 

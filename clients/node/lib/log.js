@@ -3,6 +3,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 
 const NAME = /-orvantis-recorder-log\.txt$/;
+const FINALIZED = /^Debug: FFmpeg recorder finalized output ("(?:[^"\\]|\\.)*")/;
 const LINE = /^(Debug|Warning|Critical|Fatal|Info): (.*) \(.*:\d+, .*\)$/;
 const CHUNK = 64 * 1024;
 const KEPT_LINES = 200;
@@ -38,7 +39,7 @@ export class LogFollower {
     /** onLine: called with {level, text, line} for every line. since: a moment before the recorder was started. */
     constructor(directory, pid, since, onLine) {
         this.#directory = directory;
-        this.#identity = `recorder process identity pid ${pid} `; // the blank makes it the whole number
+        this.#identity = `\nDebug: recorder process identity pid ${pid} `; // the blank makes it the whole number
         this.#since = since - CLOCK_SLACK_MS;
         this.#onLine = onLine;
     }
@@ -69,18 +70,24 @@ export class LogFollower {
     #find() {
         for (const name of fs.readdirSync(this.#directory)) {
             const candidate = path.join(this.#directory, name);
-            if (!NAME.test(name) || fs.statSync(candidate).mtimeMs < this.#since)
+            if (!NAME.test(name) || !this.#mayBeOurs(fs.lstatSync(candidate)))
                 continue;
-            const descriptor = fs.openSync(candidate, 'r');
+            const descriptor = fs.openSync(candidate, fs.constants.O_RDONLY | fs.constants.O_NOFOLLOW);
             const start = Buffer.alloc(CHUNK);
             const size = fs.readSync(descriptor, start, 0, CHUNK, 0);
-            if (start.subarray(0, size).includes(this.#identity)) {
+            const isOurs = this.#mayBeOurs(fs.fstatSync(descriptor));
+            if (isOurs && `\n${start.toString('utf8', 0, size)}`.includes(this.#identity)) {
                 this.path = candidate;
                 this.#descriptor = descriptor;
                 return;
             }
             fs.closeSync(descriptor);
         }
+    }
+
+    /** The directory can be one where others write, too. */
+    #mayBeOurs(status) {
+        return status.isFile() && status.uid === process.geteuid() && status.mtimeMs >= this.#since;
     }
 
     #readOn() {
@@ -101,9 +108,10 @@ export class LogFollower {
 
 /** The file that a line says to be closed; nothing for other lines. */
 export function finalizedOutput(line) {
-    const match = /FFmpeg recorder finalized output ("(?:[^"\\]|\\.)*")/.exec(line);
+    const match = FINALIZED.exec(line);
     try {
-        return match ? JSON.parse(match[1]) : undefined; // the escapes are JSON's, but for a few that names hardly have
+        // The escapes are JSON's, but for a few that names hardly have.
+        return match ? JSON.parse(match[1]) : undefined;
     } catch {
         return undefined;
     }

@@ -9,8 +9,10 @@ const USUAL_LIMITS = {
     ready: 30_000,
     duration: 60_000,
     exit: 10_000,
-    terminate: 60_000,
+    terminate: 70_000,
 };
+const OPTIONS = ['recorder', 'window', 'output', 'canvas', 'origin', 'scale', 'audio', 'logDirectory', 'environment',
+    'limits'];
 const SMALLEST_CANVAS = 16; // pixels
 
 function refuse(message) {
@@ -62,10 +64,9 @@ function limits(given) {
 
 /** The ten arguments, and what the launcher's own end needs. Throws a RecorderError with the code BAD_OPTION. */
 export function readOptions(options) {
-    checkNames('start', options, ['recorder', 'window', 'output', 'canvas', 'origin', 'scale', 'audio', 'logDirectory',
-        'environment', 'limits']);
-    const { recorder = 'orvantis-recorder', canvas = { width: 1280, height: 720 }, origin = { x: 0, y: 0 }, scale = 1,
-        audio = '', environment = {} } = options;
+    checkNames('start', options, OPTIONS);
+    const { recorder = 'orvantis-recorder', canvas = { width: 1280, height: 720 } } = options;
+    const { origin = { x: 0, y: 0 }, scale = 1, audio = '', environment = {} } = options;
     if (text('recorder', recorder) === '')
         refuse('recorder is empty');
     if (!Number.isFinite(scale))

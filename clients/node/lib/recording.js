@@ -17,7 +17,7 @@ const LAST_REPLIES_MS = 1000; // for what a recorder that has ended left in the 
 const KEPT_LINES = 20; // in an error
 const CAPTURE_FAILED = 2; // exit code
 
-/** A promise with its two ends. Nobody has to await it: a rejection that is not awaited is no fault of the program. */
+/** A promise with its two ends. Nobody has to await it: a rejection that nobody sees is no fault of the program. */
 function deferred() {
     const result = {};
     result.promise = new Promise((resolve, reject) => Object.assign(result, { resolve, reject }));
@@ -116,7 +116,8 @@ export class Recording extends EventEmitter {
             await this.#spawn();
         } catch (cause) {
             this.#cleanUp();
-            throw new RecorderError('NOT_STARTED', `cannot start ${this.#options.recorder}: ${cause.message}`, { cause });
+            const message = `cannot start ${this.#options.recorder}: ${cause.message}`;
+            throw new RecorderError('NOT_STARTED', message, { cause });
         }
     }
 
@@ -142,7 +143,8 @@ export class Recording extends EventEmitter {
         this.#process.once('exit', (exitCode, signal) => this.#onExit(exitCode, signal));
         this.#process.stderr.on('data', (bytes) => this.#stderr.take(bytes));
         this.#limit('connect', () => this.#giveUp('NOT_CONNECTED', 'the recorder did not connect in time'));
-        this.#limit('ready', () => this.#ready.reject(this.#error('NO_READINESS', 'the window gave no image in time')));
+        this.#limit('ready',
+            () => this.#ready.reject(this.#error('NO_READINESS', 'the window gave no image in time')));
         await once(this.#process, 'spawn');
         this.#process.on('error', () => {}); // a signal that could not be sent
         this.#log = new LogFollower(this.#options.logDirectory, this.pid, since, (line) => this.#onLogLine(line));
@@ -168,7 +170,7 @@ export class Recording extends EventEmitter {
     click(click) {
         const line = clickLine(click);
         if (!this.#socket?.writable || this.#stopping || this.#exiting)
-            throw this.#error('NOT_RECORDING', 'a click can be reported while the recorder is connected, until the stop');
+            throw this.#error('NOT_RECORDING', 'clicks are for the time from the connection to the stop');
         this.#socket.write(line);
     }
 
@@ -187,7 +189,7 @@ export class Recording extends EventEmitter {
         this.#limit('duration', () => this.#giveUp('NO_REPLY', 'the recorder did not answer "stop" in time'));
         const duration = await this.#duration.promise;
         this.#clear('duration');
-        this.#ready.reject(this.#error('STOPPED_BEFORE_READY', 'the recording was stopped before the window gave an image'));
+        this.#ready.reject(this.#error('STOPPED_BEFORE_READY', 'it was stopped before the window gave an image'));
         const file = this.#finishedFile();
         if (file === null)
             throw this.#error('NO_FILE', 'the recorder wrote no file');
@@ -209,7 +211,8 @@ export class Recording extends EventEmitter {
         if (this.#fault)
             throw this.#error(...this.#fault);
         if (exitCode !== 0)
-            throw this.#error(signal ? 'CRASHED' : 'BAD_EXIT', `the recorder did not end well (${this.#endInWords()})`);
+            throw this.#error(signal ? 'CRASHED' : 'BAD_EXIT',
+                `the recorder did not end well (${this.#endInWords()})`);
         return exitCode;
     }
 
@@ -259,7 +262,8 @@ export class Recording extends EventEmitter {
 
     #onDisconnected() {
         if (!this.#end && !this.#exiting)
-            this.#limit('lost', () => this.#giveUp('CONNECTION_LOST', 'the recorder closed the connection and lives on'),
+            this.#limit('lost',
+                () => this.#giveUp('CONNECTION_LOST', 'the recorder closed the connection and lives on'),
                 LOST_CONNECTION_MS);
     }
 

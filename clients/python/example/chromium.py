@@ -17,7 +17,12 @@ LONGEST_MESSAGE = 2 ** 24  # bytes
 WINDOW_LIMIT_S = 30
 
 # Puts two descriptors where the browser looks for them, and becomes the browser.
-_STARTER = "import os,sys; os.dup2(int(sys.argv[1]),3); os.dup2(int(sys.argv[2]),4); os.execvp(sys.argv[3],sys.argv[3:])"
+_STARTER = """
+import os, sys
+os.dup2(int(sys.argv[1]), 3)
+os.dup2(int(sys.argv[2]), 4)
+os.execvp(sys.argv[3], sys.argv[3:])
+"""
 
 
 def _high(descriptor: int) -> int:

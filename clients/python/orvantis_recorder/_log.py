@@ -5,7 +5,9 @@ import codecs
 import collections
 import dataclasses
 import json
+import os
 import re
+import stat
 from collections.abc import Callable
 from pathlib import Path
 from typing import BinaryIO
@@ -14,7 +16,7 @@ CLOCK_SLACK_S = 2.0  # file systems round times
 KEPT_LINES = 200
 _START_BYTES = 64 * 1024
 _LINE = re.compile(r"(Debug|Warning|Critical|Fatal|Info): (.*) \(.*:\d+, .*\)")
-_FINALIZED = re.compile(r'FFmpeg recorder finalized output ("(?:[^"\\]|\\.)*")')
+_FINALIZED = re.compile(r'Debug: FFmpeg recorder finalized output ("(?:[^"\\]|\\.)*")')
 
 
 @dataclasses.dataclass(frozen=True)
@@ -53,7 +55,8 @@ class LogFollower:
         self.finalized: str | None = None  # the file that the recorder has closed
         self.tail = LineTail()
         self._directory = directory
-        self._identity = f"recorder process identity pid {pid} ".encode()  # the blank makes it the whole number
+        # The blank makes it the whole number.
+        self._identity = f"\nDebug: recorder process identity pid {pid} ".encode()
         self._since = since - CLOCK_SLACK_S
         self._on_line = on_line
         self._file: BinaryIO | None = None
@@ -80,19 +83,23 @@ class LogFollower:
 
     def _find(self) -> None:
         for path in self._directory.glob("*-orvantis-recorder-log.txt"):
-            if path.stat().st_mtime < self._since:
+            if not self._may_be_ours(path.lstat()):
                 continue
-            file = path.open("rb")
-            if self._identity in file.read(_START_BYTES):
+            file = open(os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC), "rb")
+            if self._may_be_ours(os.fstat(file.fileno())) and self._identity in b"\n" + file.read(_START_BYTES):
                 file.seek(0)
                 self.path, self._file = path, file
                 return
             file.close()
 
+    def _may_be_ours(self, status: os.stat_result) -> bool:
+        """The directory can be one where others write, too."""
+        return stat.S_ISREG(status.st_mode) and status.st_uid == os.geteuid() and status.st_mtime >= self._since
+
 
 def finalized_output(line: str) -> str | None:
     """The file that a line says to be closed; None for other lines."""
-    match = _FINALIZED.search(line)
+    match = _FINALIZED.match(line)
     try:
         # The escapes are JSON's, but for a few that names hardly have.
         return str(json.loads(match[1])) if match else None

@@ -20,7 +20,7 @@ class Limits:
     ready: float = 30  # from the start of the process to the window's first images
     duration: float = 60  # from "stop" to the closed file
     exit: float = 10  # from "exit" to the end of the process
-    terminate: float = 60  # from SIGTERM to SIGKILL
+    terminate: float = 70  # from SIGTERM to SIGKILL
 
     def __post_init__(self) -> None:
         for name, value in dataclasses.asdict(self).items():

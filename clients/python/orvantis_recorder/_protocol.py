@@ -20,7 +20,7 @@ class Ready:
 
 
 class ReplyReader:
-    """Takes bytes as they come; gives what is complete: Ready, a duration in milliseconds, or a text that is wrong."""
+    """Takes bytes as they come; gives what is complete: Ready, a duration in milliseconds, a text that is wrong."""
 
     def __init__(self) -> None:
         self._buffer = b""

@@ -7,17 +7,18 @@ import os
 import signal
 import socket
 import time as clock
-import weakref
 from collections.abc import Callable
 from pathlib import Path
 from types import TracebackType
-from typing import Any, TypeVar
+from typing import Any
 
 from . import _privatedirectory as privatedirectory
+from ._connection import Connection
 from ._error import RecorderError
 from ._log import LineTail, LogFollower, LogLine, finalized_output
 from ._options import Limits, Options, read_options
 from ._protocol import EXIT, STOP, Ready, ReplyReader, click_line
+from ._waiting import future, quiet, refuse, settle, turn
 
 LOG_POLL_S = 0.1
 LOST_CONNECTION_S = 0.5  # between the end of the connection and that of the process
@@ -25,59 +26,12 @@ LAST_REPLIES_S = 1.0  # for what a recorder that has ended left in the socket
 KEPT_LINES = 20  # in an error
 CAPTURE_FAILED = 2  # exit code
 
-T = TypeVar("T")
-_Locks = dict[Path, asyncio.Lock]
-_turns: weakref.WeakKeyDictionary[asyncio.AbstractEventLoop, _Locks] = weakref.WeakKeyDictionary()
-
-
-def _turn(directory: Path) -> asyncio.Lock:
-    """A log file is named after the millisecond of the start: two recorders must not start into one directory at
-    once."""
-    return _turns.setdefault(asyncio.get_running_loop(), {}).setdefault(directory, asyncio.Lock())
-
-
-def _quiet(future: asyncio.Future[T]) -> asyncio.Future[T]:
-    """Nobody has to await it: an exception that nobody sees is no fault of the program."""
-    future.add_done_callback(lambda done: done.cancelled() or done.exception())
-    return future
-
-
-def _future() -> asyncio.Future[Any]:
-    return _quiet(asyncio.get_running_loop().create_future())
-
-
-def _settle(future: asyncio.Future[T], value: T) -> None:
-    if not future.done():
-        future.set_result(value)
-
-
-def _refuse(future: asyncio.Future[T], error: RecorderError) -> None:
-    if not future.done():
-        future.set_exception(error)
-
 
 @dataclasses.dataclass(frozen=True)
 class Result:
     duration_ms: int
     file: str  # the closed one
     was_ready: bool  # False: the window gave no image before the stop, and the file holds one black frame
-
-
-class _Connection(asyncio.Protocol):
-    """The launcher's end of the control socket. The first one to connect is the recorder."""
-
-    def __init__(self, recording: Recording) -> None:
-        self._recording = recording
-
-    def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        assert isinstance(transport, asyncio.Transport)
-        self._recording._on_connected(transport)
-
-    def data_received(self, data: bytes) -> None:
-        self._recording._on_data(data)
-
-    def connection_lost(self, exc: Exception | None) -> None:
-        self._recording._on_disconnected()
 
 
 class Recording:
@@ -96,11 +50,11 @@ class Recording:
         self._stderr = LineTail()
         self._timers: dict[str, asyncio.TimerHandle] = {}
         self._tasks: list[asyncio.Task[None]] = []
-        self._connected: asyncio.Future[None] = _future()
-        self._disconnected: asyncio.Future[None] = _future()
-        self._ready: asyncio.Future[None] = _future()
-        self._duration: asyncio.Future[int] = _future()
-        self._ended: asyncio.Future[int] = _future()
+        self._connected: asyncio.Future[None] = future()
+        self._disconnected: asyncio.Future[None] = future()
+        self._ready: asyncio.Future[None] = future()
+        self._duration: asyncio.Future[int] = future()
+        self._ended: asyncio.Future[int] = future()
         self._fault: tuple[str, str] | None = None  # why the recorder was ended: code, message
         self._is_ready = False  # before the stop
         self._stopping: asyncio.Future[Result] | None = None
@@ -122,14 +76,14 @@ class Recording:
                                scale=scale, audio=audio, log_directory=log_directory, environment=environment,
                                limits=limits)
         recording = cls(options, on_log)
-        turn = _turn(options.log_directory)
-        await turn.acquire()
+        lock = turn(options.log_directory)
+        await lock.acquire()
         try:
             await recording._start()
         except BaseException:
-            turn.release()
+            lock.release()
             raise
-        recording._connected.add_done_callback(lambda _: turn.release())
+        recording._connected.add_done_callback(lambda _: lock.release())
         return recording
 
     async def __aenter__(self) -> Recording:
@@ -159,7 +113,7 @@ class Recording:
         self._read_log()
         return list(self._warnings)
 
-    # ==== start ======================================================================================================
+    # ==== start =====================================================================================================
 
     async def _start(self) -> None:
         try:
@@ -172,7 +126,8 @@ class Recording:
             await self._spawn(self._directory)
             # Only now, so that nothing arrives before the process is known.
             self._server = await asyncio.get_running_loop().create_unix_server(
-                lambda: _Connection(self), sock=self._listener)
+                lambda: Connection(self._on_connected, self._on_data, self._on_disconnected),
+                sock=self._listener)
         except (OSError, ValueError) as cause:
             self._clean_up()
             raise RecorderError("NOT_STARTED", f"cannot start {self._options.recorder}: {cause}") from cause
@@ -181,7 +136,7 @@ class Recording:
             raise
 
     async def _spawn(self, directory: str) -> None:
-        """In a session of its own: a Ctrl-C in the terminal is for the launcher, which ends the recording in order."""
+        """In a session of its own: Ctrl-C in the terminal is for the launcher, which ends the recording in order."""
         since = clock.time()
         environment = {**os.environ, "ORVANTIS_END_WITH_LAUNCHER": "1", **self._options.environment,
                        "TMPDIR": directory}
@@ -193,7 +148,7 @@ class Recording:
         limits = self._options.limits
         self._limit("connect", limits.connect,
                     lambda: self._give_up("NOT_CONNECTED", "the recorder did not connect in time"))
-        self._limit("ready", limits.ready, lambda: _refuse(
+        self._limit("ready", limits.ready, lambda: refuse(
             self._ready, self._error("NO_READINESS", "the window gave no image in time")))
 
     async def _read_stderr(self) -> None:
@@ -214,9 +169,9 @@ class Recording:
             return
         self._transport = transport
         self._clear("connect")
-        _settle(self._connected, None)
+        settle(self._connected, None)
 
-    # ==== what the launcher wants ====================================================================================
+    # ==== what the launcher wants ===================================================================================
 
     async def ready(self) -> None:
         """Returns half a second before the first frame."""
@@ -231,8 +186,7 @@ class Recording:
         of the window. time: when it happened, as time.time() tells it; up to 3 s late is in time."""
         line = click_line(x, y, nx, ny, time)
         if not self._transport or self._transport.is_closing() or self._stopping or self._exiting:
-            raise self._error("NOT_RECORDING",
-                              "a click can be reported while the recorder is connected, until the stop")
+            raise self._error("NOT_RECORDING", "clicks are for the time from the connection to the stop")
         self._transport.write(line)
 
     async def stop(self) -> Result:
@@ -240,7 +194,7 @@ class Recording:
         if not self._stopping and self._exiting:
             raise self._error("NOT_RECORDING", "the recorder was told to exit before")
         if not self._stopping:
-            self._stopping = _quiet(asyncio.ensure_future(self._stop()))
+            self._stopping = quiet(asyncio.ensure_future(self._stop()))
         return await asyncio.shield(self._stopping)
 
     async def _stop(self) -> Result:
@@ -251,7 +205,7 @@ class Recording:
                     lambda: self._give_up("NO_REPLY", 'the recorder did not answer "stop" in time'))
         duration = await self._duration
         self._clear("duration")
-        _refuse(self._ready, self._error("STOPPED_BEFORE_READY",
+        refuse(self._ready, self._error("STOPPED_BEFORE_READY",
                                          "the recording was stopped before the window gave an image"))
         file = self._finished_file()
         if file is None:
@@ -261,7 +215,7 @@ class Recording:
     async def exit(self) -> int:
         """Ends the process, normally after the stop. Returns its exit code, 0."""
         if not self._exiting:
-            self._exiting = _quiet(asyncio.ensure_future(self._exit()))
+            self._exiting = quiet(asyncio.ensure_future(self._exit()))
         return await asyncio.shield(self._exiting)
 
     async def _exit(self) -> int:
@@ -270,7 +224,7 @@ class Recording:
         if not self._ended.done() or not self._duration.done() or self._duration.exception():
             await self._send_exit()
         code = await self.ended()
-        _refuse(self._ready, self._error("STOPPED_BEFORE_READY",
+        refuse(self._ready, self._error("STOPPED_BEFORE_READY",
                                          "the recorder was told to exit before it was ready"))
         if self._fault:
             raise self._error(*self._fault)
@@ -310,7 +264,7 @@ class Recording:
         except RecorderError:
             pass
 
-    # ==== what the recorder does =====================================================================================
+    # ==== what the recorder does ====================================================================================
 
     def _on_data(self, data: bytes) -> None:
         for reply in self._replies.take(data):
@@ -318,14 +272,14 @@ class Recording:
                 if not self._stopping:
                     self._is_ready = True
                     self._clear("ready")
-                    _settle(self._ready, None)
+                    settle(self._ready, None)
             elif isinstance(reply, int) and self._stopping:
-                _settle(self._duration, reply)
+                settle(self._duration, reply)
             else:
                 self._give_up("BAD_REPLY", f"the recorder said {reply!r}, which is no answer")
 
     def _on_disconnected(self) -> None:
-        _settle(self._disconnected, None)
+        settle(self._disconnected, None)
         if not self._ended.done() and not self._exiting:
             self._limit("lost", LOST_CONNECTION_S, lambda: self._give_up(
                 "CONNECTION_LOST", "the recorder closed the connection and lives on"))
@@ -360,12 +314,12 @@ class Recording:
         self._read_log()
         if self._log:
             self._log.close()
-        _settle(self._ended, code)
+        settle(self._ended, code)
         error = self._error(*self._reason_of_end())
-        _refuse(self._connected, error)
-        _refuse(self._duration, error)
+        refuse(self._connected, error)
+        refuse(self._duration, error)
         if not self._exiting:
-            _refuse(self._ready, error)
+            refuse(self._ready, error)
         self._clean_up()
 
     async def _last_replies(self) -> None:
@@ -400,7 +354,7 @@ class Recording:
             named = next(filter(None, map(finalized_output, reversed(self._stderr.lines))), None)
         return named if named and os.path.isfile(named) else None
 
-    # ==== odds and ends ==============================================================================================
+    # ==== odds and ends =============================================================================================
 
     def _read_log(self) -> None:
         if self._log:

@@ -116,7 +116,8 @@ class GoodRecordings(FakeTest):
             log.write("Critical: the disk is full (a.cpp:3, void f())\n")
         self.assertEqual([(line.level, line.text) for line in (await seen.get(), await seen.get())],
                          [("warning", "audio (of a kind) is late"), ("critical", "the disk is full")])
-        self.assertEqual([line.text for line in recording.warnings], ["audio (of a kind) is late", "the disk is full"])
+        self.assertEqual([line.text for line in recording.warnings],
+                         ["audio (of a kind) is late", "the disk is full"])
 
     async def test_recorder_ends_with_a_launcher_that_is_killed(self) -> None:
         leaver = await asyncio.create_subprocess_exec(
