@@ -192,7 +192,7 @@ class PackagedForATrial(unittest.TestCase):
         self.assertFalse((gui / "Versions/A/Headers").exists())
 
     def test_plug_ins_are_where_the_program_looks(self):
-        relative = re.findall(r'absoluteFilePath\(QStringLiteral\("([^"]+)"\)\)', text("app/startup.cpp"))
+        relative = re.findall(r'"((?:\.\./)+PlugIns)"', text("app/startup.cpp"))
         self.assertEqual(len(relative), 2)
         beside, outside = relative
         self.assertTrue((self.mac.app / "Contents/MacOS" / beside / "platforms/libqcocoa.dylib").is_file())
