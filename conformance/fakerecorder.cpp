@@ -12,6 +12,8 @@
 //   slowstart    connects and is ready late           pieces       answers byte by byte
 //   nooutput     never ready; duration 0 and no file  crasheslater killed by a signal after it is ready
 //   twice        ready twice                          quits        ends as soon as it has answered
+// FAKE_RECORDER_FILE names a file that becomes what it has recorded; FAKE_RECORDER_LOG holds lines that its log has
+// before it is ready.
 // The notes: "arguments" (each ended by a null byte), "process" (process id, process group), "ready" (wall clock of
 // the readiness byte), "lines" (wall clock and text of each line), "terminated" (made on SIGTERM), "environment" (the
 // variables that record-window sets for it, in lines).
@@ -105,6 +107,7 @@ public:
             return 2;
         if (mode_ == "crashes")
             std::raise(SIGKILL);
+        append(log_, qgetenv("FAKE_RECORDER_LOG"));
         if (mode_ == "slowstart")
             ::usleep(slowStepUs);
         if (mode_ != "noimage" && mode_ != "notready" && mode_ != "nooutput")
@@ -195,7 +198,10 @@ private:
 
     void writeOutput(const QByteArray& label, const QByteArray& rest)
     {
-        append(output_, "content\n");
+        QFile recorded(qEnvironmentVariable("FAKE_RECORDER_FILE"));
+        if (label.startsWith("finalized") && recorded.open(QIODevice::ReadOnly))
+            QFile::resize(output_, 0);
+        append(output_, recorded.isOpen() ? recorded.readAll() : QByteArray("content\n"));
         QString quoted;
         QDebug(&quoted) << output_;
         log("FFmpeg recorder " + label + quoted.trimmed().toUtf8() + rest);

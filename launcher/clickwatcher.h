@@ -1,4 +1,5 @@
-// ClickWatcher: the real mouse clicks over one window. One definition set for each system, chosen by CMake.
+// ClickWatcher: the real mouse clicks over one window, and its end. One definition set for each system, chosen by
+// CMake.
 #pragma once
 
 #include "click.h"
@@ -14,9 +15,11 @@ class ClickWatcher : public QObject {
     Q_OBJECT
 
 public:
+    enum class Watched { ClicksAndClosing, ClosingOnly };
+
     /// window: the system's id. When clicks cannot be watched, or not yet, isWatching() is false and errorString()
-    /// says why.
-    explicit ClickWatcher(quint32 window, QObject* parent = nullptr);
+    /// says why; the closing may be told all the same.
+    ClickWatcher(quint32 window, Watched watched, QObject* parent = nullptr);
     ~ClickWatcher() override;
 
     bool isWatching() const { return errorString_.isEmpty(); }
@@ -25,6 +28,7 @@ public:
 Q_SIGNALS:
     void clicked(const Click& click);
     void clickedElsewhere(); ///< a press that is not the window's: beside it, or on what covers it
+    void windowClosed(); ///< there is no such window any more
     void failed(); ///< no further clicks will be seen; errorString() says why
 
 private:

@@ -4,6 +4,7 @@
 #include "signalnotifier.h"
 #include "standardstreams.h"
 #include "stderrlines.h"
+#include "target.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -25,19 +26,19 @@ void printError(const QString& error)
     stderrlines::write("record-window: " + error.toLocal8Bit() + '\n');
 }
 
-int record(const Options& options)
+int list(bool asJson)
 {
-    SignalNotifier::ignore(SIGPIPE); // the recording goes on when the reader of our output ends
-    const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Insisting::IsReported);
-    RecordingSession session(options);
-    QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);
-    QObject::connect(&interruptions, &SignalNotifier::insisted, &session, &RecordingSession::kill);
-    QObject::connect(
-        &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
-    session.start();
-    QCoreApplication::exec();
+    const WindowAnswer answer = listWindows();
+    if (!answer.error.isEmpty()) {
+        printError(answer.error);
+        return int(ExitCode::BadUsage);
+    }
+    print(asJson ? windowJson(answer.windows) : windowTable(answer.windows).toLocal8Bit());
+    return 0;
+}
 
-    const Outcome& outcome = session.outcome();
+int end(const Outcome& outcome, const Options& options)
+{
     if (!outcome.error.isEmpty())
         printError(outcome.error);
     if (options.json)
@@ -45,6 +46,32 @@ int record(const Options& options)
     else if (!options.quiet)
         print(outcome.toText());
     return int(outcome.code);
+}
+
+int record(const Options& options)
+{
+    if (options.window.by == WindowWish::By::Click && !options.quiet)
+        stderrlines::write("click the window to record; another mouse button cancels\n");
+    const Target target = chooseTarget(options);
+    if (!target.error.isEmpty()) {
+        Outcome refused;
+        refused.code = ExitCode::BadUsage;
+        refused.error = target.error;
+        return end(refused, options);
+    }
+    SignalNotifier::ignore(SIGPIPE); // the recording goes on when the reader of our output ends
+    // A shell without job control starts what is in the background with SIGINT ignored, which would leave no usual
+    // way to end the recording.
+    SignalNotifier::restore(SIGINT);
+    const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Insisting::IsReported);
+    RecordingSession session(options, target);
+    QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);
+    QObject::connect(&interruptions, &SignalNotifier::insisted, &session, &RecordingSession::kill);
+    QObject::connect(
+        &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
+    session.start();
+    QCoreApplication::exec();
+    return end(session.outcome(), options);
 }
 
 }
@@ -66,6 +93,8 @@ int main(int argc, char** argv)
         printError(commandLine.error + QLatin1String("\n(--help shows what is possible)"));
         return int(ExitCode::BadUsage);
     }
+    if (commandLine.listsWindows)
+        return list(commandLine.json);
     if (!commandLine.options) {
         print(commandLine.text.toLocal8Bit());
         return 0;

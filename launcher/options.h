@@ -1,6 +1,8 @@
 // Options: the command line of record-window, checked.
 #pragma once
 
+#include "windowwish.h"
+
 #include <QList>
 #include <QPointF>
 #include <QSize>
@@ -16,14 +18,27 @@ struct PlannedClick {
     qint64 delayMs = 0; ///< how much later it is reported to the recorder
 };
 
+/// Whose audio is recorded.
+struct AudioWish {
+    enum class Source { WindowsProcess, Process, Display, Nothing };
+
+    Source source = Source::WindowsProcess;
+    qint64 process = 0; ///< process id
+    bool isGiven = false; ///< not by default
+};
+
 struct Options {
-    quint32 window = 0;
-    QString output; ///< absolute
-    QSize canvas; ///< pixels, as asked for; the recorder rounds it up
+    WindowWish window;
+    QString output; ///< absolute; the recorder leaves it as it is
+    QString outputRemark; ///< to be told to the person; mostly empty
+    bool overwrite = false;
+    std::optional<QSize> canvas; ///< pixels, as asked for; the recorder rounds it up
     std::optional<qint64> lengthMs; ///< of the recording; nothing: until interrupted
-    std::optional<qint64> readyLimitMs; ///< how long the window may take to give an image; nothing: no limit
+    qint64 readyLimitMs = 0; ///< how long the window may take to give an image
     qint64 finishLimitMs = 0; ///< how long the recorder may take to finish the file
-    QString audioSource;
+    int countdownSeconds = 0; ///< before the recorder is started
+    AudioWish audio;
+    bool keepGoing = false; ///< when the window closes
     QString recorder; ///< absolute path of the executable
     QString logDirectory; ///< absolute
     QList<PlannedClick> clicks;
@@ -33,9 +48,11 @@ struct Options {
     bool verbose = false;
 };
 
-/// What the command line asks for: a recording (options), or a text to print and nothing more.
+/// What the command line asks for: a recording (options), the windows, or a text to print and nothing more.
 struct CommandLine {
     std::optional<Options> options;
+    bool listsWindows = false;
+    bool json = false;
     QString text; ///< help or version
     QString error; ///< not empty: bad usage
 };

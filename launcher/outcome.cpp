@@ -1,9 +1,11 @@
 // The two forms of the result.
 #include "outcome.h"
 
+#include "plaintext.h"
 #include "progress.h"
 
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -20,6 +22,30 @@ QJsonValue numberOrNull(const std::optional<T>& number)
     return number ? QJsonValue(*number) : QJsonValue();
 }
 
+QJsonValue objectOrNull(const QJsonObject& object)
+{
+    return object.isEmpty() ? QJsonValue() : QJsonValue(object);
+}
+
+QString streamsText(const Inspection& inspection)
+{
+    QString text;
+    if (inspection.video)
+        text += QStringLiteral("video     %1x%2, %3 frames in %4 s, %5\n")
+                    .arg(inspection.video->size.width())
+                    .arg(inspection.video->size.height())
+                    .arg(inspection.video->frames)
+                    .arg(double(inspection.video->endMs) / 1000, 0, 'f', 3)
+                    .arg(inspection.video->codec);
+    if (inspection.audio)
+        text += QStringLiteral("audio     %1 s, %2\n")
+                    .arg(double(inspection.audio->lengthMs) / 1000, 0, 'f', 3)
+                    .arg(inspection.audio->codec);
+    else
+        text += QStringLiteral("audio     none\n");
+    return text;
+}
+
 }
 
 QByteArray Outcome::toJson() const
@@ -30,6 +56,9 @@ QByteArray Outcome::toJson() const
         {QStringLiteral("logFile"), textOrNull(logFile)},
         {QStringLiteral("recorderExitCode"), numberOrNull(recorderExitCode)},
         {QStringLiteral("error"), textOrNull(error)},
+        {QStringLiteral("warnings"), QJsonArray::fromStringList(warnings)},
+        {QStringLiteral("video"), objectOrNull(inspection ? inspection->videoJson() : QJsonObject())},
+        {QStringLiteral("audio"), objectOrNull(inspection ? inspection->audioJson() : QJsonObject())},
     };
     return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
 }
@@ -38,12 +67,14 @@ QByteArray Outcome::toText() const
 {
     QString text;
     if (!file.isEmpty())
-        text += QStringLiteral("file      %1\n").arg(file);
+        text += QStringLiteral("file      %1\n").arg(plainText(file));
     if (durationMs)
         text += QStringLiteral("duration  %1 s\n").arg(double(*durationMs) / 1000, 0, 'f', 3);
     if (!file.isEmpty())
         text += QStringLiteral("size      %1\n").arg(sizeText(QFileInfo(file).size()));
+    if (inspection)
+        text += streamsText(*inspection);
     if (!logFile.isEmpty())
-        text += QStringLiteral("log       %1\n").arg(logFile);
+        text += QStringLiteral("log       %1\n").arg(plainText(logFile));
     return text.toLocal8Bit();
 }

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "exitcode.h"
+#include "inspection.h"
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -13,6 +15,8 @@ struct Outcome {
     QString error; ///< one sentence; empty when recorded
     QString file; ///< as the recorder named it; empty when there is none
     std::optional<qint64> durationMs; ///< as the recorder said
+    QStringList warnings; ///< what is not as it was asked for, one sentence each
+    std::optional<Inspection> inspection; ///< of the file, when there is one
     QString logFile; ///< empty when the recorder made none
     std::optional<int> recorderExitCode; ///< 128 + n: ended by signal n; nothing: it never started
 

@@ -48,15 +48,22 @@ void Progress::warn(const QString& text)
     print("record-window: ", text, "\n");
 }
 
-void Progress::recorded(qint64 elapsedMs, qint64 fileSize)
+void Progress::recorded(const Recorded& recorded)
 {
     if (quiet_)
         return;
-    const QString size = fileSize < 0 ? QString() : QLatin1String("  ") + sizeText(fileSize);
+    QString line = timeText(recorded.elapsedMs);
+    if (recorded.frames >= 0)
+        line += QStringLiteral("  %1 frames").arg(recorded.frames);
+    if (recorded.fileSize >= 0)
+        line += QLatin1String("  ") + sizeText(recorded.fileSize);
+    if (recorded.clicks > 0)
+        line
+            += QStringLiteral("  %1 click%2").arg(recorded.clicks).arg(QLatin1String(recorded.clicks > 1 ? "s" : ""));
     if (changesOneLine_)
-        print("\r\033[K", timeText(elapsedMs) + size, "");
+        print("\r\033[K", line, "");
     else
-        print("", timeText(elapsedMs) + size, "\n");
+        print("", line, "\n");
     lineIsOpen_ = changesOneLine_;
 }
 

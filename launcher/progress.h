@@ -17,8 +17,14 @@ public:
     void step(const QString& text);
     /// A warning; shown also when quiet was asked for.
     void warn(const QString& text);
-    /// How far the recording has come. fileSize is in bytes; below 0: not known yet.
-    void recorded(qint64 elapsedMs, qint64 fileSize);
+    /// How far the recording has come.
+    struct Recorded {
+        qint64 elapsedMs = 0;
+        qint64 frames = -1; ///< in the file; below 0: not known yet
+        qint64 fileSize = -1; ///< bytes; below 0: not known yet
+        qint64 clicks = 0; ///< reported to the recorder
+    };
+    void recorded(const Recorded& recorded);
 
 private:
     void closeLine();

@@ -24,14 +24,20 @@ QString unquoted(const QByteArray& quoted)
 
 constexpr qint64 longestLine = 64 * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
 
+/// False when the file is not of this user, or was last written before the given time.
+bool openLog(QFile& file, const QString& path, const QDateTime& writtenSince)
+{
+    const privatefile::Opened opened = privatefile::openToRead(QFile::encodeName(path));
+    return opened.descriptor >= 0 && file.open(opened.descriptor, QIODevice::ReadOnly, QFile::AutoCloseHandle)
+        && file.fileTime(QFileDevice::FileModificationTime) >= writtenSince;
+}
+
 /// The first line that starts with the text; empty when there is none, or when the file is not of this user, or was
 /// last written before the given time.
 QByteArray lineWith(const QString& path, const QByteArray& start, const QDateTime& writtenSince)
 {
-    const privatefile::Opened opened = privatefile::openToRead(QFile::encodeName(path));
     QFile file;
-    if (opened.descriptor < 0 || !file.open(opened.descriptor, QIODevice::ReadOnly, QFile::AutoCloseHandle)
-        || file.fileTime(QFileDevice::FileModificationTime) < writtenSince)
+    if (!openLog(file, path, writtenSince))
         return QByteArray();
     bool goesOn = false; // a line that is longer than what is read at once
     while (!file.atEnd()) {
@@ -79,4 +85,18 @@ QString RecorderLog::finalizedOutput()
 {
     return quotedTextAfter(
         lineWith(path(), "Debug: FFmpeg recorder finalized output ", startedAt_), "FFmpeg recorder finalized output");
+}
+
+QByteArrayList RecorderLog::newLines()
+{
+    QFile file;
+    if (path().isEmpty() || !openLog(file, path(), startedAt_) || !file.seek(linesReadTo_))
+        return {};
+    constexpr qint64 mostBytes = 1024 * 1024; // at once; the rest comes with the next call
+    const QByteArray bytes = file.read(mostBytes);
+    const qsizetype end = bytes.lastIndexOf('\n') + 1;
+    linesReadTo_ += end > 0 || bytes.size() < mostBytes ? end : bytes.size(); // such a line is none of the recorder's
+    QByteArrayList lines = bytes.left(end).split('\n');
+    lines.removeLast(); // behind the last line feed
+    return lines;
 }

@@ -1,6 +1,7 @@
 // RecorderLog: what record-window reads in the log file of the recorder that it started.
 #pragma once
 
+#include <QByteArrayList>
 #include <QDateTime>
 #include <QString>
 
@@ -22,9 +23,13 @@ public:
     /// The file that the recorder has closed; empty when it closed none.
     QString finalizedOutput();
 
+    /// The lines that were written since the last call, and are whole.
+    QByteArrayList newLines();
+
 private:
     QString directory_;
     qint64 recorderPid_;
     QDateTime startedAt_;
     QString path_;
+    qint64 linesReadTo_ = 0; // bytes, of newLines()
 };

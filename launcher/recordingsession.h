@@ -1,20 +1,26 @@
 // RecordingSession: one recording from the start of the recorder's process to its end.
 //
 //   Starting --readiness--> Recording --interrupt, length--> Stopping --duration--> Leaving --process ends--> over
-//      \-------------------interrupt, no image in time---------^
+//      |-------------------interrupt, no image in time---------^                       ^
+//      \-------------------what the log says makes it impossible-----------------------/
 //
-// The end of the recorder's process ends the session from every state.
+// The end of the recorder's process ends the session from every state. Starting has the countdown before it.
 #pragma once
 
 #include "clickwatcher.h"
 #include "controlserver.h"
+#include "explanation.h"
 #include "options.h"
 #include "outcome.h"
+#include "outputclaim.h"
 #include "progress.h"
 #include "recorderlog.h"
+#include "runverdict.h"
+#include "target.h"
 
 #include <QObject>
 #include <QProcess>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -26,11 +32,12 @@ class RecordingSession : public QObject {
     Q_OBJECT
 
 public:
-    explicit RecordingSession(const Options& options, QObject* parent = nullptr);
+    RecordingSession(const Options& options, const Target& target, QObject* parent = nullptr);
     /// A recorder that is still running is killed.
     ~RecordingSession() override;
 
-    /// Makes the directories, listens, starts the recorder. over() follows in any case, never before this returns.
+    /// Makes the directories, claims the file, counts down, listens, starts the recorder. over() follows in any
+    /// case, never before this returns.
     void start();
 
     /// Ends the recording in order.
@@ -44,48 +51,57 @@ Q_SIGNALS:
     void over();
 
 private:
-    enum class State { Starting, Recording, Stopping, Leaving };
+    enum class State { CountingDown, Starting, Recording, Stopping, Leaving };
 
-    QString prepareDirectories() const;
+    QString prepareFiles();
     QString listen();
-    void startRecorder();
-    void watchClicks();
+    void countDown(int secondsLeft);
+    void startRecording();
+    void watchWindow();
+    void limitStart();
 
     void onReady();
     void onDuration(qint64 durationMs);
     void onNonsense(const QByteArray& line);
     void onDisconnected();
+    void onWindowClosed();
     void onRecorderEnded();
 
+    void readLog();
+    void takeIn(const Explanation& explanation);
+    void warn(const QString& sentence);
     void scheduleClicks(qint64 readyAtMs);
     void report(const Click& click);
     void showProgress(qint64 readyAtMs);
     void requestStop();
+    void giveUp(const QString& reason);
     void leave();
     void onFinishTimeout();
     void endRecorder(const QString& whatItDoes);
 
     void fail(ExitCode code, const QString& error);
-    void checkOutcome();
-    QString endOfRecorder() const;
+    void review();
+    bool wantsAudio() const { return options_.audio.source != AudioWish::Source::Nothing; }
 
     const Options options_;
-    State state_ = State::Starting;
-    bool wasReady_ = false; // before the stop was requested
-    bool gaveUpWaiting_ = false; // for the first image
-    bool gaveUpOnDuration_ = false;
+    const Target target_;
+    State state_ = State::CountingDown;
     bool terminated_ = false; // the recorder was sent SIGTERM
-    bool killed_ = false;
+    bool audioIsHarmed_ = false; // as the log says
     qsizetype clicksToReport_ = 0;
-    QByteArray nonsense_; // the first reply that was none
+    qint64 reportedClicks_ = 0;
+    QSet<QString> toldSentences_; // of the log
+    RunFacts facts_;
     Outcome outcome_;
 
     Progress progress_;
+    OutputClaim claim_;
     std::unique_ptr<QTemporaryDir> socketDirectory_; // removed after server and recorder have ended
     ControlServer server_;
     QProcess recorder_;
     std::optional<RecorderLog> log_; // from the start of the recorder on
-    std::unique_ptr<ClickWatcher> clickWatcher_; // null when clicks are not watched
+    std::unique_ptr<ClickWatcher> clickWatcher_; // null when neither clicks nor the closing matter
+    QTimer logTimer_;
     QTimer progressTimer_;
     QTimer finishTimer_; // limits the wait for the effect of "stop", "exit" or SIGTERM
 };

@@ -109,6 +109,11 @@ void SignalNotifier::ignore(int number)
     setHandler(number, SIG_IGN);
 }
 
+void SignalNotifier::restore(int number)
+{
+    setHandler(number, SIG_DFL);
+}
+
 void SignalNotifier::readSignal()
 {
     unsigned char byte = 0;

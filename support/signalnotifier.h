@@ -31,6 +31,9 @@ public:
     /// Ignores a signal from now on.
     static void ignore(int number);
 
+    /// Lets a signal have its usual effect from now on, also when it was ignored at the start of the process.
+    static void restore(int number);
+
 Q_SIGNALS:
     void received(int number);
     void insisted(int number); ///< in place of received(); not with Insisting::EndsProcess

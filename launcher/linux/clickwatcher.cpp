@@ -52,12 +52,14 @@ public:
     explicit ClickDisplay(xcb_window_t window) : connection_(xcb_connect(nullptr, nullptr)), window_(window) { }
 
     int descriptor() const { return xcb_get_file_descriptor(connection_.get()); }
-    QString start();
+    QString findWindow();
+    QString watchPresses() const;
     x11::Allocated<xcb_generic_event_t> waitForEvent() const
     {
         return x11::Allocated<xcb_generic_event_t>(xcb_wait_for_event(connection_.get()));
     }
     bool isRawPress(const xcb_generic_event_t& event) const;
+    bool isClosing(const xcb_generic_event_t& event) const;
     bool locateClick(Click* click) const;
 
 private:
@@ -80,17 +82,27 @@ private:
     xcb_window_t root_ = XCB_NONE; // of the screen that holds the window
 };
 
-/// Empty when everything is in place, else why not.
-QString ClickDisplay::start()
+constexpr quint8 typeMask = 0x7f; // the top bit marks events that clients send
+
+/// Empty when the window is there, and its closing is going to be told; else why not.
+QString ClickDisplay::findWindow()
 {
     if (xcb_connection_has_error(connection_.get()))
         return QStringLiteral("no X display can be reached");
-    if (!hasRawPresses(connection_.get()))
-        return QStringLiteral("the X server has no XInput 2.2");
+    constexpr uint32_t closing = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection_.get(), window_, XCB_CW_EVENT_MASK, &closing);
     const auto place = geometry();
     if (!place)
         return QStringLiteral("there is no window 0x%1 on this display").arg(window_, 0, 16);
     root_ = place->root;
+    return QString();
+}
+
+/// Empty when clicks are going to be told, else why not.
+QString ClickDisplay::watchPresses() const
+{
+    if (!hasRawPresses(connection_.get()))
+        return QStringLiteral("the X server has no XInput 2.2");
     if (!selectRawPresses(connection_.get(), root_))
         return QStringLiteral("the X server refuses to report button presses");
     return QString();
@@ -98,12 +110,17 @@ QString ClickDisplay::start()
 
 bool ClickDisplay::isRawPress(const xcb_generic_event_t& event) const
 {
-    constexpr quint8 typeMask = 0x7f; // the top bit marks events that clients send
     if ((event.response_type & typeMask) != XCB_GE_GENERIC)
         return false;
     const auto& press = reinterpret_cast<const xcb_input_raw_button_press_event_t&>(event);
     return press.extension == xcb_get_extension_data(connection_.get(), &xcb_input_id)->major_opcode
         && press.event_type == XCB_INPUT_RAW_BUTTON_PRESS && press.detail >= 1 && press.detail <= lastClickButton;
+}
+
+bool ClickDisplay::isClosing(const xcb_generic_event_t& event) const
+{
+    return (event.response_type & typeMask) == XCB_DESTROY_NOTIFY
+        && reinterpret_cast<const xcb_destroy_notify_event_t&>(event).window == window_;
 }
 
 /// Walks down from the root through the window that lies uppermost at the position (root coordinates, pixels).
@@ -141,7 +158,7 @@ bool ClickDisplay::locateClick(Click* click) const
 
 /// Shared by the watcher and its thread. The thread outlives the watcher when xcb_connect() does not return.
 struct ClickWatcher::Impl {
-    static void run(const std::shared_ptr<Impl>& shared, xcb_window_t window);
+    static void run(const std::shared_ptr<Impl>& shared, xcb_window_t window, Watched watched);
     void watch(ClickDisplay& display);
     void reportStart(const QString& error);
 
@@ -171,7 +188,7 @@ struct ClickWatcher::Impl {
     bool startWasOverdue = false;
 };
 
-void ClickWatcher::Impl::run(const std::shared_ptr<Impl>& shared, xcb_window_t window)
+void ClickWatcher::Impl::run(const std::shared_ptr<Impl>& shared, xcb_window_t window, Watched watched)
 {
     ClickDisplay display(window);
     {
@@ -181,9 +198,12 @@ void ClickWatcher::Impl::run(const std::shared_ptr<Impl>& shared, xcb_window_t w
         shared->connected = true;
         shared->descriptor = display.descriptor();
     }
-    const QString error = display.start();
+    QString error = display.findWindow();
+    const bool isFound = error.isEmpty();
+    if (isFound && watched == Watched::ClicksAndClosing)
+        error = display.watchPresses();
     shared->reportStart(error);
-    if (error.isEmpty())
+    if (isFound)
         shared->watch(display);
     const std::lock_guard lock(shared->mutex);
     shared->descriptor = -1; // the connection is closed next
@@ -209,6 +229,8 @@ void ClickWatcher::Impl::watch(ClickDisplay& display)
     while (const auto event = display.waitForEvent()) {
         Click click;
         click.atMs = QDateTime::currentMSecsSinceEpoch();
+        if (display.isClosing(*event))
+            tell([](ClickWatcher& to) { Q_EMIT to.windowClosed(); });
         if (!display.isRawPress(*event))
             continue;
         if (display.locateClick(&click))
@@ -222,10 +244,11 @@ void ClickWatcher::Impl::watch(ClickDisplay& display)
     });
 }
 
-ClickWatcher::ClickWatcher(quint32 window, QObject* parent) : QObject(parent), impl_(std::make_shared<Impl>())
+ClickWatcher::ClickWatcher(quint32 window, Watched watched, QObject* parent)
+    : QObject(parent), impl_(std::make_shared<Impl>())
 {
     impl_->watcher = this;
-    impl_->thread = std::thread(&Impl::run, impl_, window);
+    impl_->thread = std::thread(&Impl::run, impl_, window, watched);
     std::unique_lock lock(impl_->mutex);
     if (impl_->startIsOver.wait_for(lock, startLimit, [this] { return impl_->startError.has_value(); })) {
         errorString_ = *impl_->startError;

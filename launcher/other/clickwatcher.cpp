@@ -3,7 +3,7 @@
 
 struct ClickWatcher::Impl { };
 
-ClickWatcher::ClickWatcher(quint32, QObject* parent)
+ClickWatcher::ClickWatcher(quint32, Watched, QObject* parent)
     : QObject(parent), errorString_(QStringLiteral("not supported on this system"))
 {
 }

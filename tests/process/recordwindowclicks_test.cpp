@@ -92,10 +92,11 @@ private Q_SLOTS:
     void clickOnACoveredPartIsNotReported();
     void clickBeforeTheReadinessIsNotReported();
     void noClickIsWatchedWhenUnwanted();
-    void lossOfTheWindowIsHarmless();
+    void closingWindowEndsTheRecording();
+    void recordingGoesOnWithoutTheWindow();
     void lossOfTheDisplayIsHarmless();
     void missingDisplayIsNoted();
-    void missingWindowIsNoted();
+    void missingWindowIsRefused();
     void stoppedDisplayAtTheStart();
     void stoppedDisplayInMidRecording();
 
@@ -272,14 +273,37 @@ void RecordWindowClicksTest::noClickIsWatchedWhenUnwanted()
     QVERIFY(launcher_->clickLines()[0].startsWith("click|7|8|"));
 }
 
-void RecordWindowClicksTest::lossOfTheWindowIsHarmless()
+void RecordWindowClicksTest::closingWindowEndsTheRecording()
 {
     const xcb_window_t window = desk_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
     desk_->destroyWindow(window);
+    QVERIFY(launcher_->waitForEnd());
+    QCOMPARE(launcher_->process().exitCode(), 0); // no length was asked for
+    QVERIFY2(launcher_->standardError().contains("the window has closed"), launcher_->standardError());
+    QVERIFY2(launcher_->standardOutput().contains("duration  1.234 s\n"), launcher_->standardOutput());
+
+    launcher_ = std::make_unique<RecordWindowProcess>();
+    launcher_->setEnvironment("DISPLAY", server_->display());
+    const xcb_window_t second = desk_->makeWindow(place);
+    QVERIFY2(record(second, {"--no-watch-clicks", "--seconds", "100"}), launcher_->standardError());
+    desk_->destroyWindow(second);
+    QVERIFY(launcher_->waitForEnd());
+    QCOMPARE(launcher_->process().exitCode(), 8);
+    QVERIFY2(launcher_->standardError().contains("the recording lasted 1.23 s, not the 100.00 s that were asked for"),
+        launcher_->standardError());
+}
+
+void RecordWindowClicksTest::recordingGoesOnWithoutTheWindow()
+{
+    const xcb_window_t window = desk_->makeWindow(place);
+    QVERIFY2(record(window, {"--keep-going"}), launcher_->standardError());
+    desk_->destroyWindow(window);
     desk_->click(QPoint(200, 200));
     QVERIFY(clickElsewhereNoticed(1));
-    QCOMPARE(finish(), 0);
+    QCOMPARE(finish(), 8);
+    QVERIFY2(launcher_->standardError().contains("the window has closed; the recording goes on without frames"),
+        launcher_->standardError());
     QCOMPARE(launcher_->clickLines().size(), 0);
 }
 
@@ -303,12 +327,13 @@ void RecordWindowClicksTest::missingDisplayIsNoted()
         launcher_->standardError().contains("not watched: no X display can be reached"), launcher_->standardError());
 }
 
-void RecordWindowClicksTest::missingWindowIsNoted()
+void RecordWindowClicksTest::missingWindowIsRefused()
 {
-    QVERIFY2(record(0x7fffff), launcher_->standardError());
-    QCOMPARE(finish(), 0);
-    QVERIFY2(launcher_->standardError().contains("not watched: there is no window 0x7fffff on this display"),
+    QCOMPARE(launcher_->run({"--window", "0x7fffff", "--output", "wrong"}), 2);
+    QVERIFY2(launcher_->standardError().contains("there is no window 0x7fffff on this display"),
         launcher_->standardError());
+    QCOMPARE(launcher_->leftFiles(), QStringList());
+    QCOMPARE(launcher_->note("process"), QByteArray());
 }
 
 void RecordWindowClicksTest::stoppedDisplayAtTheStart()

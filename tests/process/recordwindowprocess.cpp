@@ -1,11 +1,14 @@
 // RecordWindowProcess: record-window in a process, with the fake recorder, for its tests.
 #include "recordwindowprocess.h"
 
+#include "clipwriter.h"
+
 #include <QDir>
 #include <QFile>
 #include <QTest>
 
 #include <csignal>
+#include <vector>
 
 namespace {
 
@@ -15,6 +18,31 @@ QByteArray contents(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// Made once, with FFmpeg.
+QString clipPath()
+{
+    static const QTemporaryDir directory;
+    static const QString path = [] {
+        constexpr qint64 lengthMs = 1234;
+        constexpr qint64 frameMs = 41;
+        constexpr std::size_t samplesPerMs = 48;
+        const QString made = directory.filePath(QStringLiteral("clip.mp4"));
+        QImage frame(64, 48, QImage::Format_RGB32);
+        frame.fill(Qt::darkGreen);
+        ClipOptions options;
+        options.withAudio = true;
+        ClipWriter writer(made, frame.size(), options);
+        bool written = true;
+        for (qint64 atMs = 0; atMs < lengthMs; atMs += frameMs)
+            written = written && writer.add(frame, atMs);
+        written = written && writer.addAudio(std::vector<float>(samplesPerMs * lengthMs));
+        if (!written || !writer.finish())
+            qFatal("No clip for the fake recorder: %s", qUtf8Printable(writer.errorString()));
+        return made;
+    }();
+    return path;
 }
 
 }
@@ -28,6 +56,7 @@ RecordWindowProcess::RecordWindowProcess(const char* fakeMode)
     setEnvironment("TMPDIR", path("tmp").toUtf8());
     setEnvironment("FAKE_RECORDER_NOTES", path("notes").toUtf8());
     setEnvironment("FAKE_RECORDER_MODE", fakeMode);
+    setEnvironment("FAKE_RECORDER_FILE", clipPath().toUtf8());
     unsetEnvironment("DISPLAY");
     process_.setWorkingDirectory(directory_.path());
 }
@@ -92,6 +121,14 @@ bool RecordWindowProcess::waitForRecording()
     return QTest::qWaitFor(
         [this] { return standardError().startsWith("recording") || standardError().contains("\nrecording"); },
         limitMs);
+}
+
+QStringList RecordWindowProcess::leftFiles() const
+{
+    QStringList names = QDir(directory_.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    names.removeAll(QStringLiteral("notes"));
+    names.removeAll(QStringLiteral("tmp"));
+    return names;
 }
 
 QByteArray RecordWindowProcess::note(const char* name) const

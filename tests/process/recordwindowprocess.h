@@ -18,6 +18,7 @@ public:
         QByteArray text;
     };
 
+    /// The fake records a clip with audio that lasts as long as it says, 1234 ms.
     explicit RecordWindowProcess(const char* fakeMode = "");
     ~RecordWindowProcess();
     RecordWindowProcess(const RecordWindowProcess&) = delete;
@@ -45,6 +46,7 @@ public:
     bool waitForRecording();
 
     QString path(const QString& name) const { return directory_.filePath(name); }
+    QStringList leftFiles() const; ///< names of what lies in its directory, sorted; not what the tests put there
     QByteArray note(const char* name) const; ///< of the fake; empty when there is none
     QByteArrayList recorderArguments() const;
     QList<Line> lines() const;

@@ -1,0 +1,22 @@
+// What a line of the recorder's log means to the person who records.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+struct Explanation {
+    enum class Meaning {
+        NoRecording, ///< before the first image: there will be none
+        VideoHarmed, ///< the video is not what was asked for
+        AudioHarmed, ///< likewise the audio
+        Remark, ///< good to know
+    };
+
+    Meaning meaning = Meaning::Remark;
+    QString sentence; ///< what happened and what to do; lines that mean the same have the same one
+
+    /// Nothing when the line is neither a warning nor worse, or tells nothing that another line does not tell better.
+    static std::optional<Explanation> of(const QByteArray& line);
+};
