@@ -99,6 +99,8 @@ constexpr auto entries = std::to_array<Entry>({
         "the audio has stopped, as the audio server has gone; the rest of the recording is silent"},
     {"macOS ScreenCaptureKit audio capture stop error", Meaning::Remark, nullptr},
     {"macOS ScreenCaptureKit", Meaning::AudioHarmed, noAudio},
+    {"Audio capture was interrupted by an exception", Meaning::AudioHarmed,
+        "the audio has stopped, as the recorder ran out of memory; the rest of the recording is silent"},
     {"Audio capture did not start", Meaning::AudioHarmed, noAudio},
     {"Continuing video recording without audio.", Meaning::AudioHarmed, noAudio},
     {"No FFmpeg audio encoder is available", Meaning::AudioHarmed, noAudioEncoder},

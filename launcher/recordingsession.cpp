@@ -117,6 +117,7 @@ void RecordingSession::showProgress(qint64 readyAtMs)
     const QFileInfo output(log_->outputInUse());
     Progress::Recorded recorded;
     recorded.elapsedMs = std::max<qint64>(elapsedMs, 0);
+    recorded.frames = output.isFile() ? frameCount_.update(output.filePath()) : -1;
     recorded.fileSize = output.isFile() ? output.size() : -1;
     recorded.clicks = reportedClicks_;
     progress_.recorded(recorded);

@@ -10,6 +10,7 @@
 #include "clickwatcher.h"
 #include "controlserver.h"
 #include "explanation.h"
+#include "framecount.h"
 #include "options.h"
 #include "outcome.h"
 #include "outputclaim.h"
@@ -90,6 +91,7 @@ private:
     bool audioIsHarmed_ = false; // as the log says
     qsizetype clicksToReport_ = 0;
     qint64 reportedClicks_ = 0;
+    FrameCount frameCount_;
     QSet<QString> toldSentences_; // of the log
     RunFacts facts_;
     Outcome outcome_;
