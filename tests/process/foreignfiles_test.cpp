@@ -128,7 +128,7 @@ void ForeignFilesTest::forgedLogIsNotBelieved()
                  "touch -d '1 hour' $f")
                                   .arg(logs)),
         0);
-    launcher.start({"--window", "77", "--seconds", "0.1", "--log-dir", logs, "--json"});
+    launcher.start({"--window", "77", "--seconds", "0.1", "--output", "recording.mp4", "--log-dir", logs, "--json"});
     QVERIFY(launcher.waitForEnd());
     const QByteArray said = launcher.standardOutput();
     QFile forged(logs + QStringLiteral("/20990101T000000.000Z-orvantis-recorder-log.txt"));
