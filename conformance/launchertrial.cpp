@@ -57,11 +57,15 @@ bool LauncherTrial::prepare()
         if (!QDir(directory_).mkdir(QLatin1String(name)))
             return false;
     }
+    const QString clip = directory_ + QLatin1String("/notes/clip.mp4");
+    if (!QFile::copy(QStringLiteral(":/clip.mp4"), clip))
+        return false;
     QFile script(directory_ + QLatin1String("/orvantis-recorder"));
     const QString text
         = QStringLiteral("#!/bin/sh\nFAKE_RECORDER_MODE=%1 FAKE_RECORDER_NOTES=%2 FAKE_RECORDER_CHECKS=1 "
-                         "exec %3 \"$@\"\n")
-              .arg(QLatin1String(case_.mode), quoted(directory_ + QLatin1String("/notes")), quoted(fake_));
+                         "FAKE_RECORDER_FILE=%3 exec %4 \"$@\"\n")
+              .arg(QLatin1String(case_.mode), quoted(directory_ + QLatin1String("/notes")), quoted(clip),
+                  quoted(fake_));
     return script.open(QIODevice::WriteOnly) && script.write(text.toUtf8()) == text.toUtf8().size()
         && script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
