@@ -2,7 +2,6 @@
 
 #include "logcapture.h"
 #include "pacing.h"
-#include "truthscene.h"
 
 namespace {
 
@@ -34,16 +33,21 @@ qint64 frameTimeMs(int frameIndex)
     return frameIndex * pacing::frameIntervalMs;
 }
 
-WindowImages::WindowImages(QSize window, int repaintsPerSecond)
-    : painting_(truthscene::paintStill(window)), repaintsPerSecond_(repaintsPerSecond)
+WindowImages::WindowImages(QSize window, int repaintsPerSecond, std::optional<truthscene::Presented> presented)
+    : painting_(truthscene::paintStill(window)), repaintsPerSecond_(repaintsPerSecond), presented_(presented)
 {
 }
 
 QImage WindowImages::at(int frameIndex)
 {
     const qint64 timeMs = repaintsPerSecond_ > 0 ? frameTimeMs(frameIndex) : 0;
-    const qint64 startedAtMs = 1'700'000'000'000; // some clock: the barcode shows it
-    truthscene::paintAnimated(
-        painting_, {quint32(timeMs * repaintsPerSecond_ / 1000) & 0xffffff, quint32(startedAtMs + timeMs)});
+    const auto painting = quint32(timeMs * repaintsPerSecond_ / 1000);
+    if (presented_) {
+        const QRect area = truthscene::changingArea(painting_.size(), *presented_);
+        truthscene::paintPhase(painting_, area, int(painting % truthscene::phaseCount));
+    } else {
+        const qint64 startedAtMs = 1'700'000'000'000; // some clock: the barcode shows it
+        truthscene::paintAnimated(painting_, {painting & 0xffffff, quint32(startedAtMs + timeMs)});
+    }
     return painting_.convertToFormat(QImage::Format_ARGB32);
 }

@@ -3,12 +3,14 @@
 #pragma once
 
 #include "recorderprobe.h"
+#include "truthscene.h"
 
 #include <QImage>
 #include <QList>
 #include <QSize>
 
 #include <memory>
+#include <optional>
 
 /// A recorder without a window: its worker has ended, so that the caller may do what the worker does. Its output lies
 /// in a private directory that is removed with it. Make it on the thread that uses it.
@@ -39,8 +41,9 @@ qint64 frameTimeMs(int frameIndex);
 /// Paints what a recording of the truth window shows at successive frames.
 class WindowImages {
 public:
-    /// repaintsPerSecond 0: the window never changes.
-    WindowImages(QSize window, int repaintsPerSecond);
+    /// repaintsPerSecond 0: the window never changes. presented: how much a painting changes; without it the top
+    /// band.
+    WindowImages(QSize window, int repaintsPerSecond, std::optional<truthscene::Presented> presented = std::nullopt);
 
     /// The window at that frame, in QImage::Format_ARGB32 as the capture delivers it.
     QImage at(int frameIndex);
@@ -48,4 +51,5 @@ public:
 private:
     QImage painting_; ///< QImage::Format_RGB32
     int repaintsPerSecond_;
+    std::optional<truthscene::Presented> presented_;
 };

@@ -60,14 +60,15 @@ QJsonObject settingsOf(const AVCodecContext& encoder)
     };
 }
 
-std::optional<Cost> measure(QSize size, int frameCount, int repaintsPerSecond)
+std::optional<Cost> measure(
+    QSize size, int frameCount, int repaintsPerSecond, std::optional<truthscene::Presented> presented)
 {
     BenchRecorder recorder(size);
     RecorderProbe& probe = recorder.probe();
     const AvPacketHandle packet(av_packet_alloc());
     if (!packet || !recorder.openOutput())
         return std::nullopt;
-    WindowImages frames(size, repaintsPerSecond);
+    WindowImages frames(size, repaintsPerSecond, presented);
     Cost cost;
     cost.settings = settingsOf(*probe.videoCodecContext());
     for (int i = 0; i < frameCount; ++i) {
@@ -97,6 +98,9 @@ int main(int argc, char** argv)
         {QStringLiteral("frames"), QStringLiteral("Frames to encode."), QStringLiteral("N"), QStringLiteral("244")},
         {QStringLiteral("fps"), QStringLiteral("Repaints of the window a second; 0: it never changes."),
             QStringLiteral("N"), QStringLiteral("60")},
+        {QStringLiteral("present"),
+            QStringLiteral("What a painting changes: unchanged, quarter or all; else a band."),
+            QStringLiteral("WHAT")},
     });
     parser.process(application);
     const QRegularExpressionMatch size
@@ -104,12 +108,14 @@ int main(int argc, char** argv)
     const int frameCount = parser.value(QStringLiteral("frames")).toInt();
     bool fpsRight = false;
     const int fps = parser.value(QStringLiteral("fps")).toInt(&fpsRight);
-    if (!size.hasMatch() || frameCount < 1 || !fpsRight || fps < 0) {
+    const auto presented = truthscene::presented(parser.value(QStringLiteral("present")));
+    if (!size.hasMatch() || frameCount < 1 || presented.has_value() != parser.isSet(QStringLiteral("present"))
+        || !fpsRight || fps < 0) {
         std::fputs(qUtf8Printable(parser.helpText()), stderr);
         return 2;
     }
 
-    const auto cost = measure(QSize(size.captured(1).toInt(), size.captured(2).toInt()), frameCount, fps);
+    const auto cost = measure(QSize(size.captured(1).toInt(), size.captured(2).toInt()), frameCount, fps, presented);
     if (!cost)
         return 1;
     const double seconds = double(frameTimeMs(frameCount)) / 1000.0;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <vector>
 
 namespace truthscene {
@@ -88,6 +89,53 @@ void paintAnimated(QImage& window, const TruthStamp& stamp, bool flash)
         const auto shift = std::ptrdiff_t((quint32(y) + stamp.counter * step) % period);
         std::copy_n(stripes.cbegin() + shift, area.width(), line + area.left());
     }
+}
+
+std::optional<Presented> presented(QStringView name)
+{
+    if (name == QLatin1String("unchanged"))
+        return Presented::Unchanged;
+    if (name == QLatin1String("quarter"))
+        return Presented::Quarter;
+    return name == QLatin1String("all") ? std::optional(Presented::All) : std::nullopt;
+}
+
+QRect changingArea(QSize window, Presented presented)
+{
+    switch (presented) {
+    case Presented::Unchanged:
+        break;
+    case Presented::Quarter:
+        return {0, 0, window.width(), window.height() / 4};
+    case Presented::All:
+        return {{}, window};
+    }
+    return {};
+}
+
+int phaseSquare(const QRect& area)
+{
+    return area.height() / 4;
+}
+
+void paintPhase(QImage& window, const QRect& area, int phase)
+{
+    // The red alone tells the phases apart. All colours repeat themselves after as many pixels as they have values.
+    constexpr int period = 256;
+    constexpr int step = period / phaseCount;
+    std::vector<QRgb> gradient(std::size_t(std::max(area.width(), 0)) + period);
+    for (std::size_t i = 0; i < gradient.size(); ++i) {
+        const int place = int(i % period);
+        gradient[i] = qRgb(place, std::abs(2 * place - (period - 1)), 128);
+    }
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        auto* const line = reinterpret_cast<QRgb*>(window.scanLine(y));
+        std::copy_n(gradient.cbegin() + (y + phase * step) % period, area.width(), line + area.left());
+    }
+    const int side = phaseSquare(area);
+    const int level = phaseLevel(phase);
+    for (const QPoint& corner : {area.topLeft(), area.bottomRight() - QPoint(side - 1, side - 1)})
+        fill(window, QRect(corner, QSize(side, side)), qRgb(level, level, level));
 }
 
 QRectF letterboxed(QSize window, QSize canvas)

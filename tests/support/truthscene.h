@@ -10,8 +10,10 @@
 #include <QRectF>
 #include <QRgb>
 #include <QSize>
+#include <QStringView>
 
 #include <array>
+#include <optional>
 
 namespace truthscene {
 
@@ -51,6 +53,30 @@ QImage paintStill(QSize window, QRgb field = fieldColour);
 /// Barcode and moving area, over the image of paintStill() or of an earlier painting. In a flash the moving area is
 /// white.
 void paintAnimated(QImage& window, const TruthStamp& stamp, bool flash = false);
+
+/// A window that shows the whole of its image again and again, as programs do that paint into a buffer of their own.
+enum class Presented {
+    Unchanged, ///< no pixel is another one than before
+    Quarter, ///< every pixel of the upper quarter is
+    All, ///< every pixel is
+};
+/// "unchanged", "quarter" or "all".
+std::optional<Presented> presented(QStringView name);
+
+/// The paintings of what changes: then they begin anew.
+inline constexpr int phaseCount = 8;
+/// What changes; empty when nothing does.
+QRect changingArea(QSize window, Presented presented);
+/// Grey of the two squares in a phase; all levels are equally far from each other.
+constexpr int phaseLevel(int phase)
+{
+    return 16 + phase * 32;
+}
+/// The side of the squares, pixels: one in the area's top left corner, one in its bottom right corner.
+int phaseSquare(const QRect& area);
+/// Paints the area, and nothing else: a slanting gradient that moves on by the same distance with each phase, and the
+/// two squares, which tell the phase. No pixel is the same in any two phases.
+void paintPhase(QImage& window, const QRect& area, int phase);
 
 /// The rectangle of a canvas that shows the whole window as large as possible in the middle, with bars on two
 /// sides: whole pixels, an odd bar being smaller on the left or top.

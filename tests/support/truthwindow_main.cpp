@@ -29,6 +29,7 @@ struct Options {
     int fps = 0; // 0: one painting
     QRgb field = truthscene::fieldColour;
     bool beeps = false;
+    std::optional<truthscene::Presented> presented; // nothing: only its top band is painted anew
 };
 
 std::optional<Options> readOptions(const QCommandLineParser& parser)
@@ -44,8 +45,11 @@ std::optional<Options> readOptions(const QCommandLineParser& parser)
     options.fps = parser.value(QStringLiteral("fps")).toInt(&fpsRight);
     options.field = 0xff000000u | parser.value(QStringLiteral("background")).toUInt(&fieldRight, 16);
     options.beeps = parser.isSet(QStringLiteral("beep"));
+    options.presented = truthscene::presented(parser.value(QStringLiteral("present")));
     if (!geometry.hasMatch() || !truthscene::fits(options.geometry.size()) || !fpsRight || options.fps < 0
-        || options.fps > 1000 || !fieldRight || !parser.positionalArguments().isEmpty())
+        || options.fps > 1000 || !fieldRight
+        || parser.isSet(QStringLiteral("present")) != options.presented.has_value()
+        || !parser.positionalArguments().isEmpty())
         return std::nullopt;
     return options;
 }
@@ -76,23 +80,34 @@ private:
 class Painting {
 public:
     Painting(XcbWindow& window, const Options& options)
-        : window_(window), field_(options.field), flashes_(options.beeps)
+        : window_(window), field_(options.field), flashes_(options.beeps), presented_(options.presented)
     {
     }
 
+    /// A presented window has all its images from here on: presenting them costs this process next to nothing.
     void paintAll()
     {
-        QImage& image = window_.image();
-        const QImage still = truthscene::paintStill(image.size(), field_);
-        for (int y = 0; y < image.height(); ++y)
-            std::copy_n(still.constScanLine(y), still.bytesPerLine(), image.scanLine(y));
-        paintStamp();
-        window_.show(image.rect());
+        const QSize size = window_.image().size();
+        const QImage still = truthscene::paintStill(size, field_);
+        for (int i = 0; i < window_.buffers(); ++i) {
+            QImage& image = window_.image(i);
+            for (int y = 0; y < size.height(); ++y)
+                std::copy_n(still.constScanLine(y), still.bytesPerLine(), image.scanLine(y));
+            if (presented_)
+                truthscene::paintPhase(image, truthscene::changingArea(size, *presented_), i);
+        }
+        if (!presented_)
+            paintStamp();
+        window_.show(window_.image().rect());
     }
 
     void paintNext()
     {
         ++counter_;
+        if (presented_) {
+            window_.show(window_.image().rect(), int(counter_ % quint32(window_.buffers())));
+            return;
+        }
         paintStamp();
         window_.show(truthscene::layout(window_.image().size()).animated);
     }
@@ -107,6 +122,7 @@ private:
     XcbWindow& window_;
     const QRgb field_;
     const bool flashes_;
+    const std::optional<truthscene::Presented> presented_;
     quint32 counter_ = 0;
 };
 
@@ -171,6 +187,10 @@ int main(int argc, char** argv)
             QStringLiteral("Colour of the field. Pointer and markers are measured on the default only."),
             QStringLiteral("RRGGBB"), QStringLiteral("808080")},
         {QStringLiteral("beep"), QStringLiteral("Flash and beep about once a second, to the audio server.")},
+        {QStringLiteral("present"),
+            QStringLiteral(
+                "Each painting shows the whole window; how much of it changes: unchanged, quarter or all."),
+            QStringLiteral("WHAT")},
         {QStringLiteral("name"), QStringLiteral("The name that the audio server is told."), QStringLiteral("NAME"),
             QStringLiteral("truthwindow")},
     });
@@ -181,7 +201,8 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    XcbWindow window(options->geometry, "truth window");
+    const bool changesWhole = options->presented && *options->presented != truthscene::Presented::Unchanged;
+    XcbWindow window(options->geometry, "truth window", changesWhole ? truthscene::phaseCount : 1);
     if (!window.errorString().isEmpty()) {
         std::fprintf(stderr, "truthwindow: %s\n", qUtf8Printable(window.errorString()));
         return 1;

@@ -1,4 +1,4 @@
-// XcbWindow: a plain X11 window with an image in shared memory.
+// XcbWindow: a plain X11 window with images in shared memory.
 #include "xcbwindow.h"
 #include "xcbhandles.h"
 
@@ -12,16 +12,18 @@
 #include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
-/// An image in memory that the X server reads too.
-class SharedImage {
+/// Images of one size in memory that the X server reads too, each below the one before.
+class SharedImages {
 public:
-    SharedImage(xcb_connection_t* connection, QSize size)
-        : connection_(connection), bytes_(std::size_t(size.width()) * std::size_t(size.height()) * 4)
+    SharedImages(xcb_connection_t* connection, QSize size, int count)
+        : connection_(connection),
+          bytes_(std::size_t(size.width()) * std::size_t(size.height()) * std::size_t(count) * 4)
     {
-        const int descriptor = memfd_create("frame", MFD_CLOEXEC);
+        const int descriptor = memfd_create("images", MFD_CLOEXEC);
         if (descriptor < 0 || ftruncate(descriptor, off_t(bytes_)) < 0) {
             close(descriptor);
             return;
@@ -36,20 +38,22 @@ public:
         // The library closes the descriptor once it is sent.
         const x11::Allocated<xcb_generic_error_t> error(
             xcb_request_check(connection_, xcb_shm_attach_fd_checked(connection_, segment_, descriptor, true)));
-        if (!error)
-            image_ = QImage(memory_, size.width(), size.height(), size.width() * 4, QImage::Format_RGB32);
+        for (int i = 0; i < count && !error; ++i) {
+            images_.emplace_back(memory_ + bytes_ / std::size_t(count) * std::size_t(i), size.width(), size.height(),
+                size.width() * 4, QImage::Format_RGB32);
+        }
     }
-    ~SharedImage()
+    ~SharedImages()
     {
-        if (!image_.isNull())
+        if (!images_.empty())
             xcb_shm_detach(connection_, segment_);
         if (memory_)
             munmap(memory_, bytes_);
     }
-    SharedImage(const SharedImage&) = delete;
-    SharedImage& operator=(const SharedImage&) = delete;
+    SharedImages(const SharedImages&) = delete;
+    SharedImages& operator=(const SharedImages&) = delete;
 
-    QImage& image() { return image_; } ///< null when the memory could not be shared
+    std::vector<QImage>& images() { return images_; } ///< empty when the memory could not be shared
     xcb_shm_seg_t segment() const { return segment_; }
 
 private:
@@ -57,7 +61,7 @@ private:
     std::size_t bytes_;
     uchar* memory_ = nullptr;
     xcb_shm_seg_t segment_ = 0;
-    QImage image_;
+    std::vector<QImage> images_;
 };
 
 xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
@@ -77,13 +81,14 @@ struct XcbWindow::Impl {
     xcb_atom_t protocols = XCB_ATOM_NONE;
     xcb_atom_t deleteWindow = XCB_ATOM_NONE;
     QSize size; // pixels; as last reported by the server
-    std::unique_ptr<SharedImage> frame;
+    int buffers = 1;
+    std::unique_ptr<SharedImages> shared;
 
     bool open(const QRect& geometry, const char* title);
     void create(const xcb_screen_t& screen, const QRect& geometry);
     void describe(const QRect& geometry, const char* title);
     bool waitUntilMapped();
-    bool shareImage();
+    bool shareImages();
 };
 
 bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
@@ -104,7 +109,7 @@ bool XcbWindow::Impl::open(const QRect& geometry, const char* title)
     create(*screen, geometry);
     describe(geometry, title);
     xcb_map_window(connection.get(), window);
-    return waitUntilMapped() && shareImage();
+    return waitUntilMapped() && shareImages();
 }
 
 void XcbWindow::Impl::create(const xcb_screen_t& screen, const QRect& geometry)
@@ -156,17 +161,18 @@ bool XcbWindow::Impl::waitUntilMapped()
     return false;
 }
 
-bool XcbWindow::Impl::shareImage()
+bool XcbWindow::Impl::shareImages()
 {
-    frame.reset();
-    frame = std::make_unique<SharedImage>(connection.get(), size);
-    if (frame->image().isNull())
+    shared.reset();
+    shared = std::make_unique<SharedImages>(connection.get(), size, buffers);
+    if (shared->images().empty())
         error = QStringLiteral("no memory to share with the X server");
     return error.isEmpty();
 }
 
-XcbWindow::XcbWindow(const QRect& geometry, const char* title) : impl_(std::make_unique<Impl>())
+XcbWindow::XcbWindow(const QRect& geometry, const char* title, int buffers) : impl_(std::make_unique<Impl>())
 {
+    impl_->buffers = buffers;
     impl_->open(geometry, title);
 }
 
@@ -187,18 +193,25 @@ int XcbWindow::descriptor() const
     return xcb_get_file_descriptor(impl_->connection.get());
 }
 
-QImage& XcbWindow::image()
+int XcbWindow::buffers() const
 {
-    return impl_->frame->image();
+    return impl_->buffers;
 }
 
-void XcbWindow::show(const QRect& area)
+QImage& XcbWindow::image(int buffer)
 {
-    const QImage& image = impl_->frame->image();
+    return impl_->shared->images()[std::size_t(buffer)];
+}
+
+void XcbWindow::show(const QRect& area, int buffer)
+{
+    const QSize size = image(buffer).size();
+    const int above = buffer * size.height(); // rows of the images before it
     xcb_connection_t* const c = impl_->connection.get();
-    const auto cookie = xcb_shm_put_image_checked(c, impl_->window, impl_->context, quint16(image.width()),
-        quint16(image.height()), quint16(area.x()), quint16(area.y()), quint16(area.width()), quint16(area.height()),
-        qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false, impl_->frame->segment(), 0);
+    const auto cookie = xcb_shm_put_image_checked(c, impl_->window, impl_->context, quint16(size.width()),
+        quint16(size.height() * impl_->buffers), quint16(area.x()), quint16(above + area.y()), quint16(area.width()),
+        quint16(area.height()), qint16(area.x()), qint16(area.y()), 24, XCB_IMAGE_FORMAT_Z_PIXMAP, false,
+        impl_->shared->segment(), 0);
     // The check waits for the server, which has read the image then. An error says that the window is gone,
     // which handleEvents() reports.
     const x11::Allocated<xcb_generic_error_t> error(xcb_request_check(c, cookie));
@@ -234,7 +247,7 @@ XcbWindow::State XcbWindow::handleEvents()
         return State::ConnectionLost;
     if (newSize != impl_->size) {
         impl_->size = newSize;
-        state = impl_->shareImage() ? State::NeedsPainting : State::ConnectionLost;
+        state = impl_->shareImages() ? State::NeedsPainting : State::ConnectionLost;
     }
     return state;
 }
