@@ -69,11 +69,12 @@ bool BenchWindow::open(QSize size, int depth)
     return true;
 }
 
-void BenchWindow::paint()
+void BenchWindow::paint(int changedPercent)
 {
     ++paintings_;
+    const int changedHeight = size_.height() * changedPercent / 100;
     for (int y = 0; y < size_.height(); y += stripeHeight) {
-        const quint32 colour = stripeColour(paintings_, quint32(y / stripeHeight));
+        const quint32 colour = stripeColour(y < changedHeight ? paintings_ : 0, quint32(y / stripeHeight));
         xcb_change_gc(connection_, context_, XCB_GC_FOREGROUND, &colour);
         const xcb_rectangle_t stripe{0, qint16(y), quint16(size_.width()), quint16(stripeHeight)};
         xcb_poly_fill_rectangle(connection_, window_, context_, 1, &stripe);

@@ -20,8 +20,9 @@ public:
     QString errorString() const { return error_; }
     quint32 id() const { return window_; }
 
-    /// Changes all of the window's pixels; returns when the X server has painted.
-    void paint();
+    /// Paints the whole window; returns when the X server has. So much of it, from the top, gets other pixels, if the
+    /// last painting changed as much.
+    void paint(int changedPercent = 100);
 
 private:
     bool open(QSize size, int depth);

@@ -56,7 +56,7 @@ public:
         QRect bounds;
         return capture_.capture(&bounds);
     }
-    void paint() { window_.paint(); }
+    void paint(int changedPercent = 100) { window_.paint(changedPercent); }
 
 private:
     BenchWindow window_;
@@ -79,6 +79,21 @@ void captureChanged(benchmark::State& state)
             break;
         }
         last = image;
+    }
+}
+
+// The window is painted whole, and only a part of its pixels becomes another one.
+void capturePresented(benchmark::State& state)
+{
+    CapturedWindow window(state);
+    for (auto iteration : state) {
+        state.PauseTiming();
+        window.paint(int(state.range(3)));
+        state.ResumeTiming();
+        if (window.capture().isNull()) {
+            fail(state, QStringLiteral("the window was not captured"));
+            break;
+        }
     }
 }
 
@@ -214,6 +229,15 @@ void bothSizesAndDepths(benchmark::internal::Benchmark* stage)
     }
 }
 
+void changedParts(benchmark::internal::Benchmark* stage)
+{
+    stage->ArgNames({"w", "h", "depth", "changed_percent"});
+    for (const int changed : {0, 25, 100}) {
+        for (const QSize size : {fullHd, ultraHd})
+            stage->Args({size.width(), size.height(), opaqueDepth, changed});
+    }
+}
+
 void compositions(benchmark::internal::Benchmark* stage)
 {
     stage->ArgNames({"w", "h", "canvas_w", "canvas_h", "clicks", "depth"});
@@ -250,6 +274,7 @@ void twoSeconds(benchmark::internal::Benchmark* stage)
 }
 
 BENCHMARK(captureChanged)->Apply(bothSizesAndDepths)->Apply(warmedUp);
+BENCHMARK(capturePresented)->Apply(changedParts)->Apply(warmedUp);
 BENCHMARK(captureUnchanged)->Apply(bothSizesAndDepths)->Apply(warmedUp);
 BENCHMARK(compose)->Apply(compositions)->Apply(warmedUp);
 BENCHMARK(convertPixels)->Apply(bothSizes)->Apply(warmedUp);
