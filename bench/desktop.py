@@ -18,14 +18,6 @@ def processor_ms(pid):
     return sum(int(field) for field in fields[11:15]) * 1000 / TICKS_PER_SECOND
 
 
-def peak_memory_mib(pid):
-    """The most memory that a running process ever held at once (resident), MiB."""
-    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
-        if line.startswith("VmHWM:"):
-            return int(line.split()[1]) / 1024
-    raise RuntimeError(f"process {pid} has ended")
-
-
 def with_parent(command):
     """The command, to be ended by the kernel when this process ends, however that happens."""
     return ["setpriv", "--pdeathsig", "TERM", *command]
@@ -63,9 +55,9 @@ def private_x_server(width, height):
 
 
 @contextlib.contextmanager
-def truth_window(binaries, display, width, height, repaints_per_second):
-    """A window that shows when it was painted; gives its id. 0 repaints: it never changes."""
-    command = [binaries / "truthwindow", "--geometry", f"{width}x{height}+0+0", "--fps", str(repaints_per_second)]
+def truth_window(binaries, display, width, height, painting_options):
+    """A window that shows which of its paintings it is; gives its id."""
+    command = [binaries / "truthwindow", "--geometry", f"{width}x{height}+0+0", *painting_options]
     window = subprocess.Popen(with_parent(command), stdout=subprocess.PIPE, text=True,
                               env={**os.environ, "DISPLAY": display})
     try:

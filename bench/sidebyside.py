@@ -6,149 +6,95 @@ import dataclasses
 import os
 import pathlib
 import re
-import statistics
 import subprocess
 import sys
 import tempfile
 
+import aims
 import desktop
+import recorded
 import subjects
+import tables
+from cases import CASES, QUICK_S
 
 DOCUMENT = desktop.ROOT / "docs" / "performance.md"
 BEGIN_MARK = "<!-- side by side: begin -->"
 END_MARK = "<!-- side by side: end -->"
-REPAINTS_PER_SECOND = 60  # of an animated window; above twice the frame rate, so that no two frames need be alike
-
-
-@dataclasses.dataclass(frozen=True)
-class Case:
-    name: str
-    width: int  # of window and canvas, pixels
-    height: int
-    repaints_per_second: int
-
-    @property
-    def title(self):
-        kind = "animated" if self.repaints_per_second else "static"
-        return f"{self.width}x{self.height}, {kind}"
-
-
-CASES = [
-    Case("1080p-static", 1920, 1080, 0),
-    Case("1080p-animated", 1920, 1080, REPAINTS_PER_SECOND),
-    Case("4k-static", 3840, 2160, 0),
-    Case("4k-animated", 3840, 2160, REPAINTS_PER_SECOND),
-]
 
 
 @dataclasses.dataclass
 class Row:
-    """What is printed of one recording, or the median of several."""
+    """What is printed of one recording, and what the aims are about."""
     processor: float  # milliseconds per recorded second
     x_server: float
     peak_mib: float
-    frames: float
-    missed: float
+    highest_resident_mib: float
+    frames: int
+    missed: int
+    missed_late_percent: float
     longest_gap_ms: float
-    repeated: float | None  # None: an unchanging window cannot tell
+    repeated: int | None  # None: an unchanging window cannot tell
     ready_ms: float
     reply_ms: float
     kib_per_s: float
 
+    @property
+    def with_x_server(self):
+        return self.processor + self.x_server
+
 
 @dataclasses.dataclass
 class Run:
-    """One case, once."""
-    this: Row
-    audio: Row  # this recorder, with audio
-    ffmpeg: Row
-    encoder: float  # milliseconds per recorded second
-    window_alone: float  # of the X server
+    """One case, once. None: not recorded."""
+    seconds: float
+    this: Row | None = None
+    audio: Row | None = None  # this recorder, with audio
+    ffmpeg: Row | None = None
+    encoder: float | None = None  # milliseconds per recorded second
+    window_alone: float = 0.0  # of the X server
+
+
+def repeated_frames(case, stage, file, frames):
+    if case.phase_squares():
+        return recorded.repeated_phases(file, case.phase_squares(), frames)
+    if case.what != "part":
+        return None
+    report = recorded.truth(stage, file)
+    if report["error"] or report["framesDecoded"] != frames:
+        raise RuntimeError(f"{file.name} does not show the window in every frame: {report['error']}")
+    return report["repeatedFrames"] if report["animated"] else None
 
 
 def measured(case, stage, recording):
-    times = subjects.packet_times_ms(recording.file)
+    times = recorded.packet_times_ms(recording.file)
     seconds = (times[-1] - times[0] + recording.slot_ms) / 1000
-    repeated = None
-    if case.repaints_per_second:
-        report = subjects.truth(stage, recording.file)
-        if report["error"] or report["framesDecoded"] != len(times):
-            raise RuntimeError(f"{recording.file.name} does not show the window in every frame: {report['error']}")
-        repeated = report["repeatedFrames"] if report["animated"] else None
     return Row(processor=recording.processor_ms / seconds, x_server=recording.x_server_ms_per_s,
-               peak_mib=recording.peak_mib, frames=len(times),
-               missed=subjects.missed_slots(times, recording.slot_ms),
-               longest_gap_ms=subjects.longest_gap_ms(times), repeated=repeated,
+               peak_mib=recording.peak_mib, highest_resident_mib=recording.highest_resident_mib, frames=len(times),
+               missed=recorded.missed_slots(times, recording.slot_ms),
+               missed_late_percent=recorded.missed_late_percent(times, recording.slot_ms, aims.LATE_FROM_S),
+               longest_gap_ms=recorded.longest_gap_ms(times),
+               repeated=repeated_frames(case, stage, recording.file, len(times)),
                ready_ms=recording.ready_ms, reply_ms=recording.reply_ms,
                kib_per_s=recording.file.stat().st_size / 1024 / seconds)
 
 
-def run_case(case, binaries, display, x_server_pid, seconds):
+def run_case(case, binaries, display, x_server_pid, seconds, full):
     with contextlib.ExitStack() as stack:
         directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="ov-bench-", dir="/tmp")))
-        window = stack.enter_context(
-            desktop.truth_window(binaries, display, case.width, case.height, case.repaints_per_second))
+        options = case.painting_options()
+        window = stack.enter_context(desktop.truth_window(binaries, display, case.width, case.height, options))
         stage = subjects.Stage(binaries, display, x_server_pid, window, case.width, case.height, seconds)
-        alone = subjects.x_server_alone(stage, seconds / 3)
-        floor = subjects.encoder_alone(stage, case.repaints_per_second)
-        this = subjects.record_with_this(stage, directory)
-        audio = subjects.record_with_audio(stage, directory)
-        ffmpeg = subjects.record_with_ffmpeg(stage, directory, floor["settings"])
-        return Run(measured(case, stage, this), measured(case, stage, audio), measured(case, stage, ffmpeg),
-                   floor["cpuMsPerSecond"], alone)
-
-
-def median_row(rows):
-    def middle(name):
-        values = [getattr(row, name) for row in rows]
-        return None if None in values else statistics.median(values)
-    return Row(**{field.name: middle(field.name) for field in dataclasses.fields(Row)})
-
-
-def whole(value):
-    return "-" if value is None else f"{value:.0f}"
-
-
-def table(header, rows):
-    lines = ["| " + " | ".join(header) + " |", "|" + "---|" * len(header)]
-    lines += ["| " + " | ".join(row) + " |" for row in rows]
-    return "\n".join(lines)
-
-
-def recordings_table(results):
-    rows = []
-    for case, runs in results:
-        for name, part in (("this recorder", "this"), ("the same with audio", "audio"), ("ffmpeg x11grab", "ffmpeg")):
-            row = median_row([getattr(run, part) for run in runs])
-            rows.append([case.title, name, *(whole(getattr(row, field.name)) for field in dataclasses.fields(Row))])
-        encoder = statistics.median(run.encoder for run in runs)
-        alone = statistics.median(run.window_alone for run in runs)
-        rows.append([case.title, "encoder alone", whole(encoder)] + ["-"] * 9)
-        rows.append([case.title, "window alone", "-", whole(alone)] + ["-"] * 8)
-    return table(["Case", "What", "CPU, ms per s", "X server CPU, ms per s", "Peak memory, MiB", "Frames",
-                  "Missed slots", "Longest gap, ms", "Repeated frames", "Launch to ready, ms", "Stop to reply, ms", "File, KiB per s"], rows)
-
-
-def ratio(values):
-    values = sorted(values)
-    text = f"{statistics.median(values):.2f}"
-    return text if len(values) == 1 else f"{text} ({values[0]:.2f} to {values[-1]:.2f})"
-
-
-def ratios_table(results):
-    rows = []
-    for case, runs in results:
-        rows.append([
-            case.title,
-            ratio([run.this.processor / run.ffmpeg.processor for run in runs]),
-            ratio([(run.this.processor + run.this.x_server) / (run.ffmpeg.processor + run.ffmpeg.x_server)
-                   for run in runs]),
-            ratio([run.this.processor / run.encoder for run in runs]),
-            ratio([run.audio.processor / run.this.processor for run in runs]),
-            ratio([run.ffmpeg.processor / run.encoder for run in runs]),
-        ])
-    return table(["Case", "CPU, this recorder / ffmpeg", "the same with the X server's", "this recorder / encoder alone",
-                  "with audio / without", "ffmpeg / encoder alone"], rows)
+        run = Run(seconds, window_alone=subjects.x_server_alone(stage, QUICK_S / 3))
+        if not case.audio_only:
+            run.this = measured(case, stage, subjects.record_with_this(stage, directory))
+        if full or case.audio_only:
+            run.audio = measured(case, stage, subjects.record_with_audio(stage, directory))
+        if not case.audio_only:
+            # One frame tells the settings.
+            floor = subjects.encoder_alone(stage, options, QUICK_S if full else 0)
+            run.encoder = floor["cpuMsPerSecond"] if full else None
+            run.ffmpeg = measured(case, stage, subjects.record_with_ffmpeg(stage, directory, floor["settings"]))
+        return run
 
 
 def first_match(pattern, text):
@@ -163,7 +109,7 @@ def output_of(command):
 
 def machine(binaries, display, load):
     processor = first_match(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
-    libraries = subjects.encoder_alone(subjects.Stage(binaries, display, 0, 0, 640, 480, 0.1), 0)
+    libraries = subjects.encoder_alone(subjects.Stage(binaries, display, 0, 0, 640, 480, 0), [], 0)
     ffmpeg = first_match(r"ffmpeg version (\S+)", output_of(["ffmpeg", "-version"]))
     x_server = first_match(r"X.Org version: (\S+)", output_of(["xdpyinfo", "-display", display]))
     return (f"Machine: {os.cpu_count()} processors ({processor}), {os.uname().sysname} {os.uname().release}; "
@@ -182,32 +128,49 @@ def write(text):
 
 def arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
-    parser.add_argument("--seconds", type=float, default=10, help="length of each recording (default: 10)")
+    parser.add_argument("--only", action="append", metavar="CASE", choices=[case.name for case in CASES],
+                        help="this case; may be repeated: " + ", ".join(case.name for case in CASES))
+    parser.add_argument("--long", action="store_true",
+                        help="as long as the aims ask for: 60 s for most of 3840x2160, and a case of 10 minutes")
+    parser.add_argument("--seconds", type=float, help=f"length of each recording, above 5 (default: {QUICK_S})")
+    parser.add_argument("--full", action="store_true", help="also this recorder with audio, and the encoder alone")
     parser.add_argument("--repeat", type=int, default=1, help="runs of each case; medians are printed (default: 1)")
-    parser.add_argument("--case", action="append", choices=[case.name for case in CASES],
-                        help="only this case; may be repeated")
     parser.add_argument("--write", action="store_true", help=f"also put the tables into {DOCUMENT.name}")
     parser.add_argument("--binaries", type=pathlib.Path, default=desktop.ROOT / "build" / "release" / "bin",
                         help="directory of the programs to measure (default: build/release/bin)")
-    return parser.parse_args()
+    options = parser.parse_args()
+    if options.seconds is not None and options.seconds <= aims.LATE_FROM_S + 1:
+        parser.error("--seconds: the delay queue takes the first of them")
+    return options
+
+
+def chosen(options):
+    """The cases, with the seconds to record of each."""
+    cases = [case for case in CASES
+             if (case.name in options.only if options.only else options.long or not case.audio_only)]
+    return [(case, options.seconds or (case.long_s if options.long else QUICK_S)) for case in cases]
+
+
+def run_all(options, display, x_server_pid, binaries):
+    results = []
+    for case, seconds in chosen(options):
+        runs = []
+        for number in range(options.repeat):
+            print(f"{case.title}, {seconds:g} s, run {number + 1} of {options.repeat}", file=sys.stderr)
+            runs.append(run_case(case, binaries, display, x_server_pid, seconds, options.full))
+        results.append((case, runs))
+    return results
 
 
 def main():
     options = arguments()
     binaries = options.binaries.resolve()
-    cases = [case for case in CASES if not options.case or case.name in options.case]
     load = os.getloadavg()[0]
-    results = []
     with desktop.private_x_server(3840, 2160) as (display, x_server_pid):
-        for case in cases:
-            runs = []
-            for number in range(options.repeat):
-                print(f"{case.title}, run {number + 1} of {options.repeat}", file=sys.stderr)
-                runs.append(run_case(case, binaries, display, x_server_pid, options.seconds))
-            results.append((case, runs))
+        results = run_all(options, display, x_server_pid, binaries)
         description = machine(binaries, display, load)
     command = " ".join(["scripts/bench", *sys.argv[1:]])
-    text = "\n\n".join([f"Command: `{command}`", description, recordings_table(results), ratios_table(results)])
+    text = "\n\n".join([f"Command: `{command}`", description, tables.all_of(results)])
     print(text)
     if options.write:
         write(text)

@@ -9,6 +9,8 @@ import subprocess
 import time
 
 import desktop
+import memory
+import recorded
 
 FRAME_MS = 41  # this recorder's slots
 X11GRAB_FPS = 24
@@ -35,7 +37,8 @@ class Recording:
     reply_ms: float  # from the stop until the file is whole
     processor_ms: float  # of the whole process, from its start to its end
     x_server_ms_per_s: float  # while recording
-    peak_mib: float
+    peak_mib: float  # held; memory.py
+    highest_resident_mib: float
 
 
 class XServerMeter:
@@ -82,15 +85,9 @@ def record_with_audio(stage, directory):
     with desktop.private_audio(stage.binaries) as (audio, player):
         environment = {**audio, "DISPLAY": stage.display, "TMPDIR": str(directory)}
         recording = record_with_this(stage, directory, "audio", environment, f"app-pid:{player}")
-    if not has_audio(recording.file):
+    if not recorded.has_audio(recording.file):
         raise RuntimeError("the recording has no audio")
     return recording
-
-
-def has_audio(file):
-    command = ["ffprobe", "-v", "error", "-select_streams", "a", "-count_packets", "-show_entries",
-               "stream=nb_read_packets", "-of", "csv=p=0", f"file:{file}"]
-    return int(subprocess.run(command, capture_output=True, text=True, check=True).stdout or "0") > 0
 
 
 def record_with_this(stage, directory, name="this", environment=None, audio_source=""):
@@ -108,7 +105,7 @@ def record_with_this(stage, directory, name="this", environment=None, audio_sour
         recorder = subprocess.Popen(desktop.with_parent(map(str, command)), env=environment, stderr=log)
         try:
             line, _ = server.accept()
-            with line:
+            with line, memory.PeakMemory(recorder.pid) as peak:
                 if line.recv(1) != b"1":
                     raise RuntimeError("this recorder did not become ready")
                 ready_ms = since_ms(started)
@@ -120,7 +117,8 @@ def record_with_this(stage, directory, name="this", environment=None, audio_sour
                 line.sendall(b'{"action":"stop"}\n')
                 json.loads(line.makefile().readline())["duration"]
                 reply_ms = since_ms(stopped)
-                peak = desktop.peak_memory_mib(recorder.pid)
+                peak.look()
+                highest_resident = memory.highest_resident_mib(recorder.pid)
                 line.sendall(b'{"action":"exit"}\n')
                 code, processor = finish(recorder)
         finally:
@@ -128,7 +126,7 @@ def record_with_this(stage, directory, name="this", environment=None, audio_sour
                 desktop.end(recorder)
     if code != 0:
         raise RuntimeError(f"this recorder ended with {code}")
-    return Recording(output, FRAME_MS, ready_ms, reply_ms, processor, x_server, peak)
+    return Recording(output, FRAME_MS, ready_ms, reply_ms, processor, x_server, peak.mib(), highest_resident)
 
 
 def ffmpeg_command(stage, settings, output):
@@ -154,10 +152,12 @@ def record_with_ffmpeg(stage, directory, settings):
                     raise RuntimeError("ffmpeg did not start: " + (directory / "ffmpeg.log").read_text())
                 time.sleep(0.002)
             ready_ms = since_ms(started)
-            meter = XServerMeter(stage)
-            time.sleep(stage.seconds)
-            x_server = meter.rate()
-            peak = desktop.peak_memory_mib(recorder.pid)
+            with memory.PeakMemory(recorder.pid) as peak:
+                meter = XServerMeter(stage)
+                time.sleep(stage.seconds)
+                x_server = meter.rate()
+                peak.look()
+            highest_resident = memory.highest_resident_mib(recorder.pid)
             stopped = time.monotonic()
             recorder.send_signal(signal.SIGINT)
             code, processor = finish(recorder)
@@ -167,44 +167,12 @@ def record_with_ffmpeg(stage, directory, settings):
                 desktop.end(recorder)
     if code not in (0, 255):  # 255 is its way to end when it is interrupted
         raise RuntimeError(f"ffmpeg ended with {code}: " + (directory / "ffmpeg.log").read_text())
-    return Recording(output, 1000 / X11GRAB_FPS, ready_ms, reply_ms, processor, x_server, peak)
+    return Recording(output, 1000 / X11GRAB_FPS, ready_ms, reply_ms, processor, x_server, peak.mib(), highest_resident)
 
 
-def encoder_alone(stage, repaints_per_second):
+def encoder_alone(stage, painting_options, seconds):
     """The encoder on the same frames and nothing else: its settings, and milliseconds per recorded second."""
-    frames = round(stage.seconds * 1000 / FRAME_MS)
+    frames = max(round(seconds * 1000 / FRAME_MS), 1)
     command = [stage.binaries / "encoderfloor", "--size", f"{stage.width}x{stage.height}", "--frames", str(frames),
-               "--fps", str(repaints_per_second)]
-    return json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
-
-
-def packet_times_ms(file):
-    """Presentation times of the video packets, ascending."""
-    command = ["ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pts_time", "-of", "csv=p=0",
-               str(file)]
-    lines = subprocess.run(command, check=True, capture_output=True, text=True).stdout.split()
-    return sorted(float(line.strip(",")) * 1000 for line in lines)
-
-
-def missed_slots(times_ms, slot_ms):
-    """Slots without a frame. A slot begins when its frame is due; after a gap the next frame begins them anew."""
-    missed = 0
-    due = times_ms[0]
-    for time_ms in times_ms[1:]:
-        due += slot_ms
-        late_slots = int((time_ms - due) // slot_ms)
-        if late_slots > 0:
-            missed += late_slots
-            due = time_ms
-        due = min(due, time_ms)
-    return missed
-
-
-def longest_gap_ms(times_ms):
-    return max(later - earlier for earlier, later in zip(times_ms, times_ms[1:]))
-
-
-def truth(stage, file):
-    """What the recorded window's own counter and clock say of the file."""
-    command = [stage.binaries / "truth-report", "--window", f"{stage.width}x{stage.height}", "--json", str(file)]
+               *painting_options]
     return json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
