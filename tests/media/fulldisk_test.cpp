@@ -1,0 +1,271 @@
+// A disk that is full: before the recording, while it runs, for a while and at its end.
+#include "idlerecorder.h"
+#include "mediafile.h"
+#include "mp4boxes.h"
+#include "testregistry.h"
+
+#include <QFileInfo>
+#include <QTest>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+
+namespace {
+
+/// No file of this process grows beyond the size: the system refuses the bytes that do not fit, as it does on a full
+/// disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : oldHandler_(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        if (getrlimit(RLIMIT_FSIZE, &old_) != 0)
+            qFatal("No limit of the file size");
+        rlimit limit = old_;
+        limit.rlim_cur = bytes;
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            qFatal("The limit of the file size cannot be set");
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &old_);
+        std::signal(SIGXFSZ, oldHandler_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    void (*oldHandler_)(int);
+    rlimit old_{};
+};
+
+/// Encodes that many walking images, the results in their order.
+QList<bool> encodeEach(IdleRecorder& recorder, int count)
+{
+    QList<bool> results;
+    for (int i = 0; i < count; ++i)
+        results.append(recorder.encode({i * 41}, i));
+    return results;
+}
+
+}
+
+class FullDiskTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void fullDiskBeforeTheHeader();
+    void fullDiskBehindTheFirstBytes();
+    void fullDiskWhileRecording_data();
+    void fullDiskWhileRecording();
+    void fullDiskAtTheEnd();
+    void diskThatWasFullForAWhile_data();
+    void diskThatWasFullForAWhile();
+    void noTableOfFragmentsAfterALoss_data();
+    void noTableOfFragmentsAfterALoss();
+    void fullDiskInTheFallback();
+};
+
+void FullDiskTest::fullDiskBeforeTheHeader()
+{
+    IdleRecorder recorder;
+    const FileSizeLimit limit(0);
+    QVERIFY(!recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output header: \"File too large\"")});
+    recorder->closeOutput();
+    QVERIFY(recorder.isClosed());
+}
+
+/// The rest of the header is written with the first image, so that one reports the failure.
+void FullDiskTest::fullDiskBehindTheFirstBytes()
+{
+    IdleRecorder recorder;
+    const FileSizeLimit limit(100);
+    QVERIFY(recorder->openOutput());
+    encodeEach(recorder, 5);
+    QVERIFY(recorder.criticals().size() >= 4);
+    for (const QString& line : recorder.criticals())
+        QCOMPARE(line, QStringLiteral("Unable to write FFmpeg packet: \"File too large\""));
+    recorder.finish();
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+}
+
+void FullDiskTest::fullDiskWhileRecording_data()
+{
+    QTest::addColumn<int>("limit"); // bytes
+    QTest::newRow("in the second fragment") << 5000;
+    QTest::newRow("in the third fragment") << 8000;
+    QTest::newRow("at a block's end") << 8192;
+}
+
+/// Every fragment that cannot be written is reported, later ones are tried all the same, and what was written stays.
+void FullDiskTest::fullDiskWhileRecording()
+{
+    QFETCH(const int, limit);
+    constexpr int images = 24 * 6;
+    IdleRecorder recorder;
+    const QString path = recorder->outputPath();
+    const qsizetype descriptors = openDescriptors();
+    QList<bool> results;
+    {
+        const FileSizeLimit fileSizeLimit{rlim_t(limit)};
+        QVERIFY(recorder->openOutput());
+        results = encodeEach(recorder, images);
+        QVERIFY(recorder.finish());
+    }
+    QVERIFY2(results.indexOf(false) > 24, qPrintable(QString::number(results.indexOf(false))));
+    QVERIFY2(results.count(false) >= images / 24 - 3, "fragments were lost without a word");
+    QCOMPARE(recorder.criticals(),
+        QStringList(results.count(false), QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(openDescriptors(), descriptors);
+
+    QVERIFY(QFileInfo(path).size() <= limit);
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(path);
+    const auto wholeFragments = std::count_if(
+        boxes.cbegin(), boxes.cend(), [](const Mp4Box& box) { return box.type == "mdat" && box.whole; });
+    QVERIFY(wholeFragments >= 1);
+    const QList<MediaFrame> frames = MediaFile(path).frames();
+    QVERIFY2(frames.size() >= wholeFragments * 24, qPrintable(QString::number(frames.size())));
+    for (int i = 0; i < wholeFragments * 24; ++i) {
+        QCOMPARE(frames[i].ptsMs, i * 41.0);
+        QVERIFY(testimages::channelError(frames[i].image.pixel(i * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    }
+}
+
+/// Every image was accepted, and the last ones do not reach the disk: that is reported.
+void FullDiskTest::fullDiskAtTheEnd()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder.encode(IdleRecorder::steadyTimes(30)));
+    {
+        const FileSizeLimit limit(rlim_t(QFileInfo(recorder->outputPath()).size()) + 50);
+        QVERIFY(recorder.finish());
+    }
+    QVERIFY(recorder.criticals().isEmpty());
+    QCOMPARE(recorder.warnings(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
+    QVERIFY(recorder.isClosed());
+    // The first fragment is whole; the second one is cut off.
+    QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
+        (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof"}));
+}
+
+void FullDiskTest::diskThatWasFullForAWhile_data()
+{
+    QTest::addColumn<QString>("name"); // that the file gets
+    QTest::addColumn<QSize>("canvas");
+    QTest::addColumn<int>("limit"); // bytes
+    QTest::newRow("MP4") << QStringLiteral("clip.mp4") << QSize(320, 240) << 5000;
+    QTest::newRow("Matroska") << QStringLiteral("clip.mkv") << QSize(8192, 16) << 400000;
+}
+
+/// It costs what was to be written then, each write is reported, and nothing that follows is lost. The trailer tells
+/// of itself only, and here there is nothing to tell.
+void FullDiskTest::diskThatWasFullForAWhile()
+{
+    QFETCH(const QString, name);
+    QFETCH(const QSize, canvas);
+    QFETCH(const int, limit);
+    constexpr int images = 24 * 5;
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), canvas);
+    QList<bool> results;
+    {
+        const FileSizeLimit fileSizeLimit{rlim_t(limit)};
+        QVERIFY(recorder->openOutput());
+        while (results.size() < images && !results.contains(false))
+            results.append(recorder.encode({results.size() * 41}, int(results.size())));
+    }
+    const int firstFailure = int(results.size()) - 1;
+    QVERIFY(results.contains(false));
+    for (int i = int(results.size()); i < images; ++i)
+        QVERIFY2(recorder.encode({i * 41}, i), qPrintable(recorder.criticals().join(QLatin1Char('\n'))));
+    QVERIFY(recorder.finish());
+    QCOMPARE(recorder.criticals(), QStringList{QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")});
+    QCOMPARE(recorder.warnings().filter(QStringLiteral("trailer")), QStringList());
+
+    MediaFile file(recorder.filePath(name));
+    const QList<MediaFrame> frames = file.frames();
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QVERIFY2(frames.size() >= images - 24 && frames.size() < images, qPrintable(QString::number(frames.size())));
+    const int lost = images - int(frames.size());
+    QVERIFY2(frames[firstFailure - lost - 1].ptsMs < frames[firstFailure - lost].ptsMs - 41, "no gap at the failure");
+    for (qsizetype i = 0; i < frames.size(); ++i) {
+        const qint64 number = i < firstFailure - lost ? i : i + lost;
+        QVERIFY(std::abs(frames[i].ptsMs - double(number) * 41) < 1);
+    }
+}
+
+void FullDiskTest::noTableOfFragmentsAfterALoss_data()
+{
+    QTest::addColumn<int>("left"); // images that are not lost
+    QTest::newRow("the packet before the trailer fails") << 1;
+    QTest::newRow("another packet comes in between") << 2;
+}
+
+/// Its trailer has no table of fragments: that would name the lost ones, at places where others are now. Nor is there
+/// a rest of them, although what comes is shorter. The error of the last packet is not the trailer's.
+void FullDiskTest::noTableOfFragmentsAfterALoss()
+{
+    QFETCH(const int, left);
+    constexpr int fragment = 24;
+    constexpr int limit = 6000; // bytes, in the second fragment
+    IdleRecorder recorder;
+    QList<bool> results;
+    {
+        const FileSizeLimit fileSizeLimit{rlim_t(limit)};
+        QVERIFY(recorder->openOutput());
+        results = encodeEach(recorder, 3 * fragment + left);
+    }
+    QCOMPARE(recorder.criticals().size(), 2);
+    QCOMPARE(results.last(), left > 1);
+    QVERIFY(recorder.finish());
+    QCOMPARE(recorder.warnings(), QStringList());
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+    QCOMPARE(mp4boxes::types(boxes), (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof", "mdat"}));
+    QVERIFY(boxes.last().end() < limit); // the broken one reached up to it
+    QCOMPARE(QFileInfo(recorder->outputPath()).size(), boxes.last().end());
+
+    MediaFile file(recorder->outputPath());
+    const QList<MediaFrame> frames = file.frames();
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QCOMPARE(frames.size(), fragment + left); // what was on the disk before, and what waited to be written
+    for (int i = 0; i < int(frames.size()); ++i) {
+        const int number = i < fragment ? i : i + 2 * fragment;
+        QCOMPARE(frames[i].ptsMs, number * 41.0);
+        QVERIFY(testimages::channelError(frames[i].image.pixel(number * 2 + 15, 120), qRgb(200, 190, 120)) <= 10);
+    }
+}
+
+void FullDiskTest::fullDiskInTheFallback()
+{
+    constexpr int images = 24 * 5;
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QList<bool> results;
+    {
+        const FileSizeLimit limit(400000);
+        QVERIFY(recorder->openOutput());
+        results = encodeEach(recorder, images);
+        QVERIFY(recorder.finish());
+    }
+    QVERIFY2(results.indexOf(false) > 24, qPrintable(QString::number(results.indexOf(false))));
+    QVERIFY2(results.count(false) >= 2, "clusters were lost without a word");
+    QCOMPARE(recorder.criticals(),
+        QStringList(results.count(false), QStringLiteral("Unable to write FFmpeg packet: \"File too large\"")));
+    QVERIFY(
+        recorder.warnings().contains(QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")));
+    QVERIFY(recorder.isClosed());
+    const QList<MediaFrame> frames = MediaFile(recorder.filePath(QStringLiteral("clip.mkv"))).frames();
+    QVERIFY2(frames.size() >= 24, qPrintable(QString::number(frames.size())));
+    QCOMPARE(frames[23].image, testimages::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
+}
+
+ORVANTIS_TEST(FullDiskTest)
+#include "fulldisk_test.moc"
