@@ -1,51 +1,23 @@
 // Which process a stream belongs to, with real processes and real windows.
 #include "linux/pipewire/processtable.h"
-#include "linux/pipewire/streamowners.h"
-#include "linux/x11/windowowners.h"
+#include "ownertest.h"
 #include "privatetempdir.h"
 #include "testregistry.h"
 #include "x11fixture.h"
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QSet>
 #include <QTest>
 
 #include <algorithm>
-#include <csignal>
 #include <memory>
 #include <sys/wait.h>
-#include <unistd.h>
 
+using namespace ownertest;
 using streamowners::ApplicationSnapshot;
-using streamowners::Stream;
 
 namespace {
-
-constexpr int limitMs = 30'000;
-const QString keepAlive = QStringLiteral("600"); // seconds
-
-/// A process that does nothing, for the lifetime of the object; its children end with it.
-class Idler {
-public:
-    explicit Idler(const QString& program = QStringLiteral("sleep"), const QStringList& arguments = {keepAlive})
-    {
-        process_.setChildProcessModifier([] { ::setpgid(0, 0); });
-        process_.start(program, arguments);
-        process_.waitForStarted();
-    }
-    ~Idler()
-    {
-        ::kill(pid_t(-process_.processId()), SIGKILL);
-        process_.waitForFinished();
-    }
-
-    qint64 pid() const { return process_.processId(); }
-
-private:
-    QProcess process_;
-};
 
 /// Asked by process ids.
 class ProcessFilter : public streamowners::ProcessFilter {
@@ -83,15 +55,6 @@ QByteArray windowCommand()
     return QFile::encodeName(QCoreApplication::applicationDirPath()) + "/testwindow 10 10 50 50 24 0 ff";
 }
 
-std::optional<std::size_t> find(const ApplicationSnapshot& snapshot, qint64 pid)
-{
-    for (std::size_t i = 0; i < snapshot.applications().size(); ++i) {
-        if (snapshot.applications()[i].processId == pid)
-            return i;
-    }
-    return std::nullopt;
-}
-
 /// All but those of the given processes.
 std::vector<std::size_t> allBut(const ApplicationSnapshot& snapshot, const QSet<qint64>& wanted)
 {
@@ -103,18 +66,6 @@ std::vector<std::size_t> allBut(const ApplicationSnapshot& snapshot, const QSet<
     return excluded;
 }
 
-/// Nobody where it is not known.
-std::vector<windowowners::Owner> owners()
-{
-    return windowowners::find().value_or(std::vector<windowowners::Owner>());
-}
-
-qint64 windowOwner(std::size_t index)
-{
-    const auto all = owners();
-    return index < all.size() ? all[index].processId : 0;
-}
-
 }
 
 class StreamOwnersTest : public QObject {
@@ -123,15 +74,7 @@ class StreamOwnersTest : public QObject {
 private Q_SLOTS:
     void init();
 
-    void windowsWithoutAManager();
-    void windowsUnderAManager();
-    void windowTellsNameAndId();
-    void serverThatDoesNotKnowProcesses();
-    void whatAWindowSaysOfItsProcessDoesNotCount();
-    void noDisplay();
-    void deadServer();
     void serverThatHangs();
-
     void everyProcessOnce();
     void ordinaryProcessHasNoName();
     void neitherTheDeadNorTheFirst();
@@ -139,7 +82,6 @@ private Q_SLOTS:
     void streamBelongsToTheWindowAbove();
     void streamWithoutAWindowIsAnApplication();
     void streamsOfNobodyAreIgnored();
-
     void helperStartedLater();
     void windowFromATerminal();
     void windowOpenedLater();
@@ -156,103 +98,6 @@ void StreamOwnersTest::init()
 {
     display_ = std::make_unique<DisplayForTest>();
     QVERIFY2(display_->server.isRunning(), qPrintable(display_->server.errorString()));
-}
-
-void StreamOwnersTest::windowsWithoutAManager()
-{
-    WindowProcess first;
-    WindowStart menu;
-    menu.overrideRedirect = true;
-    const WindowProcess second(menu);
-    WindowStart hidden;
-    hidden.mapped = false;
-    const WindowProcess third(hidden);
-    QVERIFY(first.id() && second.id() && third.id());
-    const auto all = owners();
-    QCOMPARE(all.size(), std::size_t(1));
-    QCOMPARE(all[0].processId, first.pid());
-    QCOMPARE(all[0].name, QString());
-    QVERIFY(first.send("unmap"));
-    QVERIFY(owners().empty());
-}
-
-void StreamOwnersTest::windowsUnderAManager()
-{
-    PrivateTempDir home; // no configuration of the user's
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME"})
-        environment.insert(QString::fromLatin1(name), home.path());
-    QProcess manager;
-    manager.setProcessEnvironment(environment);
-    const QString ready = home.filePath(QStringLiteral("ready"));
-    manager.start(QStringLiteral("openbox"),
-        {QStringLiteral("--sm-disable"), QStringLiteral("--startup"), QStringLiteral("touch ") + ready});
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(ready), limitMs);
-
-    WindowProcess window;
-    QTRY_COMPARE_WITH_TIMEOUT(windowOwner(0), window.pid(), limitMs); // and not the manager, whose frame it is in
-    QCOMPARE(owners().size(), std::size_t(1));
-    QVERIFY(window.send("iconify"));
-    QCOMPARE(windowOwner(0), window.pid());
-    manager.kill();
-    QVERIFY(manager.waitForFinished(limitMs));
-    QVERIFY(window.send("map"));
-    QTRY_COMPARE_WITH_TIMEOUT(windowOwner(0), window.pid(), limitMs); // the dead manager's list does not count
-    QVERIFY(window.send("unmap"));
-    QVERIFY(owners().empty());
-}
-
-void StreamOwnersTest::windowTellsNameAndId()
-{
-    WindowProcess window;
-    QVERIFY(window.send("class Player") && window.send("appid org.example.Player"));
-    const auto all = owners();
-    QCOMPARE(all.size(), std::size_t(1));
-    QCOMPARE(all[0].name, QStringLiteral("Player"));
-    QCOMPARE(all[0].applicationId, QStringLiteral("org.example.Player"));
-
-    const auto snapshot = ApplicationSnapshot::take({});
-    QCOMPARE(snapshot->applications()[0].processId, qint32(window.pid()));
-    QCOMPARE(snapshot->applications()[0].applicationName, QStringLiteral("Player"));
-    QCOMPARE(snapshot->applications()[0].bundleIdentifier, QStringLiteral("org.example.Player"));
-}
-
-void StreamOwnersTest::serverThatDoesNotKnowProcesses()
-{
-    display_ = std::make_unique<DisplayForTest>(
-        QSize(640, 480), 24, QStringList{QStringLiteral("-extension"), QStringLiteral("X-Resource")});
-    WindowProcess window;
-    QVERIFY(owners().empty());
-    QVERIFY(window.send("pid " + QByteArray::number(window.pid())));
-    QCOMPARE(windowOwner(0), window.pid());
-    QVERIFY(window.send("pid 0"));
-    QVERIFY(owners().empty());
-}
-
-void StreamOwnersTest::whatAWindowSaysOfItsProcessDoesNotCount()
-{
-    const Idler other;
-    WindowProcess window;
-    QVERIFY(window.send("pid " + QByteArray::number(other.pid())));
-    QCOMPARE(owners().size(), std::size_t(1));
-    QCOMPARE(windowOwner(0), window.pid());
-}
-
-void StreamOwnersTest::noDisplay()
-{
-    const WindowProcess window;
-    QCOMPARE(windowOwner(0), window.pid());
-    qunsetenv("DISPLAY");
-    const auto none = windowowners::find();
-    QVERIFY(none && none->empty());
-}
-
-void StreamOwnersTest::deadServer()
-{
-    display_->server.kill();
-    QVERIFY(!windowowners::find());
-    const auto snapshot = ApplicationSnapshot::take({});
-    QVERIFY(find(*snapshot, ::getpid()));
 }
 
 /// It is waited for once, and what is known without it still counts.
