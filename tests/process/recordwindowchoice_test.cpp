@@ -21,10 +21,10 @@ struct DisconnectDeleter {
     void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
 };
 
-/// An application of the test's own process, and the person at the desk.
-class Desk {
+/// An application of the test's own process, and the user who moves the pointer and clicks.
+class XUser {
 public:
-    explicit Desk(const QByteArray& display) : connection_(xcb_connect(display.constData(), nullptr)) { }
+    explicit XUser(const QByteArray& display) : connection_(xcb_connect(display.constData(), nullptr)) { }
 
     xcb_window_t makeWindow(const QRect& place, const QByteArray& title)
     {
@@ -103,7 +103,7 @@ private:
     QByteArray recorded(const QStringList& arguments);
 
     PrivateXServer server_{QSize(800, 600)};
-    std::unique_ptr<Desk> desk_;
+    std::unique_ptr<XUser> user_;
     std::unique_ptr<TruthWindowProcess> truth_;
     xcb_window_t letter_ = XCB_NONE;
     xcb_window_t notes_ = XCB_NONE;
@@ -113,11 +113,11 @@ private:
 void RecordWindowChoiceTest::initTestCase()
 {
     QVERIFY2(server_.isRunning(), qPrintable(server_.errorString()));
-    desk_ = std::make_unique<Desk>(server_.display());
+    user_ = std::make_unique<XUser>(server_.display());
     truth_ = std::make_unique<TruthWindowProcess>(server_.display(), QRect(40, 300, 640, 240), 0);
     QVERIFY2(truth_->id() != 0, qPrintable(truth_->errorString()));
-    letter_ = desk_->makeWindow(letterPlace, "A letter \033[31mto you");
-    notes_ = desk_->makeWindow(notesPlace, "Notes to self");
+    letter_ = user_->makeWindow(letterPlace, "A letter \033[31mto you");
+    notes_ = user_->makeWindow(notesPlace, "Notes to self");
 }
 
 void RecordWindowChoiceTest::init()
@@ -196,15 +196,15 @@ void RecordWindowChoiceTest::chosenByProcess()
 
 void RecordWindowChoiceTest::activeWindow()
 {
-    desk_->focus(notes_);
+    user_->focus(notes_);
     QCOMPARE(recorded({"--active"}), QByteArray::number(notes_));
 }
 
 void RecordWindowChoiceTest::selectedWindow()
 {
     launcher_->start({"--select", "--seconds", "0.1"});
-    QTRY_VERIFY_WITH_TIMEOUT(desk_->pointerIsHeld(), 60'000);
-    desk_->click(QPoint(110, 60), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(user_->pointerIsHeld(), 60'000);
+    user_->click(QPoint(110, 60), 1);
     QVERIFY(launcher_->waitForEnd());
     QCOMPARE(launcher_->recorderArguments().value(3), QByteArray::number(letter_));
 }
@@ -212,12 +212,12 @@ void RecordWindowChoiceTest::selectedWindow()
 void RecordWindowChoiceTest::selectionCancelled()
 {
     launcher_->start({"--select"});
-    QTRY_VERIFY_WITH_TIMEOUT(desk_->pointerIsHeld(), 60'000);
-    desk_->click(QPoint(110, 60), 3);
+    QTRY_VERIFY_WITH_TIMEOUT(user_->pointerIsHeld(), 60'000);
+    user_->click(QPoint(110, 60), 3);
     QVERIFY(launcher_->waitForEnd());
     QCOMPARE(launcher_->process().exitCode(), 2);
     QVERIFY2(launcher_->standardError().contains("--select: no window was clicked"), launcher_->standardError());
-    QVERIFY(!desk_->pointerIsHeld());
+    QVERIFY(!user_->pointerIsHeld());
 }
 
 void RecordWindowChoiceTest::sizeAndProcessAreTheWindows()

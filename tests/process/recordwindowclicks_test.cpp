@@ -24,10 +24,10 @@ struct DisconnectDeleter {
     void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
 };
 
-/// The person at the desk: has windows, moves the pointer, clicks.
-class Desk {
+/// A user of the display: has windows, moves the pointer, clicks.
+class XUser {
 public:
-    explicit Desk(const QByteArray& display) : connection_(xcb_connect(display.constData(), nullptr)) { }
+    explicit XUser(const QByteArray& display) : connection_(xcb_connect(display.constData(), nullptr)) { }
 
     bool isThere() const { return !xcb_connection_has_error(connection_.get()); }
     xcb_window_t root() const { return xcb_setup_roots_iterator(xcb_get_setup(connection_.get())).data->root; }
@@ -106,7 +106,7 @@ private:
     bool clickElsewhereNoticed(int count);
 
     std::unique_ptr<PrivateXServer> server_;
-    std::unique_ptr<Desk> desk_;
+    std::unique_ptr<XUser> user_;
     std::unique_ptr<RecordWindowProcess> launcher_;
 };
 
@@ -114,8 +114,8 @@ void RecordWindowClicksTest::init()
 {
     server_ = std::make_unique<PrivateXServer>(QSize(800, 600));
     QVERIFY2(server_->isRunning(), qPrintable(server_->errorString()));
-    desk_ = std::make_unique<Desk>(server_->display());
-    QVERIFY(desk_->isThere());
+    user_ = std::make_unique<XUser>(server_->display());
+    QVERIFY(user_->isThere());
     launcher_ = std::make_unique<RecordWindowProcess>();
     launcher_->setEnvironment("DISPLAY", server_->display());
 }
@@ -123,7 +123,7 @@ void RecordWindowClicksTest::init()
 void RecordWindowClicksTest::cleanup()
 {
     launcher_.reset();
-    desk_.reset();
+    user_.reset();
     server_.reset();
 }
 
@@ -148,10 +148,10 @@ bool RecordWindowClicksTest::clickElsewhereNoticed(int count)
 
 void RecordWindowClicksTest::clickIsReported()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
     const qint64 beforeMs = QDateTime::currentMSecsSinceEpoch();
-    desk_->click(QPoint(200, 200));
+    user_->click(QPoint(200, 200));
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
     const qint64 afterMs = QDateTime::currentMSecsSinceEpoch();
     const QByteArrayList fields = launcher_->clickLines().constFirst().split('|');
@@ -164,45 +164,45 @@ void RecordWindowClicksTest::clickIsReported()
 
 void RecordWindowClicksTest::clickOnADescendantIsReported()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
-    const xcb_window_t child = desk_->makeWindow(QRect(50, 50, 200, 100), window);
-    desk_->makeWindow(QRect(10, 10, 20, 20), child);
+    const xcb_window_t window = user_->makeWindow(place);
+    const xcb_window_t child = user_->makeWindow(QRect(50, 50, 200, 100), window);
+    user_->makeWindow(QRect(10, 10, 20, 20), child);
     QVERIFY2(record(window), launcher_->standardError());
-    desk_->click(QPoint(165, 115)); // on the grandchild
+    user_->click(QPoint(165, 115)); // on the grandchild
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
     QVERIFY2(launcher_->clickLines()[0].startsWith("click|165|115|0.1625|0.325|"), launcher_->clickLines()[0]);
 }
 
 void RecordWindowClicksTest::clickInAFramedWindowIsReported()
 {
-    const xcb_window_t frame = desk_->makeWindow(place);
-    const xcb_window_t window = desk_->makeWindow(QRect(10, 40, 200, 100), frame);
+    const xcb_window_t frame = user_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(QRect(10, 40, 200, 100), frame);
     QVERIFY2(record(window), launcher_->standardError());
-    desk_->click(QPoint(105, 55)); // on the frame
+    user_->click(QPoint(105, 55)); // on the frame
     QVERIFY(clickElsewhereNoticed(1));
-    desk_->click(QPoint(160, 115));
+    user_->click(QPoint(160, 115));
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
     QVERIFY2(launcher_->clickLines()[0].startsWith("click|160|115|0.25|0.25|"), launcher_->clickLines()[0]);
 }
 
 void RecordWindowClicksTest::clickFollowsTheWindow()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
-    desk_->moveWindow(window, QPoint(300, 300));
-    desk_->click(QPoint(200, 200)); // where it was
+    user_->moveWindow(window, QPoint(300, 300));
+    user_->click(QPoint(200, 200)); // where it was
     QVERIFY(clickElsewhereNoticed(1));
-    desk_->click(QPoint(340, 310));
+    user_->click(QPoint(340, 310));
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
     QVERIFY2(launcher_->clickLines()[0].startsWith("click|340|310|0.1|0.05|"), launcher_->clickLines()[0]);
 }
 
 void RecordWindowClicksTest::everyButtonButTheWheelIsReported()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
     for (const uint8_t button : {4, 5, 1, 2, 3})
-        desk_->click(QPoint(200, 200), button);
+        user_->click(QPoint(200, 200), button);
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 3, limitMs);
     QCOMPARE(finish(), 0);
     QCOMPARE(launcher_->clickLines().size(), 3);
@@ -210,34 +210,34 @@ void RecordWindowClicksTest::everyButtonButTheWheelIsReported()
 
 void RecordWindowClicksTest::clickElsewhereIsNotReported()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
     const QPoint firstInside = place.topLeft();
     const QPoint lastInside = place.bottomRight();
     int elsewhere = 0;
     for (const QPoint& beside : {firstInside - QPoint(1, 0), firstInside - QPoint(0, 1), lastInside + QPoint(1, 0),
              lastInside + QPoint(0, 1), QPoint(0, 0)}) {
-        desk_->click(beside);
+        user_->click(beside);
         QVERIFY(clickElsewhereNoticed(++elsewhere));
     }
     QCOMPARE(launcher_->clickLines().size(), 0);
-    desk_->click(firstInside);
+    user_->click(firstInside);
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
-    desk_->click(lastInside);
+    user_->click(lastInside);
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 2, limitMs);
 }
 
 void RecordWindowClicksTest::clickOnACoveredPartIsNotReported()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
-    const xcb_window_t cover = desk_->makeWindow(QRect(150, 100, 100, 100));
+    const xcb_window_t window = user_->makeWindow(place);
+    const xcb_window_t cover = user_->makeWindow(QRect(150, 100, 100, 100));
     QVERIFY2(record(window), launcher_->standardError());
-    desk_->click(QPoint(200, 150));
+    user_->click(QPoint(200, 150));
     QVERIFY(clickElsewhereNoticed(1));
-    desk_->click(QPoint(300, 150)); // the part that is to be seen
+    user_->click(QPoint(300, 150)); // the part that is to be seen
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
-    desk_->destroyWindow(cover);
-    desk_->click(QPoint(200, 150));
+    user_->destroyWindow(cover);
+    user_->click(QPoint(200, 150));
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 2, limitMs);
     QVERIFY(launcher_->clickLines()[0].startsWith("click|300|150|"));
     QVERIFY(launcher_->clickLines()[1].startsWith("click|200|150|"));
@@ -247,15 +247,15 @@ void RecordWindowClicksTest::clickBeforeTheReadinessIsNotReported()
 {
     launcher_ = std::make_unique<RecordWindowProcess>("noimage");
     launcher_->setEnvironment("DISPLAY", server_->display());
-    launcher_->start({"--window", QString::number(desk_->makeWindow(place)), "--verbose"});
+    launcher_->start({"--window", QString::number(user_->makeWindow(place)), "--verbose"});
     QTRY_VERIFY_WITH_TIMEOUT(launcher_->recorderGroup() > 0, limitMs);
     const auto noticed = [&] { return launcher_->standardError().count("a click elsewhere, not reported"); };
     const auto clickUntilNoticed = [&](qsizetype count) {
-        desk_->click(QPoint(0, 0));
+        user_->click(QPoint(0, 0));
         return noticed() > count;
     };
     QVERIFY(QTest::qWaitFor([&] { return clickUntilNoticed(0); }, limitMs)); // the clicks are watched from now on
-    desk_->click(QPoint(200, 200));
+    user_->click(QPoint(200, 200));
     const qsizetype before = noticed();
     QVERIFY(QTest::qWaitFor([&] { return clickUntilNoticed(before); }, limitMs));
     QCOMPARE(finish(), 5);
@@ -264,9 +264,9 @@ void RecordWindowClicksTest::clickBeforeTheReadinessIsNotReported()
 
 void RecordWindowClicksTest::noClickIsWatchedWhenUnwanted()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window, {"--no-watch-clicks", "--click", "7,8@0.3"}), launcher_->standardError());
-    desk_->click(QPoint(200, 200));
+    user_->click(QPoint(200, 200));
     QTRY_COMPARE_WITH_TIMEOUT(launcher_->clickLines().size(), 1, limitMs);
     QCOMPARE(finish(), 0);
     QCOMPARE(launcher_->clickLines().size(), 1);
@@ -275,9 +275,9 @@ void RecordWindowClicksTest::noClickIsWatchedWhenUnwanted()
 
 void RecordWindowClicksTest::closingWindowEndsTheRecording()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
-    desk_->destroyWindow(window);
+    user_->destroyWindow(window);
     QVERIFY(launcher_->waitForEnd());
     QCOMPARE(launcher_->process().exitCode(), 0); // no length was asked for
     QVERIFY2(launcher_->standardError().contains("the window has closed"), launcher_->standardError());
@@ -285,9 +285,9 @@ void RecordWindowClicksTest::closingWindowEndsTheRecording()
 
     launcher_ = std::make_unique<RecordWindowProcess>();
     launcher_->setEnvironment("DISPLAY", server_->display());
-    const xcb_window_t second = desk_->makeWindow(place);
+    const xcb_window_t second = user_->makeWindow(place);
     QVERIFY2(record(second, {"--no-watch-clicks", "--seconds", "100"}), launcher_->standardError());
-    desk_->destroyWindow(second);
+    user_->destroyWindow(second);
     QVERIFY(launcher_->waitForEnd());
     QCOMPARE(launcher_->process().exitCode(), 8);
     QVERIFY2(launcher_->standardError().contains("the recording lasted 1.23 s, not the 100.00 s that were asked for"),
@@ -296,10 +296,10 @@ void RecordWindowClicksTest::closingWindowEndsTheRecording()
 
 void RecordWindowClicksTest::recordingGoesOnWithoutTheWindow()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window, {"--keep-going"}), launcher_->standardError());
-    desk_->destroyWindow(window);
-    desk_->click(QPoint(200, 200));
+    user_->destroyWindow(window);
+    user_->click(QPoint(200, 200));
     QVERIFY(clickElsewhereNoticed(1));
     QCOMPARE(finish(), 8);
     QVERIFY2(launcher_->standardError().contains("the window has closed; the recording goes on without frames"),
@@ -309,9 +309,9 @@ void RecordWindowClicksTest::recordingGoesOnWithoutTheWindow()
 
 void RecordWindowClicksTest::lossOfTheDisplayIsHarmless()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
-    desk_.reset();
+    user_.reset();
     server_->kill();
     QTRY_VERIFY_WITH_TIMEOUT(
         launcher_->standardError().contains("not watched: the connection to the X server is lost"), limitMs);
@@ -338,7 +338,7 @@ void RecordWindowClicksTest::missingWindowIsRefused()
 
 void RecordWindowClicksTest::stoppedDisplayAtTheStart()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     ::kill(pid_t(server_->pid()), SIGSTOP);
     QVERIFY2(record(window), launcher_->standardError());
     QVERIFY2(
@@ -350,7 +350,7 @@ void RecordWindowClicksTest::stoppedDisplayAtTheStart()
     QVERIFY2(record(window), launcher_->standardError());
     ::kill(pid_t(server_->pid()), SIGCONT); // clicks are watched from now on
     const auto isReported = [&] {
-        desk_->click(QPoint(200, 200));
+        user_->click(QPoint(200, 200));
         return !launcher_->clickLines().isEmpty();
     };
     QVERIFY(QTest::qWaitFor(isReported, limitMs));
@@ -359,16 +359,16 @@ void RecordWindowClicksTest::stoppedDisplayAtTheStart()
 
 void RecordWindowClicksTest::stoppedDisplayInMidRecording()
 {
-    const xcb_window_t window = desk_->makeWindow(place);
+    const xcb_window_t window = user_->makeWindow(place);
     QVERIFY2(record(window), launcher_->standardError());
     // It finds a click, asks where that was, and gets no answer.
     launcher_->interrupt(SIGSTOP);
-    desk_->click(QPoint(200, 200));
+    user_->click(QPoint(200, 200));
     ::kill(pid_t(server_->pid()), SIGSTOP);
     launcher_->interrupt(SIGCONT);
     QCOMPARE(finish(), 0);
     QCOMPARE(launcher_->clickLines().size(), 0);
-    ::kill(pid_t(server_->pid()), SIGCONT); // the desk has windows on it
+    ::kill(pid_t(server_->pid()), SIGCONT); // XUser closes its connection to it
 }
 
 ORVANTIS_TEST(RecordWindowClicksTest)

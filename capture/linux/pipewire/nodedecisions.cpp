@@ -16,7 +16,7 @@
 namespace pipewire {
 
 /// What the thread that asks shares with the object that may be gone before the answer.
-struct NodeDecisions::Desk {
+struct NodeDecisions::Shared {
     using Key = std::pair<uint32_t, qint64>; // node, process
     using Clock = std::chrono::steady_clock;
     struct Waiting {
@@ -42,7 +42,7 @@ struct NodeDecisions::Desk {
 };
 
 /// Waits until one is due. Nothing when there are none, or the process ends.
-std::optional<NodeDecisions::Desk::Waiting> NodeDecisions::Desk::nextQuestion(const std::stop_token& stop)
+std::optional<NodeDecisions::Shared::Waiting> NodeDecisions::Shared::nextQuestion(const std::stop_token& stop)
 {
     const auto sooner = [](const Waiting& first, const Waiting& second) { return first.due < second.due; };
     std::unique_lock lock(mutex);
@@ -62,7 +62,7 @@ std::optional<NodeDecisions::Desk::Waiting> NodeDecisions::Desk::nextQuestion(co
     return std::nullopt;
 }
 
-void NodeDecisions::Desk::settle(Waiting question, std::optional<bool> answer)
+void NodeDecisions::Shared::settle(Waiting question, std::optional<bool> answer)
 {
     {
         const std::lock_guard lock(mutex);
@@ -82,7 +82,7 @@ void NodeDecisions::Desk::settle(Waiting question, std::optional<bool> answer)
         decided();
 }
 
-void NodeDecisions::Desk::answerAll(const std::stop_token& stop)
+void NodeDecisions::Shared::answerAll(const std::stop_token& stop)
 {
     while (std::optional<Waiting> question = nextQuestion(stop)) {
         std::optional<bool> answer;
@@ -92,53 +92,53 @@ void NodeDecisions::Desk::answerAll(const std::stop_token& stop)
 }
 
 NodeDecisions::NodeDecisions(ProcessFilter filter, std::function<void()> decided, Pauses pauses)
-    : filter_(std::move(filter)), desk_(std::make_shared<Desk>())
+    : filter_(std::move(filter)), shared_(std::make_shared<Shared>())
 {
-    desk_->decided = std::move(decided);
-    desk_->pauses = pauses;
+    shared_->decided = std::move(decided);
+    shared_->pauses = pauses;
 }
 
 NodeDecisions::~NodeDecisions()
 {
     {
-        const std::lock_guard lock(desk_->mutex);
-        desk_->questions.clear();
-        desk_->answers.clear(); // nor is the question asked again that is being asked
+        const std::lock_guard lock(shared_->mutex);
+        shared_->questions.clear();
+        shared_->answers.clear(); // nor is the question asked again that is being asked
     }
-    desk_->changed.notify_all();
-    const std::lock_guard lock(desk_->calling);
-    desk_->decided = nullptr;
+    shared_->changed.notify_all();
+    const std::lock_guard lock(shared_->calling);
+    shared_->decided = nullptr;
 }
 
 std::optional<bool> NodeDecisions::of(uint32_t node, qint64 processId)
 {
     if (processId <= 0)
         return std::nullopt;
-    const std::lock_guard lock(desk_->mutex);
-    const Desk::Key key{node, processId};
-    auto entry = desk_->answers.find(key);
-    if (entry == desk_->answers.end()) {
+    const std::lock_guard lock(shared_->mutex);
+    const Shared::Key key{node, processId};
+    auto entry = shared_->answers.find(key);
+    if (entry == shared_->answers.end()) {
         Verdict verdict = filter_(processId);
         const bool* known = std::get_if<bool>(&verdict);
         if (!known)
-            desk_->questions.push_back(
-                {key, std::get<Question>(std::move(verdict)), Desk::Clock::now(), desk_->pauses.first});
-        entry = desk_->answers.emplace(key, known ? std::optional(*known) : std::nullopt).first;
-        desk_->changed.notify_all();
+            shared_->questions.push_back(
+                {key, std::get<Question>(std::move(verdict)), Shared::Clock::now(), shared_->pauses.first});
+        entry = shared_->answers.emplace(key, known ? std::optional(*known) : std::nullopt).first;
+        shared_->changed.notify_all();
     }
-    if (!desk_->questions.empty() && !desk_->asking)
-        desk_->asking
-            = backgroundtasks::start([desk = desk_](const std::stop_token& stop) { desk->answerAll(stop); });
+    if (!shared_->questions.empty() && !shared_->asking)
+        shared_->asking
+            = backgroundtasks::start([shared = shared_](const std::stop_token& stop) { shared->answerAll(stop); });
     return entry->second;
 }
 
 void NodeDecisions::keepNodesOf(const Graph& graph)
 {
-    const auto hasGone = [&graph](const Desk::Key& key) { return graph.nodes.count(key.first) == 0; };
-    const std::lock_guard lock(desk_->mutex);
-    std::erase_if(desk_->answers, [&](const auto& entry) { return hasGone(entry.first); });
-    std::erase_if(desk_->questions, [&](const Desk::Waiting& question) { return hasGone(question.key); });
-    desk_->changed.notify_all();
+    const auto hasGone = [&graph](const Shared::Key& key) { return graph.nodes.count(key.first) == 0; };
+    const std::lock_guard lock(shared_->mutex);
+    std::erase_if(shared_->answers, [&](const auto& entry) { return hasGone(entry.first); });
+    std::erase_if(shared_->questions, [&](const Shared::Waiting& question) { return hasGone(question.key); });
+    shared_->changed.notify_all();
 }
 
 }

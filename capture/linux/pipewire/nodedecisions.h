@@ -48,11 +48,11 @@ public:
     void keepNodesOf(const Graph& graph);
 
 private:
-    struct Desk;
+    struct Shared;
     static Pauses defaultPauses() { return {}; }
 
     ProcessFilter filter_;
-    std::shared_ptr<Desk> desk_; // also of the thread that asks
+    std::shared_ptr<Shared> shared_; // also of the thread that asks
 };
 
 }
