@@ -13,16 +13,24 @@ namespace {
 
 using Stream = StreamPlan::Stream;
 
+/// The one with these sinks; null when there is none.
+template <typename Streams>
+auto* withSinks(Streams& streams, const std::set<uint32_t>& sinks)
+{
+    const auto found = std::find_if(
+        streams.begin(), streams.end(), [&sinks](const Stream& stream) { return stream.sinks == sinks; });
+    return found == streams.end() ? nullptr : &*found;
+}
+
 /// Nodes that play to the same sinks. They are told the same.
 std::vector<Stream> groupsOf(const Graph& graph, const std::set<uint32_t>& wanted)
 {
     std::vector<Stream> groups;
     for (const uint32_t node : wanted) {
         const std::set<uint32_t> sinks = playbackSinks(graph, node);
-        auto group = std::find_if(
-            groups.begin(), groups.end(), [&sinks](const Stream& other) { return other.sinks == sinks; });
-        if (group == groups.end())
-            group = groups.insert(group, {0, sinks, {}, {}});
+        Stream* group = withSinks(groups, sinks);
+        if (!group)
+            group = &groups.emplace_back(Stream{0, sinks, {}, {}});
         group->nodes.insert(node);
     }
     for (Stream& group : groups)
@@ -40,22 +48,13 @@ std::size_t sharedNodes(const Stream& first, const Stream& second)
 
 }
 
-Stream* StreamPlan::find(const std::set<uint32_t>& sinks)
-{
-    const auto found = std::find_if(
-        streams_.begin(), streams_.end(), [&sinks](const Stream& stream) { return stream.sinks == sinks; });
-    return found == streams_.end() ? nullptr : &*found;
-}
-
 /// One whose sinks nobody plays to any more; rather one that the group's nodes are captured through: they have moved
 /// to another sink, and do not notice. Null when there is none.
 Stream* StreamPlan::takeFree(const std::vector<Stream>& groups, const Stream& group)
 {
     Stream* best = nullptr;
     for (Stream& stream : streams_) {
-        const bool used = std::any_of(
-            groups.begin(), groups.end(), [&stream](const Stream& other) { return other.sinks == stream.sinks; });
-        if (!used && (!best || sharedNodes(stream, group) > sharedNodes(*best, group)))
+        if (!withSinks(groups, stream.sinks) && (!best || sharedNodes(stream, group) > sharedNodes(*best, group)))
             best = &stream;
     }
     return best;
@@ -75,7 +74,7 @@ const std::vector<Stream>& StreamPlan::update(const Graph& graph, const std::set
     const std::vector<Stream> groups = groupsOf(graph, wanted);
     std::vector<const Stream*> without;
     for (const Stream& group : groups) {
-        Stream* stream = find(group.sinks);
+        Stream* stream = withSinks(streams_, group.sinks);
         if (!stream)
             stream = takeFree(groups, group);
         if (!stream && streams_.size() < mostStreams) {
@@ -90,16 +89,12 @@ const std::vector<Stream>& StreamPlan::update(const Graph& graph, const std::set
         *stream = group;
         stream->id = id;
     }
-    const auto unused = [&groups](const Stream& stream) {
-        return std::none_of(
-            groups.begin(), groups.end(), [&stream](const Stream& group) { return group.sinks == stream.sinks; });
-    };
-    if (groups.empty())
+    if (groups.empty()) {
         streams_.resize(1);
-    else
-        std::erase_if(streams_, unused);
-    if (groups.empty())
         streams_[0] = {streams_[0].id, {}, {}, boundedLatency(longestLatency(graph, {}))};
+    } else {
+        std::erase_if(streams_, [&groups](const Stream& stream) { return !withSinks(groups, stream.sinks); });
+    }
     for (const Stream* group : without)
         nearest(group->latency).nodes.insert(group->nodes.begin(), group->nodes.end());
     return streams_;

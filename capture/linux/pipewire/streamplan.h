@@ -31,7 +31,6 @@ public:
     const std::vector<Stream>& update(const Graph& graph, const std::set<uint32_t>& wanted);
 
 private:
-    Stream* find(const std::set<uint32_t>& sinks);
     Stream* takeFree(const std::vector<Stream>& groups, const Stream& group);
     Stream& nearest(const spa_latency_info& latency);
 
