@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <dirent.h>
 #include <memory>
 #include <sys/stat.h>
@@ -16,9 +15,6 @@ namespace {
 
 constexpr int mostLinks = 40; // as the kernel
 
-struct FreeDeleter {
-    void operator()(char* text) const { std::free(text); }
-};
 struct DirectoryCloser {
     void operator()(DIR* directory) const { ::closedir(directory); }
 };
@@ -59,8 +55,11 @@ QByteArray absolute(const QByteArray& path)
 {
     if (path.startsWith('/'))
         return path;
-    const std::unique_ptr<char, FreeDeleter> current(::getcwd(nullptr, 0));
-    return current ? QByteArray(current.get()) + '/' + path : QByteArray();
+    // Not asked of Qt: bytes that are no text would become another name.
+    QByteArray current(PATH_MAX, '\0');
+    if (!::getcwd(current.data(), std::size_t(current.size())))
+        return QByteArray();
+    return current.constData() + ('/' + path);
 }
 
 bool Walk::isTrusted(const QByteArray& path)

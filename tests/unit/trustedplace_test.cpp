@@ -19,6 +19,7 @@ private Q_SLOTS:
     void directories();
     void administratorsMayWrite();
     void relativePaths();
+    void currentDirectoryThatIsGone();
     void whatIsNoDirectory();
     void linkToItself();
     void sharedDirectories();
@@ -112,6 +113,19 @@ void TrustedPlaceTest::relativePaths()
     QVERIFY(QDir::setCurrent(before));
     QVERIFY(own);
     QVERIFY(!open);
+}
+
+/// What a relative path leads to is unknown then. Counted from the root, this one would be fine.
+void TrustedPlaceTest::currentDirectoryThatIsGone()
+{
+    makeWay(QStringLiteral("a/b"), 0700);
+    const QString before = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(directory_->filePath(QStringLiteral("a/b/c"))));
+    QVERIFY(QDir(directory_->filePath(QStringLiteral("a"))).removeRecursively());
+    const bool trusted = trustedplace::isDirectory("usr", nobodyElse);
+    QVERIFY(QDir::setCurrent(before));
+    QVERIFY(trustedplace::isDirectory("/usr", nobodyElse));
+    QVERIFY(!trusted);
 }
 
 void TrustedPlaceTest::whatIsNoDirectory()
