@@ -1,6 +1,7 @@
 // FFmpeg's own protocol for files, with a descriptor that is open already: the same buffer, the same errors.
 #include "outputfile.h"
 
+#include "descriptor.h"
 #include "privatefile.h"
 
 #include <QDebug>
@@ -75,13 +76,13 @@ int outputfile::open(AVFormatContext& container, const QString& path)
     const privatefile::Opened file = privatefile::openEmpty(QDir::toNativeSeparators(path).toUtf8());
     if (file.refusal)
         qWarning() << "Recorder does not write to the file that is there:" << path << file.refusal;
-    if (file.descriptor < 0)
+    Descriptor descriptor(file.descriptor);
+    if (!descriptor.isValid())
         return AVERROR(file.error);
-    container.pb = makeContext(file.descriptor);
-    if (!container.pb) {
-        ::close(file.descriptor);
+    container.pb = makeContext(descriptor.number());
+    if (!container.pb)
         return AVERROR(ENOMEM);
-    }
+    descriptor.release(); // close() finds it in the context
     container.flags |= AVFMT_FLAG_CUSTOM_IO;
     return 0;
 }

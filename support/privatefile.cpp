@@ -1,6 +1,8 @@
 // What a name leads to can change between two calls, so that everything that counts is asked of the open file.
 #include "privatefile.h"
 
+#include "descriptor.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -48,17 +50,12 @@ privatefile::Opened openOwn(const QByteArray& path, int access)
     privatefile::Opened result = judged(status);
     if (result.error != 0)
         return result;
-    const int descriptor = ::open(path.constData(), access | carefully);
-    if (descriptor < 0)
+    Descriptor file(::open(path.constData(), access | carefully));
+    if (!file.isValid() || ::fstat(file.number(), &status) != 0)
         return failed();
-    if (::fstat(descriptor, &status) != 0)
-        result = failed();
-    else
-        result = judged(status);
-    if (result.error != 0)
-        ::close(descriptor);
-    else
-        result.descriptor = descriptor;
+    result = judged(status);
+    if (result.error == 0)
+        result.descriptor = file.release();
     return result;
 }
 
@@ -82,13 +79,11 @@ privatefile::Opened privatefile::openEmpty(const QByteArray& path)
     Opened existing = openOwn(path, O_WRONLY);
     if (existing.descriptor < 0)
         return existing;
-    takePermissionsFromOthers(existing.descriptor);
-    if (::ftruncate(existing.descriptor, 0) != 0) {
-        const Opened result = failed();
-        ::close(existing.descriptor);
-        return result;
-    }
-    return existing;
+    Descriptor file(existing.descriptor);
+    takePermissionsFromOthers(file.number());
+    if (::ftruncate(file.number(), 0) != 0)
+        return failed();
+    return {file.release(), 0, nullptr};
 }
 
 privatefile::Opened privatefile::openToRead(const QByteArray& path)

@@ -1,6 +1,8 @@
 // A file that is opened through /proc has its own status flags.
 #include "standardstreams.h"
 
+#include "descriptor.h"
+
 #include <fcntl.h>
 #include <initializer_list>
 #include <sys/stat.h>
@@ -19,9 +21,7 @@ void standardstreams::keepErrorOutputFromBlocking()
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)))
         return;
-    const int own = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (own < 0)
-        return;
-    ::dup2(own, STDERR_FILENO);
-    ::close(own);
+    const Descriptor own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (own.isValid())
+        ::dup2(own.number(), STDERR_FILENO);
 }

@@ -2,6 +2,7 @@
 #include "privateaudioserver.h"
 
 #include "audioserverfiles.h"
+#include "descriptor.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -27,10 +28,8 @@ bool isListening(const QString& path)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
-    const int client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool listens = ::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(client);
-    return listens;
+    const Descriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return ::connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
 void endWithParent(QProcess& process)

@@ -1,6 +1,7 @@
 // PrivateXServer: an X server of a test's own.
 #include "privatexserver.h"
 
+#include "descriptor.h"
 #include "xauthority.h"
 
 #include <cerrno>
@@ -17,26 +18,6 @@ namespace {
 
 constexpr int startLimitMs = 30'000; // 40 ms when nothing else runs
 constexpr int endLimitMs = 10'000;
-
-/// Owns a file descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) { }
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int number() const { return number_; }
-    void close()
-    {
-        if (number_ >= 0)
-            ::close(number_);
-        number_ = -1;
-    }
-
-private:
-    int number_;
-};
 
 /// The display number that the server writes, with a line feed, once it takes connections. Empty when it
 /// closed the descriptor without that (it died) or the time ran out.

@@ -1,13 +1,14 @@
 // Reading .flatpak-info without trusting it.
 #include "sandboxinfo.h"
 
+#include "descriptor.h"
+
 #include <QByteArray>
 #include <QFile>
 
 #include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace sandboxinfo {
 
@@ -28,31 +29,16 @@ QString checkedId(QByteArrayView id)
     return right ? QString::fromLatin1(id) : QString();
 }
 
-/// A descriptor that does not outlive the object.
-class OpenFile {
-public:
-    OpenFile(int directory, const char* name, int flags)
-        : number_(::openat(directory, name, flags | O_RDONLY | O_CLOEXEC | O_NOCTTY))
-    {
-    }
-    ~OpenFile()
-    {
-        if (number_ >= 0)
-            ::close(number_);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
+Descriptor openToRead(int directory, const char* name, int flags)
+{
+    return Descriptor(::openat(directory, name, flags | O_RDONLY | O_CLOEXEC | O_NOCTTY));
+}
 
-    int number() const { return number_; }
-    bool isRegular() const
-    {
-        struct stat status { };
-        return number_ >= 0 && ::fstat(number_, &status) == 0 && S_ISREG(status.st_mode);
-    }
-
-private:
-    int number_;
-};
+bool isRegular(const Descriptor& file)
+{
+    struct stat status { };
+    return ::fstat(file.number(), &status) == 0 && S_ISREG(status.st_mode);
+}
 
 }
 
@@ -75,12 +61,12 @@ QString parseApplicationId(QByteArrayView text)
 
 QString applicationId(const QString& rootDirectory)
 {
-    const OpenFile root(AT_FDCWD, QFile::encodeName(rootDirectory).constData(), O_PATH | O_DIRECTORY);
-    if (root.number() < 0)
+    const Descriptor root = openToRead(AT_FDCWD, QFile::encodeName(rootDirectory).constData(), O_PATH | O_DIRECTORY);
+    if (!root.isValid())
         return QString();
-    const OpenFile info(root.number(), ".flatpak-info", O_NOFOLLOW | O_NONBLOCK);
+    const Descriptor info = openToRead(root.number(), ".flatpak-info", O_NOFOLLOW | O_NONBLOCK);
     QFile file;
-    if (!info.isRegular() || !file.open(info.number(), QIODevice::ReadOnly | QIODevice::Unbuffered))
+    if (!isRegular(info) || !file.open(info.number(), QIODevice::ReadOnly | QIODevice::Unbuffered))
         return QString();
     return parseApplicationId(file.read(mostBytes));
 }

@@ -1,6 +1,8 @@
 // Making, attaching and giving back shared memory.
 #include "x11sharedmemory.h"
 
+#include "descriptor.h"
+
 #include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -36,19 +38,16 @@ SharedSegment::~SharedSegment()
 
 bool SharedSegment::attachByDescriptor()
 {
-    const int descriptor = ::memfd_create("window pixels", MFD_CLOEXEC);
-    if (descriptor < 0)
+    Descriptor descriptor(::memfd_create("window pixels", MFD_CLOEXEC));
+    if (!descriptor.isValid() || ::ftruncate(descriptor.number(), off_t(size_)) != 0)
         return false;
-    void* memory = MAP_FAILED;
-    if (::ftruncate(descriptor, off_t(size_)) == 0)
-        memory = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, descriptor, 0);
-    if (memory == MAP_FAILED) {
-        ::close(descriptor);
+    void* const memory = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, descriptor.number(), 0);
+    if (memory == MAP_FAILED)
         return false;
-    }
     data_ = static_cast<const uchar*>(memory);
     sentToServer_ = true;
-    return isAttached(xcb_shm_attach_fd_checked(connection_.xcb(), id_, descriptor, 0)); // libxcb closes it
+    // libxcb closes it.
+    return isAttached(xcb_shm_attach_fd_checked(connection_.xcb(), id_, descriptor.release(), 0));
 }
 
 bool SharedSegment::attachBySystemV()

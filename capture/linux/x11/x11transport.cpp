@@ -75,12 +75,6 @@ struct Message {
 
 }
 
-Descriptor::~Descriptor()
-{
-    if (isValid())
-        ::close(number_);
-}
-
 std::unique_ptr<Transport> Transport::insert(xcb_connection_t* connection)
 {
     const int number = xcb_get_file_descriptor(connection);
@@ -88,11 +82,11 @@ std::unique_ptr<Transport> Transport::insert(xcb_connection_t* connection)
     int ends[2] = {-1, -1};
     if (!server.isValid() || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
         return nullptr;
-    const Descriptor librarys(ends[0]);
-    Descriptor ours(ends[1]);
-    if (::dup3(librarys.number(), number, O_CLOEXEC) < 0) // libxcb knows the connection by its number only
+    const Descriptor libraryEnd(ends[0]);
+    Descriptor ownEnd(ends[1]);
+    if (::dup3(libraryEnd.number(), number, O_CLOEXEC) < 0) // libxcb knows the connection by its number only
         return nullptr;
-    return std::unique_ptr<Transport>(new Transport(std::move(server), std::move(ours)));
+    return std::unique_ptr<Transport>(new Transport(std::move(server), std::move(ownEnd)));
 }
 
 Transport::Transport(Descriptor server, Descriptor library) : server_(std::move(server)), library_(std::move(library))

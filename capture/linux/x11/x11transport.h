@@ -1,6 +1,8 @@
 // Transport: the socket between libxcb and the X server, made so that neither can hold up this process.
 #pragma once
 
+#include "descriptor.h"
+
 #include <QDeadlineTimer>
 #include <QtGlobal>
 
@@ -10,21 +12,6 @@
 #include <vector>
 
 namespace x11 {
-
-/// Owns a file descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int number = -1) : number_(number) { }
-    ~Descriptor();
-    Descriptor(Descriptor&& other) noexcept : number_(other.number_) { other.number_ = -1; }
-    Descriptor& operator=(Descriptor&&) = delete;
-
-    int number() const { return number_; }
-    bool isValid() const { return number_ >= 0; }
-
-private:
-    int number_;
-};
 
 /**
  * libxcb, once it has the beginning of an answer, waits for the rest without a bound, and servers write header and
