@@ -43,7 +43,7 @@ int record(QGuiApplication& application, int argc, char** argv, const QStringLis
     SignalNotifier::ignore(SIGXFSZ);
     const QByteArray usageText = usage::text(argc, argv);
     if (usageText.isEmpty())
-        startup::startLogging(argc > 1 ? argv[1] : nullptr);
+        startup::startLogging(startup::logFilePath(argc > 1 ? argv[1] : nullptr));
     else
         startup::startLoggingWithoutFile();
     startup::logIdentity(argc, argv);

@@ -1,6 +1,7 @@
 // What happens before the recorder exists.
 #include "startup.h"
 
+#include "descriptor.h"
 #include "messagehandler.h"
 #include "platform/application.h"
 #include "platform/screen.h"
@@ -16,6 +17,7 @@
 #include <QFileInfo>
 #include <QLoggingCategory>
 
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -99,15 +101,18 @@ QString startup::logFilePath(const char* directory)
     return QStringLiteral("%1/%3-orvantis-recorder-log.txt").arg(QString::fromUtf8(directory), TimeStamp::RawUTC());
 }
 
-void startup::startLogging(const char* directory)
+void startup::startLogging(const QString& path)
 {
-    const QByteArray path = logFilePath(directory).toUtf8();
-    const privatefile::Opened file = privatefile::openEmpty(path);
-    if (file.descriptor >= 0)
-        logFilePtr = ::fdopen(file.descriptor, "w");
+    const QByteArray name = path.toUtf8();
+    const privatefile::Opened file = privatefile::openEmpty(name);
+    Descriptor descriptor(file.descriptor);
+    logFilePtr = descriptor.isValid() ? ::fdopen(descriptor.number(), "w") : nullptr;
+    const int error = descriptor.isValid() ? errno : file.error;
+    if (logFilePtr)
+        descriptor.release(); // the stream has it
     else
-        stderrlines::write("orvantis-recorder: cannot open the log file " + path + ": "
-            + (file.refusal ? file.refusal : std::strerror(file.error)) + '\n');
+        stderrlines::write("orvantis-recorder: cannot open the log file " + name + ": "
+            + (file.refusal ? file.refusal : std::strerror(error)) + '\n');
     startLoggingWithoutFile();
 }
 

@@ -26,7 +26,7 @@ QString logFilePath(const char* directory);
 
 /// Opens the log file and sends every message there and to stderr from now on. When the file cannot be
 /// opened, the run goes on with stderr alone and says so there.
-void startLogging(const char* directory);
+void startLogging(const QString& path);
 
 /// Sends every message to stderr alone from now on.
 void startLoggingWithoutFile();

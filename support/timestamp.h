@@ -7,8 +7,8 @@ namespace TimeStamp {
 
 /**
  * The current UTC time as text that is safe inside a file name on every platform: ISO 8601 basic format with
- * milliseconds, for example "20260131T235959.042Z" (no colons, no path separators, sorts by time).
- * Thread-safe.
+ * microseconds, for example "20260131T235959.042871Z" (no colons, no path separators, sorts by time). Two programs
+ * that are started together often ask in the same millisecond. Thread-safe.
  */
 QString RawUTC();
 
