@@ -2,6 +2,7 @@
 #include "audiomix.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace pipewire {
 
