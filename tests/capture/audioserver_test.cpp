@@ -233,7 +233,7 @@ void AudioServerTest::stopsAndContinues()
     server.continueDaemon();
     QVERIFY(tool.waitForFinished(waitLimitMs));
     QCOMPARE(tool.exitCode(), 0);
-    server.stopDaemon(); // the destructor has to cope
+    server.stopDaemon(); // the destructor ends the stopped one, too
 }
 
 void AudioServerTest::leavesNothingBehind()

@@ -1,4 +1,4 @@
-// An audio server that is not there, goes, hangs, or changes its mind; and what the capture must not do to it.
+// An audio server that is missing, goes, hangs, or gets another default sink; and what the capture must not do to it.
 #include "audiofixture.h"
 #include "testregistry.h"
 
@@ -206,7 +206,7 @@ void AudioServerLossTest::defaultSinkChanges()
     QVERIFY(hears(both, tone));
     for (const QByteArray& sink : {QByteArray("second-sink"), QByteArray("first-sink")}) {
         QVERIFY(server.setDefaultSink(sink));
-        // The server has changed its mind; streams and captures are still on their way.
+        // The default is another one already; streams and captures may still be linked to the former.
         QVERIFY(isPlayedTo(server, sink));
         QVERIFY(hears(both, tone));
         const auto pieces = AudioPuller::listen(both, 500);
@@ -215,8 +215,8 @@ void AudioServerLossTest::defaultSinkChanges()
     }
 }
 
-/// A graph that is made to run faster can fall silent for the user. The captures run several times: that trap
-/// snapped in two of three runs only. One server for each quantum, all at once.
+/// A graph that is made to run faster can become silent for the user. That was seen in two of three runs only, so the
+/// captures run several times. One server for each quantum, all at once.
 void AudioServerLossTest::quantumStays()
 {
     struct Stage {

@@ -224,7 +224,7 @@ void AudioSourcesTest::pulseClient()
     QVERIFY(isSilent(ofDaemons.listen(700)));
 }
 
-/// From before there is any player, when the sink sleeps and no clock ticks, to after its end.
+/// From before there is any player, when the sink is suspended and no clock runs, to after its end.
 void AudioSourcesTest::playerPausesExitsAndComesBack()
 {
     AudioServerOptions options; // on which nobody has played yet
@@ -239,7 +239,7 @@ void AudioSourcesTest::playerPausesExitsAndComesBack()
     QVERIFY(hears(early, tone));
     player->pause();
     QVERIFY(hearsNothing(early));
-    AudioPuller ofPlayer(std::set<qint64>{player->pid()}); // which rests
+    AudioPuller ofPlayer(std::set<qint64>{player->pid()}); // which is paused
     const Pullers all{&ofDisplay, &ofThisProcess, &ofPlayer};
     for (const AudioPuller::Piece& piece : AudioPuller::listen(all, 500))
         QVERIFY(isSilent(piece));

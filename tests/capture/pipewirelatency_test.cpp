@@ -187,7 +187,7 @@ void PipewireLatencyTest::partsAreAdded_data()
     QTest::addColumn<int>("ms");
     QTest::addColumn<double>("expectedMs");
     QTest::newRow("none") << 0.0 << 0 << 0 << 0.0;
-    QTest::newRow("a cycle, as a sound card tells") << 1.0 << 0 << 0 << 20.0;
+    QTest::newRow("a cycle, as hardware tells") << 1.0 << 0 << 0 << 20.0;
     QTest::newRow("frames of the graph") << 0.0 << 480 << 0 << 10.0;
     QTest::newRow("all") << 1.5 << 96 << 7 << 39.0;
 }

@@ -1,4 +1,4 @@
-// MacBench: the simulated Mac around a test, and the judgement at its end.
+// MacBench: the simulated Mac around a test, and the check at its end.
 #pragma once
 
 #include "logcapture.h"

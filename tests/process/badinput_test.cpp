@@ -1,5 +1,5 @@
-// Wrong arguments, places that cannot be written, and launchers that talk nonsense: the recorder says so and stays
-// within its duties.
+// Wrong arguments, places that cannot be written, and launchers that send what means nothing: the recorder logs it,
+// and records what can be recorded.
 #include "privatexserver.h"
 #include "recordedfile.h"
 #include "recordingscene.h"

@@ -1,4 +1,4 @@
-// Desktop: a test's hand on its X server.
+// Desktop: requests to a test's X server.
 #include "desktop.h"
 #include "xcbhandles.h"
 

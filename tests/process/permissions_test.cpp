@@ -1,4 +1,4 @@
-// Permission mode: only the exit code and stderr speak.
+// Permission mode: the answer is the exit code, and lines on stderr.
 #include "privatexserver.h"
 #include "recordingscene.h"
 #include "testregistry.h"

@@ -1,4 +1,4 @@
-// record-window on the good road: what it tells the recorder, what it tells people and scripts.
+// record-window when all goes well: what it tells the recorder, what it tells people and scripts.
 #include "recordwindowprocess.h"
 #include "testregistry.h"
 

@@ -104,7 +104,7 @@ const pw_proxy_events LinkSet::Link::events = [] {
 
 namespace {
 
-/// Links keep the nodes awake: a capture that could fall asleep would miss the beginning of the next audio.
+/// Links keep the nodes running: a capture that could be suspended would miss the beginning of the next audio.
 pw_proxy* createLink(pw_core* core, const PortPair& pair)
 {
     const PropertiesHandle properties(pw_properties_new(PW_KEY_OBJECT_LINGER, "false", nullptr));

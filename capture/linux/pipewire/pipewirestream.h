@@ -1,4 +1,4 @@
-// CaptureStream: the node through which this process hears what is linked to it.
+// CaptureStream: the node that receives the audio of the ports that are linked to it.
 #pragma once
 
 #include "pipewireblocks.h"

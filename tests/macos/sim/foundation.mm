@@ -1,4 +1,4 @@
-// NSObject and the values: every reference goes through the book.
+// NSObject and the values: every reference is counted (ledger.h).
 #import <Foundation/Foundation.h>
 
 #include "blocks.h"
@@ -36,7 +36,7 @@ void releaseCaptured(const void* object)
     [macsim::objectAt(object) release];
 }
 
-/// The runtime asks for a method that an object does not have: only the dead have none.
+/// The runtime asks for a method that an object does not have: only those that are gone have none.
 const bool prepared = [] {
     __objc_msg_forward2 = messageToTheDead;
     macsim::countCapturedObjects(retainCaptured, releaseCaptured);
@@ -142,7 +142,7 @@ __attribute__((objc_root_class))
 
 @end
 
-/// Pools are the system's own matter: they are not in the book.
+/// References to pools are not counted.
 @implementation NSAutoreleasePool
 
 + (instancetype)alloc

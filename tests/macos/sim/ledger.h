@@ -1,6 +1,5 @@
-// The book of every reference to an object or a block of the simulated system. Objects that are gone keep their
-// memory until the next reset(), so that a late use is a line in the list of faults and not undefined behaviour. Any
-// thread.
+// Counts the references to every object and block of the simulated system. Objects that are gone keep their memory
+// until the next reset(), so that a late use is a line in the list of faults and not undefined behaviour. Any thread.
 #pragma once
 
 #include <functional>
@@ -23,7 +22,7 @@ public:
     virtual void end() { }
 };
 
-/// Takes note of something the system would crash on, or that is never right.
+/// Adds to the list of faults something the system would crash on, or that is never right.
 void fault(const std::string& text);
 
 void born(const void* object, const char* className);
@@ -34,7 +33,7 @@ void retain(const void* object);
 bool retainIfAlive(const void* object);
 /// True when the last reference went: the caller then ends the object and says gone().
 bool release(const void* object);
-/// Ends the body. The object is dead from now on.
+/// Ends the body. Any later use of the object is a fault.
 void gone(const void* object);
 bool isAlive(const void* object);
 /// The name of its class; empty for what is no object.
@@ -43,7 +42,7 @@ long references(const void* object);
 
 std::shared_ptr<Body> body(const void* object, const std::function<std::shared_ptr<Body>()>& make);
 
-/// The object's body, made at the first call. A dead object gives its spoilt one, and a fault.
+/// The object's body, made at the first call. For an object that is gone it is the spoilt one, and a fault.
 template <typename B>
 std::shared_ptr<B> bodyOf(const void* object)
 {
@@ -56,11 +55,11 @@ void blockBorn(const void* block);
 void blockRetained(const void* block);
 bool blockReleased(const void* block); ///< true when that was the last reference
 
-// ---- the account ------------------------------------------------------------------------------------------------
+// ---- the result -------------------------------------------------------------------------------------------------
 
 std::map<std::string, int> live(); ///< class name to objects that are not gone; blocks are "block"
 std::vector<std::string> faults();
-/// Forgets everything but what lives for ever. The memory of the dead is freed.
+/// Forgets everything but what lives for ever. The memory of objects that are gone is freed.
 void reset(const std::function<void(const void*)>& freeObject);
 
 }

@@ -243,7 +243,7 @@ int runningStreams();
 /// Whether the program still holds an object of that class.
 int live(const std::string& className);
 
-// ---- the judgement ----------------------------------------------------------------------------------------------
+// ---- the check --------------------------------------------------------------------------------------------------
 
 /// Waits until nothing runs, and tells what is wrong, one line each: objects that were not released, released twice
 /// or used when they were gone; streams that still run. Empty when all is right.
