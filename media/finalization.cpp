@@ -8,14 +8,27 @@
 
 #include <QDebug>
 
-/// After writes that failed the trailer's table of fragments would name lost ones, too, at places where others are
-/// now. The file plays without it.
+namespace {
+
+/// After writes that failed an MP4's table of fragments, or the cues of Matroska, would name lost ones, too, at
+/// places where others are now. The file plays, and is sought in, without them. True when av_write_trailer() will
+/// call that an error: Matroska's muxer writes no cues for which too little space was reserved, but all else.
+bool leaveOutIndex(AVFormatContext& container)
+{
+    // Neither muxer has the other one's option.
+    av_opt_set(container.priv_data, "movflags", "+skip_trailer", 0);
+    return av_opt_set_int(container.priv_data, "reserve_index_space", 1, 0) >= 0;
+}
+
+}
+
 void GstRecorder::writeTrailer()
 {
     resumeWriting(*formatContext, writtenBytes);
-    if (writtenBytes.someLost)
-        av_opt_set(formatContext->priv_data, "movflags", "+skip_trailer", 0); // Matroska knows no such option
+    const bool errorIsExpected = writtenBytes.someLost && leaveOutIndex(*formatContext);
     int status = av_write_trailer(formatContext);
+    if (status == AVERROR(EINVAL) && errorIsExpected)
+        status = 0;
     if (status >= 0 && formatContext->pb)
         status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
     if (status < 0)

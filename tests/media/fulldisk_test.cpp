@@ -168,7 +168,7 @@ void FullDiskTest::diskThatWasFullForAWhile_data()
 }
 
 /// It costs what was to be written then, each write is reported, and nothing that follows is lost. The trailer tells
-/// of itself only, and here there is nothing to tell.
+/// of itself only, and here there is nothing to tell. A player finds each frame, by the key frame of its second.
 void FullDiskTest::diskThatWasFullForAWhile()
 {
     QFETCH(const QString, name);
@@ -200,6 +200,11 @@ void FullDiskTest::diskThatWasFullForAWhile()
     for (qsizetype i = 0; i < frames.size(); ++i) {
         const qint64 number = i < firstFailure - lost ? i : i + lost;
         QVERIFY(std::abs(frames[i].ptsMs - double(number) * 41) < 1);
+    }
+    for (const MediaFrame& frame : frames) {
+        const double foundMs = file.seek(frame.ptsMs);
+        QVERIFY2(foundMs <= frame.ptsMs && foundMs > frame.ptsMs - 25 * 41,
+            qPrintable(QStringLiteral("%1 is sought, %2 found").arg(frame.ptsMs).arg(foundMs)));
     }
 }
 

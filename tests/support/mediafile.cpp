@@ -200,6 +200,28 @@ QList<MediaPacket> MediaFile::packets()
     return list;
 }
 
+double MediaFile::seek(double ms)
+{
+    int status = 0;
+    const InputHandle input = openInput(path_, status);
+    const AvPacketHandle packet(av_packet_alloc());
+    const MediaStream* const video = videoStream();
+    double foundMs = std::numeric_limits<double>::quiet_NaN();
+    if (input && packet && video) {
+        const AVRational timeBase = input->streams[video->index]->time_base;
+        const auto wanted = qint64(std::llround(ms / 1000.0 / av_q2d(timeBase)));
+        status = av_seek_frame(input.get(), video->index, wanted, AVSEEK_FLAG_BACKWARD);
+        while (status >= 0 && std::isnan(foundMs) && (status = av_read_frame(input.get(), packet.get())) >= 0) {
+            if (packet->stream_index == video->index)
+                foundMs = toMs(packet->pts, timeBase);
+            av_packet_unref(packet.get());
+        }
+    }
+    if (std::isnan(foundMs))
+        fail(QStringLiteral("cannot seek"), status);
+    return foundMs;
+}
+
 bool MediaFile::decodeStream(int index, const std::function<int(const AVFrame&, const AVStream&)>& visit)
 {
     int status = 0;

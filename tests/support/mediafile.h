@@ -99,6 +99,10 @@ public:
     /// All packets in the order of the file.
     QList<MediaPacket> packets();
 
+    /// Where a player gets to that seeks to a time, in milliseconds: the presentation time of the first packet of the
+    /// video from there on. Not-a-number on a failure.
+    double seek(double ms);
+
     /// Decodes the first video stream and hands out one frame after the other until the visitor returns
     /// false. The frame is the visitor's to keep (the buffer is reused only when it was not kept). False on
     /// a failure.
