@@ -1,4 +1,4 @@
-// How record-window ends, as its callers see it. options.cpp puts these codes into words for --help.
+// How record-window ends, as its callers see it. optiontable.cpp puts these codes into words for --help.
 #pragma once
 
 enum class ExitCode {

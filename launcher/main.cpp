@@ -1,5 +1,6 @@
 // record-window: plays the launcher's part for people and tests.
 #include "options.h"
+#include "plaintext.h"
 #include "recordingsession.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"
@@ -45,6 +46,8 @@ int end(const Outcome& outcome, const Options& options)
         print(outcome.toJson());
     else if (!options.quiet)
         print(outcome.toText());
+    if (outcome.code != ExitCode::Recorded && !outcome.logFile.isEmpty())
+        stderrlines::write("the recorder's log: " + plainText(outcome.logFile).toLocal8Bit() + '\n');
     return int(outcome.code);
 }
 

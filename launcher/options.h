@@ -41,6 +41,7 @@ struct Options {
     bool keepGoing = false; ///< when the window closes
     QString recorder; ///< absolute path of the executable
     QString logDirectory; ///< absolute
+    bool keepLog = false; ///< also when all went well
     QList<PlannedClick> clicks;
     bool watchClicks = true;
     bool quiet = false;

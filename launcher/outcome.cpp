@@ -74,7 +74,7 @@ QByteArray Outcome::toText() const
         text += QStringLiteral("size      %1\n").arg(sizeText(QFileInfo(file).size()));
     if (inspection)
         text += streamsText(*inspection);
-    if (!logFile.isEmpty())
+    if (code == ExitCode::Recorded && !logFile.isEmpty())
         text += QStringLiteral("log       %1\n").arg(plainText(logFile));
     return text.toLocal8Bit();
 }

@@ -17,9 +17,10 @@ struct Outcome {
     std::optional<qint64> durationMs; ///< as the recorder said
     QStringList warnings; ///< what is not as it was asked for, one sentence each
     std::optional<Inspection> inspection; ///< of the file, when there is one
-    QString logFile; ///< empty when the recorder made none
+    QString logFile; ///< empty when the recorder made none, or it is not kept
     std::optional<int> recorderExitCode; ///< 128 + n: ended by signal n; nothing: it never started
 
     QByteArray toJson() const; ///< one line with its line feed
-    QByteArray toText() const; ///< for people, several lines
+    /// For people, several lines. The log is named only when all went well; else its path is told last of all.
+    QByteArray toText() const;
 };

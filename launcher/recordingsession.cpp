@@ -6,6 +6,7 @@
 #include "signalnotifier.h"
 
 #include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -296,7 +297,18 @@ void RecordingSession::onRecorderEnded()
         outcome_.file.clear();
     judgeRun(facts_, outcome_);
     review();
+    dropLog();
     Q_EMIT over();
+}
+
+/// A recording that is as it was asked for needs no log. Until here it lies beside the video, so that it is there
+/// whatever ends this process.
+void RecordingSession::dropLog()
+{
+    if (options_.keepLog || outcome_.code != ExitCode::Recorded || outcome_.logFile.isEmpty())
+        return;
+    QFile::remove(outcome_.logFile);
+    outcome_.logFile.clear();
 }
 
 /// Looks at the file, which holds nothing but a black frame when there never was an image.

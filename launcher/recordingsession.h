@@ -82,6 +82,7 @@ private:
 
     void fail(ExitCode code, const QString& error);
     void review();
+    void dropLog();
     bool wantsAudio() const { return options_.audio.source != AudioWish::Source::Nothing; }
 
     const Options options_;

@@ -67,6 +67,4 @@ void judgeRun(const RunFacts& facts, Outcome& outcome)
     }
     if (outcome.error.isEmpty())
         judgeEnd(facts, outcome);
-    if (!outcome.error.isEmpty() && !outcome.logFile.isEmpty())
-        outcome.error += QStringLiteral("; its log: %1").arg(plainText(outcome.logFile));
 }

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""What is installed for who writes a launcher is complete, and works from there.
+"""What is installed is complete, and works from there.
 
     installed_test.py BUILD_DIRECTORY NODE
 """
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -27,6 +28,26 @@ class Installed(unittest.TestCase):
             version = subprocess.run([self.prefix / "bin" / name, "--version"], capture_output=True, text=True,
                                      check=True).stdout
             self.assertRegex(version, f"^{name} [0-9.]+\n$")
+
+    def test_files(self):
+        """All of them, but for the clients' and the pages', which are whole folders."""
+        found = {str(path.relative_to(self.prefix)) for path in self.prefix.rglob("*") if path.is_file()}
+        found = {name for name in found if not re.search("/(clients|tests|docs)/", name)}
+        self.assertEqual(found, {
+            "bin/orvantis-recorder", "bin/record-window", "bin/launcher-check", "bin/recorder-check",
+            "share/bash-completion/completions/record-window", "share/zsh/site-functions/_record-window",
+            "share/man/man1/orvantis-recorder.1", "share/man/man1/record-window.1",
+            "share/doc/orvantis-recorder/README.md", "share/doc/orvantis-recorder/CHANGELOG.md",
+            "share/doc/orvantis-recorder/LICENSE"})
+
+    def test_pages_link_to_what_is_there(self):
+        documentation = self.prefix / "share" / "doc" / "orvantis-recorder"
+        missing = []
+        for page in documentation.rglob("*.md"):
+            text = page.read_text(encoding="utf-8")
+            missing += [f"{page.name}: {name}" for name in re.findall(r"(?<![\w/.-])docs/[\w./-]*\w", text)
+                        if not (documentation / name).exists() and "docs/man" not in name]
+        self.assertEqual(missing, [])
 
     def test_clients(self):
         clients = self.prefix / "share" / "orvantis-recorder" / "clients"

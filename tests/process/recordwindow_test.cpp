@@ -32,6 +32,8 @@ private Q_SLOTS:
     void longTemporaryDirectoryIsNoObstacle();
     void missingDirectoriesAreMade();
     void resultNamesTheFile();
+    void logIsKeptOnlyWhenItIsAskedFor();
+    void logOfWhatWentWrongIsKeptAndNamedLast();
     void resultNamesTheFallbackFile();
     void jsonIsOneLine();
     void jsonOfAFailureSaysWhy();
@@ -182,7 +184,7 @@ void RecordWindowTest::missingDirectoriesAreMade()
 void RecordWindowTest::resultNamesTheFile()
 {
     RecordWindowProcess launcher;
-    QCOMPARE(launcher.run(brief), 0);
+    QCOMPARE(launcher.run(brief + QStringList{"--log-dir", "."}), 0);
     const QByteArray output = launcher.standardOutput();
     QCOMPARE(value(output, "file"), launcher.recorderArguments()[2]);
     QCOMPARE(value(output, "duration"), QByteArray("1.234 s"));
@@ -191,6 +193,38 @@ void RecordWindowTest::resultNamesTheFile()
     QVERIFY2(value(output, "audio").endsWith(" s, aac"), output);
     QCOMPARE(
         value(output, "log"), launcher.recorderArguments()[0] + "/20260101T000000.000Z-orvantis-recorder-log.txt");
+}
+
+void RecordWindowTest::logIsKeptOnlyWhenItIsAskedFor()
+{
+    const QString log = "20260101T000000.000Z-orvantis-recorder-log.txt";
+    RecordWindowProcess launcher;
+    QCOMPARE(launcher.run(brief), 0);
+    QCOMPARE(launcher.leftFiles(), QStringList{"recording.mp4"});
+    QVERIFY2(!launcher.standardOutput().contains("log "), launcher.standardOutput());
+    QVERIFY2(!launcher.standardError().contains("log"), launcher.standardError());
+
+    RecordWindowProcess asked;
+    QCOMPARE(asked.run(brief + QStringList{"--log-dir", "."}), 0);
+    QCOMPARE(asked.leftFiles(), (QStringList{log, "recording.mp4"}));
+}
+
+/// Last of all, so that it stands above the shell's next prompt.
+void RecordWindowTest::logOfWhatWentWrongIsKeptAndNamedLast()
+{
+    for (const QStringList& manner : {QStringList(), QStringList{"--quiet"}, QStringList{"--json"}}) {
+        RecordWindowProcess launcher;
+        // Twice as long as what the fake records.
+        QCOMPARE(
+            launcher.run(QStringList{"--window", "77", "--output", "recording.mp4", "--seconds", "2.5"} + manner), 8);
+        const QString log = "20260101T000000.000Z-orvantis-recorder-log.txt";
+        QCOMPARE(launcher.leftFiles(), (QStringList{log, "recording.mp4"}));
+        const QByteArray path = launcher.recorderArguments()[0] + '/' + log.toUtf8();
+        const QByteArray last = "\nthe recorder's log: " + path + '\n';
+        QVERIFY2(launcher.standardError().endsWith(last), launcher.standardError());
+        QCOMPARE(launcher.standardError().count(path), 1);
+        QVERIFY2(manner.contains("--json") || !launcher.standardOutput().contains(path), launcher.standardOutput());
+    }
 }
 
 void RecordWindowTest::resultNamesTheFallbackFile()
@@ -223,10 +257,7 @@ void RecordWindowTest::jsonIsOneLine()
     QCOMPARE(audio.value("rate").toInt(), 48000);
     QVERIFY(std::abs(audio.value("lengthMs").toInt() - 1234) < 50);
     const QJsonObject expected{{"file", QString::fromUtf8(launcher.recorderArguments()[2])}, {"durationMs", 1234},
-        {"recorderExitCode", 0},
-        {"logFile",
-            QString::fromUtf8(launcher.recorderArguments()[0]) + "/20260101T000000.000Z-orvantis-recorder-log.txt"},
-        {"error", QJsonValue()}, {"warnings", QJsonArray()}};
+        {"recorderExitCode", 0}, {"logFile", QJsonValue()}, {"error", QJsonValue()}, {"warnings", QJsonArray()}};
     QCOMPARE(object, expected);
 }
 
