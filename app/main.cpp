@@ -58,6 +58,8 @@ int record(QGuiApplication& application, int argc, char** argv, const QStringLis
         [](int number) { QCoreApplication::exit(SignalNotifier::exitCode(number)); });
 
     static GstRecorder* const recorder = makeRecorder(argv);
+    // Behind the lines of the start, whose texts and order are an interface.
+    qDebug() << "recorder version" << ORVANTIS_VERSION << "Qt" << qVersion();
     const int exitCode = application.exec();
 
     // The file is finished before the process ends, however the loop ended.

@@ -234,6 +234,8 @@ void CliTest::linesOfTheStart()
                        "screen origin 0 0 scale 1")
             .arg(quoted(scene.command.window), quoted(scene.command.output)));
     QCOMPARE(countLines(log, QStringLiteral("macOS recorder uses CoreGraphics window capture")), 0);
+    const QString version = QStringLiteral("recorder version " ORVANTIS_VERSION " Qt ") + QLatin1String(qVersion());
+    QCOMPARE(countLines(log, version), 1);
 }
 
 void CliTest::logFileName()
@@ -370,6 +372,7 @@ void CliTest::noDisplay()
         QStringLiteral("Warning macOS screen recording permission was not granted; window capture will not produce "
                        "frames."),
         QStringLiteral("Warning macOS CoreGraphics window capture setup failed."),
+        QStringLiteral("Debug recorder version " ORVANTIS_VERSION " Qt ") + QLatin1String(qVersion()),
         QStringLiteral("Debug recorder exiting 2"),
     };
     QCOMPARE(end, expected);
