@@ -37,6 +37,7 @@ class Installed(unittest.TestCase):
             "bin/orvantis-recorder", "bin/record-window", "bin/launcher-check", "bin/recorder-check",
             "share/bash-completion/completions/record-window", "share/zsh/site-functions/_record-window",
             "share/man/man1/orvantis-recorder.1", "share/man/man1/record-window.1",
+            "share/man/man1/launcher-check.1", "share/man/man1/recorder-check.1",
             "share/doc/orvantis-recorder/README.md", "share/doc/orvantis-recorder/CHANGELOG.md",
             "share/doc/orvantis-recorder/LICENSE"})
 

@@ -46,7 +46,8 @@ printf '%s\\n' "${COMPREPLY[@]}"
 class ManualPages(unittest.TestCase):
     def test_mandoc_and_groff_have_nothing_to_say(self):
         pages = sorted(PAGES.glob("*.1"))
-        self.assertEqual([page.name for page in pages], ["orvantis-recorder.1", "record-window.1"])
+        self.assertEqual([page.name for page in pages], ["launcher-check.1", "orvantis-recorder.1",
+                                                          "record-window.1", "recorder-check.1"])
         for command in (["mandoc", "-Tlint", "-Wwarning"], ["groff", "-mandoc", "-ww", "-z", "-Tascii"]):
             for page in pages:
                 with self.subTest(command=command[0], page=page.name):
