@@ -19,7 +19,7 @@ file(WRITE "${documents}/changelog.Debian"
     "${CPACK_PACKAGE_NAME} (${revision}) unstable; urgency=medium\n\n"
     "  * Version ${CPACK_PACKAGE_VERSION}; changelog.gz tells what is new.\n\n"
     " -- ${CPACK_DEBIAN_PACKAGE_MAINTAINER}  ${output}\n")
-configure_file("${CPACK_ORVANTIS_SOURCES}/packaging/debian/copyright" "${documents}/copyright" COPYONLY)
+configure_file("${CPACK_ORVANTIS_SOURCES}/packaging/debian/copyright" "${documents}/copyright" COPYONLY NO_SOURCE_PERMISSIONS)
 file(REMOVE "${documents}/LICENSE") # Debian has the text in one place for all packages, and copyright names it
 file(RENAME "${documents}/CHANGELOG.md" "${documents}/changelog")
 file(GLOB pages "${share}/man/man1/*.1")
