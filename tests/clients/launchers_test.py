@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""This project's own launchers pass launcher-check: both clients, the README's sample, record-window.
+"""This project's own launchers pass launcher-check: both clients, the sample, record-window.
 
     launchers_test.py LAUNCHER_CHECK NODE RECORD_WINDOW
 """
@@ -17,11 +17,11 @@ HERE = pathlib.Path(__file__).resolve().parent
 PLACES = ("{recorder}", "{output}", "{logs}")
 
 
-def readme_sample():
-    """The README's launcher, with its paths replaced and its waits shortened: the fakes that never answer would take
-    minutes."""
-    readme = (HERE.parent.parent / "README.md").read_text(encoding="utf-8")
-    sample = textwrap.dedent(re.search(r"(?:^    import json.*\n)(?:^(?:    .*)?\n)+", readme, re.MULTILINE)[0])
+def page_sample():
+    """The launcher of docs/launcher.md, with its paths replaced and its waits shortened: the fakes that never answer
+    would take minutes."""
+    page = (HERE.parent.parent / "docs" / "launcher.md").read_text(encoding="utf-8")
+    sample = textwrap.dedent(re.search(r"(?:^    import json.*\n)(?:^(?:    .*)?\n)+", page, re.MULTILINE)[0])
     replacements = {
         '"build/release/bin/orvantis-recorder"': "sys.argv[1]",
         '"/tmp/clip.mp4"': "sys.argv[2]", '"/tmp"': "sys.argv[3]",
@@ -30,7 +30,7 @@ def readme_sample():
         "wait(10)": "wait(1.5)", "wait(70)": "wait(2)"}
     for old, new in replacements.items():
         if sample.count(old) != 1:
-            raise AssertionError(f"the README's sample has {old} {sample.count(old)} times")
+            raise AssertionError(f"docs/launcher.md has {old} {sample.count(old)} times")
         sample = sample.replace(old, new)
     return sample
 
@@ -43,13 +43,13 @@ def check(command):
 class Launchers(unittest.TestCase):
     def test_all(self):
         with tempfile.NamedTemporaryFile("w", suffix=".py") as sample:
-            sample.write(readme_sample())
+            sample.write(page_sample())
             sample.flush()
             launchers = {
                 "client for Node.js": [NODE, HERE / "launcher.mjs"],
                 "client for Python": [sys.executable, HERE / "launcher.py"],
                 "record-window": [HERE / "record-window.sh", RECORD_WINDOW],
-                "README's sample": [sys.executable, sample.name],
+                "sample": [sys.executable, sample.name],
             }
             with concurrent.futures.ThreadPoolExecutor(len(launchers)) as pool:  # they mostly wait
                 results = dict(zip(launchers, pool.map(check, launchers.values())))
