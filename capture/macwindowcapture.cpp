@@ -46,18 +46,21 @@ bool MacWindowCapture::ensureAccess()
 
 namespace {
 
-/// Whether no pixel is translucent. Most windows that can have some have them in their first row: rounded corners.
-bool isOpaqueImage(const QImage& image)
+/// Whether no pixel of some rows is translucent. Most windows that can have some have them in their first row: rounded
+/// corners.
+bool isOpaque(const QImage& image, const RowSet& rows)
 {
     if (image.format() == QImage::Format_RGB32)
         return true;
-    for (int y = 0; y < image.height(); ++y) {
-        const auto* line = reinterpret_cast<const quint32*>(image.constScanLine(y));
-        quint32 common = 0xff000000u;
-        for (int x = 0; x < image.width(); ++x)
-            common &= line[x];
-        if (common != 0xff000000u)
-            return false;
+    for (const RowSet::Range& range : rows.ranges()) {
+        for (int y = range.top; y < range.end; ++y) {
+            const auto* line = reinterpret_cast<const quint32*>(image.constScanLine(y));
+            quint32 common = 0xff000000u;
+            for (int x = 0; x < image.width(); ++x)
+                common &= line[x];
+            if (common != 0xff000000u)
+                return false;
+        }
     }
     return true;
 }
@@ -72,37 +75,89 @@ QImage sharedAsArgb32(const QImage& opaque)
         [](void* image) { delete static_cast<QImage*>(image); }, owner);
 }
 
+/// Some rows of an image, as an image over the same pixels.
+QImage rowsOf(const QImage& image, const RowSet::Range& range)
+{
+    return QImage(image.constScanLine(range.top), image.width(), range.count(), image.bytesPerLine(), image.format());
+}
+
+}
+
+CapturedWindow MacWindowCapture::captureWindow(bool withBounds) const
+{
+    if (!valid)
+        return {};
+    const platform::WindowSample sample = source->sample(withBounds);
+    if (sample.image.isNull())
+        warnOfNoImage(sample);
+    if (sample.image.isNull() || !takeImage(sample)) {
+        last.image = QImage();
+        return {};
+    }
+    CapturedWindow captured = last;
+    if (withBounds) {
+        const QRect rounded = sample.bounds ? windowbounds::roundedRect(*sample.bounds) : QRect();
+        captured.bounds = windowbounds::boundsOrImageRect(rounded, sample.image.size());
+    }
+    captured.pointer = sample.pointer;
+    return captured;
 }
 
 QImage MacWindowCapture::capture(QRect* bounds) const
 {
-    if (!valid)
-        return QImage();
-
-    const QImage image = source->image();
-    if (image.isNull()) {
-        lastSourceKey = 0;
-        lastImage = QImage();
-        if (!warnedNoImage && !source->imageWasUnusable()) {
-            warnedNoImage = true;
-            qWarning() << "macOS CoreGraphics capture returned no image for window" << windowId;
-        }
-        return QImage();
-    }
-
-    if (bounds) {
-        const auto rect = source->bounds();
-        *bounds = windowbounds::boundsOrImageRect(rect ? windowbounds::roundedRect(*rect) : QRect(), image.size());
-    }
-    if (image.cacheKey() != lastSourceKey) {
-        lastIsOpaque = isOpaqueImage(image);
-        lastImage = lastIsOpaque ? sharedAsArgb32(image) : image.convertToFormat(QImage::Format_ARGB32);
-        lastSourceKey = lastImage.isNull() ? 0 : image.cacheKey(); // what found no memory is tried again
-    }
-    return lastImage;
+    const CapturedWindow captured = captureWindow(bounds);
+    if (bounds && !captured.image.isNull())
+        *bounds = captured.bounds;
+    return captured.image;
 }
 
-std::optional<QPointF> MacWindowCapture::pointerLocation() const
+void MacWindowCapture::warnOfNoImage(const platform::WindowSample& sample) const
 {
-    return valid ? source->pointerLocation() : std::nullopt;
+    if (warnedNoImage || sample.unusable)
+        return;
+    warnedNoImage = true;
+    qWarning() << "macOS CoreGraphics capture returned no image for window" << windowId;
+}
+
+/// Brings the last image up to date. False when there is no memory for it.
+bool MacWindowCapture::takeImage(const platform::WindowSample& sample) const
+{
+    const QImage& image = sample.image;
+    const RowSet all(0, image.height());
+    const bool allNew = last.image.isNull() || last.image.size() != image.size();
+    const RowSet& rows = allNew ? all : sample.changedRows;
+    last.ownBytes = 0;
+    last.changedRows = RowSet();
+    if (rows.isEmpty())
+        return true;
+    const bool wasOpaque = last.opaque;
+    last.opaque = isOpaque(image, !allNew && wasOpaque ? rows : all);
+    if (last.opaque) {
+        last.image = sharedAsArgb32(image);
+        last.changedRows = !allNew && wasOpaque ? rows : all;
+        last.ownBytes = sample.ownBytes;
+        straightImages.forget();
+    } else {
+        const SharedImages::Image taken = straightened(sample, allNew || wasOpaque ? all : rows);
+        if (taken.image.isNull())
+            return false;
+        last.image = taken.image;
+        last.changedRows = taken.changedRows;
+        last.ownBytes = taken.ownBytes;
+    }
+    ++last.version;
+    return true;
+}
+
+/// The image in straight alpha. rows: those that may differ from the last one that was made here.
+SharedImages::Image MacWindowCapture::straightened(const platform::WindowSample& sample, const RowSet& rows) const
+{
+    straightImages.update(sample.image.size(), QImage::Format_ARGB32);
+    for (const RowSet::Range& range : rows.ranges()) {
+        const QImage part = rowsOf(sample.image, range).convertToFormat(QImage::Format_ARGB32);
+        if (part.isNull())
+            return {};
+        straightImages.put(range.top, range.count(), reinterpret_cast<const quint32*>(part.constBits()));
+    }
+    return straightImages.finish();
 }

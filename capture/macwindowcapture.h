@@ -2,6 +2,9 @@
 // below (platform/screen.h) is.
 #pragma once
 
+#include "rowset.h"
+#include "sharedimages.h"
+
 #include <QImage>
 #include <QPointF>
 #include <QRect>
@@ -12,11 +15,27 @@
 
 namespace platform {
 class WindowSource;
+struct WindowSample;
 }
+
+/// What the window showed at one moment.
+struct CapturedWindow {
+    /// QImage::Format_ARGB32 (straight alpha); null when there is no image.
+    QImage image;
+    bool opaque = false; ///< every alpha value of the image is 0xff
+    /// Grows by one with each image that differs from the one before, never 0 with an image.
+    qint64 version = 0;
+    RowSet changedRows; ///< of the image; all others are as in the version before
+    qint64 ownBytes = 0; ///< memory that the version before does not hold, too; 0 when it is the same version
+    /// The window's rectangle in global screen points, or the image's own rectangle in pixels when the window's cannot
+    /// be told. Invalid when it was not asked for.
+    QRect bounds;
+    std::optional<QPointF> pointer; ///< global screen points; nothing when the system does not say
+};
 
 /**
  * Parses the window id, makes sure that windows may be captured, and grabs one image a call.
- * Made on the main thread; capture() and pointerLocation() belong to the recording worker. Usable for its
+ * Made on the main thread; captures belong to the recording worker. Usable for its
  * whole life or never: nothing is parsed or asked for again.
  */
 class MacWindowCapture {
@@ -31,30 +50,26 @@ public:
     /// The id was a number other than 0 and the permission is held.
     bool isValid() const { return valid; }
 
-    /**
-     * The window's pixels in QImage::Format_ARGB32 (straight alpha), or a null image: invalid object, window
-     * gone or not showing (a warning, the first time only), an image without pixels or that cannot be drawn (no
-     * warning). Images of an unchanged window share their pixels. When bounds is given and an image is returned,
-     * it receives the window's rectangle in global screen points, or the image's own rectangle in pixels when the
-     * window's cannot be told; otherwise it is left alone.
-     */
+    /// The window now, or nothing in it: invalid object, window gone or not showing (a warning, the first time only), an
+    /// image without pixels or that cannot be drawn (no warning). Images of successive calls share the memory of what
+    /// did not change. The bounds are only asked for when they are wanted.
+    CapturedWindow captureWindow(bool withBounds = true) const;
+
+    /// The image of captureWindow(). When bounds is given and an image is returned, it receives the bounds; otherwise
+    /// it is left alone.
     QImage capture(QRect* bounds) const;
-
-    /// Whether every alpha value of the image that was returned last is 0xff. Belongs to the recording worker.
-    bool isOpaque() const { return lastIsOpaque; }
-
-    /// The mouse pointer in global screen points, or nothing when the system does not say.
-    std::optional<QPointF> pointerLocation() const;
 
 private:
     bool ensureAccess();
+    void warnOfNoImage(const platform::WindowSample& sample) const;
+    bool takeImage(const platform::WindowSample& sample) const;
+    SharedImages::Image straightened(const platform::WindowSample& sample, const RowSet& rows) const;
 
     quint32 windowId = 0; ///< the system's id of the window; 0 until configured
     bool valid = false;
     mutable bool warnedNoImage = false; ///< worker thread; the warning was given, never cleared
 
     std::unique_ptr<platform::WindowSource> source; ///< null while invalid
-    mutable qint64 lastSourceKey = 0; ///< worker thread; cacheKey() of the last image of the source; 0 is no image
-    mutable QImage lastImage; ///< worker thread; that image as it was returned
-    mutable bool lastIsOpaque = false; ///< worker thread; of that image
+    mutable CapturedWindow last; ///< worker thread; without bounds and pointer. A null image: what comes is all new
+    mutable SharedImages straightImages; ///< worker thread; of translucent windows
 };

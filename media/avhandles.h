@@ -9,6 +9,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/samplefmt.h>
@@ -32,6 +33,11 @@ struct AvFrameDeleter {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };
 using AvFrameHandle = std::unique_ptr<AVFrame, AvFrameDeleter>;
+
+struct SwsContextDeleter {
+    void operator()(SwsContext* context) const { sws_freeContext(context); }
+};
+using SwsContextHandle = std::unique_ptr<SwsContext, SwsContextDeleter>;
 
 struct AvResamplerDeleter {
     void operator()(SwrContext* context) const { swr_free(&context); }

@@ -41,6 +41,7 @@ void GstRecorder::closeOutput()
     attempt([this] { stopAudioCapture(); });
     sws_freeContext(swsContext);
     swsContext = nullptr;
+    bandConversion.release();
     swr_free(&audioResampler);
 
     // 2. Trailer, exactly when there is a header; then the file.
@@ -53,7 +54,7 @@ void GstRecorder::closeOutput()
 
     // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.
     av_frame_free(&videoFrame);
-    videoFrameKey = 0;
+    videoFrameVersion = 0;
     avcodec_free_context(&videoCodecContext);
     avcodec_free_context(&audioCodecContext);
     av_audio_fifo_free(audioFifo);

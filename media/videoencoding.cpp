@@ -42,29 +42,39 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
     return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
 }
 
-/// An image that the frame already holds is not converted again; the encoder may still read it.
+/// Whether it is the image that composeFrame() made last, and not a copy that somebody painted on.
+bool GstRecorder::isComposed(const QImage& image) const
+{
+    return !composedImage.isNull() && image.constBits() == composedImage.constBits();
+}
+
+/// Only what the frame does not hold yet is converted; the encoder may still read it.
 bool GstRecorder::fillVideoFrame(const QImage& image)
 {
-    if (videoFrameKey == image.cacheKey())
+    const qint64 version = isComposed(image) ? composedVersion : 0;
+    if (version != 0 && videoFrameVersion == version)
         return true;
-    videoFrameKey = 0;
+    const bool partly = version != 0 && videoFrameVersion == version - 1 && videoFrameVersion != 0;
+    videoFrameVersion = 0;
     const int status = av_frame_make_writable(videoFrame);
     if (status < 0) {
         qCritical() << "FFmpeg frame is not writable:" << avErrorString(status);
         return false;
     }
-    if (!transferPixels(image))
+    if (!transferPixels(image, partly ? composedChanges : RowSet(0, canvasHeight)))
         return false;
-    videoFrameKey = image.cacheKey();
+    videoFrameVersion = version;
     return true;
 }
 
-bool GstRecorder::transferPixels(const QImage& image)
+bool GstRecorder::transferPixels(const QImage& image, const RowSet& rows)
 {
     if (videoCodecContext->pix_fmt == AV_PIX_FMT_BGRA) {
-        for (int y = 0; y < canvasHeight; ++y) {
-            std::memcpy(videoFrame->data[0] + std::ptrdiff_t(y) * videoFrame->linesize[0], image.constScanLine(y),
-                std::size_t(canvasWidth) * 4);
+        for (const RowSet::Range& range : rows.ranges()) {
+            for (int y = range.top; y < range.end; ++y) {
+                std::memcpy(videoFrame->data[0] + std::ptrdiff_t(y) * videoFrame->linesize[0], image.constScanLine(y),
+                    std::size_t(canvasWidth) * 4);
+            }
         }
         return true;
     }
@@ -72,6 +82,8 @@ bool GstRecorder::transferPixels(const QImage& image)
         qCritical() << "FFmpeg pixel conversion context is unavailable.";
         return false;
     }
+    if (bandConversion.convert(image, rows, *videoFrame))
+        return true;
     const uint8_t* const planes[] = {image.constBits()};
     const int strides[] = {int(image.bytesPerLine())};
     sws_scale(swsContext, planes, strides, 0, canvasHeight, videoFrame->data, videoFrame->linesize);

@@ -10,18 +10,20 @@ GstRecorder::CapturedFrame GstRecorder::captureWindowFrame() const
     CapturedFrame frame;
     if (!windowCapture)
         return frame;
-    QRect bounds;
-    QImage image = windowCapture->capture(&bounds);
-    if (image.isNull() || !bounds.isValid())
+    CapturedWindow captured = windowCapture->captureWindow();
+    if (captured.image.isNull() || !captured.bounds.isValid())
         return frame;
 
-    frame.image = std::move(image);
-    frame.opaque = windowCapture->isOpaque();
-    frame.windowBounds = bounds;
+    frame.image = std::move(captured.image);
+    frame.imageVersion = captured.version;
+    frame.changedRows = captured.changedRows;
+    frame.ownBytes = captured.ownBytes;
+    frame.opaque = captured.opaque;
+    frame.windowBounds = captured.bounds;
     frame.capturedAtMs = QDateTime::currentMSecsSinceEpoch();
-    if (const auto pointer = windowCapture->pointerLocation()) {
-        frame.cursorX = pointer->x();
-        frame.cursorY = pointer->y();
+    if (captured.pointer) {
+        frame.cursorX = captured.pointer->x();
+        frame.cursorY = captured.pointer->y();
         frame.hasCursor = true;
     }
     return frame;

@@ -96,6 +96,22 @@ std::vector<GstRecorder::LiveClick> GstRecorder::liveClicks(long long timestampM
     return live;
 }
 
+/// The rows that markers touch.
+RowSet GstRecorder::markerRows(
+    const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs)
+{
+    RowSet rows;
+    for (const LiveClick& entry : live) {
+        const auto inImage = clickInImage(entry.click, geometry);
+        if (!inImage)
+            continue;
+        const double centre = geometry.toCanvas(*inImage).y();
+        const double radius = clickmarker::radius(clickmarker::fade(timestampMs - entry.keyMs));
+        rows.add(geometry.canvasRows(centre - radius, centre + radius));
+    }
+    return rows;
+}
+
 void GstRecorder::drawClicks(
     QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs)
 {

@@ -6,6 +6,7 @@
 #include <QPen>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -46,7 +47,7 @@ void drawPointer(QPainter& painter, const FrameGeometry& geometry, const QPointF
 /// Whether every pixel of the window's image becomes one of the canvas as it is.
 bool isCopied(const GstRecorder::CapturedFrame& frame, const FrameGeometry& geometry)
 {
-    return frame.opaque && geometry.target().size() == QSizeF(frame.image.size());
+    return frame.opaque && geometry.isUnscaled();
 }
 
 /// The same pixels; those of an image without an alpha channel are copied where others are blended.
@@ -55,56 +56,111 @@ QImage withoutAlphaChannel(const QImage& opaque)
     return QImage(opaque.constBits(), opaque.width(), opaque.height(), opaque.bytesPerLine(), QImage::Format_RGB32);
 }
 
+/// Where the tip of the arrow is; nothing when none is drawn.
+std::optional<QPointF> pointerTip(const GstRecorder::CapturedFrame& frame, const FrameGeometry& geometry)
+{
+    if (!frame.hasCursor)
+        return std::nullopt;
+    const auto inside = geometry.insideImage(frame.cursorX, frame.cursorY);
+    return inside ? std::optional(geometry.toCanvas(*inside)) : std::nullopt;
 }
 
-/// The same image again (the same memory, the same QImage::cacheKey()) when nothing has changed that can be seen.
+/// The rows that the arrow covers, its rim and smoothed edge included.
+RowSet pointerRows(const FrameGeometry& geometry, const QPointF& tip)
+{
+    constexpr double height = 27.0;
+    constexpr double rim = 3.0;
+    const double scale = std::max(geometry.scaleY(), 1.0);
+    return geometry.canvasRows(tip.y() - rim * scale, tip.y() + (height + rim) * scale);
+}
+
+}
+
+/// The same image again when nothing has changed that can be seen. Otherwise only the rows that differ are painted.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
     const std::vector<LiveClick> live = liveClicks(timestampMs);
-    const CompositionSource source{
-        frame.image.cacheKey(), frame.windowBounds, frame.cursorX, frame.cursorY, frame.hasCursor};
-    if (live.empty() && source == composedFrom && composedImage.size() == QSize(canvasWidth, canvasHeight))
-        return composedImage;
+    const QSize canvasSize(canvasWidth, canvasHeight);
+    const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvasSize);
+    const CompositionSource source{frame.imageVersion, frame.image.size(), frame.opaque, frame.windowBounds,
+        frame.cursorX, frame.cursorY, frame.hasCursor};
+    RowSet overlay = markerRows(geometry, live, timestampMs);
+    if (const auto tip = pointerTip(frame, geometry))
+        overlay.add(pointerRows(geometry, *tip));
 
-    composedFrom.reset();
-    QImage canvas = takeCanvas();
+    const RowSet all(0, canvasHeight);
+    const bool partly = composedFrom && source.follows(*composedFrom) && composedImage.size() == canvasSize;
+    const RowSet rows = partly ? rowsToPaint(source, geometry, frame.changedRows, overlay, !live.empty()) : all;
+    if (rows.isEmpty()) {
+        composedFrom = source;
+        return composedImage;
+    }
+    composedFrom.reset(); // until it is painted
+    QImage canvas = takeCanvas(partly);
     if (canvas.isNull()) // a canvas that no memory holds
         return canvas;
-    paintFrame(canvas, frame, live, timestampMs);
+    paintRows(canvas, rows, frame, live, timestampMs);
     composedImage = canvas;
-    if (live.empty())
-        composedFrom = source;
+    composedFrom = source;
+    composedOverlay = overlay;
+    composedMarkers = !live.empty();
+    composedChanges = rows;
+    ++composedVersion;
     return canvas;
 }
 
-/// Memory for the next image: that of the last one, unless somebody still looks at it.
-QImage GstRecorder::takeCanvas()
+/// The rows of the canvas in which the next image differs from the last one.
+RowSet GstRecorder::rowsToPaint(const CompositionSource& source, const FrameGeometry& geometry,
+    const RowSet& changedRows, const RowSet& overlay, bool hasMarkers) const
+{
+    RowSet rows;
+    if (source.imageVersion != composedFrom->imageVersion)
+        rows = geometry.toCanvas(changedRows);
+    if (hasMarkers || composedMarkers || !source.hasPointerOf(*composedFrom)) {
+        rows.add(composedOverlay);
+        rows.add(overlay);
+    }
+    return rows;
+}
+
+/// Memory for the next image: that of the last one, unless somebody still looks at it. keepsPixels: with its pixels.
+QImage GstRecorder::takeCanvas(bool keepsPixels)
 {
     QImage canvas = std::exchange(composedImage, QImage());
+    if (keepsPixels) {
+        canvas.detach();
+        return canvas;
+    }
     if (canvas.isDetached() && canvas.size() == QSize(canvasWidth, canvasHeight))
         return canvas;
     return QImage(canvasWidth, canvasHeight, QImage::Format_ARGB32);
 }
 
 /// Where nothing is scaled or translucent, a canvas without an alpha channel gives the same pixels and is several
-/// times quicker. (What is scaled would come out a shade different.)
-void GstRecorder::paintFrame(
-    QImage& canvas, const CapturedFrame& frame, const std::vector<LiveClick>& live, long long timestampMs)
+/// times quicker. (What is scaled would come out a shade different.) Rows are painted whole: a smoothly scaled row
+/// that begins elsewhere is rounded differently.
+void GstRecorder::paintRows(QImage& canvas, const RowSet& rows, const CapturedFrame& frame,
+    const std::vector<LiveClick>& live, long long timestampMs)
 {
     const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvas.size());
     const bool copied = isCopied(frame, geometry);
+    const bool hasBars = geometry.target() != QRectF(canvas.rect());
+    const QImage image = copied ? withoutAlphaChannel(frame.image) : frame.image;
+    const auto tip = pointerTip(frame, geometry);
     if (copied)
         canvas.reinterpretAsFormat(QImage::Format_RGB32);
-    canvas.fill(Qt::black);
     QPainter painter(&canvas);
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
-    painter.drawImage(
-        geometry.target(), copied ? withoutAlphaChannel(frame.image) : frame.image, QRectF(frame.image.rect()));
-    if (frame.hasCursor) {
-        if (const auto inside = geometry.insideImage(frame.cursorX, frame.cursorY))
-            drawPointer(painter, geometry, geometry.toCanvas(*inside));
+    for (const RowSet::Range& range : rows.ranges()) {
+        const QRect area(0, range.top, canvas.width(), range.count());
+        painter.setClipRect(area);
+        if (hasBars || !copied)
+            painter.fillRect(area, Qt::black);
+        painter.drawImage(geometry.target(), image, QRectF(image.rect()));
+        if (tip)
+            drawPointer(painter, geometry, *tip);
+        drawClicks(painter, geometry, live, timestampMs);
     }
-    drawClicks(painter, geometry, live, timestampMs);
     painter.end();
     canvas.reinterpretAsFormat(QImage::Format_ARGB32);
 }

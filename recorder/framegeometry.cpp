@@ -4,6 +4,7 @@
 #include "windowbounds.h"
 
 #include <algorithm>
+#include <cmath>
 
 int normalizedCanvasSize(double requested)
 {
@@ -14,7 +15,7 @@ int normalizedCanvasSize(double requested)
 }
 
 FrameGeometry::FrameGeometry(const QSize& imageSize, const QRect& windowBounds, const QSize& canvasSize)
-    : imageSize_(imageSize), bounds_(windowBounds), scaledSize_(imageSize.scaled(canvasSize, Qt::KeepAspectRatio)),
+    : imageSize_(imageSize), bounds_(windowBounds), canvasSize_(canvasSize), scaledSize_(imageSize.scaled(canvasSize, Qt::KeepAspectRatio)),
       offsetX_((canvasSize.width() - scaledSize_.width()) / 2),
       offsetY_((canvasSize.height() - scaledSize_.height()) / 2),
       scaleX_(imageSize.width() > 0 ? double(scaledSize_.width()) / imageSize.width() : 0.0),
@@ -43,4 +44,27 @@ QPointF FrameGeometry::normalizedToImage(double x, double y) const
 QPointF FrameGeometry::toCanvas(const QPointF& imagePoint) const
 {
     return QPointF(imagePoint.x() * scaleX_ + offsetX_, imagePoint.y() * scaleY_ + offsetY_);
+}
+
+RowSet FrameGeometry::toCanvas(const RowSet& imageRows) const
+{
+    constexpr int reach = 2; // rows on either side, of the image and of the canvas
+    RowSet rows;
+    for (const RowSet::Range& range : imageRows.ranges()) {
+        if (isUnscaled()) {
+            rows.add(range.top + offsetY_, range.end + offsetY_);
+            continue;
+        }
+        const double top = (range.top - reach) * scaleY_ + offsetY_ - reach;
+        rows.add(canvasRows(top, (range.end + reach) * scaleY_ + offsetY_ + reach));
+    }
+    return rows;
+}
+
+RowSet FrameGeometry::canvasRows(double top, double bottom) const
+{
+    constexpr double edge = 1.0;
+    const double first = std::max(std::floor(top - edge), 0.0);
+    const double end = std::min(std::ceil(bottom + edge), double(canvasSize_.height()));
+    return first < end ? RowSet(int(first), int(end)) : RowSet();
 }

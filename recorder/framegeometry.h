@@ -1,6 +1,8 @@
 // Where things go on the canvas: pure, values in, values out.
 #pragma once
 
+#include "rowset.h"
+
 #include <QPointF>
 #include <QRect>
 #include <QRectF>
@@ -36,9 +38,22 @@ public:
     /// Image pixels to canvas pixels.
     QPointF toCanvas(const QPointF& imagePoint) const;
 
+    /// Rows of the canvas, at most its height, that show rows of the image. A smoothly scaled row also shows in its
+    /// neighbours.
+    RowSet toCanvas(const RowSet& imageRows) const;
+
+    /// Those rows of the canvas that something touches which is painted between two heights, with smoothed edges.
+    RowSet canvasRows(double top, double bottom) const;
+
+    /// Whether every pixel of the image becomes one of the canvas.
+    bool isUnscaled() const { return scaledSize_ == imageSize_; }
+
+    QSize canvasSize() const { return canvasSize_; }
+
 private:
     QSize imageSize_;
     QRect bounds_;
+    QSize canvasSize_;
     QSize scaledSize_;
     int offsetX_;
     int offsetY_;

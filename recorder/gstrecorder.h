@@ -17,11 +17,13 @@
 #pragma once
 
 #include "avhandles.h"
+#include "bandconversion.h"
 #include "checkedlock.h"
 #include "clickkeys.h"
 #include "compositionsource.h"
 #include "framegeometry.h"
 #include "packetwriting.h"
+#include "rowset.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -58,6 +60,9 @@ public:
         double cursorY = 0.0;
         bool hasCursor = false; ///< cursorX and cursorY hold a real sample
         bool opaque = false; ///< every alpha value of the image is known to be 0xff
+        qint64 imageVersion = 0; ///< grows by one with each image that differs from the one before; 0 is unknown
+        RowSet changedRows; ///< of the image; all others are as in the version before
+        qint64 ownBytes = 0; ///< memory of the image that the version before does not hold, too
     };
 
     /// An entry of the delay queue.
@@ -167,14 +172,18 @@ private:
     // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
 
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
-    QImage takeCanvas();
-    static void paintFrame(
-        QImage& canvas, const CapturedFrame& frame, const std::vector<LiveClick>& live, long long timestampMs);
+    RowSet rowsToPaint(const CompositionSource& source, const FrameGeometry& geometry, const RowSet& changedRows,
+        const RowSet& overlay, bool hasMarkers) const;
+    QImage takeCanvas(bool keepsPixels);
+    static void paintRows(QImage& canvas, const RowSet& rows, const CapturedFrame& frame,
+        const std::vector<LiveClick>& live, long long timestampMs);
 
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
     bool makeRoomForClick(qint64 key) REQUIRES(clickMutex);
     std::vector<LiveClick> liveClicks(long long timestampMs);
+    static RowSet markerRows(
+        const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
 
@@ -219,7 +228,8 @@ private:
     bool encodeImage(const QImage& image, long long ptsMs);
     bool drainEncoder();
     bool fillVideoFrame(const QImage& image);
-    bool transferPixels(const QImage& image);
+    bool isComposed(const QImage& image) const;
+    bool transferPixels(const QImage& image, const RowSet& rows);
     bool writeVideoPackets(const char* receiveError, const char* writeError);
 
     // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
@@ -272,14 +282,19 @@ private:
 
     // The image that was composed last: worker, framecomposition.cpp.
     QImage composedImage; // its memory serves the next one, too
-    std::optional<CompositionSource> composedFrom; // nothing when it shows clicks, which change with the time
+    std::optional<CompositionSource> composedFrom; // nothing: the next one is painted whole
+    RowSet composedOverlay; // its rows with the pointer and markers
+    bool composedMarkers = false; // it shows markers, which change with the time
+    qint64 composedVersion = 0; // grows by one with each image that differs from the one before; 0 before the first
+    RowSet composedChanges; // its rows that may differ from the version before
 
     // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
     AVFormatContext* formatContext = nullptr; // also holds the file handle
     AVCodecContext* videoCodecContext = nullptr;
     AVStream* videoStream = nullptr; // owned by formatContext
     AVFrame* videoFrame = nullptr; // the one frame, reused for every image
-    qint64 videoFrameKey = 0; // QImage::cacheKey() of the image that it holds, videoencoding.cpp; 0 is none
+    qint64 videoFrameVersion = 0; // composedVersion that it holds, videoencoding.cpp; 0 is none
+    BandConversion bandConversion; // of parts of an image; videoencoding.cpp
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that

@@ -19,18 +19,21 @@ inline qint64 largest(std::optional<qint64> availableBytes, qint64 queuedBytes)
     return (std::max<qint64>(0, availableBytes.value_or(assumedBytes)) + queuedBytes) / 2;
 }
 
-/// The bytes of pixels that the frames of a queue hold. Successive frames of a window that did not change share
-/// theirs, which count once.
+/// The bytes of pixels that the frames of a queue hold: the first one's image, and what each one has more than the one
+/// before. (What an unknown version shares, nobody knows; it counts whole.)
 template <typename Queue>
 qint64 bytesOf(const Queue& queue)
 {
     qint64 bytes = 0;
-    qint64 lastKey = 0; // no image has it
+    qint64 lastVersion = 0;
     for (const auto& queued : queue) {
-        const auto& image = queued.frame.image;
-        if (image.cacheKey() != lastKey)
-            bytes += image.sizeInBytes();
-        lastKey = image.cacheKey();
+        const auto& frame = queued.frame;
+        const bool isNext = lastVersion != 0 && frame.imageVersion == lastVersion + 1;
+        if (isNext)
+            bytes += frame.ownBytes;
+        else if (frame.imageVersion == 0 || frame.imageVersion != lastVersion)
+            bytes += frame.image.sizeInBytes();
+        lastVersion = frame.imageVersion;
     }
     return bytes;
 }

@@ -11,7 +11,7 @@
 #include <memory>
 #include <utility>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 
@@ -117,7 +117,7 @@ void X11AttacksTest::damageDestroyedAgainAndAgain()
 void X11AttacksTest::resizedThereAndBackWithoutDamage()
 {
     WindowProcess window({.pixel = blue});
-    x11::WindowImages source(window.id(), [] { return std::chrono::steady_clock::time_point(); });
+    Sampled<x11::WindowImages> source(window.id(), [] { return std::chrono::steady_clock::time_point(); });
     QVERIFY(window.send("fill ff00ff00 0 0 320 240"));
     QVERIFY(isFilled(source.image(), green));
     ForeignClient().destroyDamage();
@@ -177,7 +177,7 @@ void X11AttacksTest::idOfAnotherProgramAfterwards()
     auto window = std::make_unique<WindowProcess>(WindowStart{.pixel = blue});
     const quint32 id = window->id();
     std::chrono::steady_clock::time_point now;
-    x11::WindowImages source(id, [&now] { return now; });
+    Sampled<x11::WindowImages> source(id, [&now] { return now; });
     QVERIFY(isFilled(source.image(), blue));
     ForeignClient().endConnections(id);
     window->kill();

@@ -12,7 +12,7 @@
 
 #include <xcb/shm.h>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 
@@ -88,7 +88,7 @@ void X11ChangesTest::unchangedWindowSharesItsPixels()
 {
     WindowProcess window({.pixel = blue});
     const auto noTime = [] { return std::chrono::steady_clock::time_point(); };
-    x11::WindowImages source(window.id(), noTime);
+    Sampled<x11::WindowImages> source(window.id(), noTime);
     const QImage image = settledImage(source);
     QVERIFY(isFilled(image, blue));
     const int fetchesBefore = fetches;
@@ -104,7 +104,7 @@ void X11ChangesTest::unchangedWindowIsComparedNowAndThen()
     for (const int depth : {24, 32}) {
         WindowProcess window({.depth = depth, .pixel = blue});
         std::chrono::steady_clock::time_point now;
-        x11::WindowImages source(window.id(), [&now] { return now; });
+        Sampled<x11::WindowImages> source(window.id(), [&now] { return now; });
         const QImage image = settledImage(source);
         for (int second = 1; second <= 3; ++second) {
             const int fetchesBefore = fetches;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "privatexserver.h"
+#include "sampledwindow.h"
 #include "windowprocess.h"
 
 #include "platform/screen.h"

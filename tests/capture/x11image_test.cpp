@@ -8,7 +8,7 @@
 
 #include <memory>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 

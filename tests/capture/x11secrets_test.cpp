@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <memory>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 

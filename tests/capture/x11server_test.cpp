@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 

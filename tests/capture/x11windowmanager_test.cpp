@@ -11,7 +11,7 @@
 
 #include <memory>
 
-using platform::WindowSource;
+using WindowSource = SampledWindow;
 
 namespace {
 

@@ -2,9 +2,12 @@
 
 #include "fakeaudio.h"
 #include "platform/application.h"
+#include "platform/memory.h"
 #include "platform/screen.h"
 
 #include <algorithm>
+
+#include <sys/mman.h>
 
 namespace fakeplatform {
 
@@ -48,6 +51,7 @@ bool requestScreenCaptureAccess()
 
 struct WindowSource::Impl {
     int imagesAsked = 0;
+    QImage last; // the last one that was not null
 };
 
 WindowSource::WindowSource(quint32 windowId) : impl_(std::make_unique<Impl>())
@@ -61,25 +65,27 @@ WindowSource::~WindowSource()
     --state().openWindows;
 }
 
-QImage WindowSource::image()
+WindowSample WindowSource::sample(bool withBounds)
 {
+    WindowSample sample;
     const int index = impl_->imagesAsked++;
-    return state().image ? state().image(index) : QImage();
-}
-
-bool WindowSource::imageWasUnusable() const
-{
-    return state().imageWasUnusable;
-}
-
-std::optional<QRectF> WindowSource::bounds()
-{
-    return state().bounds ? state().bounds() : std::nullopt;
-}
-
-std::optional<QPointF> WindowSource::pointerLocation()
-{
-    return state().pointer ? state().pointer() : std::nullopt;
+    if (state().image)
+        sample.image = state().image(index);
+    sample.unusable = state().imageWasUnusable;
+    if (sample.image.isNull())
+        return sample;
+    if (state().changedRows) {
+        sample.changedRows = state().changedRows(index);
+    } else if (sample.image.cacheKey() != impl_->last.cacheKey()) {
+        sample.changedRows = RowSet(0, sample.image.height());
+    }
+    sample.ownBytes = sample.changedRows.isEmpty() ? 0 : sample.image.sizeInBytes();
+    impl_->last = sample.image;
+    if (withBounds && state().bounds)
+        sample.bounds = state().bounds();
+    if (state().pointer)
+        sample.pointer = state().pointer();
+    return sample;
 }
 
 void chooseGuiPlatform() { }
@@ -109,6 +115,45 @@ std::optional<qint64> availableMemory()
 std::optional<quint32> administratorsGroup()
 {
     return state().administratorsGroup;
+}
+
+namespace {
+
+bool refusesMemory()
+{
+    return state().memoryCallsLeft && (*state().memoryCallsLeft)-- <= 0;
+}
+
+}
+
+uchar* takeMemory(std::size_t size)
+{
+    if (refusesMemory())
+        return nullptr;
+    void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    state().memoryTaken += size;
+    return static_cast<uchar*>(memory);
+}
+
+uchar* reserveAddresses(std::size_t size)
+{
+    if (refusesMemory())
+        return nullptr;
+    state().memoryTaken += size;
+    return static_cast<uchar*>(::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+}
+
+bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
+{
+    ++state().mappings;
+    return !refusesMemory()
+        && ::mremap(const_cast<uchar*>(memory), 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, address) == address;
+}
+
+void freeMemory(uchar* memory, std::size_t size)
+{
+    state().memoryTaken -= size;
+    ::munmap(memory, size);
 }
 
 }

@@ -1,6 +1,8 @@
 // A platform whose every answer the test sets. One state for the whole process; reset() between tests.
 #pragma once
 
+#include "rowset.h"
+
 #include <QImage>
 #include <QPointF>
 #include <QRectF>
@@ -21,6 +23,8 @@ struct State {
 
     /// The window's image; called with the number of images asked for before (0 first).
     std::function<QImage(int)> image;
+    /// Which rows of it the source says may have changed; nothing set: all, unless it is the same image as before.
+    std::function<RowSet(int)> changedRows;
     bool imageWasUnusable = false; ///< a null image is one that the system has, but cannot be used
     std::function<std::optional<QRectF>()> bounds;
     std::function<std::optional<QPointF>()> pointer;
@@ -30,6 +34,10 @@ struct State {
     std::optional<quint32> peerUserId = 1000;
     quint32 ownUserId = 1000;
     std::optional<qint64> availableMemory;
+    /// So many calls of the seam of the memory succeed, and then none; nothing set: all.
+    std::optional<int> memoryCallsLeft;
+    std::size_t memoryTaken = 0; ///< bytes, of memory and of addresses; not yet given back
+    int mappings = 0; ///< calls of mapAgain()
     std::optional<quint32> administratorsGroup;
 };
 

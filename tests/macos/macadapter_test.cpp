@@ -1,6 +1,6 @@
 // What the seam allows and the capture does not do. The life of an audio stream is in macstream_test.
 #include "macrig.h"
-#include "platform/screen.h"
+#include "sampledwindow.h"
 #include "testregistry.h"
 
 using macsim::answers;
@@ -102,8 +102,8 @@ void MacAdapterTest::executableOfAHugeProcessId()
 void MacAdapterTest::imagesOfTwoWindows()
 {
     answers().image = [](std::uint32_t id, int) { return std::optional(macsim::solidImage(2, 2, 0xff000000U + id)); };
-    platform::WindowSource one(1);
-    platform::WindowSource two(2);
+    SampledWindow one(1);
+    SampledWindow two(2);
     QCOMPARE(one.image().pixel(0, 0), 0xff000001U);
     QCOMPARE(two.image().pixel(1, 1), 0xff000002U);
     QCOMPARE(one.image().format(), QImage::Format_ARGB32_Premultiplied);
@@ -123,9 +123,11 @@ void MacAdapterTest::boundsThatCannotBeTold_data()
 void MacAdapterTest::boundsThatCannotBeTold()
 {
     QFETCH(const int, info);
-    platform::WindowSource window(1);
+    SampledWindow window(1);
+    QVERIFY(!window.image().isNull());
     QCOMPARE(window.bounds(), std::optional<QRectF>(QRectF(10, 20, 40, 30)));
     answers().windowInfo = macsim::WindowInfo(info);
+    QVERIFY(!window.image().isNull());
     QVERIFY(!window.bounds());
 }
 

@@ -186,8 +186,10 @@ void MacWindowTest::imageOfAnyThread()
     QRect bounds;
     std::optional<QPointF> pointer;
     std::thread thread([&] {
-        image = capture.capture(&bounds);
-        pointer = capture.pointerLocation();
+        const CapturedWindow captured = capture.captureWindow();
+        image = captured.image;
+        bounds = captured.bounds;
+        pointer = captured.pointer;
     });
     thread.join();
     QCOMPARE(image.pixel(0, 0), 0xff0000ffU);
@@ -315,11 +317,12 @@ void MacWindowTest::boundsAreNotAskedForInVain()
 
 void MacWindowTest::pointer()
 {
+    show(macsim::solidImage(2, 2, 0xff0000ff));
     answers().pointer = macsim::Point{-17.25, 33.5};
     const MacWindowCapture capture(QStringLiteral("42"));
-    QCOMPARE(capture.pointerLocation(), std::optional<QPointF>(QPointF(-17.25, 33.5)));
+    QCOMPARE(capture.captureWindow().pointer, std::optional<QPointF>(QPointF(-17.25, 33.5)));
     answers().pointer.reset();
-    QVERIFY(!capture.pointerLocation());
+    QVERIFY(!capture.captureWindow().pointer);
 }
 
 ORVANTIS_TEST(MacWindowTest)

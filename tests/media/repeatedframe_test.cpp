@@ -90,9 +90,11 @@ void RepeatedFrameTest::isConvertedOnce()
 {
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
-    const QImage frame = testimages::solid(recorder.canvas(), red);
+    RecorderProbe::CapturedFrame frame;
+    frame.image = testimages::solid(recorder.canvas(), red);
+    frame.imageVersion = 1;
     for (int i = 0; i < 5; ++i)
-        QVERIFY(recorder->encodeImage(frame, i * 41));
+        QVERIFY(recorder->encodeImage(recorder->composeFrame(frame, i * 41), i * 41));
     QCOMPARE(calls(Call::MakeWritable), 1);
     QVERIFY(recorder->encodeImage(testimages::solid(recorder.canvas(), red), 205)); // equal, but not the same image
     QCOMPARE(calls(Call::MakeWritable), 2);
@@ -147,6 +149,7 @@ void RepeatedFrameTest::rehearsalLeavesTheFrameReady()
     RecorderProbe::CapturedFrame frame;
     frame.image = testimages::solid(recorder.canvas(), green);
     frame.windowBounds = frame.image.rect();
+    frame.imageVersion = 1;
     recorder->rehearse(frame);
     QCOMPARE(calls(Call::MakeWritable), 1);
     QCOMPARE(calls(Call::SendFrame), 0);

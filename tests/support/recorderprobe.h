@@ -35,7 +35,11 @@ struct RecorderProbe {
     bool createVideoStream() { return recorder.createVideoStream(); }
     bool openFileAndWriteHeader() { return recorder.openFileAndWriteHeader(); }
     bool allocateVideoFrame() { return recorder.allocateVideoFrame(); }
-    bool transferPixels(const QImage& image) { return recorder.transferPixels(image); }
+    bool transferPixels(const QImage& image)
+    {
+        return recorder.transferPixels(image, RowSet(0, recorder.canvasHeight));
+    }
+    bool transferRows(const QImage& image, const RowSet& rows) { return recorder.transferPixels(image, rows); }
     bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
     bool drainEncoder() { return recorder.drainEncoder(); }
     bool openAudioOutput() { return recorder.openAudioOutput(); }

@@ -31,6 +31,7 @@ RecorderProbe::CapturedFrame frameOf(const QImage& image)
     frame.cursorX = 30;
     frame.cursorY = 20;
     frame.hasCursor = true;
+    frame.imageVersion = 1;
     return frame;
 }
 
@@ -154,7 +155,7 @@ void CompositionReuseTest::pointerAndMarkersLookTheSameOnAnOpaqueWindow()
         probe_->clicks().insert(i * 350, {20.0 + 25.0 * i, 50.5, 0.0, 0.0, false});
     const QImage blended = compose(frame, 1500).copy();
     frame.opaque = true;
-    frame.image = frame.image.copy(); // another image: nothing is used again
+    frame.imageVersion = 0; // unknown: nothing is used again
     QCOMPARE(compose(frame, 1500), blended); // alpha included
     frame.hasCursor = false;
     QVERIFY(compose(frame, 1500) != blended);
@@ -183,8 +184,24 @@ void CompositionReuseTest::anyChangeGivesAnotherImage_data()
         change(changed);
         QTest::newRow(name) << changed;
     };
-    row("image", [](auto& changed) { changed.image = speckled(canvas, true, 2); });
-    row("one pixel of the image", [](auto& changed) { changed.image.setPixel(190, 100, 0xff123456); });
+    row("image", [](auto& changed) {
+        changed.image = speckled(canvas, true, 2);
+        changed.imageVersion = 2;
+        changed.changedRows = RowSet(0, canvas.height());
+    });
+    row("image after one that was left out", [](auto& changed) {
+        changed.image = speckled(canvas, true, 2);
+        changed.imageVersion = 3;
+    });
+    row("image of another recorder", [](auto& changed) {
+        changed.image = speckled(canvas, true, 2);
+        changed.imageVersion = 0;
+    });
+    row("one pixel of the image", [](auto& changed) {
+        changed.image.setPixel(190, 100, 0xff123456);
+        changed.imageVersion = 2;
+        changed.changedRows = RowSet(100, 101);
+    });
     row("window moved", [](auto& changed) { changed.windowBounds.translate(-7, 0); });
     row("window in other points", [](auto& changed) { changed.windowBounds.setWidth(96); });
     row("pointer right", [](auto& changed) { changed.cursorX += 0.5; });
@@ -241,6 +258,8 @@ void CompositionReuseTest::memoryIsUsedAgain()
     const uchar* memory = compose(frame).constBits();
     for (int i = 0; i < 3; ++i) {
         frame.image = speckled(canvas, true, quint32(i) + 2);
+        frame.imageVersion += i + 1; // the next one is painted in part, the others whole
+        frame.changedRows = RowSet(0, canvas.height());
         const QImage image = compose(frame);
         QCOMPARE(image.constBits(), memory);
         QCOMPARE(image, composeAnew(frame));
@@ -251,7 +270,10 @@ void CompositionReuseTest::imageThatSomebodyKeepsIsLeftAlone()
 {
     const QImage kept = compose(frameOf(speckled(canvas, true)));
     const QImage asItWas = kept.copy();
-    const QImage next = compose(frameOf(speckled(canvas, true, 2)));
+    RecorderProbe::CapturedFrame changed = frameOf(speckled(canvas, true, 2));
+    changed.imageVersion = 2;
+    changed.changedRows = RowSet(0, canvas.height());
+    const QImage next = compose(changed);
     QVERIFY(next.constBits() != kept.constBits());
     QCOMPARE(kept, asItWas);
 }

@@ -236,7 +236,7 @@ void WindowImageTest::onePixelDecidesWhetherAnImageIsOpaque()
     fakeplatform::state().image = [source](int) { return source; };
     const MacWindowCapture capture(QStringLiteral("42"));
     const QImage image = capture.capture(nullptr);
-    QCOMPARE(capture.isOpaque(), alpha == 255);
+    QCOMPARE(capture.captureWindow().opaque, alpha == 255);
     QCOMPARE(image.format(), QImage::Format_ARGB32);
     QCOMPARE(image, source.convertToFormat(QImage::Format_ARGB32));
     QCOMPARE(image.constBits() == source.constBits(), alpha == 255); // the same bytes need no conversion
@@ -251,8 +251,9 @@ void WindowImageTest::opaquenessIsThatOfTheLastImage()
     };
     const MacWindowCapture capture(QStringLiteral("42"));
     for (int i = 0; i < 4; ++i) {
-        QVERIFY(!capture.capture(nullptr).isNull());
-        QCOMPARE(capture.isOpaque(), i % 2 == 0);
+        const CapturedWindow captured = capture.captureWindow();
+        QVERIFY(!captured.image.isNull());
+        QCOMPARE(captured.opaque, i % 2 == 0);
     }
 }
 
@@ -306,11 +307,12 @@ void WindowImageTest::imageAfterAGapIsTakenAnew()
 
 void WindowImageTest::pointerLocation()
 {
+    fakeplatform::state().image = [](int) { return fakeplatform::solidImage(8, 6, qRgb(1, 2, 3)); };
     fakeplatform::state().pointer = [] { return QPointF(-3.5, 1200.25); };
     const MacWindowCapture capture(QStringLiteral("42"));
-    QCOMPARE(capture.pointerLocation(), std::optional(QPointF(-3.5, 1200.25)));
+    QCOMPARE(capture.captureWindow().pointer, std::optional(QPointF(-3.5, 1200.25)));
     fakeplatform::state().pointer = nullptr;
-    QVERIFY(!capture.pointerLocation());
+    QVERIFY(!capture.captureWindow().pointer);
 }
 
 ORVANTIS_TEST(WindowImageTest)

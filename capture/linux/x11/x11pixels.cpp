@@ -42,15 +42,6 @@ void copyOpaque(quint32* to, const quint32* from, qsizetype count)
         to[i] = from[i] | 0xff000000u;
 }
 
-/// Row by row, without a way out of the loop, so that the compiler vectorises it, too.
-bool isSameOpaque(const quint32* opaque, const quint32* other, int count)
-{
-    quint32 difference = 0;
-    for (int i = 0; i < count; ++i)
-        difference |= opaque[i] ^ (other[i] | 0xff000000u);
-    return difference == 0;
-}
-
 }
 
 std::optional<PixelLayout> pixelLayout(const xcb_setup_t* setup, xcb_visualid_t visual)
@@ -82,22 +73,19 @@ std::optional<PixelLayout> pixelLayout(int depth, int bitsPerPixel, const xcb_vi
     return std::nullopt;
 }
 
-bool hasSamePixels(const QImage& image, const uchar* pixels, QSize size, const PixelLayout& layout)
+QImage::Format imageFormat(const PixelLayout& layout)
 {
-    if (image.size() != size)
-        return false;
-    if (layout.bytesPerPixel != 4 || image.format() != layout.format) // kept converted
-        return image == imageFromPixels(pixels, size, layout);
-    const int width = size.width();
-    for (int y = 0; y < size.height(); ++y) {
-        const auto* kept = reinterpret_cast<const quint32*>(image.constScanLine(y));
-        const auto* read = reinterpret_cast<const quint32*>(pixels) + qsizetype(y) * width;
-        const bool same = layout.format == QImage::Format_RGB32 ? isSameOpaque(kept, read, width)
-                                                                : std::memcmp(kept, read, size_t(width) * 4) == 0;
-        if (!same)
-            return false;
-    }
-    return true;
+    return layout.format == QImage::Format_ARGB32_Premultiplied ? layout.format : QImage::Format_RGB32;
+}
+
+bool isTakenAsItIs(const PixelLayout& layout)
+{
+    return layout.format == imageFormat(layout);
+}
+
+quint32 opaqueBits(const PixelLayout& layout)
+{
+    return layout.format == QImage::Format_RGB32 ? 0xff000000u : 0;
 }
 
 QImage imageFromPixels(const uchar* pixels, QSize size, const PixelLayout& layout)

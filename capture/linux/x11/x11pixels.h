@@ -28,8 +28,14 @@ struct PixelLayout {
 std::optional<PixelLayout> pixelLayout(const xcb_setup_t* setup, xcb_visualid_t visual);
 std::optional<PixelLayout> pixelLayout(int depth, int bitsPerPixel, const xcb_visualtype_t& visual);
 
-/// Whether imageFromPixels() would give that image again. Much cheaper.
-bool hasSamePixels(const QImage& image, const uchar* pixels, QSize size, const PixelLayout& layout);
+/// The format of the images of a window of that layout: ARGB32_Premultiplied or RGB32.
+QImage::Format imageFormat(const PixelLayout& layout);
+
+/// Whether the pixels are those of such an image, apart from opaqueBits().
+bool isTakenAsItIs(const PixelLayout& layout);
+
+/// What has to be set in every pixel: the top byte of opaque windows is whatever the application left there.
+quint32 opaqueBits(const PixelLayout& layout);
 
 /// An image with its own pixels, in ARGB32_Premultiplied, or in RGB32 with 0xff in every top byte. Null when there
 /// is no memory for it.

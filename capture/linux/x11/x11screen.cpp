@@ -26,25 +26,10 @@ WindowSource::WindowSource(quint32 windowId) : impl_(new Impl{x11::WindowImages(
 
 WindowSource::~WindowSource() = default;
 
-QImage WindowSource::image()
+// The place of an X11 window comes with its pixels, whether it is wanted or not.
+WindowSample WindowSource::sample(bool)
 {
-    return impl_->images.image();
-}
-
-// Every window of an X server has pixels, and they are read, not drawn.
-bool WindowSource::imageWasUnusable() const
-{
-    return false;
-}
-
-std::optional<QRectF> WindowSource::bounds()
-{
-    return impl_->images.bounds();
-}
-
-std::optional<QPointF> WindowSource::pointerLocation()
-{
-    return impl_->images.pointerLocation();
+    return impl_->images.sample();
 }
 
 }

@@ -95,7 +95,7 @@ void WindowImages::reconnect()
     reader_.reset();
     connection_.reset();
     shown_.reset();
-    changed_ = true;
+    changed_.addAll();
     failedAt_.reset();
     if (connect() && findOrigin() == origin_)
         return;
@@ -158,47 +158,42 @@ void WindowImages::takeFirstReports()
     }
 }
 
-QImage WindowImages::image()
+platform::WindowSample WindowImages::sample()
 {
-    static constexpr int attempts = 3; // a window that is being resized can change between the two round trips
+    platform::WindowSample sample;
     const bool isLost = !connection_ || connection_->isLost();
     if (isLost && !ended_ && origin_.server != 0 && origin_.client != 0)
         reconnect();
-    for (int attempt = 0; attempt < attempts && connection_ && connection_->recover(); ++attempt) {
-        const std::optional<Placement> now = placement();
-        if (!now)
-            break;
-        const bool current = isCurrent(*now);
-        if (current) {
-            shown_->placement = *now;
-            if (now_() - readAt_ < checkInterval)
-                return shown_->image;
-        }
-        if (readImage(*now, current))
-            return shown_->image;
+    if (takeImage(sample)) {
+        sample.image = images_.last();
+        sample.bounds = QRectF(shown_->placement.visible().translated(shown_->placement.origin));
+        sample.pointer = pointer_;
+        return sample;
     }
     shown_.reset();
     if (gone_)
         endCapture();
-    return QImage();
+    return {};
 }
 
-std::optional<QRectF> WindowImages::bounds() const
+/// Brings shown_ up to date. False when there is no image.
+bool WindowImages::takeImage(platform::WindowSample& sample)
 {
-    if (!shown_)
-        return std::nullopt;
-    return QRectF(shown_->placement.visible().translated(shown_->placement.origin));
-}
-
-std::optional<QPointF> WindowImages::pointerLocation()
-{
-    if (!connection_ || !connection_->recover())
-        return std::nullopt;
-    Request<xcb_query_pointer_reply_t> request(*connection_, xcb_query_pointer(connection_->xcb(), root_));
-    const auto pointer = request.reply();
-    if (!pointer || !pointer->same_screen)
-        return std::nullopt;
-    return QPointF(pointer->root_x, pointer->root_y);
+    static constexpr int attempts = 3; // a window that is being resized can change between the two round trips
+    for (int attempt = 0; attempt < attempts && connection_ && connection_->recover(); ++attempt) {
+        const std::optional<Placement> now = placement();
+        if (!now)
+            return false;
+        const bool current = isCurrent(*now);
+        if (current) {
+            shown_->placement = *now;
+            if (now_() - readAt_ < checkInterval)
+                return true;
+        }
+        if (readImage(*now, current, sample))
+            return true;
+    }
+    return false;
 }
 
 /// The window as it is now, or nothing when it shows nowhere. Afterwards changed_ and gone_ hold for the same moment:
@@ -215,7 +210,9 @@ std::optional<Placement> WindowImages::placement()
         *connection_, xcb_translate_coordinates(xcb, window, root_, 0, 0));
     Request<xcb_get_property_reply_t> extentsRequest(
         *connection_, xcb_get_property(xcb, 0, window, frameExtents_, XCB_ATOM_CARDINAL, 0, extentWords));
-    const auto extents = extentsRequest.reply(); // the last one first: then the other replies have arrived, too
+    Request<xcb_query_pointer_reply_t> pointerRequest(*connection_, xcb_query_pointer(xcb, root_));
+    const auto pointer = pointerRequest.reply(); // the last one first: then the other replies have arrived, too
+    const auto extents = extentsRequest.reply();
     const auto attributes = attributesRequest.reply();
     const auto geometry = geometryRequest.reply();
     const auto origin = originRequest.reply();
@@ -235,6 +232,9 @@ std::optional<Placement> WindowImages::placement()
     now.origin = QPoint(origin->dst_x, origin->dst_y);
     now.clientShadow = clientShadow(extents.get(), now.size);
     shadowLog_.note(now.clientShadow, now_());
+    pointer_.reset();
+    if (pointer && pointer->same_screen)
+        pointer_ = QPointF(pointer->root_x, pointer->root_y);
     return now;
 }
 
@@ -257,14 +257,14 @@ void WindowImages::handleEvent(const WindowEvent& event)
         unpainted_.begin(now_());
         [[fallthrough]];
     case WindowEvent::Kind::Mapped:
-        changed_ = true;
+        changed_.addAll();
         ++pixmapsSeen_;
         break;
     case WindowEvent::Kind::Configured:
         handleConfigure(event);
         break;
     case WindowEvent::Kind::Damaged:
-        changed_ = true;
+        changed_.add(event.area);
         unpainted_.addDamage(event.area, event.more);
         break;
     }
@@ -281,7 +281,7 @@ void WindowImages::handleConfigure(const WindowEvent& event)
 
 bool WindowImages::isCurrent(const Placement& placement)
 {
-    return shown_ && !changed_ && shown_->placement.hasPixelsOf(placement) && shown_->blank == blankArea();
+    return shown_ && changed_.isEmpty() && shown_->placement.hasPixelsOf(placement) && shown_->blank == blankArea();
 }
 
 /// Without reports of damage nobody knows.
@@ -290,41 +290,75 @@ QRegion WindowImages::blankArea()
     return watched_.damage == XCB_NONE ? QRegion() : unpainted_.at(now_());
 }
 
-/// Brings shown_ up to date. current: nothing was reported since it was read. False when the window changes while it
-/// is read, and when it cannot be read.
-bool WindowImages::readImage(const Placement& placement, bool current)
+/// The part of the window that has to be read: whole rows of what is visible.
+QRect WindowImages::areaToRead(const Placement& placement, bool current, const QRegion& unpainted) const
+{
+    const QRect visible = placement.visible();
+    const bool wasRead = shown_ && shown_->placement.hasPixelsOf(placement);
+    const bool allPainted = unpainted.isEmpty() && shown_ && shown_->blank.isEmpty();
+    // Where damage lies in a window with a border is not the same for all servers.
+    if (current || !wasRead || !allPainted || placement.border > 0 || watched_.damage == XCB_NONE)
+        return visible;
+    return changed_.rowsOf(visible);
+}
+
+/// Brings shown_ and images_ up to date. current: nothing was reported since they were. False when the window changes
+/// while it is read, and when it cannot be read.
+bool WindowImages::readImage(const Placement& placement, bool current, platform::WindowSample& sample)
 {
     const QRegion unpainted = blankArea(); // what is painted from here on may be missing in the pixels
     const int pixmapsBefore = pixmapsSeen_;
-    changed_ = watched_.damage == XCB_NONE;
+    const QRect area = areaToRead(placement, current, unpainted);
+    changed_.clear();
+    if (area.isEmpty()) { // only in what is not shown
+        shown_->placement = placement;
+        return true;
+    }
+    if (watched_.damage == XCB_NONE)
+        changed_.addAll();
     bool damageIsThere = true;
-    const uchar* pixels = readPixels(placement, damageIsThere);
+    const uchar* const pixels = readPixels(placement, area, damageIsThere);
     handleEvents();
-    if (!pixels || pixmapsSeen_ != pixmapsBefore) {
-        changed_ = true;
+    SharedImages::Image taken;
+    if (pixels && pixmapsSeen_ == pixmapsBefore) {
+        images_.update(placement.visible().size(), imageFormat(layout_));
+        if (putPixels(pixels, area, placement.visible(), unpainted))
+            taken = images_.finish();
+    }
+    if (taken.image.isNull()) {
+        changed_.addAll();
         return false;
     }
-    const QSize size = placement.visible().size();
-    const bool same = current && hasSamePixels(shown_->image, pixels, size, layout_);
-    if (!same) {
-        QImage image = imageFromPixels(pixels, size, layout_);
-        if (image.isNull()) {
-            changed_ = true;
-            return false;
-        }
-        blank(image, (unpainted & placement.visible()).translated(-placement.visible().topLeft()));
-        shown_ = Shown{image, placement, unpainted};
-    }
+    const bool missedSomething = current && !taken.changedRows.isEmpty() && changed_.isEmpty();
+    shown_ = Shown{placement, unpainted};
+    sample.changedRows.add(taken.changedRows);
+    sample.ownBytes = taken.ownBytes;
     readAt_ = now_();
-    const bool missedSomething = current && !same && !changed_;
     if (!damageIsThere || missedSomething)
         renewDamage();
     return true;
 }
 
+/// area: whole rows of the visible part of the window. False when there is no memory.
+bool WindowImages::putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted)
+{
+    const int firstRow = area.top() - visible.top();
+    const QRegion hidden = (unpainted & area).translated(-area.topLeft());
+    if (isTakenAsItIs(layout_) && hidden.isEmpty()) {
+        images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(pixels), opaqueBits(layout_));
+        return true;
+    }
+    QImage image = imageFromPixels(pixels, area.size(), layout_);
+    if (image.isNull())
+        return false;
+    blank(image, hidden);
+    images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(image.constBits()));
+    return true;
+}
+
 /// Null when the window has been given another pixmap, or the server does not answer. damageIsThere is only then
 /// told when the pixels are there.
-const uchar* WindowImages::readPixels(const Placement& placement, bool& damageIsThere)
+const uchar* WindowImages::readPixels(const Placement& placement, const QRect& area, bool& damageIsThere)
 {
     xcb_connection_t* xcb = connection_->xcb();
     std::optional<Request<void>> subtracting;
@@ -334,8 +368,7 @@ const uchar* WindowImages::readPixels(const Placement& placement, bool& damageIs
     }
     const NamedPixmap pixmap(*connection_, watched_.window, pixmapId_);
     Request<xcb_get_geometry_reply_t> geometryRequest(*connection_, xcb_get_geometry(xcb, pixmapId_));
-    const QRect visible = placement.visible();
-    const uchar* pixels = reader_->read(pixmapId_, visible.translated(placement.border, placement.border), layout_);
+    const uchar* pixels = reader_->read(pixmapId_, area.translated(placement.border, placement.border), layout_);
     const auto geometry = geometryRequest.reply();
     if (!pixels || !geometry || QSize(geometry->width, geometry->height) != placement.pixmapSize())
         return nullptr;
@@ -361,7 +394,7 @@ void WindowImages::renewDamage()
         const Request<void> destroying(*connection_, xcb_damage_destroy_checked(connection_->xcb(), watched_.damage));
     }
     createDamage();
-    changed_ = true;
+    changed_.addAll();
 }
 
 void WindowImages::endCapture()

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "clientshadow.h"
+#include "platform/screen.h"
+#include "sharedimages.h"
 #include "unpaintedarea.h"
 #include "x11connection.h"
 #include "x11pixelreader.h"
@@ -12,7 +14,6 @@
 #include <QMargins>
 #include <QPointF>
 #include <QRect>
-#include <QRectF>
 
 #include <chrono>
 #include <functional>
@@ -38,6 +39,25 @@ struct Placement {
     }
 };
 
+/// What has been reported as changed since the window was read last. Pixels of the window, without its border.
+class ReportedChange {
+public:
+    void addAll() { all_ = true; }
+    void add(const QRect& area) { area_ |= area; }
+    void clear() { *this = ReportedChange(); }
+
+    bool isEmpty() const { return !all_ && area_.isEmpty(); }
+    /// As whole rows of a part of the window.
+    QRect rowsOf(const QRect& part) const
+    {
+        return all_ ? part : part & QRect(part.left(), area_.top(), part.width(), area_.height());
+    }
+
+private:
+    bool all_ = false;
+    QRect area_;
+};
+
 /**
  * What platform::WindowSource promises, and in the same way to be used. Other clients of the server are not trusted:
  * only events of the server's own count, and what they destroy of ours, the connection included, is noticed and made
@@ -53,13 +73,10 @@ public:
 
     explicit WindowImages(quint32 windowId, Now now = &Clock::now);
 
-    QImage image();
-    std::optional<QRectF> bounds() const;
-    std::optional<QPointF> pointerLocation();
+    platform::WindowSample sample();
 
 private:
     struct Shown {
-        QImage image;
         Placement placement;
         QRegion blank; // of the window; not painted yet, and so not shown
     };
@@ -76,14 +93,17 @@ private:
     Origin findOrigin();
     bool watchWindow();
     void takeFirstReports();
+    bool takeImage(platform::WindowSample& sample);
     std::optional<Placement> placement();
     void handleEvents();
     void handleEvent(const WindowEvent& event);
     void handleConfigure(const WindowEvent& event);
     bool isCurrent(const Placement& placement);
     QRegion blankArea();
-    bool readImage(const Placement& placement, bool current);
-    const uchar* readPixels(const Placement& placement, bool& damageIsThere);
+    QRect areaToRead(const Placement& placement, bool current, const QRegion& unpainted) const;
+    bool readImage(const Placement& placement, bool current, platform::WindowSample& sample);
+    const uchar* readPixels(const Placement& placement, const QRect& area, bool& damageIsThere);
+    bool putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted);
     void createDamage();
     void renewDamage();
     void endCapture();
@@ -97,7 +117,7 @@ private:
     xcb_atom_t frameExtents_ = XCB_NONE;
     xcb_pixmap_t pixmapId_ = XCB_NONE; // free between two images
     bool keepsPixels_ = false; // the window does, when its size changes
-    bool changed_ = true; // since shown_ was read
+    ReportedChange changed_; // since shown_ was read
     bool gone_ = false;
     bool ended_ = false;
     bool cutLogged_ = false;
@@ -107,7 +127,9 @@ private:
     UnpaintedArea unpainted_;
     ShadowLog shadowLog_;
     Clock::time_point readAt_; // shown_
-    std::optional<Shown> shown_; // the last image; nothing when that was null
+    SharedImages images_;
+    std::optional<Shown> shown_; // what the last image of images_ shows; nothing when there is none now
+    std::optional<QPointF> pointer_; // asked for together with the placement
 };
 
 }

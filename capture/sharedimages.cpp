@@ -1,0 +1,338 @@
+// Images from pieces of memory that they share.
+#include "sharedimages.h"
+
+#include "platform/memory.h"
+
+#include <QDebug>
+#include <QScopeGuard>
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace sharedimages {
+
+namespace {
+
+constexpr std::size_t smallestPiece = std::size_t(64) << 10; // bytes; a multiple of every system's pages
+constexpr std::size_t mostPieces = 256; // of one image; a process may only have so many mappings, 65530 on Linux
+constexpr std::size_t smallestChunk = std::size_t(1) << 20; // bytes
+
+/// Both are powers of two.
+std::size_t pieceSizeFor(std::size_t imageBytes)
+{
+    return std::max(smallestPiece, std::bit_ceil((imageBytes + mostPieces - 1) / mostPieces));
+}
+
+}
+
+/// Memory in pieces of one size. Pieces are given back from any thread.
+class PieceStore {
+public:
+    PieceStore(std::size_t pieceBytes, std::size_t imageBytes)
+        : pieceBytes_(pieceBytes), chunkPieces_((std::max(imageBytes, smallestChunk) + pieceBytes - 1) / pieceBytes)
+    {
+    }
+    ~PieceStore()
+    {
+        for (const auto& [memory, chunk] : chunks_)
+            platform::freeMemory(memory, chunkPieces_ * pieceBytes_);
+    }
+    PieceStore(const PieceStore&) = delete;
+    PieceStore& operator=(const PieceStore&) = delete;
+
+    std::size_t pieceBytes() const { return pieceBytes_; }
+
+    /// The free piece that follows a given one (null: the first), so that neighbours in an image are neighbours in
+    /// memory, and few mappings show it. Its content is anything. Null when there is no memory.
+    uchar* take(uchar* before);
+    void giveBack(uchar* memory);
+
+    /// Whether second lies directly behind first, in memory that can be mapped in one go.
+    bool follows(const uchar* first, const uchar* second) const
+    {
+        const std::lock_guard lock(mutex_);
+        return second == first + pieceBytes_ && !chunks_.contains(const_cast<uchar*>(second));
+    }
+
+private:
+    struct Chunk {
+        std::vector<bool> used; // a piece each
+        std::size_t usedCount = 0;
+    };
+    using Chunks = std::map<uchar*, Chunk>;
+
+    Chunks::iterator addChunk();
+    uchar* takeFrom(Chunks::iterator chunk, std::size_t first);
+    Chunks::iterator chunkOf(uchar* memory) { return std::prev(chunks_.upper_bound(memory)); }
+
+    const std::size_t pieceBytes_;
+    const std::size_t chunkPieces_;
+    mutable std::mutex mutex_;
+    Chunks chunks_; // by address
+    std::size_t unusedChunks_ = 0;
+};
+
+/// One piece of memory in use.
+struct Piece {
+    explicit Piece(std::shared_ptr<PieceStore> itsStore) : store(std::move(itsStore)) { }
+    ~Piece()
+    {
+        if (memory)
+            store->giveBack(memory);
+    }
+    Piece(const Piece&) = delete;
+    Piece& operator=(const Piece&) = delete;
+
+    const std::shared_ptr<PieceStore> store;
+    uchar* memory = nullptr;
+};
+
+uchar* PieceStore::take(uchar* before)
+{
+    const std::lock_guard lock(mutex_);
+    if (before) {
+        const auto chunk = chunkOf(before);
+        if (uchar* const next = takeFrom(chunk, std::size_t(before - chunk->first) / pieceBytes_ + 1))
+            return next;
+    }
+    for (auto chunk = chunks_.begin(); chunk != chunks_.end(); ++chunk) {
+        if (uchar* const found = takeFrom(chunk, 0))
+            return found;
+    }
+    const auto added = addChunk();
+    return added != chunks_.end() ? takeFrom(added, 0) : nullptr;
+}
+
+/// The first free piece of a chunk, from one on; null when there is none.
+uchar* PieceStore::takeFrom(Chunks::iterator chunk, std::size_t first)
+{
+    auto& [memory, state] = *chunk;
+    if (state.usedCount == chunkPieces_)
+        return nullptr;
+    const auto found = std::find(state.used.begin() + std::ptrdiff_t(first), state.used.end(), false);
+    if (found == state.used.end())
+        return nullptr;
+    *found = true;
+    if (state.usedCount++ == 0)
+        --unusedChunks_;
+    return memory + std::size_t(found - state.used.begin()) * pieceBytes_;
+}
+
+/// The end of the chunks when there is no memory for another one.
+PieceStore::Chunks::iterator PieceStore::addChunk()
+{
+    const std::size_t bytes = chunkPieces_ * pieceBytes_;
+    Chunk unused{std::vector<bool>(chunkPieces_, false), 0};
+    uchar* const memory = platform::takeMemory(bytes);
+    if (!memory)
+        return chunks_.end();
+    auto release = qScopeGuard([memory, bytes] { platform::freeMemory(memory, bytes); });
+    const auto added = chunks_.emplace(memory, std::move(unused)).first;
+    release.dismiss();
+    ++unusedChunks_;
+    return added;
+}
+
+/// One chunk without a piece in use is kept for what comes; a second one is given back to the system.
+void PieceStore::giveBack(uchar* memory)
+{
+    const std::lock_guard lock(mutex_);
+    const auto chunk = chunkOf(memory);
+    chunk->second.used[std::size_t(memory - chunk->first) / pieceBytes_] = false;
+    if (--chunk->second.usedCount > 0)
+        return;
+    if (++unusedChunks_ == 1)
+        return;
+    --unusedChunks_;
+    platform::freeMemory(chunk->first, chunkPieces_ * pieceBytes_);
+    chunks_.erase(chunk);
+}
+
+namespace {
+
+/// The addresses of one image, and the pieces that are seen there.
+struct Mapping {
+    ~Mapping()
+    {
+        if (address)
+            platform::freeMemory(address, bytes);
+    }
+
+    uchar* address = nullptr;
+    std::size_t bytes = 0;
+    std::vector<std::shared_ptr<Piece>> pieces;
+};
+
+/// Row by row and without a way out of the loop, so that the compiler vectorises it.
+bool isSame(const quint32* kept, const quint32* pixels, std::size_t count, quint32 setBits)
+{
+    quint32 difference = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        difference |= kept[i] ^ (pixels[i] | setBits);
+    return difference == 0;
+}
+
+void copy(quint32* to, const quint32* pixels, std::size_t count, quint32 setBits)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        to[i] = pixels[i] | setBits;
+}
+
+}
+
+}
+
+using namespace sharedimages;
+
+SharedImages::SharedImages() = default;
+
+SharedImages::~SharedImages() = default;
+
+void SharedImages::forget()
+{
+    last_ = QImage();
+    lastPieces_.clear();
+    pieces_.clear();
+    isNew_.clear();
+}
+
+void SharedImages::update(const QSize& size, QImage::Format format)
+{
+    const std::size_t bytes = std::size_t(size.width()) * std::size_t(size.height()) * 4;
+    const std::size_t pieceBytes = pieceSizeFor(bytes);
+    if (size != size_ || format != format_)
+        forget();
+    if (!store_ || store_->pieceBytes() != pieceBytes)
+        store_ = std::make_shared<PieceStore>(pieceBytes, bytes);
+    size_ = size;
+    format_ = format;
+    pieces_ = lastPieces_;
+    pieces_.resize((bytes + pieceBytes - 1) / pieceBytes);
+    isNew_.assign(pieces_.size(), false);
+    changedRows_ = RowSet();
+    outOfMemory_ = false;
+}
+
+void SharedImages::put(int firstRow, int rowCount, const quint32* pixels, quint32 setBits)
+{
+    const std::size_t piecePixels = store_->pieceBytes() / 4;
+    const std::size_t begin = std::size_t(firstRow) * std::size_t(size_.width());
+    const std::size_t end = begin + std::size_t(rowCount) * std::size_t(size_.width());
+    for (std::size_t at = begin; at < end && !outOfMemory_;) {
+        const std::size_t index = at / piecePixels;
+        const std::size_t count = std::min(end, (index + 1) * piecePixels) - at;
+        putIntoPiece(index, at % piecePixels, count, pixels + (at - begin), setBits);
+        at += count;
+    }
+}
+
+/// first and count: pixels of the piece.
+void SharedImages::putIntoPiece(
+    std::size_t index, std::size_t first, std::size_t count, const quint32* pixels, quint32 setBits)
+{
+    if (pieces_[index]) {
+        const auto* kept = reinterpret_cast<const quint32*>(pieces_[index]->memory) + first;
+        if (isSame(kept, pixels, count, setBits))
+            return;
+    }
+    if (!isNew_[index] && !replacePiece(index, count == store_->pieceBytes() / 4)) {
+        outOfMemory_ = true;
+        return;
+    }
+    copy(reinterpret_cast<quint32*>(pieces_[index]->memory) + first, pixels, count, setBits);
+    const std::size_t width = std::size_t(size_.width());
+    const std::size_t begin = index * (store_->pieceBytes() / 4) + first;
+    changedRows_.add(int(begin / width), int((begin + count - 1) / width) + 1);
+}
+
+/// With a new one, of the same content unless all of it will be written.
+bool SharedImages::replacePiece(std::size_t index, bool willBeWhole)
+{
+    const auto piece = std::make_shared<sharedimages::Piece>(store_);
+    piece->memory = store_->take(index > 0 && pieces_[index - 1] ? pieces_[index - 1]->memory : nullptr);
+    if (!piece->memory)
+        return false;
+    if (pieces_[index] && !willBeWhole)
+        std::memcpy(piece->memory, pieces_[index]->memory, store_->pieceBytes());
+    pieces_[index] = piece;
+    isNew_[index] = true;
+    return true;
+}
+
+SharedImages::Image SharedImages::finish()
+{
+    if (outOfMemory_)
+        logOutOfMemory();
+    if (outOfMemory_ || std::find(pieces_.begin(), pieces_.end(), nullptr) != pieces_.end())
+        return {};
+    if (changedRows_.isEmpty() && !last_.isNull())
+        return {last_, {}, 0};
+    qint64 ownBytes = qint64(std::count(isNew_.begin(), isNew_.end(), true)) * qint64(store_->pieceBytes());
+    QImage image = mapped();
+    if (image.isNull()) {
+        image = copied();
+        ownBytes += image.sizeInBytes();
+    }
+    if (image.isNull()) {
+        logOutOfMemory();
+        return {};
+    }
+    last_ = std::move(image);
+    lastPieces_ = pieces_;
+    return {last_, changedRows_, ownBytes};
+}
+
+void SharedImages::logOutOfMemory()
+{
+    if (!std::exchange(outOfMemoryLogged_, true))
+        qWarning() << "No memory for the image of a window; the frame is left out. Told once.";
+}
+
+/// Null when the system has no more addresses or mappings.
+QImage SharedImages::mapped() const
+{
+    const std::size_t pieceBytes = store_->pieceBytes();
+    auto mapping = std::make_unique<Mapping>();
+    mapping->bytes = pieces_.size() * pieceBytes;
+    mapping->address = platform::reserveAddresses(mapping->bytes);
+    if (!mapping->address)
+        return QImage();
+    for (std::size_t first = 0; first < pieces_.size();) {
+        std::size_t end = first + 1;
+        while (end < pieces_.size() && store_->follows(pieces_[end - 1]->memory, pieces_[end]->memory))
+            ++end;
+        if (!platform::mapAgain(
+                pieces_[first]->memory, mapping->address + first * pieceBytes, (end - first) * pieceBytes))
+            return QImage();
+        first = end;
+    }
+    mapping->pieces = pieces_;
+    const uchar* const pixels = mapping->address;
+    QImage image(
+        pixels, size_.width(), size_.height(), qsizetype(size_.width()) * 4, format_,
+        [](void* info) { delete static_cast<Mapping*>(info); }, mapping.get());
+    if (!image.isNull())
+        static_cast<void>(mapping.release()); // the image has it now
+    return image;
+}
+
+/// The same pixels in memory of their own.
+QImage SharedImages::copied() const
+{
+    QImage image(size_, format_);
+    if (image.isNull())
+        return image;
+    uchar* to = image.bits();
+    std::size_t left = std::size_t(image.sizeInBytes());
+    for (const Piece& piece : pieces_) {
+        const std::size_t count = std::min(left, store_->pieceBytes());
+        std::memcpy(to, piece->memory, count);
+        to += count;
+        left -= count;
+    }
+    return image;
+}

@@ -1,0 +1,119 @@
+// Conversion in bands of rows.
+#include "bandconversion.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr int bandRows = 64; // even: two rows share their colours
+constexpr int margin = 2; // rows above and below that the converter looks at for the outer ones
+
+/// How many bands an image has. The last one is larger than the others by what is left: the converter works
+/// differently on images of a few rows.
+int bandCount(int imageHeight)
+{
+    return std::max(imageHeight / bandRows, 1);
+}
+
+/// One band of an image, and the rows around it that are converted with it.
+struct BandPlace {
+    BandPlace(int index, int imageHeight)
+        : top(index * bandRows), end(index + 1 == bandCount(imageHeight) ? imageHeight : top + bandRows),
+          firstRead(std::max(top - margin, 0)), endRead(std::min(end + margin, imageHeight))
+    {
+    }
+    int top;
+    int end;
+    int firstRead;
+    int endRead;
+};
+
+/// Rows of one plane from the band's frame to their place.
+void copyPlane(const AVFrame& from, AVFrame& to, int plane, int width, const BandPlace& place, int shift)
+{
+    const int rows = (place.end - place.top) >> shift;
+    const int skipped = (place.top - place.firstRead) >> shift;
+    for (int row = 0; row < rows; ++row) {
+        std::memcpy(to.data[plane] + std::ptrdiff_t((place.top >> shift) + row) * to.linesize[plane],
+            from.data[plane] + std::ptrdiff_t(skipped + row) * from.linesize[plane], std::size_t(width));
+    }
+}
+
+void copyBand(const AVFrame& from, AVFrame& to, const BandPlace& place)
+{
+    const AVPixFmtDescriptor& format = *av_pix_fmt_desc_get(AVPixelFormat(to.format));
+    for (int plane = 0; plane < av_pix_fmt_count_planes(AVPixelFormat(to.format)); ++plane) {
+        const bool isColour = plane == 1 || plane == 2;
+        const int width = av_image_get_linesize(AVPixelFormat(to.format), to.width, plane);
+        copyPlane(from, to, plane, width, place, isColour ? format.log2_chroma_h : 0);
+    }
+}
+
+bool isSupported(const AVFrame& frame)
+{
+    const AVPixFmtDescriptor* const format = av_pix_fmt_desc_get(AVPixelFormat(frame.format));
+    return format && format->log2_chroma_h <= 1 && frame.height % 2 == 0;
+}
+
+std::vector<BandPlace> bandsWith(const RowSet& rows, int height)
+{
+    std::vector<BandPlace> places;
+    for (int index = 0; index < bandCount(height); ++index) {
+        const BandPlace place(index, height);
+        if (rows.intersects(place.top, place.end))
+            places.push_back(place);
+    }
+    return places;
+}
+
+}
+
+bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& frame)
+{
+    // What lies at the edge of a band's outer rows shows in the neighbour's colours, too.
+    RowSet reached;
+    for (const RowSet::Range& range : rows.ranges())
+        reached.add(std::max(range.top - margin, 0), std::min(range.end + margin, frame.height));
+    const std::vector<BandPlace> places = bandsWith(reached, frame.height);
+    constexpr int mostEighths = 7;
+    if (!isSupported(frame) || int(places.size()) * 8 > bandCount(frame.height) * mostEighths)
+        return false;
+    for (const BandPlace& place : places) { // before anything is written
+        if (!bandOf(place.endRead - place.firstRead, frame))
+            return false;
+    }
+    for (const BandPlace& place : places) {
+        const Band& band = *bandOf(place.endRead - place.firstRead, frame);
+        const uint8_t* const planes[] = {image.constScanLine(place.firstRead)};
+        const int strides[] = {int(image.bytesPerLine())};
+        sws_scale(band.context.get(), planes, strides, 0, place.endRead - place.firstRead, band.frame->data,
+            band.frame->linesize);
+        copyBand(*band.frame, frame, place);
+    }
+    return true;
+}
+
+const BandConversion::Band* BandConversion::bandOf(int rowCount, const AVFrame& like)
+{
+    const auto found = bands_.find(rowCount);
+    if (found != bands_.end())
+        return &found->second;
+    Band band{SwsContextHandle(sws_getContext(like.width, rowCount, AV_PIX_FMT_BGRA, like.width, rowCount,
+                  AVPixelFormat(like.format), SWS_BILINEAR, nullptr, nullptr, nullptr)),
+        AvFrameHandle(av_frame_alloc())};
+    if (!band.context || !band.frame)
+        return nullptr;
+    band.frame->format = like.format;
+    band.frame->width = like.width;
+    band.frame->height = rowCount;
+    if (av_frame_get_buffer(band.frame.get(), 32) < 0) // aligned as the encoder's frame is, in bytes
+        return nullptr;
+    return &bands_.emplace(rowCount, std::move(band)).first->second;
+}
+
+void BandConversion::release()
+{
+    bands_.clear();
+}
