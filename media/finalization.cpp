@@ -39,6 +39,8 @@ void GstRecorder::closeOutput()
 {
     // 1. No more audio, no more conversions.
     attempt([this] { stopAudioCapture(); });
+    if (frameSending.isUnderWay())
+        frameSending.finish();
     sws_freeContext(swsContext);
     swsContext = nullptr;
     bandConversion.release();

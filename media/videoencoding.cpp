@@ -19,6 +19,14 @@ constexpr qint64 longestGapMs = 3'600'000;
 
 bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
 {
+    collectEncoded();
+    return startEncoding(image, ptsMs) && finishEncoding();
+}
+
+/// The frame is made ready while the encoder may still work on the one before; that one is collected then, and the
+/// encoder gets this one. True when it has it; finishEncoding() tells what became of it.
+bool GstRecorder::startEncoding(const QImage& image, long long ptsMs)
+{
     if (!videoCodecContext || !formatContext || !videoFrame)
         return false;
     const QImage bgra = image.convertToFormat(QImage::Format_ARGB32); // bytes in BGRA order
@@ -28,18 +36,33 @@ bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
     }
     if (!fillVideoFrame(bgra))
         return false;
+    collectEncoded();
 
-    const int64_t before = videoFrame->pts;
-    const bool longGap = before != AV_NOPTS_VALUE && ptsMs - before > longestGapMs;
+    ptsBeforeMs = videoFrame->pts;
+    const bool longGap = ptsBeforeMs != AV_NOPTS_VALUE && ptsMs - ptsBeforeMs > longestGapMs;
     videoFrame->pict_type = longGap ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     videoFrame->pts = ptsMs;
-    const int status = avcodec_send_frame(videoCodecContext, videoFrame);
+    frameSending.start(*videoCodecContext, *videoFrame);
+    return true;
+}
+
+/// Waits for the encoder and writes what it has ready. True when the frame is in the file.
+bool GstRecorder::finishEncoding()
+{
+    const int status = frameSending.finish();
     if (status < 0) {
         qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
-        videoFrame->pts = before; // the gap is still there
+        videoFrame->pts = ptsBeforeMs; // the gap is still there
         return false;
     }
     return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
+}
+
+/// Finishes the queued frame that is under way, if there is one.
+void GstRecorder::collectEncoded()
+{
+    if (frameSending.isUnderWay() && finishEncoding())
+        ++encodedFrameCount;
 }
 
 /// Whether it is the image that composeFrame() made last, and not a copy that somebody painted on.

@@ -4,7 +4,8 @@
 //   (workerStarted)    warm-up, ready delay, clock runs    (drain, trailer)  (finalized)  (stopAcknowledged)
 //
 // Threads: the MAIN thread owns the object, the control socket and every slot. One WORKER thread runs
-// runRecordingLoop() and with it all capture, composition and FFmpeg work. They share only the atomics below, the
+// runRecordingLoop() and with it all capture, composition and FFmpeg work. (A frame is encoded on a thread of
+// frameSending's, and the worker leaves the encoder alone meanwhile.) They share only the atomics below, the
 // click map under clickMutex, and durationMs, which the main thread reads after the worker has finished.
 //
 // The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
@@ -22,6 +23,7 @@
 #include "clickkeys.h"
 #include "compositionsource.h"
 #include "framegeometry.h"
+#include "framesending.h"
 #include "packetwriting.h"
 #include "rowset.h"
 
@@ -226,6 +228,9 @@ private:
     // ==== videoencoding.cpp: image to packet (worker) ======================================================
 
     bool encodeImage(const QImage& image, long long ptsMs);
+    bool startEncoding(const QImage& image, long long ptsMs);
+    bool finishEncoding();
+    void collectEncoded();
     bool drainEncoder();
     bool fillVideoFrame(const QImage& image);
     bool isComposed(const QImage& image) const;
@@ -294,6 +299,8 @@ private:
     AVStream* videoStream = nullptr; // owned by formatContext
     AVFrame* videoFrame = nullptr; // the one frame, reused for every image
     qint64 videoFrameVersion = 0; // composedVersion that it holds, videoencoding.cpp; 0 is none
+    FrameSending frameSending; // the frame that the encoder works on
+    int64_t ptsBeforeMs = AV_NOPTS_VALUE; // of the frame before that one
     BandConversion bandConversion; // of parts of an image; videoencoding.cpp
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder

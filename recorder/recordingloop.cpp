@@ -91,6 +91,8 @@ void GstRecorder::takePass(LoopState& loop)
 {
     const qint64 nowMs = loop.timer.elapsed();
     if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
+        if (frameSending.isDone())
+            collectEncoded();
         takeAudio();
         QThread::msleep(ulong(sleepMs));
         return;
@@ -113,6 +115,7 @@ void GstRecorder::waitWithoutImage(LoopState& loop)
     takeAudio();
     if (recordingClock.isValid())
         attempt([&] { drainQueue(loop.queue, recordingClock.elapsed() - holdMs, false); });
+    attempt([this] { collectEncoded(); });
     QThread::msleep(ulong(sleepAfterNoImageMs));
 }
 
@@ -227,8 +230,8 @@ void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool 
     while (!queue.isEmpty() && (flushAll || queue.constFirst().elapsedMs <= limitMs)) {
         const QueuedFrame queued = queue.takeFirst();
         const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
-        if (!composed.isNull() && encodeImage(composed, queued.elapsedMs))
-            ++encodedFrameCount;
+        if (!composed.isNull())
+            startEncoding(composed, queued.elapsedMs); // counted when it is collected
     }
 }
 
@@ -238,6 +241,7 @@ void GstRecorder::finalizeRecording(LoopState& loop)
     takeAudio(true);
     while (!loop.queue.isEmpty())
         attempt([&] { drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true); });
+    attempt([this] { collectEncoded(); });
     if (encodedFrameCount == 0)
         attempt([this] { encodeBlackFrame(); });
     attempt([this] { stopAudioCapture(); });

@@ -26,6 +26,7 @@ struct RecorderProbe {
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
     {
         recorder.drainQueue(queue, limitMs, flushAll);
+        recorder.collectEncoded();
     }
     QString normalizedOutputPath(const QString& path) { return recorder.normalizedOutputPath(path); }
     bool openOutput() { return recorder.openOutput(); }
