@@ -20,6 +20,8 @@ constexpr quint32 blue = 0xff2040c0;
 constexpr quint32 green = 0xff00ff00;
 
 int fetches = 0;
+int fetchedRows = 0;
+bool spoiledRows = false; ///< what is fetched is an area farther up
 
 /// An image that stays the same one as long as nothing happens. What was drawn just before the first image can still
 /// be reported after it, and then costs one more.
@@ -45,7 +47,9 @@ extern "C" xcb_shm_get_image_cookie_t __wrap_xcb_shm_get_image(xcb_connection_t*
     uint32_t offset)
 {
     ++fetches;
-    return __real_xcb_shm_get_image(connection, drawable, x, y, width, height, planes, format, segment, offset);
+    fetchedRows += height;
+    const auto top = int16_t(spoiledRows ? y - 40 : y);
+    return __real_xcb_shm_get_image(connection, drawable, x, top, width, height, planes, format, segment, offset);
 }
 
 class X11ChangesTest : public QObject {
@@ -58,6 +62,10 @@ private Q_SLOTS:
     void unchangedWindowIsComparedNowAndThen();
     void changedWindowDoesNot();
     void everyChangeIsSeen();
+    void onlyDamagedRowsAreRead();
+    void changedRowsAreTold();
+    void presentedAgainIsUnchanged();
+    void reportThatIsMissingIsFoundWithinASecond();
     void coveredWindowIsWatched();
     void changeInAChildIsSeen();
     void changeInAGrandchildOfAlphaWindowIsSeen();
@@ -82,6 +90,7 @@ void X11ChangesTest::initTestCase()
 void X11ChangesTest::init()
 {
     fetches = 0;
+    fetchedRows = 0;
 }
 
 void X11ChangesTest::unchangedWindowSharesItsPixels()
@@ -136,6 +145,75 @@ void X11ChangesTest::everyChangeIsSeen()
         QVERIFY(window.send("fill " + QByteArray::number(i, 16) + " 7 7 1 1"));
         QCOMPARE(source.image().pixel(7, 7), 0xff000000 | i);
     }
+}
+
+void X11ChangesTest::onlyDamagedRowsAreRead()
+{
+    WindowProcess window({.pixel = blue});
+    WindowSource source(window.id());
+    settledImage(source);
+    fetchedRows = 0;
+    QVERIFY(window.send("fill ff00ff00 10 100 300 5"));
+    QImage image = source.image();
+    QCOMPARE(fetchedRows, 5);
+    QVERIFY(isFilled(image, QRect(10, 100, 300, 5), green));
+    QVERIFY(isFilled(image, QRect(0, 0, 320, 100), blue));
+    QVERIFY(isFilled(image, QRect(0, 105, 320, 135), blue));
+    fetchedRows = 0;
+    QVERIFY(window.send("fill ff00ff00 0 20 1 1"));
+    QVERIFY(window.send("fill ff00ff00 319 59 1 1"));
+    image = source.image();
+    QCOMPARE(fetchedRows, 40);
+    QCOMPARE(image.pixel(0, 20), green);
+    QCOMPARE(image.pixel(319, 59), green);
+}
+
+void X11ChangesTest::changedRowsAreTold()
+{
+    WindowProcess window({.pixel = blue});
+    WindowSource source(window.id());
+    QCOMPARE(source.sample().changedRows, RowSet(0, 240));
+    settledImage(source);
+    QVERIFY(window.send("fill ff00ff00 10 100 300 5"));
+    QCOMPARE(source.sample().changedRows, RowSet(100, 105));
+    QVERIFY(source.sample().changedRows.isEmpty());
+    QVERIFY(window.send("resize 321 240"));
+    QCOMPARE(source.sample().changedRows, RowSet(0, 240));
+}
+
+/// What the program reports as painted is a hint; the pixels are the truth.
+void X11ChangesTest::presentedAgainIsUnchanged()
+{
+    WindowProcess window({.pixel = blue});
+    WindowSource source(window.id());
+    const QImage before = settledImage(source);
+    QVERIFY(isFilled(before, blue));
+    for (int i = 0; i < 3; ++i) {
+        const int fetchesBefore = fetches;
+        QVERIFY(window.send("fill ff2040c0 0 0 320 240"));
+        const platform::WindowSample& sample = source.sample();
+        QCOMPARE(fetches, fetchesBefore + 1);
+        QCOMPARE(sample.image.cacheKey(), before.cacheKey());
+        QVERIFY(sample.changedRows.isEmpty());
+        QCOMPARE(sample.ownBytes, 0);
+    }
+}
+
+/// A row whose change was read too early, or whose report got lost, is read again with the whole window.
+void X11ChangesTest::reportThatIsMissingIsFoundWithinASecond()
+{
+    WindowProcess window({.pixel = blue});
+    std::chrono::steady_clock::time_point now;
+    Sampled<x11::WindowImages> source(window.id(), [&now] { return now; });
+    settledImage(source);
+    spoiledRows = true;
+    QVERIFY(window.send("fill ff00ff00 0 100 320 20"));
+    source.image();
+    spoiledRows = false;
+    now += x11::WindowImages::checkInterval;
+    const QImage repaired = source.image();
+    QVERIFY(isFilled(repaired, QRect(0, 100, 320, 20), green));
+    QVERIFY(isFilled(repaired, QRect(0, 0, 320, 100), blue));
 }
 
 void X11ChangesTest::coveredWindowIsWatched()

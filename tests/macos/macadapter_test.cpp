@@ -123,6 +123,7 @@ void MacAdapterTest::boundsThatCannotBeTold_data()
 void MacAdapterTest::boundsThatCannotBeTold()
 {
     QFETCH(const int, info);
+    answers().image = [](std::uint32_t, int) { return std::optional(macsim::solidImage(2, 2, 0xff0000ffU)); };
     SampledWindow window(1);
     QVERIFY(!window.image().isNull());
     QCOMPARE(window.bounds(), std::optional<QRectF>(QRectF(10, 20, 40, 30)));
