@@ -46,8 +46,8 @@ bool MacWindowCapture::ensureAccess()
 
 namespace {
 
-/// Whether no pixel of some rows is translucent. Most windows that can have some have them in their first row: rounded
-/// corners.
+/// Whether no pixel of some rows is translucent. Most windows that can have some have them in their first row:
+/// rounded corners.
 bool isOpaque(const QImage& image, const RowSet& rows)
 {
     if (image.format() == QImage::Format_RGB32)

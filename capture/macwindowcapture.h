@@ -27,8 +27,8 @@ struct CapturedWindow {
     qint64 version = 0;
     RowSet changedRows; ///< of the image; all others are as in the version before
     qint64 ownBytes = 0; ///< memory that the version before does not hold, too; 0 when it is the same version
-    /// The window's rectangle in global screen points, or the image's own rectangle in pixels when the window's cannot
-    /// be told. Invalid when it was not asked for.
+    /// The window's rectangle in global screen points, or the image's own rectangle in pixels when the window's
+    /// cannot be told. Invalid when it was not asked for.
     QRect bounds;
     std::optional<QPointF> pointer; ///< global screen points; nothing when the system does not say
 };
@@ -50,9 +50,9 @@ public:
     /// The id was a number other than 0 and the permission is held.
     bool isValid() const { return valid; }
 
-    /// The window now, or nothing in it: invalid object, window gone or not showing (a warning, the first time only), an
-    /// image without pixels or that cannot be drawn (no warning). Images of successive calls share the memory of what
-    /// did not change. The bounds are only asked for when they are wanted.
+    /// The window now, or nothing in it: invalid object, window gone or not showing (a warning, the first time only),
+    /// an image without pixels or that cannot be drawn (no warning). Images of successive calls share the memory of
+    /// what did not change. The bounds are only asked for when they are wanted.
     CapturedWindow captureWindow(bool withBounds = true) const;
 
     /// The image of captureWindow(). When bounds is given and an image is returned, it receives the bounds; otherwise

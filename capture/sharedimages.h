@@ -15,9 +15,9 @@ struct Piece;
 }
 
 /**
- * Makes images from pixels. Each is a plain QImage at addresses of its own, but its memory is made of pieces (64 KiB or
- * more), and those that are equal in the image before are the same memory: an image of which a corner changed takes a
- * corner. What no image uses any more is used again for the next one.
+ * Makes images from pixels. Each is a plain QImage at addresses of its own, but its memory is made of pieces (64 KiB
+ * or more), and those that are equal in the image before are the same memory: an image of which a corner changed
+ * takes a corner. What no image uses any more is used again for the next one.
  *
  * update() begins an image; put() says what is in it; finish() gives it. What put() leaves out stays as it was in the
  * image before. Used from one thread at a time; the images themselves may go anywhere, and outlive this object.
@@ -40,8 +40,8 @@ public:
     /// to be put.
     void update(const QSize& size, QImage::Format format);
 
-    /// Pixels of whole rows, without padding between them; setBits are set in every one. They are compared with what is
-    /// there, and copied when they differ.
+    /// Pixels of whole rows, without padding between them; setBits are set in every one. They are compared with what
+    /// is there, and copied when they differ.
     void put(int firstRow, int rowCount, const quint32* pixels, quint32 setBits = 0);
 
     /// The image. The very one that came last (QImage::cacheKey()) when nothing has changed.
@@ -56,7 +56,8 @@ public:
 private:
     using Piece = std::shared_ptr<sharedimages::Piece>;
 
-    void putIntoPiece(std::size_t index, std::size_t first, std::size_t count, const quint32* pixels, quint32 setBits);
+    void putIntoPiece(
+        std::size_t index, std::size_t first, std::size_t count, const quint32* pixels, quint32 setBits);
     bool replacePiece(std::size_t index, bool willBeWhole);
     void logOutOfMemory();
     QImage mapped() const;

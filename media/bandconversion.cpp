@@ -1,8 +1,15 @@
 // Conversion in bands of rows.
 #include "bandconversion.h"
 
+#include <QFuture>
+#include <QThread>
+#include <QtConcurrent/QtConcurrentRun>
+
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -70,50 +77,100 @@ std::vector<BandPlace> bandsWith(const RowSet& rows, int height)
 
 }
 
-bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& frame)
+/// Converts bands, on one thread at a time.
+class BandConversion::Converter {
+public:
+    /// Makes ready for bands; false when there is no memory.
+    bool prepare(std::span<const BandPlace> places, const AVFrame& like)
+    {
+        for (const BandPlace& place : places) {
+            if (!ensureBand(place.endRead - place.firstRead, like))
+                return false;
+        }
+        return true;
+    }
+
+    void convert(std::span<const BandPlace> places, const QImage& image, AVFrame& frame) const
+    {
+        for (const BandPlace& place : places) {
+            const int rowCount = place.endRead - place.firstRead;
+            const Band& band = bands_.at(rowCount);
+            const uint8_t* const planes[] = {image.constScanLine(place.firstRead)};
+            const int strides[] = {int(image.bytesPerLine())};
+            sws_scale(band.context.get(), planes, strides, 0, rowCount, band.frame->data, band.frame->linesize);
+            copyBand(*band.frame, frame, place);
+        }
+    }
+
+private:
+    /// A conversion of so many rows, and where it puts them.
+    struct Band {
+        SwsContextHandle context;
+        AvFrameHandle frame;
+    };
+
+    bool ensureBand(int rowCount, const AVFrame& like);
+
+    std::map<int, Band> bands_; // by their rows
+};
+
+bool BandConversion::Converter::ensureBand(int rowCount, const AVFrame& like)
+{
+    if (bands_.contains(rowCount))
+        return true;
+    const auto format = AVPixelFormat(like.format);
+    Band band{SwsContextHandle(sws_getContext(like.width, rowCount, AV_PIX_FMT_BGRA, like.width, rowCount, format,
+                  SWS_BILINEAR, nullptr, nullptr, nullptr)),
+        AvFrameHandle(av_frame_alloc())};
+    if (!band.context || !band.frame)
+        return false;
+    band.frame->format = like.format;
+    band.frame->width = like.width;
+    band.frame->height = rowCount;
+    constexpr int bufferAlignment = 32; // bytes, as the encoder's frame has
+    if (av_frame_get_buffer(band.frame.get(), bufferAlignment) < 0)
+        return false;
+    bands_.emplace(rowCount, std::move(band));
+    return true;
+}
+
+BandConversion::BandConversion()
+{
+    thread_.setMaxThreadCount(1);
+    thread_.setExpiryTimeout(-1); // as long as the object
+    release();
+}
+
+BandConversion::~BandConversion() = default;
+
+bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& frame, Haste haste)
 {
     // What lies at the edge of a band's outer rows shows in the neighbour's colours, too.
     RowSet reached;
     for (const RowSet::Range& range : rows.ranges())
         reached.add(std::max(range.top - margin, 0), std::min(range.end + margin, frame.height));
     const std::vector<BandPlace> places = bandsWith(reached, frame.height);
-    constexpr int mostEighths = 7;
-    if (!isSupported(frame) || int(places.size()) * 8 > bandCount(frame.height) * mostEighths)
+    const bool isHurried = haste == Haste::Hurry && places.size() > 1 && QThread::idealThreadCount() > 1;
+    constexpr int mostEighths = 7; // of the whole
+    const bool isWorthIt = isHurried || int(places.size()) * 8 <= bandCount(frame.height) * mostEighths;
+    if (!isSupported(frame) || !isWorthIt)
         return false;
-    for (const BandPlace& place : places) { // before anything is written
-        if (!bandOf(place.endRead - place.firstRead, frame))
-            return false;
-    }
-    for (const BandPlace& place : places) {
-        const Band& band = *bandOf(place.endRead - place.firstRead, frame);
-        const uint8_t* const planes[] = {image.constScanLine(place.firstRead)};
-        const int strides[] = {int(image.bytesPerLine())};
-        sws_scale(band.context.get(), planes, strides, 0, place.endRead - place.firstRead, band.frame->data,
-            band.frame->linesize);
-        copyBand(*band.frame, frame, place);
-    }
-    return true;
-}
 
-const BandConversion::Band* BandConversion::bandOf(int rowCount, const AVFrame& like)
-{
-    const auto found = bands_.find(rowCount);
-    if (found != bands_.end())
-        return &found->second;
-    Band band{SwsContextHandle(sws_getContext(like.width, rowCount, AV_PIX_FMT_BGRA, like.width, rowCount,
-                  AVPixelFormat(like.format), SWS_BILINEAR, nullptr, nullptr, nullptr)),
-        AvFrameHandle(av_frame_alloc())};
-    if (!band.context || !band.frame)
-        return nullptr;
-    band.frame->format = like.format;
-    band.frame->width = like.width;
-    band.frame->height = rowCount;
-    if (av_frame_get_buffer(band.frame.get(), 32) < 0) // aligned as the encoder's frame is, in bytes
-        return nullptr;
-    return &bands_.emplace(rowCount, std::move(band)).first->second;
+    const std::span all(places);
+    const auto others = all.last(isHurried ? places.size() / 2 : 0);
+    const auto mine = all.first(places.size() - others.size());
+    if (!own_->prepare(mine, frame) || !other_->prepare(others, frame)) // before anything is written
+        return false;
+    QFuture<void> otherThread;
+    if (isHurried)
+        otherThread = QtConcurrent::run(&thread_, [&] { other_->convert(others, image, frame); });
+    own_->convert(mine, image, frame);
+    otherThread.waitForFinished();
+    return true;
 }
 
 void BandConversion::release()
 {
-    bands_.clear();
+    own_ = std::make_unique<Converter>();
+    other_ = std::make_unique<Converter>();
 }

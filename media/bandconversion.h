@@ -1,32 +1,40 @@
-// BandConversion: the pixels of some rows of an image into an encoder's frame, as a conversion of the whole image would
-// bring them there.
+// BandConversion: the pixels of some rows of an image into an encoder's frame, as a conversion of the whole image
+// would bring them there.
 #pragma once
 
 #include "avhandles.h"
 #include "rowset.h"
 
 #include <QImage>
+#include <QThreadPool>
 
-#include <map>
+#include <memory>
 
 class BandConversion {
 public:
+    BandConversion();
+    ~BandConversion();
+    BandConversion(const BandConversion&) = delete;
+    BandConversion& operator=(const BandConversion&) = delete;
+
+    /// What matters.
+    enum class Haste {
+        None, ///< the less processor time, the better
+        Hurry, ///< the sooner, the better: on two threads
+    };
+
     /// Converts the bands that hold any of the rows. image: as large as the frame, bytes in BGRA order; frame: in
-    /// planes of 8 bits a sample, the colours at half the height or all of it, and an even height. False, with nothing
-    /// done, where that would be no cheaper than a conversion of the whole image, and where there is no memory.
-    bool convert(const QImage& image, const RowSet& rows, AVFrame& frame);
+    /// planes of 8 bits a sample, the colours at half the height or all of it, and an even height. False, with
+    /// nothing done, where a conversion of the whole image would be no worse, and where there is no memory.
+    bool convert(const QImage& image, const RowSet& rows, AVFrame& frame, Haste haste);
 
     /// Gives back all memory; it is taken again when it is needed.
     void release();
 
 private:
-    /// A conversion of so many rows, and where it puts them.
-    struct Band {
-        SwsContextHandle context;
-        AvFrameHandle frame;
-    };
+    class Converter;
 
-    const Band* bandOf(int rowCount, const AVFrame& like);
-
-    std::map<int, Band> bands_; // by their rows
+    std::unique_ptr<Converter> own_; // of the thread that calls
+    std::unique_ptr<Converter> other_; // of the other one
+    QThreadPool thread_;
 };

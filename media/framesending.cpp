@@ -30,9 +30,8 @@ void FrameSending::start(AVCodecContext& encoder, const AVFrame& frame)
         status_ = avcodec_send_frame(&encoder, shared.get());
         return;
     }
-    result_ = QtConcurrent::run(&thread_, [&encoder, frameToSend = std::move(shared)] {
-        return avcodec_send_frame(&encoder, frameToSend.get());
-    });
+    result_ = QtConcurrent::run(&thread_,
+        [&encoder, frameToSend = std::move(shared)] { return avcodec_send_frame(&encoder, frameToSend.get()); });
 }
 
 int FrameSending::finish()

@@ -105,7 +105,8 @@ bool GstRecorder::transferPixels(const QImage& image, const RowSet& rows)
         qCritical() << "FFmpeg pixel conversion context is unavailable.";
         return false;
     }
-    if (bandConversion.convert(image, rows, *videoFrame))
+    const auto haste = isBehind ? BandConversion::Haste::Hurry : BandConversion::Haste::None;
+    if (bandConversion.convert(image, rows, *videoFrame, haste))
         return true;
     const uint8_t* const planes[] = {image.constBits()};
     const int strides[] = {int(image.bytesPerLine())};

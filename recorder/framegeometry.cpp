@@ -15,7 +15,8 @@ int normalizedCanvasSize(double requested)
 }
 
 FrameGeometry::FrameGeometry(const QSize& imageSize, const QRect& windowBounds, const QSize& canvasSize)
-    : imageSize_(imageSize), bounds_(windowBounds), canvasSize_(canvasSize), scaledSize_(imageSize.scaled(canvasSize, Qt::KeepAspectRatio)),
+    : imageSize_(imageSize), bounds_(windowBounds), canvasSize_(canvasSize),
+      scaledSize_(imageSize.scaled(canvasSize, Qt::KeepAspectRatio)),
       offsetX_((canvasSize.width() - scaledSize_.width()) / 2),
       offsetY_((canvasSize.height() - scaledSize_.height()) / 2),
       scaleX_(imageSize.width() > 0 ? double(scaledSize_.width()) / imageSize.width() : 0.0),

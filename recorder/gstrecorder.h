@@ -166,6 +166,7 @@ private:
     void setClock(bool runs);
     void startAudio();
     void takeAudio(bool last = false);
+    void drainDue(LoopState& loop, qint64 elapsedMs);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
     void encodeBlackFrame();
     void finalizeRecording(LoopState& loop);
@@ -302,6 +303,7 @@ private:
     FrameSending frameSending; // the frame that the encoder works on
     int64_t ptsBeforeMs = AV_NOPTS_VALUE; // of the frame before that one
     BandConversion bandConversion; // of parts of an image; videoencoding.cpp
+    bool isBehind = false; // more than one frame is due; recordingloop.cpp
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that

@@ -19,8 +19,8 @@ inline qint64 largest(std::optional<qint64> availableBytes, qint64 queuedBytes)
     return (std::max<qint64>(0, availableBytes.value_or(assumedBytes)) + queuedBytes) / 2;
 }
 
-/// The bytes of pixels that the frames of a queue hold: the first one's image, and what each one has more than the one
-/// before. (What an unknown version shares, nobody knows; it counts whole.)
+/// The bytes of pixels that the frames of a queue hold: the first one's image, and what each one has more than the
+/// one before. (What an unknown version shares, nobody knows; it counts whole.)
 template <typename Queue>
 qint64 bytesOf(const Queue& queue)
 {

@@ -114,7 +114,7 @@ void GstRecorder::waitWithoutImage(LoopState& loop)
 {
     takeAudio();
     if (recordingClock.isValid())
-        attempt([&] { drainQueue(loop.queue, recordingClock.elapsed() - holdMs, false); });
+        attempt([&] { drainDue(loop, recordingClock.elapsed()); });
     attempt([this] { collectEncoded(); });
     QThread::msleep(ulong(sleepAfterNoImageMs));
 }
@@ -172,7 +172,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
     loop.lastElapsedMs = elapsedMs;
     loop.queue.append({std::move(frame), elapsedMs});
-    drainQueue(loop.queue, elapsedMs - holdMs, false);
+    drainDue(loop, elapsedMs);
     boundQueue(loop);
     takeAudio();
 }
@@ -225,8 +225,19 @@ void GstRecorder::takeAudio(bool last)
         attempt([&] { encodePendingAudio(last); });
 }
 
+/// After a stall many frames are due at once. They are worked off beside the captures that follow: all in one go, the
+/// work would be the next stall.
+void GstRecorder::drainDue(LoopState& loop, qint64 elapsedMs)
+{
+    qint64 limitMs = elapsedMs - holdMs;
+    if (loop.queue.size() > mostFramesAPass)
+        limitMs = std::min(limitMs, loop.queue.at(mostFramesAPass - 1).elapsedMs);
+    drainQueue(loop.queue, limitMs, false);
+}
+
 void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
 {
+    isBehind = queue.size() > 1 && (flushAll || queue.at(1).elapsedMs <= limitMs);
     while (!queue.isEmpty() && (flushAll || queue.constFirst().elapsedMs <= limitMs)) {
         const QueuedFrame queued = queue.takeFirst();
         const QImage composed = composeFrame(queued.frame, queued.elapsedMs);

@@ -51,7 +51,7 @@ bool requestScreenCaptureAccess()
 
 struct WindowSource::Impl {
     int imagesAsked = 0;
-    QImage last; // the last one that was not null
+    qint64 lastKey = 0; // of the last one that was not null
 };
 
 WindowSource::WindowSource(quint32 windowId) : impl_(std::make_unique<Impl>())
@@ -76,11 +76,11 @@ WindowSample WindowSource::sample(bool withBounds)
         return sample;
     if (state().changedRows) {
         sample.changedRows = state().changedRows(index);
-    } else if (sample.image.cacheKey() != impl_->last.cacheKey()) {
+    } else if (sample.image.cacheKey() != impl_->lastKey) {
         sample.changedRows = RowSet(0, sample.image.height());
     }
     sample.ownBytes = sample.changedRows.isEmpty() ? 0 : sample.image.sizeInBytes();
-    impl_->last = sample.image;
+    impl_->lastKey = sample.image.cacheKey();
     if (withBounds && state().bounds)
         sample.bounds = state().bounds();
     if (state().pointer)

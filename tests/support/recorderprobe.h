@@ -40,6 +40,7 @@ struct RecorderProbe {
     {
         return recorder.transferPixels(image, RowSet(0, recorder.canvasHeight));
     }
+    bool& isBehind() { return recorder.isBehind; }
     bool transferRows(const QImage& image, const RowSet& rows) { return recorder.transferPixels(image, rows); }
     bool encodeImage(const QImage& image, long long ptsMs) { return recorder.encodeImage(image, ptsMs); }
     bool drainEncoder() { return recorder.drainEncoder(); }
