@@ -102,6 +102,8 @@ public:
         }
     }
 
+    void release() { bands_.clear(); }
+
 private:
     /// A conversion of so many rows, and where it puts them.
     struct Band {
@@ -134,11 +136,10 @@ bool BandConversion::Converter::ensureBand(int rowCount, const AVFrame& like)
     return true;
 }
 
-BandConversion::BandConversion()
+BandConversion::BandConversion() : own_(std::make_unique<Converter>()), other_(std::make_unique<Converter>())
 {
     thread_.setMaxThreadCount(1);
     thread_.setExpiryTimeout(-1); // as long as the object
-    release();
 }
 
 BandConversion::~BandConversion() = default;
@@ -171,6 +172,6 @@ bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& f
 
 void BandConversion::release()
 {
-    own_ = std::make_unique<Converter>();
-    other_ = std::make_unique<Converter>();
+    own_->release();
+    other_->release();
 }
