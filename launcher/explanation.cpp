@@ -2,9 +2,8 @@
 // up to the first value in them.
 #include "explanation.h"
 
+#include "logtext.h"
 #include "plaintext.h"
-
-#include <QRegularExpression>
 
 #include <algorithm>
 #include <array>
@@ -158,9 +157,6 @@ std::optional<Explanation> Explanation::of(const QByteArray& line)
         return std::nullopt;
     if (entry != entries.end())
         return Explanation{entry->meaning, QString::fromUtf8(entry->sentence)};
-    // Without the place in the source, which a line ends with.
-    static const QRegularExpression place(QStringLiteral(" \\([^ ]*:[0-9]+, .*$"));
-    const QString own = QString::fromUtf8(text).remove(place);
     return Explanation{isCritical ? Meaning::VideoHarmed : Meaning::Remark,
-        QStringLiteral("the recorder's log says: %1").arg(plainText(own))};
+        QStringLiteral("the recorder's log says: %1").arg(plainText(logtext::withoutPlace(text))), false};
 }

@@ -16,6 +16,7 @@ struct Explanation {
 
     Meaning meaning = Meaning::Remark;
     QString sentence; ///< what happened and what to do; lines that mean the same have the same one
+    bool isKnown = true; ///< false: a text that is told as it stands in the log
 
     /// Nothing when the line is neither a warning nor worse, or tells nothing that another line does not tell better.
     static std::optional<Explanation> of(const QByteArray& line);

@@ -1,13 +1,11 @@
 // Reading a file with FFmpeg: every packet's time, and as much as possible decoded.
 #include "inspection.h"
 
-#include "avhandles.h"
+#include "inputfile.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 
 #include <algorithm>
-#include <array>
 
 namespace {
 
@@ -15,29 +13,10 @@ constexpr AVRational milliseconds{1, 1000};
 constexpr qint64 shortestGapMs = 1000;
 constexpr qsizetype mostGaps = 20; // more do not tell more
 
-struct InputDeleter {
-    void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-using InputHandle = std::unique_ptr<AVFormatContext, InputDeleter>;
-
-QString errorText(int status)
-{
-    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    av_strerror(status, text.data(), text.size());
-    return QString::fromLocal8Bit(text.data());
-}
-
 /// One stream's decoder, and the times of its packets.
 class Reader {
 public:
-    explicit Reader(const AVStream& stream) : stream_(stream)
-    {
-        const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
-        decoder_.reset(codec ? avcodec_alloc_context3(codec) : nullptr);
-        if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), stream.codecpar) < 0
-            || avcodec_open2(decoder_.get(), codec, nullptr) < 0)
-            decoder_.reset();
-    }
+    explicit Reader(const AVStream& stream) : stream_(stream), decoder_(openDecoder(stream)) { }
 
     int index() const { return stream_.index; }
     QString codecName() const { return QString::fromLatin1(avcodec_get_name(stream_.codecpar->codec_id)); }
@@ -104,20 +83,6 @@ void Reader::decode(const AVPacket* packet)
     }
 }
 
-InputHandle open(const QString& path, QString* error)
-{
-    AVFormatContext* context = nullptr;
-    // The prefix keeps names that look like addresses from being taken for such.
-    int status = avformat_open_input(&context, ("file:" + QFile::encodeName(path)).constData(), nullptr, nullptr);
-    InputHandle result(status < 0 ? nullptr : context);
-    if (result)
-        status = avformat_find_stream_info(result.get(), nullptr);
-    if (status >= 0)
-        return result;
-    *error = errorText(status);
-    return nullptr;
-}
-
 std::unique_ptr<Reader> readerOf(AVFormatContext& input, AVMediaType type)
 {
     const int index = av_find_best_stream(&input, type, -1, -1, nullptr, 0);
@@ -135,7 +100,7 @@ QString readAll(AVFormatContext& input, const QList<Reader*>& readers, qint64 de
         if (status == AVERROR_EOF && (!input.pb || input.pb->error == 0))
             break;
         if (status < 0)
-            return errorText(status);
+            return avStatusText(status);
         for (Reader* reader : readers) {
             if (clock.elapsed() > decodingLimitMs)
                 reader->stopDecoding();
@@ -182,9 +147,8 @@ Inspection::Audio audioOf(const Reader& reader)
 
 Inspection inspectRecording(const QString& path, qint64 decodingLimitMs)
 {
-    av_log_set_level(AV_LOG_QUIET); // what is wrong is told by the one who asked
     Inspection result;
-    const InputHandle input = open(path, &result.error);
+    const InputHandle input = openInput(path, &result.error);
     if (!input)
         return result;
     const std::unique_ptr<Reader> video = readerOf(*input, AVMEDIA_TYPE_VIDEO);

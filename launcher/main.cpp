@@ -1,6 +1,8 @@
 // record-window: plays the launcher's part for people and tests.
 #include "options.h"
+#include "output.h"
 #include "plaintext.h"
+#include "progress.h"
 #include "recordingsession.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"
@@ -12,20 +14,11 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 
 namespace {
 
-void print(const QByteArray& text)
-{
-    std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
-    std::fflush(stdout);
-}
-
-void printError(const QString& error)
-{
-    stderrlines::write("record-window: " + error.toLocal8Bit() + '\n');
-}
+using output::print;
+using output::printError;
 
 int list(bool asJson)
 {
@@ -51,6 +44,27 @@ int end(const Outcome& outcome, const Options& options)
     return int(outcome.code);
 }
 
+/// An interruption costs the copy only: the recording is finished.
+void addExtras(
+    const Options& options, Outcome& outcome, const RecordingSession& session, const SignalNotifier& interruptions)
+{
+    if (outcome.code != ExitCode::Recorded && outcome.code != ExitCode::NotAsAsked)
+        return;
+    bool isInterrupted = false;
+    const auto interrupt = [&isInterrupted] { isInterrupted = true; };
+    interruptions.disconnect(&session);
+    QObject::connect(&interruptions, &SignalNotifier::received, QCoreApplication::instance(), interrupt);
+    QObject::connect(&interruptions, &SignalNotifier::insisted, QCoreApplication::instance(), interrupt);
+    Progress progress(options.quiet);
+    makeExtras(options.extras, outcome, progress, [&isInterrupted] {
+        QCoreApplication::processEvents();
+        return isInterrupted;
+    });
+    interruptions.disconnect(QCoreApplication::instance());
+    if (!outcome.warnings.isEmpty())
+        outcome.code = ExitCode::NotAsAsked;
+}
+
 int record(const Options& options)
 {
     if (options.window.by == WindowWish::By::Click && !options.quiet)
@@ -74,7 +88,9 @@ int record(const Options& options)
         &session, &RecordingSession::over, QCoreApplication::instance(), [] { QCoreApplication::quit(); });
     session.start();
     QCoreApplication::exec();
-    return end(session.outcome(), options);
+    Outcome outcome = session.outcome();
+    addExtras(options, outcome, session, interruptions); // while the session holds the file
+    return end(outcome, options);
 }
 
 }
@@ -98,6 +114,8 @@ int main(int argc, char** argv)
     }
     if (commandLine.listsWindows)
         return list(commandLine.json);
+    if (commandLine.task)
+        return runFileTask(*commandLine.task);
     if (!commandLine.options) {
         print(commandLine.text.toLocal8Bit());
         return 0;

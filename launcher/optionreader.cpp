@@ -1,10 +1,12 @@
 // The form of each value, and the sentence that refuses another one.
 #include "optionreader.h"
 
+#include "newfile.h"
 #include "plaintext.h"
 
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -162,4 +164,41 @@ QList<PlannedClick> OptionReader::clicks()
                 std::llround(seconds * 1000), std::llround(delay * 1000)});
     }
     return clicks;
+}
+
+ExtraWishes OptionReader::extras(const QString& madeDirectory)
+{
+    ExtraWishes wishes;
+    wishes.overwrite = isSet("force");
+    wishes.sha256 = isSet("sha256");
+    const auto newFile = [&](const char* name, const char* suffix, QString& path) {
+        if (!isSet(name))
+            return;
+        const NewFileName chosen = chooseNewFile(QLatin1String("--") + QLatin1String(name), text(name),
+            QLatin1String(suffix), wishes.overwrite, madeDirectory);
+        refuse(chosen.error);
+        path = chosen.path;
+    };
+    newFile("share", ".webm", wishes.share);
+    newFile("contact-sheet", ".png", wishes.contactSheet);
+    return wishes;
+}
+
+void OptionReader::refuseBeside(const char* option, std::initializer_list<const char*> others)
+{
+    for (const char* other : others) {
+        if (isSet(other))
+            refuse(QStringLiteral("--%1 does not go with --%2").arg(QLatin1String(other), QLatin1String(option)));
+    }
+}
+
+void OptionReader::refuseAllBeside(const char* option, std::initializer_list<const char*> allowed)
+{
+    for (const QString& given : parser_.optionNames()) {
+        const bool isAllowed = given == QLatin1String(option)
+            || std::any_of(
+                allowed.begin(), allowed.end(), [&](const char* one) { return given == QLatin1String(one); });
+        if (!isAllowed)
+            refuse(QStringLiteral("--%1 does not go with --%2").arg(given, QLatin1String(option)));
+    }
 }

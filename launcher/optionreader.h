@@ -5,6 +5,8 @@
 
 #include <QCommandLineParser>
 
+#include <initializer_list>
+
 /// Lives as long as the parser. The first refusal is kept, later ones are dropped.
 class OptionReader {
 public:
@@ -26,7 +28,15 @@ public:
     int countdown();
     QList<PlannedClick> clicks();
     void checkPointer();
+    /// madeDirectory: will be there by the time that the files are made; can be empty.
+    ExtraWishes extras(const QString& madeDirectory);
 
+    /// Refuses the command line when one of these options is given beside that one.
+    void refuseBeside(const char* option, std::initializer_list<const char*> others);
+    /// Refuses it when any option is given beside that one but these.
+    void refuseAllBeside(const char* option, std::initializer_list<const char*> allowed);
+
+    /// An empty message refuses nothing.
     void refuse(const QString& message)
     {
         if (error_.isEmpty())

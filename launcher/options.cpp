@@ -57,12 +57,13 @@ Options readOptions(OptionReader& reader)
     options.quiet = reader.isSet("quiet");
     options.json = reader.isSet("json");
     options.verbose = reader.isSet("verbose");
+    options.extras = reader.extras(QFileInfo(output.path).absolutePath());
     return options;
 }
 
 }
 
-CommandLine readCommandLine(const QStringList& arguments)
+CommandLine readCommandLine(const QStringList& arguments, const EncoderLookup& lookup)
 {
     QCommandLineParser parser;
     declareOptions(parser);
@@ -76,15 +77,18 @@ CommandLine readCommandLine(const QStringList& arguments)
     } else if (parser.isSet(QStringLiteral("version"))) {
         result.text = QCoreApplication::applicationName() + QLatin1Char(' ') + QCoreApplication::applicationVersion()
             + QLatin1Char('\n');
-    } else if (!parser.positionalArguments().isEmpty()) {
-        result.error
-            = QStringLiteral("unexpected argument '%1'").arg(plainText(parser.positionalArguments().constFirst()));
-    } else if (parser.isSet(QStringLiteral("list"))) {
-        result.listsWindows = true;
-        result.json = parser.isSet(QStringLiteral("json"));
     } else {
         OptionReader reader(parser);
-        result.options = readOptions(reader);
+        result.task = readFileTask(reader, parser.positionalArguments());
+        result.listsWindows = !result.task && parser.isSet(QStringLiteral("list"));
+        result.json = parser.isSet(QStringLiteral("json"));
+        if (result.listsWindows)
+            reader.refuseBeside("list", {"share", "contact-sheet", "sha256"});
+        else if (!result.task)
+            result.options = readOptions(reader);
+        if (result.options && !result.options->extras.share.isEmpty())
+            reader.refuse(
+                ShareEncoders::find(result.options->audio.source != AudioWish::Source::Nothing, lookup).error);
         result.error = reader.error();
     }
     return result;

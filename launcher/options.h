@@ -1,6 +1,8 @@
 // Options: the command line of record-window, checked.
 #pragma once
 
+#include "extras.h"
+#include "filetask.h"
 #include "windowwish.h"
 
 #include <QList>
@@ -47,11 +49,14 @@ struct Options {
     bool quiet = false;
     bool json = false;
     bool verbose = false;
+    ExtraWishes extras;
 };
 
-/// What the command line asks for: a recording (options), the windows, or a text to print and nothing more.
+/// What the command line asks for: a recording (options), something of a finished file (task), the windows, or a text
+/// to print and nothing more.
 struct CommandLine {
     std::optional<Options> options;
+    std::optional<FileTask> task;
     bool listsWindows = false;
     bool json = false;
     QString text; ///< help or version
@@ -59,5 +64,7 @@ struct CommandLine {
 };
 
 /// arguments: with the executable in front. The application object exists. Relative paths count from the current
-/// directory. Nothing is made or written.
-CommandLine readCommandLine(const QStringList& arguments);
+/// directory. lookup: which encoders there are, as a copy that cannot be made is refused here. Nothing is made or
+/// written.
+CommandLine readCommandLine(
+    const QStringList& arguments, const EncoderLookup& lookup = &avcodec_find_encoder_by_name);

@@ -10,7 +10,7 @@ constexpr qsizetype textColumn = 24; // where what an option does begins
 
 const auto head = QStringLiteral("Usage: record-window WINDOW [OPTION...]\n"
                                  "Records one window, with its audio, into a video file. WINDOW is one of\n"
-                                 "--select, --active, --title, --pid and --window.\n"
+                                 "--select, --active, --title, --pid and --window. Finished files need none.\n"
                                  "\n"
                                  "  record-window --select --output clip\n"
                                  "  record-window --title \"Release notes\" --seconds 30 --output demo.mp4\n"
@@ -31,7 +31,10 @@ const auto tail = QStringLiteral("\n"
                                  "       an error\n"
                                  "  8    recorded, but not as asked: the warnings say what is wrong\n"
                                  "  130  interrupted twice: the recorder was killed; or interrupted in the\n"
-                                 "       countdown\n");
+                                 "       countdown\n"
+                                 "--verify, --share-only and --explain end with 0, or with 2 when the file cannot\n"
+                                 "be read; --verify and --share-only with 8 when something is wrong with it;\n"
+                                 "--share-only with 7 when the copy cannot be written, with 130 when interrupted.\n");
 
 /// The words in lines that fit behind the text's column.
 QStringList wrapped(const QString& text)
@@ -102,6 +105,17 @@ const QList<OptionGroup>& optionGroups()
                 {"log-dir", "DIR",
                     "Keep the recorder's log file, in this directory. Without it the log is kept only when the "
                     "recording is not as asked, beside the video."},
+            }},
+        {"After the recording",
+            {
+                {"share", "FILE.webm", "Make a WebM copy of the recording, for browsers."},
+                {"contact-sheet", "FILE.png",
+                    "Draw twelve frames of the recording, or of the file of --verify, into one image."},
+                {"sha256", "", "Tell the SHA-256 of the recording, or of the file of --verify."},
+                {"share-only", "FILE COPY.webm", "Make a WebM copy of a finished recording, and record nothing."},
+                {"verify", "FILE", "Tell what is in a finished recording and what is wrong with it; record nothing."},
+                {"explain", "LOG",
+                    "Tell a log of the recorder as a story, and what its warnings mean; record nothing."},
             }},
         {"For scripts",
             {

@@ -59,6 +59,9 @@ QByteArray Outcome::toJson() const
         {QStringLiteral("warnings"), QJsonArray::fromStringList(warnings)},
         {QStringLiteral("video"), objectOrNull(inspection ? inspection->videoJson() : QJsonObject())},
         {QStringLiteral("audio"), objectOrNull(inspection ? inspection->audioJson() : QJsonObject())},
+        {QStringLiteral("sha256"), textOrNull(sha256)},
+        {QStringLiteral("share"), textOrNull(share)},
+        {QStringLiteral("contactSheet"), textOrNull(contactSheet)},
     };
     return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
 }
@@ -74,6 +77,12 @@ QByteArray Outcome::toText() const
         text += QStringLiteral("size      %1\n").arg(sizeText(QFileInfo(file).size()));
     if (inspection)
         text += streamsText(*inspection);
+    if (!sha256.isEmpty())
+        text += QStringLiteral("sha256    %1\n").arg(sha256);
+    if (!share.isEmpty())
+        text += QStringLiteral("copy      %1, %2\n").arg(plainText(share), sizeText(QFileInfo(share).size()));
+    if (!contactSheet.isEmpty())
+        text += QStringLiteral("sheet     %1\n").arg(plainText(contactSheet));
     if (code == ExitCode::Recorded && !logFile.isEmpty())
         text += QStringLiteral("log       %1\n").arg(plainText(logFile));
     return text.toLocal8Bit();

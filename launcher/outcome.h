@@ -20,6 +20,10 @@ struct Outcome {
     QString logFile; ///< empty when the recorder made none, or it is not kept
     std::optional<int> recorderExitCode; ///< 128 + n: ended by signal n; nothing: it never started
 
+    QString sha256; ///< of the file; empty when nobody asked
+    QString share; ///< the WebM copy; empty when there is none
+    QString contactSheet; ///< likewise
+
     QByteArray toJson() const; ///< one line with its line feed
     /// For people, several lines. The log is named only when all went well; else its path is told last of all.
     QByteArray toText() const;

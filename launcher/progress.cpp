@@ -9,20 +9,12 @@
 
 namespace {
 
+constexpr qint64 showEveryMs = 1000;
+
 bool standardErrorIsCapableTerminal()
 {
     const QByteArray terminal = qgetenv("TERM");
     return ::isatty(STDERR_FILENO) == 1 && !terminal.isEmpty() && terminal != "dumb";
-}
-
-/// "1:02:03", or "02:03" in the first hour
-QString timeText(qint64 elapsedMs)
-{
-    const qint64 seconds = elapsedMs / 1000;
-    const auto twoDigits = [](qint64 number) { return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0')); };
-    const QString minutesAndSeconds = twoDigits(seconds / 60 % 60) + QLatin1Char(':') + twoDigits(seconds % 60);
-    const qint64 hours = seconds / 3600;
-    return hours > 0 ? QStringLiteral("%1:%2").arg(hours).arg(minutesAndSeconds) : minutesAndSeconds;
 }
 
 void print(const char* before, const QString& text, const char* after)
@@ -60,6 +52,22 @@ void Progress::recorded(const Recorded& recorded)
     if (recorded.clicks > 0)
         line
             += QStringLiteral("  %1 click%2").arg(recorded.clicks).arg(QLatin1String(recorded.clicks > 1 ? "s" : ""));
+    show(line);
+}
+
+void Progress::copied(double done)
+{
+    constexpr int whole = 100;
+    const int percent = int(done * whole);
+    if (quiet_ || percent == percentShown_ || (shownAt_.isValid() && shownAt_.elapsed() < showEveryMs))
+        return;
+    percentShown_ = percent;
+    shownAt_.start();
+    show(QStringLiteral("making the WebM copy  %1 %").arg(percent));
+}
+
+void Progress::show(const QString& line)
+{
     if (changesOneLine_)
         print("\r\033[K", line, "");
     else
@@ -72,6 +80,15 @@ void Progress::closeLine()
     if (lineIsOpen_)
         print("", QString(), "\n");
     lineIsOpen_ = false;
+}
+
+QString timeText(qint64 elapsedMs)
+{
+    const qint64 seconds = elapsedMs / 1000;
+    const auto twoDigits = [](qint64 number) { return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0')); };
+    const QString minutesAndSeconds = twoDigits(seconds / 60 % 60) + QLatin1Char(':') + twoDigits(seconds % 60);
+    const qint64 hours = seconds / 3600;
+    return hours > 0 ? QStringLiteral("%1:%2").arg(hours).arg(minutesAndSeconds) : minutesAndSeconds;
 }
 
 QString sizeText(qint64 bytes)

@@ -2,6 +2,7 @@
 // take at once is left out, for nobody who does not read may hold up the recording.
 #pragma once
 
+#include <QElapsedTimer>
 #include <QString>
 
 class Progress {
@@ -25,14 +26,22 @@ public:
         qint64 clicks = 0; ///< reported to the recorder
     };
     void recorded(const Recorded& recorded);
+    /// How far the copy has come, from 0 to 1. May be called all the time.
+    void copied(double done);
 
 private:
+    void show(const QString& line);
     void closeLine();
 
     bool quiet_;
     bool changesOneLine_;
     bool lineIsOpen_ = false;
+    int percentShown_ = -1; // of the copy
+    QElapsedTimer shownAt_; // likewise
 };
+
+/// "1:02:03", or "02:03" in the first hour
+QString timeText(qint64 elapsedMs);
 
 /// "4.2 MB"
 QString sizeText(qint64 bytes);

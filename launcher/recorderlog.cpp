@@ -2,25 +2,14 @@
 // one where others write, too: what is not of this user is not read.
 #include "recorderlog.h"
 
+#include "logtext.h"
 #include "privatefile.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
 
 namespace {
-
-/// Reads a text that QDebug has put in quotes, from the quote on. The escapes are those of JSON, but for a few
-/// characters that file names hardly have.
-QString unquoted(const QByteArray& quoted)
-{
-    qsizetype end = 1;
-    while (end < quoted.size() && quoted[end] != '"')
-        end += quoted[end] == '\\' ? 2 : 1;
-    return QJsonDocument::fromJson('[' + quoted.left(end + 1) + ']').array().first().toString();
-}
 
 constexpr qint64 longestLine = 64 * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
 
@@ -49,13 +38,6 @@ QByteArray lineWith(const QString& path, const QByteArray& start, const QDateTim
     return QByteArray();
 }
 
-/// The quoted text behind the last appearance of a label in a line.
-QString quotedTextAfter(const QByteArray& line, const QByteArray& label)
-{
-    const qsizetype at = line.lastIndexOf(label + " \"");
-    return at < 0 ? QString() : unquoted(line.mid(at + label.size() + 1));
-}
-
 }
 
 QString RecorderLog::path()
@@ -78,12 +60,13 @@ QString RecorderLog::path()
 
 QString RecorderLog::outputInUse()
 {
-    return quotedTextAfter(lineWith(path(), "Debug: FFmpeg recorder using video encoder ", startedAt_), "output");
+    return logtext::quotedAfter(
+        lineWith(path(), "Debug: FFmpeg recorder using video encoder ", startedAt_), "output");
 }
 
 QString RecorderLog::finalizedOutput()
 {
-    return quotedTextAfter(
+    return logtext::quotedAfter(
         lineWith(path(), "Debug: FFmpeg recorder finalized output ", startedAt_), "FFmpeg recorder finalized output");
 }
 

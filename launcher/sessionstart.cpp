@@ -56,6 +56,12 @@ QString RecordingSession::prepareFiles()
         if (!canWriteInto(directory))
             return QStringLiteral("cannot write into the directory %1").arg(plainText(directory));
     }
+    // Made after the recording, when it would be too late to find out.
+    for (const QString& file : {options_.extras.share, options_.extras.contactSheet}) {
+        if (!file.isEmpty() && !canWriteInto(QFileInfo(file).absolutePath()))
+            return QStringLiteral("cannot write into the directory %1")
+                .arg(plainText(QFileInfo(file).absolutePath()));
+    }
     return claim_.take(options_.output, options_.overwrite);
 }
 

@@ -16,13 +16,15 @@ _record_window() {
     case $previous in
         = | :) [ "$COMP_CWORD" -lt 2 ] || previous=${COMP_WORDS[COMP_CWORD - 2]} ;;
     esac
+    # The one option with two values.
+    [ "$COMP_CWORD" -lt 2 ] || [ "${COMP_WORDS[COMP_CWORD - 2]}" != --share-only ] || previous=--share-only
     case $previous in
         --window) mapfile -t COMPREPLY < <(compgen -W "$(_record_window_listed 1)" -- "$current") ;;
         --pid | app-pid) mapfile -t COMPREPLY < <(compgen -W "$(_record_window_listed 3)" -- "$current") ;;
         --audio) mapfile -t COMPREPLY < <(compgen -W "app app-pid: system none" -- "$current") ;;
         --pointer) mapfile -t COMPREPLY < <(compgen -W "on" -- "$current") ;;
         --canvas) mapfile -t COMPREPLY < <(compgen -W "1280x720 1920x1080" -- "$current") ;;
-        --output | --recorder)
+        --output | --recorder | --share | --contact-sheet | --share-only | --verify | --explain)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             ;;
@@ -36,6 +38,7 @@ _record_window() {
                 --list --select --active --title --pid --window
                 --seconds --countdown --keep-going --canvas --audio --pointer --no-watch-clicks --click
                 --output --force --log-dir
+                --share --contact-sheet --sha256 --share-only --verify --explain
                 --json --quiet --ready-timeout --finish-timeout --recorder
                 --verbose --version --help" -- "$current")
             ;;

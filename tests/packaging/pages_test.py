@@ -77,6 +77,7 @@ class Completion(unittest.TestCase):
         program.chmod(0o755)
         (self.home / "clips").mkdir()
         (self.home / "clip.mp4").touch()
+        (self.home / "clips" / "a.webm").touch()
         self.environment = dict(os.environ, PATH=f"{program.parent}:{os.environ['PATH']}", HOME=str(self.home),
                                 LC_ALL="C.UTF-8", TERM="dumb")
 
@@ -101,6 +102,8 @@ class Completion(unittest.TestCase):
                 (["--audio", "app-pid", ":"], ["4242"]),
                 (["--output", "cli"], ["clips", "clip.mp4"]),
                 (["--log-dir", "cli"], ["clips"]),
+                (["--sha"], ["--share", "--share-only", "--sha256"]),
+                (["--share-only", "clip.mp4", "cli"], ["clips", "clip.mp4"]),
                 (["--seconds", ""], [])):
             with self.subTest(words=words):
                 self.assertEqual(sorted(self.bash(*words)), sorted(expected))
@@ -135,6 +138,8 @@ class Completion(unittest.TestCase):
                 ("--audio app-pid:42\t", "--audio app-pid:4242"),
                 ("--output clip.\t", "--output clip.mp4"),
                 ("--log-dir cli\t", "--log-dir clips"),
+                ("--share-only clip.\tclips/a\t", "--share-only clip.mp4 clips/a.webm"),
+                ("--verify clip.\t", "--verify clip.mp4"),
                 ("--click 1,2@3 --cli\t4,5@6", "--click 1,2@3 --click 4,5@6"),
                 ("--sel\t--act\t", "--select --act")): # only one of them chooses the window
             self.assertEqual(self.typed_in_zsh(terminal, typed), expected)

@@ -57,7 +57,7 @@ QStringList sorted(QStringList list)
 void OptionTableTest::everyOptionIsToldOnce()
 {
     QCOMPARE(names().size(), sorted(names()).size());
-    QCOMPARE(captured(helpText(), QStringLiteral("^  --([a-z-]+)")), names());
+    QCOMPARE(captured(helpText(), QStringLiteral("^  --([a-z0-9-]+)")), names());
     for (const OptionGroup& group : optionGroups()) {
         for (const OptionEntry& option : group.options)
             QVERIFY2(QByteArray(option.text).endsWith('.'), option.name);
@@ -78,12 +78,12 @@ void OptionTableTest::pagesHaveTheSameOptions_data()
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("expression");
     QTest::newRow("man page") << "docs/man/record-window.1"
-                              << "^\\.It Fl -([a-z-]+)";
+                              << "^\\.It Fl -([a-z0-9-]+)";
     // In bash's also where the values are completed.
     QTest::newRow("bash") << "launcher/completion/record-window.bash"
-                          << "(?<=[ |])--([a-z-]{2,})";
+                          << "(?<=[ |])--([a-z0-9-]{2,})";
     QTest::newRow("zsh") << "launcher/completion/_record-window"
-                         << "^    '(?:\\*|\\(- \\*\\)'\\{)?--([a-z-]+)(?=[[,])";
+                         << "^    '(?:\\*|\\(- \\*\\)'\\{)?--([a-z0-9-]+)(?=[[,])";
 }
 
 void OptionTableTest::pagesHaveTheSameOptions()
