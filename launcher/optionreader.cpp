@@ -88,7 +88,7 @@ AudioWish OptionReader::audio()
     if (given == QLatin1String("app")) {
         wish.source = Source::WindowsProcess;
     } else if (given == QLatin1String("system")) {
-        wish.source = Source::Display;
+        wish.source = Source::Everything;
     } else if (given == QLatin1String("none")) {
         wish.source = Source::Nothing;
     } else {

@@ -22,7 +22,7 @@ struct PlannedClick {
 
 /// Whose audio is recorded.
 struct AudioWish {
-    enum class Source { WindowsProcess, Process, Display, Nothing };
+    enum class Source { WindowsProcess, Process, Everything, Nothing };
 
     Source source = Source::WindowsProcess;
     qint64 process = 0; ///< process id

@@ -112,7 +112,7 @@ void chooseAudio(const AudioWish& wish, const std::optional<WindowInfo>& window,
     case AudioWish::Source::Nothing:
         target.audioSource = QStringLiteral("app-pid:none"); // the recorder has no other word for it
         break;
-    case AudioWish::Source::Display:
+    case AudioWish::Source::Everything:
         break;
     }
 }
