@@ -210,15 +210,23 @@ bool RunStory::addComplaint(const QByteArray& line)
     if (level.isEmpty())
         return false;
     ++complaints_;
-    const QString text = shown(logtext::withoutPlace(line.mid(line.indexOf(' ') + 1)));
     const std::optional<Explanation> explanation = Explanation::of(line);
-    QString meaning = QStringLiteral("nothing to do; what it leads to is told by other lines");
-    if (explanation)
-        meaning
-            = explanation->isKnown ? explanation->sentence : QStringLiteral("a text that this version does not know");
-    const bool isOneOfAKind = explanation && explanation->isKnown;
-    isRecognised_ = isRecognised_ || !explanation || explanation->isKnown;
-    append({std::nullopt, level + QLatin1String(": ") + text, meaning}, isOneOfAKind ? meaning : level + text);
+    const bool isKnown = explanation && explanation->isKnown;
+    isRecognised_ = isRecognised_ || !explanation || isKnown;
+    // The usual thing in a log of millions of lines.
+    if (isKnown && places_.contains(explanation->sentence)) {
+        ++events_[places_[explanation->sentence]].count;
+        return true;
+    }
+    if (events_.size() >= mostEvents) {
+        ++leftOut_;
+        return true;
+    }
+    const QString text = shown(logtext::withoutPlace(line.mid(line.indexOf(' ') + 1)));
+    const QString meaning = isKnown ? explanation->sentence
+        : explanation               ? QStringLiteral("a text that this version does not know")
+                                    : QStringLiteral("nothing to do; what it leads to is told by other lines");
+    append({std::nullopt, level + QLatin1String(": ") + text, meaning}, isKnown ? meaning : level + text);
     return true;
 }
 

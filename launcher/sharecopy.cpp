@@ -80,6 +80,8 @@ QString Copier::openSide(Side& side, int source, const AVCodec& codec)
     const AVStream& stream = *input_.streams[source];
     const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     side.source = source;
+    if (isVideo && (stream.codecpar->width < 1 || stream.codecpar->height < 1))
+        return notMade(QStringLiteral("no frame of it can be decoded"));
     side.decoder = openDecoder(stream);
     if (!side.decoder)
         return notMade(

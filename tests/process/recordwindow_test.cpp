@@ -257,7 +257,8 @@ void RecordWindowTest::jsonIsOneLine()
     QCOMPARE(audio.value("rate").toInt(), 48000);
     QVERIFY(std::abs(audio.value("lengthMs").toInt() - 1234) < 50);
     const QJsonObject expected{{"file", QString::fromUtf8(launcher.recorderArguments()[2])}, {"durationMs", 1234},
-        {"recorderExitCode", 0}, {"logFile", QJsonValue()}, {"error", QJsonValue()}, {"warnings", QJsonArray()}};
+        {"recorderExitCode", 0}, {"logFile", QJsonValue()}, {"error", QJsonValue()}, {"warnings", QJsonArray()},
+        {"sha256", QJsonValue()}, {"share", QJsonValue()}, {"contactSheet", QJsonValue()}};
     QCOMPARE(object, expected);
 }
 

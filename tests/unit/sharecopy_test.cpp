@@ -346,6 +346,7 @@ void ShareCopyTest::badInput_data()
     QTest::newRow("text") << QByteArray(4096, 'x') << QStringLiteral("cannot read ");
     QTest::newRow("playlist") << QByteArray("#EXTM3U\n#EXT-X-TARGETDURATION:9\n#EXTINF:9,\nfile:///etc/passwd\n")
                               << QStringLiteral("it is no MP4 or Matroska file");
+    QTest::newRow("cut before the first frame") << QByteArray("900 bytes") << QStringLiteral("cannot ");
     QTest::newRow("beginning of an MP4")
         << QByteArray::fromHex("00000014667479706d703432000000006d703432") << QStringLiteral("cannot ");
 }
@@ -355,7 +356,14 @@ void ShareCopyTest::badInput()
     QFETCH(const QByteArray, content);
     QFETCH(const QString, words);
     QFile file(path("bad.mp4"));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush());
+    QByteArray bytes = content;
+    if (content == "900 bytes") {
+        QVERIFY(writeFlashes(path("clip.mp4"), 1000));
+        QFile whole(path("clip.mp4"));
+        QVERIFY(whole.open(QIODevice::ReadOnly));
+        bytes = whole.read(900);
+    }
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.flush());
     const ShareCopy made = copy(path("bad.mp4"));
     QVERIFY(made.end == ShareCopy::End::BadInput);
     QVERIFY2(made.error.contains(words), qPrintable(made.error));
