@@ -17,7 +17,7 @@ QString writeContactSheet(const QString& recording, const QString& path, bool ov
     if (!sheet.error.isEmpty())
         return sheet.error;
     NewFile file;
-    const QString error = file.make(path, overwrite);
+    QString error = file.make(path, overwrite);
     if (!error.isEmpty())
         return error;
     if (!sheet.image.save(file.temporaryPath(), "PNG"))
