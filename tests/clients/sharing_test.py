@@ -73,9 +73,13 @@ async def play(file, kind):
     """What the page tells of the file."""
     encoded = base64.b64encode(file.read_bytes()).decode()
     async with Chromium(PAGE, (640, 480), lambda _: None) as browser:
-        call = f"play('{encoded}', '{kind}')"
-        answer = await asyncio.wait_for(
-            browser.send("Runtime.evaluate", expression=call, awaitPromise=True, returnByValue=True), LIMIT_S)
+        async def ask(expression):
+            return await asyncio.wait_for(browser.send(
+                "Runtime.evaluate", expression=expression, awaitPromise=True, returnByValue=True), LIMIT_S)
+
+        while (await ask("typeof play"))["result"].get("value") != "function":
+            await asyncio.sleep(0.05)  # the page is not there yet
+        answer = await ask(f"play('{encoded}', '{kind}')")
     if "exceptionDetails" in answer:
         raise RuntimeError(answer["exceptionDetails"])
     return json.loads(answer["result"]["value"])
