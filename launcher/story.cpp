@@ -17,7 +17,7 @@ constexpr int mostRuns = 20;
 QDateTime startOf(const QString& path)
 {
     static const QRegularExpression form(
-        QStringLiteral("^([0-9]{8}T[0-9]{6}\\.[0-9]{3})Z.*-orvantis-recorder-log\\.txt$"));
+        QStringLiteral("^([0-9]{8}T[0-9]{6}\\.[0-9]{3})[0-9]*Z.*-orvantis-recorder-log\\.txt$"));
     const QRegularExpressionMatch match = form.match(QFileInfo(path).fileName());
     QDateTime time = QDateTime::fromString(match.captured(1), QStringLiteral("yyyyMMddTHHmmss.zzz"));
     time.setTimeSpec(Qt::UTC);

@@ -31,7 +31,7 @@ const QByteArray click
 const QByteArray end = "Debug: FFmpeg recorder finalized output \"/home/a/clip.mp4\" duration 5978 (:0, )\n"
                        "Debug: FFmpeg recorder stopped, duration 5978 (:0, )\n"
                        "Debug: recorder exiting 0 (:0, )\n";
-constexpr const char* usualName = "20261122T045308.787Z-orvantis-recorder-log.txt";
+constexpr const char* usualName = "20261122T045308.787085Z-orvantis-recorder-log.txt";
 
 }
 
