@@ -60,7 +60,7 @@ def check_script(script, mode, case):
 class RecorderCheck(unittest.TestCase):
     def test_the_recorder(self):
         with desktop.private_x_server(1024, 768) as (display, _), \
-                desktop.truth_window(BINARIES, display, 640, 480, 30) as window:
+                desktop.truth_window(BINARIES, display, 640, 480, ["--fps", "30"]) as window:
             os.environ["DISPLAY"] = display
             code, lines = check(RECORDER, window)
         self.assertRegex(lines[-1], "^[34][0-9] passed, 0 failed, 0 notes$", lines)
