@@ -76,6 +76,34 @@ void RunStory::tell(const QString& text, std::optional<qint64> atMs)
     append({atMs, text, QString()}, text);
 }
 
+/// It stands some lines below the start, and belongs to it. Without a start it has an event of its own.
+void RunStory::tellVersion(const QString& version)
+{
+    const bool isOfAStart = !events_.isEmpty() && events_.first().isStart;
+    if (!isOfAStart)
+        tell(QStringLiteral("the recorder has ") + version);
+    else if (!hasVersion_)
+        events_.first().text += QLatin1String(", ") + version;
+    hasVersion_ = true;
+}
+
+/// One event of two lines. Two threads write them, in any order.
+void RunStory::tellReadiness(std::optional<qint64> atMs, bool launcherIsTold)
+{
+    const QString key = QStringLiteral("ready");
+    if (!places_.contains(key))
+        append({std::nullopt, QStringLiteral("ready: the window has given images"), QString()}, key);
+    const auto place = places_.constFind(key);
+    if (place == places_.constEnd())
+        return; // beyond the bound
+    Event& event = events_[*place];
+    if (atMs)
+        event.atMs = atMs;
+    if (launcherIsTold && !launcherIsTold_)
+        event.text += QLatin1String(", and the launcher is told");
+    launcherIsTold_ = launcherIsTold_ || launcherIsTold;
+}
+
 void RunStory::add(const QByteArray& line)
 {
     if (addComplaint(line))
@@ -89,6 +117,9 @@ bool RunStory::addStart(const QByteArray& line)
     if (begins(line)) {
         const QString text = QStringLiteral("the recorder starts as process %1").arg(wordAfter(line, "identity pid"));
         append({std::nullopt, text, QString(), 1, true}, text);
+    } else if (line.startsWith("Debug: recorder version")) {
+        tellVersion(
+            QStringLiteral("version %1, Qt %2").arg(wordAfter(line, "recorder version"), wordAfter(line, "Qt")));
     } else if (line.startsWith("Debug: invalid param count")) {
         tell(QStringLiteral("it was started with too few arguments, and did nothing"));
     } else if (line.startsWith("Debug: FFmpeg recorder starting")) {
@@ -145,13 +176,10 @@ bool RunStory::addStreams(const QByteArray& line)
 bool RunStory::addCourse(const QByteArray& line)
 {
     if (line.startsWith("Debug: sending frame come")) {
-        tell(QStringLiteral("ready: the window has given images, and the launcher is told"));
+        tellReadiness(std::nullopt, true);
     } else if (line.startsWith("Debug: Recorder ready; delaying first encoded frame")) {
         const qint64 delayMs = logtext::numberAfter(line, "first encoded frame").value_or(0);
-        for (Event& event : events_) {
-            if (event.text.startsWith(QLatin1String("ready: ")))
-                event.atMs = -delayMs;
-        }
+        tellReadiness(-delayMs, false);
         tell(QStringLiteral("the first frame is due %1 s after that").arg(seconds(delayMs)), 0);
     } else if (line.startsWith("Debug: FFmpeg recorder stop requested")) {
         tell(QStringLiteral("the launcher asks for the end; the file is not finished yet"));

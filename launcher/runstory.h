@@ -44,6 +44,9 @@ private:
     bool addComplaint(const QByteArray& line);
     void append(Event event, const QString& key);
     void tell(const QString& text, std::optional<qint64> atMs = std::nullopt);
+    void tellVersion(const QString& version);
+    /// atMs: when it was, if this line tells.
+    void tellReadiness(std::optional<qint64> atMs, bool launcherIsTold);
     /// When the first frame came, since the start of the recorder.
     std::optional<qint64> firstFrameMs() const;
     QString timeOf(const Event& event) const;
@@ -55,6 +58,8 @@ private:
     qint64 clicks_ = 0;
     qint64 leftOut_ = 0; // events beyond the bound
     qint64 complaints_ = 0; // warnings and worse
+    bool hasVersion_ = false;
+    bool launcherIsTold_ = false; // of the readiness
     bool hasEnded_ = false;
     bool isRecognised_ = false;
 };

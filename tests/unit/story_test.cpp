@@ -18,6 +18,7 @@ const QByteArray begin
       "canvas 640 480 screen origin 0 0 scale 1 (:0, )\n"
       "Debug: macOS screen recording preflight before request true (:0, )\n"
       "Debug: macOS CoreGraphics capture configured for window 2097152 (:0, )\n"
+      "Debug: recorder version 1.2.3 Qt 6.4.2 (:0, )\n"
       "Debug: macOS ScreenCaptureKit audio capture configured requested device \"app-pid:7\" app-only true (:0, )\n"
       "Debug: FFmpeg recorder using audio encoder \"aac\" sample rate 48000 channels 2 sample format fltp (:0, )\n"
       "Debug: FFmpeg recorder using video encoder \"mpeg4\" output \"/home/a/clip.mp4\" container mp4 pixel format "
@@ -40,6 +41,8 @@ class StoryTest : public QObject {
 
 private Q_SLOTS:
     void wholeRun();
+    void orderOfTheReadinessDoesNotMatter();
+    void versionOfACutLogIsTold();
     void renamedLogCountsFromTheFirstFrame();
     void warningsAreExplained();
     void unknownWarningIsShown();
@@ -73,7 +76,7 @@ void StoryTest::wholeRun()
     QCOMPARE(story.text,
         QStringLiteral("Log of 2026-11-22 04:53:08.787 UTC\n"
                        "Seconds since the recorder started, where the log tells:\n"
-                       "     0.000  the recorder starts as process 8017\n"
+                       "     0.000  the recorder starts as process 8017, version 1.2.3, Qt 6.4.2\n"
                        "            it is to record window 2097152 on a canvas of 640x480 into /home/a/clip.mp4\n"
                        "            permission to capture windows: held\n"
                        "            window 2097152 is captured\n"
@@ -87,6 +90,25 @@ void StoryTest::wholeRun()
                        "     6.653  stopped; the recording lasts 5.978 s\n"
                        "            the recorder ends with exit code 0\n"
                        "            no warnings\n"));
+}
+
+/// Two threads write the two lines.
+void StoryTest::orderOfTheReadinessDoesNotMatter()
+{
+    const QByteArray told = "Debug: sending frame come (:0, )\n";
+    const QByteArray due = "Debug: Recorder ready; delaying first encoded frame 500 ms (:0, )\n";
+    QVERIFY(begin.endsWith(told + due));
+    const QByteArray before = begin.left(begin.size() - told.size() - due.size());
+    QCOMPARE(tell(before + due + told + click + end).text, tell(begin + click + end).text);
+    // Nothing is said of the launcher that the log does not say.
+    QVERIFY2(tell(before + due).text.contains("    -0.500  ready: the window has given images\n"),
+        qPrintable(tell(before + due).text));
+}
+
+void StoryTest::versionOfACutLogIsTold()
+{
+    const QString text = tell(begin.mid(begin.indexOf("Debug: recorder version")) + end).text;
+    QVERIFY2(text.contains("            the recorder has version 1.2.3, Qt 6.4.2\n"), qPrintable(text));
 }
 
 void StoryTest::renamedLogCountsFromTheFirstFrame()
