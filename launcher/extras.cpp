@@ -8,6 +8,8 @@
 #include "plaintext.h"
 #include "progress.h"
 
+#include <algorithm>
+
 namespace {
 
 /// Empty, or why there is none.
@@ -36,14 +38,18 @@ ShareCopy writeShareCopy(
     if (!error.isEmpty())
         return {End::NotWritten, error, QString()};
     const auto goOn = [&](double done) {
-        progress.copied(done);
+        constexpr double most = 0.99; // the rest is its name
+        progress.copied(std::min(done, most));
         return !isCancelled();
     };
     ShareCopy result = makeShareCopy(recording, file.temporaryPath(), &avcodec_find_encoder_by_name, goOn);
     if (result.end != End::Made)
         return result;
     error = file.commit();
-    return error.isEmpty() ? result : ShareCopy{End::NotWritten, error, QString()};
+    if (!error.isEmpty())
+        return {End::NotWritten, error, QString()};
+    progress.copied(1);
+    return result;
 }
 
 void makeExtras(const ExtraWishes& wishes, Outcome& outcome, Progress& progress, const IsCancelled& isCancelled)

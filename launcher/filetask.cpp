@@ -71,7 +71,7 @@ int verify(const FileTask& task)
         return refuse(outcome.inspection->error.isEmpty()
                 ? QStringLiteral("%1 holds no video").arg(plainText(task.file))
                 : QStringLiteral("cannot read %1: %2").arg(plainText(task.file), outcome.inspection->error));
-    outcome.file = task.file;
+    outcome.file = QFileInfo(task.file).absoluteFilePath();
     Progress progress(task.quiet);
     for (const QString& complaint : judge(*outcome.inspection, expectationOf(*outcome.inspection))) {
         progress.warn(complaint);

@@ -59,11 +59,14 @@ void Progress::copied(double done)
 {
     constexpr int whole = 100;
     const int percent = int(done * whole);
-    if (quiet_ || percent == percentShown_ || (shownAt_.isValid() && shownAt_.elapsed() < showEveryMs))
+    const bool isTooEarly = percent < whole && shownAt_.isValid() && shownAt_.elapsed() < showEveryMs;
+    if (quiet_ || percent == percentShown_ || isTooEarly)
         return;
     percentShown_ = percent;
     shownAt_.start();
     show(QStringLiteral("making the WebM copy  %1 %").arg(percent));
+    if (percent >= whole)
+        closeLine();
 }
 
 void Progress::show(const QString& line)

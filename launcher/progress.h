@@ -26,7 +26,7 @@ public:
         qint64 clicks = 0; ///< reported to the recorder
     };
     void recorded(const Recorded& recorded);
-    /// How far the copy has come, from 0 to 1. May be called all the time.
+    /// How far the copy has come, from 0 to 1, when it is made. May be called all the time.
     void copied(double done);
 
 private:

@@ -14,7 +14,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <array>
 #include <csignal>
+#include <pty.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -86,6 +89,7 @@ private Q_SLOTS:
     void targetIsRefusedBeforeTheRecording_data();
     void targetIsRefusedBeforeTheRecording();
     void finishedRecordingIsShared();
+    void resultStandsBelowTheProgress();
     void badRecordingMakesNothing_data();
     void badRecordingMakesNothing();
     void interruptedCopyLeavesNothing();
@@ -175,6 +179,30 @@ void RecordWindowExtrasTest::finishedRecordingIsShared()
     QVERIFY(isWebm(launcher.path("copy.webm")));
 }
 
+/// On a terminal, where the progress is one line that changes.
+void RecordWindowExtrasTest::resultStandsBelowTheProgress()
+{
+    RecordWindowProcess launcher;
+    QCOMPARE(launcher.run(brief), 0);
+    std::array<int, 2> ends{-1, -1};
+    QCOMPARE(::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr), 0);
+    launcher.setEnvironment("TERM", "xterm");
+    launcher.process().setChildProcessModifier([slave = ends[1]] {
+        ::dup2(slave, STDOUT_FILENO);
+        ::dup2(slave, STDERR_FILENO);
+    });
+    launcher.startWithout({"--share-only", "clip.mp4", "copy.webm"});
+    const bool hasEnded = launcher.waitForEnd();
+    ::close(ends[1]);
+    QByteArray shown;
+    char bytes[256];
+    for (ssize_t size = 0; (size = ::read(ends[0], bytes, sizeof(bytes))) > 0;)
+        shown.append(bytes, size);
+    ::close(ends[0]);
+    QVERIFY(hasEnded);
+    QVERIFY2(shown.contains("\r\033[Kmaking the WebM copy  100 %\r\ncopy      /"), shown);
+}
+
 void RecordWindowExtrasTest::badRecordingMakesNothing_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -246,7 +274,8 @@ void RecordWindowExtrasTest::finishedRecordingIsVerified()
     QCOMPARE(launcher.run(brief), 0);
     RecordWindowProcess verifier;
     const QString clip = launcher.path("clip.mp4");
-    verifier.startWithout({"--verify", clip, "--sha256", "--contact-sheet", "sheet.png", "--json"});
+    const QString relative = QDir(verifier.path(".")).relativeFilePath(clip);
+    verifier.startWithout({"--verify", relative, "--sha256", "--contact-sheet", "sheet.png", "--json"});
     QVERIFY(verifier.waitForEnd());
     QCOMPARE(verifier.process().exitCode(), 0);
     const QJsonObject json = result(verifier);
@@ -254,6 +283,7 @@ void RecordWindowExtrasTest::finishedRecordingIsVerified()
     QCOMPARE(json["video"].toObject()["frames"].toInt(), 31);
     QCOMPARE(json["video"].toObject()["decodedFrames"].toInt(), 31);
     QVERIFY(json["durationMs"].isNull() && json["recorderExitCode"].isNull());
+    QCOMPARE(json["file"].toString(), QFileInfo(clip).canonicalFilePath()); // as after a recording
     QCOMPARE(json["sha256"].toString().toLatin1(), sha256(clip));
     QVERIFY(!QImage(verifier.path("sheet.png")).isNull());
     RecordWindowProcess plain;
