@@ -126,8 +126,7 @@ constexpr auto entries = std::to_array<Entry>({
 
     {"Recorder composes frames early", Meaning::Remark,
         "memory is short; clicks that are reported late may not be drawn"},
-    {"No memory for the image of a window", Meaning::VideoHarmed,
-        "memory is short; frames are missing"},
+    {"No memory for the image of a window", Meaning::VideoHarmed, "memory is short; frames are missing"},
     {"Recorder drops the mouse clicks farthest ahead", Meaning::Remark,
         "too many clicks were reported; some are lost"},
     {"Captured window has changed what it counts as its shadow", Meaning::Remark, nullptr},
