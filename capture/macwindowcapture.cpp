@@ -6,6 +6,7 @@
 #include "windowbounds.h"
 
 #include <QDebug>
+#include <QScopeGuard>
 
 MacWindowCapture::MacWindowCapture(const QString& windowIdText)
 {
@@ -69,10 +70,12 @@ bool isOpaque(const QImage& image, const RowSet& rows)
 /// the same.
 QImage sharedAsArgb32(const QImage& opaque)
 {
-    auto* owner = new QImage(opaque);
-    return QImage(
-        owner->constBits(), owner->width(), owner->height(), owner->bytesPerLine(), QImage::Format_ARGB32,
-        [](void* image) { delete static_cast<QImage*>(image); }, owner);
+    auto owner = std::make_unique<QImage>(opaque);
+    QImage image(
+        opaque.constBits(), opaque.width(), opaque.height(), opaque.bytesPerLine(), QImage::Format_ARGB32,
+        [](void* kept) { delete static_cast<QImage*>(kept); }, owner.get());
+    static_cast<void>(owner.release()); // the image has it now
+    return image;
 }
 
 /// Some rows of an image, as an image over the same pixels.
@@ -87,19 +90,21 @@ CapturedWindow MacWindowCapture::captureWindow(bool withBounds) const
 {
     if (!valid)
         return {};
+    // What the source has told of a change it does not tell again: without an image, and after an exception, the next
+    // one counts as all new.
+    auto loss = qScopeGuard([this] { last.image = QImage(); });
     const platform::WindowSample sample = source->sample(withBounds);
     if (sample.image.isNull())
         warnOfNoImage(sample);
-    if (sample.image.isNull() || !takeImage(sample)) {
-        last.image = QImage();
+    if (sample.image.isNull() || !takeImage(sample))
         return {};
-    }
     CapturedWindow captured = last;
     if (withBounds) {
         const QRect rounded = sample.bounds ? windowbounds::roundedRect(*sample.bounds) : QRect();
         captured.bounds = windowbounds::boundsOrImageRect(rounded, sample.image.size());
     }
     captured.pointer = sample.pointer;
+    loss.dismiss();
     return captured;
 }
 
@@ -126,16 +131,14 @@ bool MacWindowCapture::takeImage(const platform::WindowSample& sample) const
     const RowSet all(0, image.height());
     const bool allNew = last.image.isNull() || last.image.size() != image.size();
     const RowSet& rows = allNew ? all : sample.changedRows;
-    last.ownBytes = 0;
-    last.changedRows = RowSet();
-    if (rows.isEmpty())
+    if (rows.isEmpty()) // the same version, which differs from the one before as it did
         return true;
     const bool wasOpaque = last.opaque;
     last.opaque = isOpaque(image, !allNew && wasOpaque ? rows : all);
     if (last.opaque) {
         last.image = sharedAsArgb32(image);
         last.changedRows = !allNew && wasOpaque ? rows : all;
-        last.ownBytes = sample.ownBytes;
+        last.ownBytes = !allNew && wasOpaque ? sample.ownBytes : image.sizeInBytes();
         straightImages.forget();
     } else {
         const SharedImages::Image taken = straightened(sample, allNew || wasOpaque ? all : rows);

@@ -26,7 +26,7 @@ struct CapturedWindow {
     /// Grows by one with each image that differs from the one before, never 0 with an image.
     qint64 version = 0;
     RowSet changedRows; ///< of the image; all others are as in the version before
-    qint64 ownBytes = 0; ///< memory that the version before does not hold, too; 0 when it is the same version
+    qint64 ownBytes = 0; ///< memory that the version before does not hold, too
     /// The window's rectangle in global screen points, or the image's own rectangle in pixels when the window's
     /// cannot be told. Invalid when it was not asked for.
     QRect bounds;

@@ -46,6 +46,13 @@ public:
 
     std::size_t pieceBytes() const { return pieceBytes_; }
 
+    /// Whether images of that size are as well in this store as in a new one.
+    bool suits(std::size_t imageBytes) const
+    {
+        constexpr std::size_t mostChunks = 4; // of an image
+        return pieceSizeFor(imageBytes) == pieceBytes_ && imageBytes <= mostChunks * chunkPieces_ * pieceBytes_;
+    }
+
     /// The free piece that follows a given one (null: the first), so that neighbours in an image are neighbours in
     /// memory, and few mappings show it. Its content is anything. Null when there is no memory.
     uchar* take(uchar* before);
@@ -74,6 +81,7 @@ private:
     mutable std::mutex mutex_;
     Chunks chunks_; // by address
     std::size_t unusedChunks_ = 0;
+    std::size_t freePieces_ = 0; // of chunks that are in use
 };
 
 /// One piece of memory in use.
@@ -117,8 +125,11 @@ uchar* PieceStore::takeFrom(Chunks::iterator chunk, std::size_t first)
     if (found == state.used.end())
         return nullptr;
     *found = true;
-    if (state.usedCount++ == 0)
+    if (state.usedCount++ == 0) {
         --unusedChunks_;
+        freePieces_ += chunkPieces_;
+    }
+    --freePieces_;
     return memory + std::size_t(found - state.used.begin()) * pieceBytes_;
 }
 
@@ -137,14 +148,19 @@ PieceStore::Chunks::iterator PieceStore::addChunk()
     return added;
 }
 
-/// One chunk without a piece in use is kept for what comes; a second one is given back to the system.
+/// One chunk without a piece in use is kept for what comes; a second one is given back to the system. Where pieces
+/// that are in use lie scattered, the memory between them is, as far as it is more than an image takes.
 void PieceStore::giveBack(uchar* memory)
 {
     const std::lock_guard lock(mutex_);
     const auto chunk = chunkOf(memory);
     chunk->second.used[std::size_t(memory - chunk->first) / pieceBytes_] = false;
-    if (--chunk->second.usedCount > 0)
+    if (--chunk->second.usedCount > 0) {
+        if (++freePieces_ > chunkPieces_)
+            platform::emptyMemory(memory, pieceBytes_);
         return;
+    }
+    freePieces_ -= chunkPieces_ - 1;
     if (++unusedChunks_ == 1)
         return;
     --unusedChunks_;
@@ -160,6 +176,16 @@ struct Mapping {
     {
         if (address)
             platform::freeMemory(address, bytes);
+    }
+
+    /// Ends it without a part in the middle, whose addresses may be somebody else's by now.
+    void giveUp(std::size_t first, std::size_t count)
+    {
+        if (first > 0)
+            platform::freeMemory(address, first);
+        if (first + count < bytes)
+            platform::freeMemory(address + first + count, bytes - first - count);
+        address = nullptr;
     }
 
     uchar* address = nullptr;
@@ -205,6 +231,7 @@ void SharedImages::forget()
     lastPieces_.clear();
     pieces_.clear();
     isNew_.clear();
+    store_.reset(); // its pieces keep it while there are any
 }
 
 void SharedImages::update(const QSize& size, QImage::Format format)
@@ -213,7 +240,7 @@ void SharedImages::update(const QSize& size, QImage::Format format)
     const std::size_t pieceBytes = pieceSizeFor(bytes);
     if (size != size_ || format != format_)
         forget();
-    if (!store_ || store_->pieceBytes() != pieceBytes)
+    if (!store_ || !store_->suits(bytes))
         store_ = std::make_shared<PieceStore>(pieceBytes, bytes);
     size_ = size;
     format_ = format;
@@ -288,8 +315,8 @@ SharedImages::Image SharedImages::finish()
         logOutOfMemory();
         return {};
     }
-    last_ = std::move(image);
     lastPieces_ = pieces_;
+    last_ = std::move(image);
     return {last_, changedRows_, ownBytes};
 }
 
@@ -312,9 +339,11 @@ QImage SharedImages::mapped() const
         std::size_t end = first + 1;
         while (end < pieces_.size() && store_->follows(pieces_[end - 1]->memory, pieces_[end]->memory))
             ++end;
-        if (!platform::mapAgain(
-                pieces_[first]->memory, mapping->address + first * pieceBytes, (end - first) * pieceBytes))
+        const std::size_t size = (end - first) * pieceBytes;
+        if (!platform::mapAgain(pieces_[first]->memory, mapping->address + first * pieceBytes, size)) {
+            mapping->giveUp(first * pieceBytes, size);
             return QImage();
+        }
         first = end;
     }
     mapping->pieces = pieces_;

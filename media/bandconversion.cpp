@@ -1,13 +1,12 @@
 // Conversion in bands of rows.
 #include "bandconversion.h"
 
-#include <QFuture>
 #include <QThread>
-#include <QtConcurrent/QtConcurrentRun>
 
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <new>
 #include <span>
 #include <utility>
 #include <vector>
@@ -83,14 +82,15 @@ public:
     /// Makes ready for bands; false when there is no memory.
     bool prepare(std::span<const BandPlace> places, const AVFrame& like)
     {
-        for (const BandPlace& place : places) {
-            if (!ensureBand(place.endRead - place.firstRead, like))
-                return false;
+        try {
+            return std::all_of(places.begin(), places.end(),
+                [&](const BandPlace& place) { return ensureBand(place.endRead - place.firstRead, like); });
+        } catch (const std::bad_alloc&) {
+            return false;
         }
-        return true;
     }
 
-    void convert(std::span<const BandPlace> places, const QImage& image, AVFrame& frame) const
+    void convert(std::span<const BandPlace> places, const QImage& image, AVFrame& frame) const noexcept
     {
         for (const BandPlace& place : places) {
             const int rowCount = place.endRead - place.firstRead;
@@ -136,11 +136,7 @@ bool BandConversion::Converter::ensureBand(int rowCount, const AVFrame& like)
     return true;
 }
 
-BandConversion::BandConversion() : own_(std::make_unique<Converter>()), other_(std::make_unique<Converter>())
-{
-    thread_.setMaxThreadCount(1);
-    thread_.setExpiryTimeout(-1); // as long as the object
-}
+BandConversion::BandConversion() : own_(std::make_unique<Converter>()), other_(std::make_unique<Converter>()) { }
 
 BandConversion::~BandConversion() = default;
 
@@ -162,11 +158,11 @@ bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& f
     const auto mine = all.first(places.size() - others.size());
     if (!own_->prepare(mine, frame) || !other_->prepare(others, frame)) // before anything is written
         return false;
-    QFuture<void> otherThread;
-    if (isHurried)
-        otherThread = QtConcurrent::run(&thread_, [&] { other_->convert(others, image, frame); });
+    const auto convertOthers = [&] { other_->convert(others, image, frame); };
+    if (!isHurried || !thread_.start(convertOthers))
+        convertOthers();
     own_->convert(mine, image, frame);
-    otherThread.waitForFinished();
+    thread_.wait();
     return true;
 }
 

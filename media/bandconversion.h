@@ -4,9 +4,9 @@
 
 #include "avhandles.h"
 #include "rowset.h"
+#include "taskthread.h"
 
 #include <QImage>
-#include <QThreadPool>
 
 #include <memory>
 
@@ -36,5 +36,5 @@ private:
 
     std::unique_ptr<Converter> own_; // of the thread that calls
     std::unique_ptr<Converter> other_; // of the other one
-    QThreadPool thread_;
+    TaskThread thread_;
 };

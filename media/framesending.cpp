@@ -2,43 +2,23 @@
 #include "framesending.h"
 
 #include <QThread>
-#include <QtConcurrent/QtConcurrentRun>
-
-#include <memory>
-#include <utility>
-
-FrameSending::FrameSending()
-{
-    thread_.setMaxThreadCount(1);
-    thread_.setExpiryTimeout(-1); // as long as the object
-}
-
-FrameSending::~FrameSending()
-{
-    thread_.waitForDone();
-}
 
 void FrameSending::start(AVCodecContext& encoder, const AVFrame& frame)
 {
     underWay_ = true;
-    result_.reset();
     status_ = AVERROR(ENOMEM);
-    std::shared_ptr<AVFrame> shared(av_frame_clone(&frame), AvFrameDeleter());
-    if (!shared)
+    frame_.reset(av_frame_clone(&frame));
+    if (!frame_)
         return;
-    if (QThread::idealThreadCount() < 2) {
-        status_ = avcodec_send_frame(&encoder, shared.get());
-        return;
-    }
-    result_ = QtConcurrent::run(&thread_,
-        [&encoder, frameToSend = std::move(shared)] { return avcodec_send_frame(&encoder, frameToSend.get()); });
+    const auto send = [this, &encoder] { status_ = avcodec_send_frame(&encoder, frame_.get()); };
+    if (QThread::idealThreadCount() < 2 || !thread_.start(send))
+        send();
 }
 
 int FrameSending::finish()
 {
+    thread_.wait();
     underWay_ = false;
-    if (!result_)
-        return status_;
-    const QFuture<int> result = *std::exchange(result_, std::nullopt);
-    return result.result();
+    frame_.reset();
+    return status_;
 }

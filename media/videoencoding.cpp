@@ -92,7 +92,7 @@ bool GstRecorder::fillVideoFrame(const QImage& image)
 
 bool GstRecorder::transferPixels(const QImage& image, const RowSet& rows)
 {
-    if (videoCodecContext->pix_fmt == AV_PIX_FMT_BGRA) {
+    if (videoFrame->format == AV_PIX_FMT_BGRA) {
         for (const RowSet::Range& range : rows.ranges()) {
             for (int y = range.top; y < range.end; ++y) {
                 std::memcpy(videoFrame->data[0] + std::ptrdiff_t(y) * videoFrame->linesize[0], image.constScanLine(y),

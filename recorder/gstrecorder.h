@@ -5,11 +5,12 @@
 //
 // Threads: the MAIN thread owns the object, the control socket and every slot. One WORKER thread runs
 // runRecordingLoop() and with it all capture, composition and FFmpeg work. (A frame is encoded on a thread of
-// frameSending's, and the worker leaves the encoder alone meanwhile.) They share only the atomics below, the
-// click map under clickMutex, and durationMs, which the main thread reads after the worker has finished.
+// frameSending's, and half of it may be converted on one of bandConversion's; the worker waits for both.) They share
+// only the atomics below, the click map under clickMutex, and durationMs, which the main thread reads after the
+// worker has finished.
 //
 // The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
-// -> composeFrame() -> encodeImage() -> packet in the file.
+// -> composeFrame() -> startEncoding(), finishEncoding() -> packet in the file.
 //
 // Clocks: names ending in AtMs are wall-clock milliseconds since the epoch; elapsedMs, ptsMs, click keys and
 // frame times are recording milliseconds, counted from the first recorded frame.
@@ -308,7 +309,7 @@ private:
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
     WrittenBytes writtenBytes; // what has reached the file
-    qint64 encodedFrameCount = 0; // frames that the encoder accepted, recordingloop.cpp
+    qint64 encodedFrameCount = 0; // frames that the encoder accepted, videoencoding.cpp
 
     // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
     AVCodecContext* audioCodecContext = nullptr; // set only when the whole set-up succeeded

@@ -32,6 +32,11 @@ bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
     return ::mremap(const_cast<uchar*>(memory), 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, address) != MAP_FAILED;
 }
 
+void emptyMemory(uchar* memory, std::size_t size)
+{
+    ::madvise(memory, size, MADV_REMOVE);
+}
+
 void freeMemory(uchar* memory, std::size_t size)
 {
     ::munmap(memory, size);

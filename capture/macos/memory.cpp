@@ -39,6 +39,12 @@ bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
         == KERN_SUCCESS;
 }
 
+// A hint, which the system may leave at that.
+void emptyMemory(uchar* memory, std::size_t size)
+{
+    ::madvise(memory, size, MADV_FREE);
+}
+
 void freeMemory(uchar* memory, std::size_t size)
 {
     ::munmap(memory, size);

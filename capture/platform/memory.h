@@ -18,10 +18,14 @@ uchar* reserveAddresses(std::size_t size);
 
 /// Shows a part of memory that takeMemory() gave at reserved addresses as well. Both begin at a multiple of 64 KiB
 /// from where their memory or addresses begin; size is one, too. The memory lives on until the last place where it is
-/// shown has been given back. False when the system refuses; nothing has changed then.
+/// shown has been given back. False when the system refuses; those addresses are then not to be given back.
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size);
 
-/// Gives back memory or addresses: all that one call took.
+/// Gives the system what is in a part of memory that takeMemory() gave, where it is able to. Its content is then
+/// anything, and it can be written to as before. Aligned as for mapAgain().
+void emptyMemory(uchar* memory, std::size_t size);
+
+/// Gives back memory or addresses: all that one call took, or a part of addresses, aligned as for mapAgain().
 void freeMemory(uchar* memory, std::size_t size);
 
 }

@@ -17,6 +17,18 @@ State& state()
     return instance;
 }
 
+std::atomic<std::size_t>& memoryTaken()
+{
+    static std::atomic<std::size_t> bytes = 0;
+    return bytes;
+}
+
+std::atomic<std::size_t>& memoryEmptied()
+{
+    static std::atomic<std::size_t> bytes = 0;
+    return bytes;
+}
+
 void reset()
 {
     state() = State();
@@ -131,7 +143,9 @@ uchar* takeMemory(std::size_t size)
     if (refusesMemory())
         return nullptr;
     void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    state().memoryTaken += size;
+    if (memory == MAP_FAILED)
+        return nullptr;
+    fakeplatform::memoryTaken() += size;
     return static_cast<uchar*>(memory);
 }
 
@@ -139,20 +153,31 @@ uchar* reserveAddresses(std::size_t size)
 {
     if (refusesMemory())
         return nullptr;
-    state().memoryTaken += size;
-    return static_cast<uchar*>(::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    void* const addresses = ::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (addresses == MAP_FAILED)
+        return nullptr;
+    fakeplatform::memoryTaken() += size;
+    return static_cast<uchar*>(addresses);
 }
 
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
 {
-    ++state().mappings;
-    return !refusesMemory()
-        && ::mremap(const_cast<uchar*>(memory), 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, address) == address;
+    if (refusesMemory()) {
+        freeMemory(address, size); // as a system may
+        return false;
+    }
+    return ::mremap(const_cast<uchar*>(memory), 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, address) == address;
+}
+
+void emptyMemory(uchar* memory, std::size_t size)
+{
+    fakeplatform::memoryEmptied() += size;
+    ::madvise(memory, size, MADV_REMOVE);
 }
 
 void freeMemory(uchar* memory, std::size_t size)
 {
-    state().memoryTaken -= size;
+    fakeplatform::memoryTaken() -= size;
     ::munmap(memory, size);
 }
 

@@ -7,6 +7,7 @@
 #include <QPointF>
 #include <QRectF>
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -36,13 +37,16 @@ struct State {
     std::optional<qint64> availableMemory;
     /// So many calls of the seam of the memory succeed, and then none; nothing set: all.
     std::optional<int> memoryCallsLeft;
-    std::size_t memoryTaken = 0; ///< bytes, of memory and of addresses; not yet given back
-    int mappings = 0; ///< calls of mapAgain()
     std::optional<quint32> administratorsGroup;
 };
 
 State& state();
 void reset();
+
+/// Bytes, of memory and of addresses, that were taken and not yet given back. Images end on any thread.
+std::atomic<std::size_t>& memoryTaken();
+/// Bytes that emptyMemory() was told, since the start.
+std::atomic<std::size_t>& memoryEmptied();
 
 /// An opaque image in the seam's format for opaque windows.
 QImage solidImage(int width, int height, QRgb colour);

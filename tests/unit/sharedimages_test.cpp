@@ -60,6 +60,7 @@ private Q_SLOTS:
     void imagesOutliveTheirMaker();
     void memoryIsUsedAgain();
     void memoryIsGivenBack();
+    void memoryBetweenPiecesInUseIsGivenBack();
     void imagesEndOnAnyThread();
     void memoryThatRunsOutCostsThatImage_data();
     void memoryThatRunsOutCostsThatImage();
@@ -201,6 +202,7 @@ void SharedImagesTest::imageThatIsWrittenToIsAlone()
 
 void SharedImagesTest::imagesOutliveTheirMaker()
 {
+    const std::size_t before = fakeplatform::memoryTaken();
     QImage first;
     QImage second;
     QImage truth = speckled(large, 1);
@@ -214,7 +216,7 @@ void SharedImagesTest::imagesOutliveTheirMaker()
     first = QImage();
     QCOMPARE(second, truth);
     second = QImage();
-    QCOMPARE(fakeplatform::state().memoryTaken, 0u);
+    QCOMPARE(fakeplatform::memoryTaken().load(), before);
 }
 
 /// A queue of ten images, of which every pixel changes, goes on with the memory of eleven or twelve.
@@ -228,9 +230,9 @@ void SharedImagesTest::memoryIsUsedAgain()
         if (queue.size() > 10)
             queue.erase(queue.begin());
         if (i == 20)
-            afterTwenty = fakeplatform::state().memoryTaken;
+            afterTwenty = fakeplatform::memoryTaken();
     }
-    QCOMPARE(fakeplatform::state().memoryTaken, afterTwenty);
+    QCOMPARE(fakeplatform::memoryTaken().load(), afterTwenty);
     QCOMPARE(queue.back(), speckled(large, 59));
 }
 
@@ -240,9 +242,31 @@ void SharedImagesTest::memoryIsGivenBack()
     std::vector<QImage> queue;
     for (int i = 0; i < 30; ++i)
         queue.push_back(next(images, speckled(large, quint32(i))).image);
-    const std::size_t most = fakeplatform::state().memoryTaken;
+    const std::size_t most = fakeplatform::memoryTaken();
     queue.clear();
-    QVERIFY2(fakeplatform::state().memoryTaken * 5 < most, "memory that no image uses is kept");
+    QVERIFY2(fakeplatform::memoryTaken() * 5 < most, "memory that no image uses is kept");
+    QCOMPARE(next(images, speckled(large, 77)).image, speckled(large, 77));
+}
+
+/// Each of many images keeps one piece of its own memory in use.
+void SharedImagesTest::memoryBetweenPiecesInUseIsGivenBack()
+{
+    SharedImages images;
+    std::vector<QImage> queue;
+    constexpr int pieces = 18;
+    QImage all = speckled(large, 100);
+    for (int i = 0; i < pieces; ++i) { // of every image one piece goes on into the next ones
+        const QImage fresh = speckled(large, quint32(i));
+        const int kept = (i + 1) * 27;
+        for (int y = kept; y < large.height(); ++y)
+            memcpy(all.scanLine(y), fresh.constScanLine(y), size_t(large.width()) * 4);
+        queue.push_back(next(images, all).image);
+    }
+    const std::size_t before = fakeplatform::memoryEmptied();
+    queue.clear();
+    const auto emptied = qint64(fakeplatform::memoryEmptied() - before);
+    QVERIFY2(emptied > pieces * 19 * pieceBytes / 4, qPrintable(QString::number(emptied)));
+    QCOMPARE(images.last(), all);
     QCOMPARE(next(images, speckled(large, 77)).image, speckled(large, 77));
 }
 

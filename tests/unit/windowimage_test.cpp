@@ -35,6 +35,7 @@ private Q_SLOTS:
     void unchangedImageIsSharedNotConverted();
     void changedImageIsTakenAnew();
     void imageAfterAGapIsTakenAnew();
+    void versionKeepsItsRows();
 
     void pointerLocation();
 };
@@ -303,6 +304,28 @@ void WindowImageTest::imageAfterAGapIsTakenAnew()
     QVERIFY(!capture.capture(nullptr).isNull());
     QVERIFY(capture.capture(nullptr).isNull());
     QCOMPARE(capture.capture(nullptr).pixel(0, 0), qRgba(9, 8, 7, 255));
+}
+
+/// The frame that had the change first may have been dropped.
+void WindowImageTest::versionKeepsItsRows()
+{
+    QImage source = fakeplatform::solidImage(8, 6, qRgb(0, 0, 0));
+    fakeplatform::state().image = [&source](int index) {
+        if (index == 1)
+            source.setPixel(3, 4, qRgb(1, 2, 3));
+        return source;
+    };
+    fakeplatform::state().changedRows = [](int index) {
+        return index == 0 ? RowSet(0, 6) : index == 1 ? RowSet(4, 5) : RowSet();
+    };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    const qint64 first = capture.captureWindow().version;
+    for (int i = 0; i < 3; ++i) {
+        const CapturedWindow captured = capture.captureWindow();
+        QCOMPARE(captured.version, first + 1);
+        QCOMPARE(captured.changedRows, RowSet(4, 5));
+        QVERIFY(captured.ownBytes > 0);
+    }
 }
 
 void WindowImageTest::pointerLocation()

@@ -10,7 +10,9 @@
 
 #include <QDebug>
 #include <QPainter>
+#include <QScopeGuard>
 
+#include <climits>
 #include <string_view>
 #include <utility>
 
@@ -42,6 +44,11 @@ private:
     xcb_pixmap_t id_;
     Request<void> naming_; ///< its result is not needed: requests for a missing pixmap fail themselves
 };
+
+bool hasRowsOutside(const RowSet& rows, const QRect& area)
+{
+    return rows.intersects(0, area.top()) || rows.intersects(area.top() + area.height(), INT_MAX);
+}
 
 /// Makes a part of an image blank: black, or transparent where it has an alpha channel.
 void blank(QImage& image, const QRegion& area)
@@ -173,7 +180,9 @@ platform::WindowSample WindowImages::sample()
     shown_.reset();
     if (gone_)
         endCapture();
-    return {};
+    platform::WindowSample none;
+    none.unusable = sample.unusable;
+    return none;
 }
 
 /// Brings shown_ up to date. False when there is no image.
@@ -192,6 +201,8 @@ bool WindowImages::takeImage(platform::WindowSample& sample)
         }
         if (readImage(*now, current, sample))
             return true;
+        if (sample.unusable)
+            return false;
     }
     return false;
 }
@@ -296,8 +307,9 @@ QRect WindowImages::areaToRead(const Placement& placement, bool current, const Q
     const QRect visible = placement.visible();
     const bool wasRead = shown_ && shown_->placement.hasPixelsOf(placement);
     const bool allPainted = unpainted.isEmpty() && shown_ && shown_->blank.isEmpty();
+    const bool isDue = now_() - wholeReadAt_ >= checkInterval;
     // Where damage lies in a window with a border is not the same for all servers.
-    if (current || !wasRead || !allPainted || placement.border > 0 || watched_.damage == XCB_NONE)
+    if (current || isDue || !wasRead || !allPainted || placement.border > 0 || watched_.damage == XCB_NONE)
         return visible;
     return changed_.rowsOf(visible);
 }
@@ -309,9 +321,16 @@ bool WindowImages::readImage(const Placement& placement, bool current, platform:
     const QRegion unpainted = blankArea(); // what is painted from here on may be missing in the pixels
     const int pixmapsBefore = pixmapsSeen_;
     const QRect area = areaToRead(placement, current, unpainted);
+    const QRect visible = placement.visible();
+    const QRect reported = current ? QRect() : changed_.rowsOf(visible);
+    auto failure = qScopeGuard([this] { // all has to be read anew, after an exception, too
+        shown_.reset();
+        changed_.addAll();
+    });
     changed_.clear();
     if (area.isEmpty()) { // only in what is not shown
         shown_->placement = placement;
+        failure.dismiss();
         return true;
     }
     if (watched_.damage == XCB_NONE)
@@ -321,19 +340,22 @@ bool WindowImages::readImage(const Placement& placement, bool current, platform:
     handleEvents();
     SharedImages::Image taken;
     if (pixels && pixmapsSeen_ == pixmapsBefore) {
-        images_.update(placement.visible().size(), imageFormat(layout_));
-        if (putPixels(pixels, area, placement.visible(), unpainted))
+        images_.update(visible.size(), imageFormat(layout_));
+        if (putPixels(pixels, area, visible, unpainted))
             taken = images_.finish();
+        sample.unusable = taken.image.isNull();
     }
-    if (taken.image.isNull()) {
-        changed_.addAll();
+    if (taken.image.isNull())
         return false;
-    }
-    const bool missedSomething = current && !taken.changedRows.isEmpty() && changed_.isEmpty();
-    shown_ = Shown{placement, unpainted};
+    const bool missedSomething = shown_ && shown_->placement.hasPixelsOf(placement) && changed_.isEmpty()
+        && hasRowsOutside(taken.changedRows, reported.translated(-visible.topLeft()));
     sample.changedRows.add(taken.changedRows);
     sample.ownBytes = taken.ownBytes;
+    shown_ = Shown{placement, unpainted};
     readAt_ = now_();
+    if (area == visible)
+        wholeReadAt_ = readAt_;
+    failure.dismiss();
     if (!damageIsThere || missedSomething)
         renewDamage();
     return true;

@@ -68,7 +68,8 @@ public:
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
 
-    /// A window that is reported as unchanged is read again after this time, and compared: reports can fail.
+    /// What is reported as unchanged, the window or the rest of it, is read again after this time, and compared:
+    /// reports can fail.
     static constexpr std::chrono::seconds checkInterval{1};
 
     explicit WindowImages(quint32 windowId, Now now = &Clock::now);
@@ -126,7 +127,8 @@ private:
     int pixmapsSeen_ = 0; // grows when the window may have been given a new pixmap
     UnpaintedArea unpainted_;
     ShadowLog shadowLog_;
-    Clock::time_point readAt_; // shown_
+    Clock::time_point readAt_; // shown_, or a part of it
+    Clock::time_point wholeReadAt_; // all of it
     SharedImages images_;
     std::optional<Shown> shown_; // what the last image of images_ shows; nothing when there is none now
     std::optional<QPointF> pointer_; // asked for together with the placement
