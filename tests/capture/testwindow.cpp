@@ -8,6 +8,7 @@
 // ends the process.
 #include "xcbhandles.h"
 
+#include <xcb/shape.h>
 #include <xcb/xcb.h>
 
 #include <csignal>
@@ -60,12 +61,16 @@ private:
     void addDrawingCommands();
     void addStackingCommands();
     void addPropertyCommands();
+    void addPopupCommands();
 
     bool configure(Arguments& arguments, uint16_t mask);
     bool fill(xcb_window_t target, Arguments& arguments);
     bool setExtents(Arguments& arguments, uint8_t format);
     bool setText(Arguments& arguments, const char* property, const char* type);
     bool setProcess(Arguments& arguments);
+    bool makePopup(Arguments& arguments);
+    bool onPopup(Arguments& arguments);
+    bool setShape(Arguments& arguments);
     bool run(Arguments& arguments);
     bool warp(Arguments& arguments);
     void iconify();
@@ -83,6 +88,7 @@ private:
     xcb_window_t cover_ = XCB_NONE;
     xcb_window_t child_ = XCB_NONE;
     xcb_window_t frame_ = XCB_NONE;
+    std::map<std::string, xcb_window_t> popups_;
     std::vector<pid_t> children_; // each the leader of a group
     std::map<std::string, Command> commands_;
     std::optional<int> error_;
@@ -94,6 +100,7 @@ TestWindow::TestWindow() : xcb_(xcb_connect(nullptr, nullptr)), screen_(screen(0
     addDrawingCommands();
     addStackingCommands();
     addPropertyCommands();
+    addPopupCommands();
 }
 
 TestWindow::~TestWindow()
@@ -266,6 +273,91 @@ void TestWindow::addPropertyCommands()
     commands_["pid"] = [this](Arguments& arguments) { return setProcess(arguments); };
     // run COMMAND: a child process; it and its children end with this one, unless that is killed
     commands_["run"] = [this](Arguments& arguments) { return run(arguments); };
+}
+
+void TestWindow::addPopupCommands()
+{
+    // popup NAME X Y WIDTH HEIGHT DEPTH PIXEL: another window, unmapped, that no window manager touches
+    commands_["popup"] = [this](Arguments& arguments) { return makePopup(arguments); };
+    // on NAME COMMAND: a command for that window instead of the first one
+    commands_["on"] = [this](Arguments& arguments) { return onPopup(arguments); };
+    commands_["raise"] = [this](Arguments&) {
+        const uint32_t above = XCB_STACK_MODE_ABOVE;
+        xcb_configure_window(xcb_, window_, XCB_CONFIG_WINDOW_STACK_MODE, &above);
+        return true;
+    };
+    // into WINDOW X Y: its parent from now on, whoever made it
+    commands_["into"] = [this](Arguments& arguments) {
+        uint32_t parent = 0;
+        int x = 0;
+        int y = 0;
+        arguments >> parent >> x >> y;
+        xcb_reparent_window(xcb_, window_, parent, int16_t(x), int16_t(y));
+        return !arguments.fail();
+    };
+    // managed: a window manager may touch it from now on
+    commands_["managed"] = [this](Arguments&) {
+        const uint32_t no = 0;
+        xcb_change_window_attributes(xcb_, window_, XCB_CW_OVERRIDE_REDIRECT, &no);
+        return true;
+    };
+    // transient ID, type NAME: what the application says of a popup
+    commands_["transient"] = [this](Arguments& arguments) {
+        uint32_t parent = 0;
+        arguments >> parent;
+        xcb_change_property(
+            xcb_, XCB_PROP_MODE_REPLACE, window_, XCB_ATOM_WM_TRANSIENT_FOR, XCB_ATOM_WINDOW, 32, 1, &parent);
+        return !arguments.fail();
+    };
+    commands_["type"] = [this](Arguments& arguments) {
+        std::string name;
+        arguments >> name;
+        const xcb_atom_t type = atom(name);
+        xcb_change_property(
+            xcb_, XCB_PROP_MODE_REPLACE, window_, atom("_NET_WM_WINDOW_TYPE"), XCB_ATOM_ATOM, 32, 1, &type);
+        return !name.empty();
+    };
+    // shape X Y WIDTH HEIGHT: only this part of it is shown
+    commands_["shape"] = [this](Arguments& arguments) { return setShape(arguments); };
+}
+
+bool TestWindow::makePopup(Arguments& arguments)
+{
+    std::string name;
+    WindowOptions options;
+    options.overrideRedirect = true;
+    arguments >> name >> options.x >> options.y >> options.width >> options.height >> options.depth >> std::hex
+        >> options.pixel;
+    popups_[name] = makeWindow(screen_->root, options, visualOfDepth(options.depth));
+    return !arguments.fail();
+}
+
+bool TestWindow::onPopup(Arguments& arguments)
+{
+    std::string name;
+    std::string command;
+    arguments >> name >> command;
+    const auto popup = popups_.find(name);
+    const auto found = commands_.find(command);
+    if (popup == popups_.end() || found == commands_.end())
+        return false;
+    const xcb_window_t own = std::exchange(window_, popup->second);
+    const bool sensible = found->second(arguments);
+    window_ = own;
+    return sensible;
+}
+
+bool TestWindow::setShape(Arguments& arguments)
+{
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+    arguments >> x >> y >> width >> height;
+    const xcb_rectangle_t rectangle{int16_t(x), int16_t(y), uint16_t(width), uint16_t(height)};
+    xcb_shape_rectangles(
+        xcb_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING, XCB_CLIP_ORDERING_UNSORTED, window_, 0, 0, 1, &rectangle);
+    return !arguments.fail();
 }
 
 bool TestWindow::configure(Arguments& arguments, uint16_t mask)

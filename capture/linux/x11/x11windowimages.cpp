@@ -51,7 +51,7 @@ bool hasRowsOutside(const RowSet& rows, const QRect& area)
 }
 
 /// Makes a part of an image blank: black, or transparent where it has an alpha channel.
-void blank(QImage& image, const QRegion& area)
+void makeBlank(QImage& image, const QRegion& area)
 {
     if (area.isEmpty())
         return;
@@ -64,7 +64,8 @@ void blank(QImage& image, const QRegion& area)
 
 }
 
-WindowImages::WindowImages(quint32 windowId, Now now) : now_(std::move(now))
+WindowImages::WindowImages(quint32 windowId, Now now, QRegion doubtful)
+    : now_(std::move(now)), doubtful_(std::move(doubtful))
 {
     watched_.window = windowId;
     if (!connect())
@@ -158,11 +159,24 @@ bool WindowImages::watchWindow()
 void WindowImages::takeFirstReports()
 {
     unpainted_.begin(now_());
+    const QRegion doubtful = std::exchange(doubtful_, QRegion());
     for (const auto& event : connection_->takeEvents()) {
         const std::optional<WindowEvent> own = windowEvent(*event, watched_);
-        if (own && own->kind == WindowEvent::Kind::Damaged)
-            unpainted_.addDamage(own->area, own->more);
+        if (!own || own->kind != WindowEvent::Kind::Damaged)
+            continue;
+        for (const QRect& seen : QRegion(own->area) - doubtful)
+            unpainted_.addDamage(seen, own->more);
     }
+}
+
+QRegion WindowImages::blank() const
+{
+    return shown_ ? shown_->blank.translated(shown_->placement.origin) : QRegion();
+}
+
+QPoint WindowImages::origin() const
+{
+    return shown_ ? shown_->placement.origin : QPoint();
 }
 
 platform::WindowSample WindowImages::sample()
@@ -373,7 +387,7 @@ bool WindowImages::putPixels(const uchar* pixels, const QRect& area, const QRect
     QImage image = imageFromPixels(pixels, area.size(), layout_);
     if (image.isNull())
         return false;
-    blank(image, hidden);
+    makeBlank(image, hidden);
     images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(image.constBits()));
     return true;
 }

@@ -72,9 +72,19 @@ public:
     /// reports can fail.
     static constexpr std::chrono::seconds checkInterval{1};
 
-    explicit WindowImages(quint32 windowId, Now now = &Clock::now);
+    /// doubtful: pixels of the window, without its border, that are not believed to be its own before it has painted
+    /// them, although they can be seen.
+    explicit WindowImages(quint32 windowId, Now now = &Clock::now, QRegion doubtful = QRegion());
 
     platform::WindowSample sample();
+
+    /// What the last image of sample() does not show, as it is not painted yet. Global screen points.
+    QRegion blank() const;
+    /// The top left pixel inside the border, as of the last image. Global screen points.
+    QPoint origin() const;
+    bool isConnected() const { return connection_ && !connection_->isLost(); }
+    /// The process whose window it is; 0 when it is unknown.
+    qint64 clientProcessId() const { return origin_.client; }
 
 private:
     struct Shown {
@@ -126,6 +136,7 @@ private:
     std::optional<Clock::time_point> failedAt_; // to connect again, last
     int pixmapsSeen_ = 0; // grows when the window may have been given a new pixmap
     UnpaintedArea unpainted_;
+    QRegion doubtful_; // until the first reports of the window are taken
     ShadowLog shadowLog_;
     Clock::time_point readAt_; // shown_, or a part of it
     Clock::time_point wholeReadAt_; // all of it
