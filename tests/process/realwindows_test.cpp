@@ -25,6 +25,14 @@ html, body { margin: 0; height: 100%; background: white; overflow: hidden }
 @keyframes go { from { left: 5% } to { left: 75% } }
 </style></head><body><div id="frame"></div><div id="bar"></div></body></html>)";
 
+/// A list that opens over the page, as a window of its own; its entries have a colour that is nowhere else.
+constexpr auto listPage = R"(<!DOCTYPE html><html><head><title>orvantis test page</title><style>
+html, body { margin: 0; height: 100%; background: white; overflow: hidden }
+select { position: fixed; left: 200px; top: 150px; width: 400px; height: 200px }
+option { background: #00c040; color: black }
+</style></head><body><select><option>one<option>two<option>three<option>four</select></body></html>)";
+constexpr QPoint onTheList(400, 280); // of the window
+
 bool isNear(QRgb pixel, QRgb wanted, int tolerance)
 {
     return std::abs(qRed(pixel) - qRed(wanted)) <= tolerance && std::abs(qGreen(pixel) - qGreen(wanted)) <= tolerance
@@ -70,6 +78,16 @@ int barMoves(const QString& path)
     return moves;
 }
 
+int pixelsLike(const QImage& frame, QRgb wanted)
+{
+    int count = 0;
+    for (int y = 0; y < frame.height(); ++y) {
+        for (int x = 0; x < frame.width(); ++x)
+            count += isNear(frame.pixel(x, y), wanted, 30);
+    }
+    return count;
+}
+
 QProcessEnvironment environmentFor(const QByteArray& display)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -87,12 +105,14 @@ private Q_SLOTS:
 
     void browser_data();
     void browser();
+    void listOfTheBrowser();
     void plainClient();
 
 private:
     /// The window of the browser: a top-level one that has the page's title; 0 when there is none yet.
     quint32 browserWindow() const;
-    void startBrowser(QProcess& browser, const PrivateTempDir& directory) const;
+    void startBrowser(QProcess& browser, const PrivateTempDir& directory, const char* html) const;
+    bool click(QPoint position) const;
 
     PrivateXServer server_;
     std::unique_ptr<Desktop> desktop_;
@@ -111,12 +131,22 @@ quint32 RealWindowsTest::browserWindow() const
     return desktop_->titled(QStringLiteral("orvantis test page"));
 }
 
-void RealWindowsTest::startBrowser(QProcess& browser, const PrivateTempDir& directory) const
+bool RealWindowsTest::click(QPoint position) const
 {
-    QFile html(directory.filePath(QStringLiteral("page.html")));
-    if (html.open(QIODevice::WriteOnly))
-        html.write(page);
-    html.close();
+    QProcess clicking;
+    clicking.setProcessEnvironment(environmentFor(server_.display()));
+    clicking.start(QStringLiteral("xdotool"),
+        {QStringLiteral("mousemove"), QString::number(position.x()), QString::number(position.y()),
+            QStringLiteral("click"), QStringLiteral("1")});
+    return clicking.waitForFinished(hangLimitMs) && clicking.exitCode() == 0;
+}
+
+void RealWindowsTest::startBrowser(QProcess& browser, const PrivateTempDir& directory, const char* html) const
+{
+    QFile file(directory.filePath(QStringLiteral("page.html")));
+    if (file.open(QIODevice::WriteOnly))
+        file.write(html);
+    file.close();
     browser.setProcessEnvironment(environmentFor(server_.display()));
     browser.setProcessChannelMode(QProcess::MergedChannels);
     browser.start(QStringLiteral("chromium"),
@@ -125,7 +155,7 @@ void RealWindowsTest::startBrowser(QProcess& browser, const PrivateTempDir& dire
             QStringLiteral("--disable-component-update"), QStringLiteral("--disable-sync"),
             QStringLiteral("--user-data-dir=") + directory.filePath(QStringLiteral("profile")),
             QStringLiteral("--window-position=50,40"), QStringLiteral("--window-size=800,600"),
-            QStringLiteral("--app=file://") + html.fileName()});
+            QStringLiteral("--app=file://") + file.fileName()});
 }
 
 void RealWindowsTest::browser_data()
@@ -142,7 +172,7 @@ void RealWindowsTest::browser()
         desktop_->claimCompositor();
     RecordingScene scene(server_.display(), 0);
     QProcess browser;
-    startBrowser(browser, scene.directory);
+    startBrowser(browser, scene.directory, page);
     QVERIFY2(browser.waitForStarted(), qPrintable(browser.errorString()));
     QVERIFY2(QTest::qWaitFor([this] { return browserWindow() != 0; }, hangLimitMs), browser.readAll());
     const quint32 window = browserWindow();
@@ -176,6 +206,44 @@ void RealWindowsTest::browser()
     for (qsizetype i = 0; i < found.size(); ++i)
         QVERIFY2(std::abs(found[i] - expected[i]) <= 2, qPrintable(QStringLiteral("%1: %2").arg(i).arg(found[i])));
     QVERIFY(barMoves(scene.command.output) > file.ptsMs.size() / 4);
+}
+
+/// Drawn by another process of the browser than its page; the X server knows one client for both.
+void RealWindowsTest::listOfTheBrowser()
+{
+    RecordingScene scene(server_.display(), 0);
+    scene.recorder.setVariable(QStringLiteral("ORVANTIS_POPUPS"), QStringLiteral("1"));
+    QProcess browser;
+    startBrowser(browser, scene.directory, listPage);
+    QVERIFY2(browser.waitForStarted(), qPrintable(browser.errorString()));
+    QVERIFY2(QTest::qWaitFor([this] { return browserWindow() != 0; }, hangLimitMs), browser.readAll());
+    const quint32 window = browserWindow();
+    const QRect place = desktop_->geometry(window);
+    scene.command.window = QString::number(window);
+    scene.command.canvasWidth = QString::number(place.width());
+    scene.command.canvasHeight = QString::number(place.height());
+    QVERIFY2(scene.startRecording(), scene.story());
+    QVERIFY2(scene.waitUntilRecorded(1000), scene.story());
+    const qsizetype windows = desktop_->children(desktop_->root()).size();
+    QVERIFY(click(place.topLeft() + onTheList));
+    QVERIFY(QTest::qWaitFor([&] { return desktop_->children(desktop_->root()).size() > windows; }, hangLimitMs));
+    QVERIFY2(scene.waitUntilRecorded(3000), scene.story());
+    QVERIFY2(scene.stopAndExit(), scene.story());
+    browser.terminate();
+    QVERIFY(browser.waitForFinished(hangLimitMs));
+
+    const Playback file = playBack(scene.command.output);
+    QVERIFY2(file.isWhole(), file.description());
+    QCOMPARE(file.last.size(), place.size());
+    int first = -1;
+    MediaFile media(scene.command.output);
+    media.forEachFrame([&](const MediaFrame& frame) {
+        first = pixelsLike(frame.image, 0xff00c040);
+        return false;
+    });
+    QCOMPARE(first, 0);
+    const int entries = pixelsLike(file.last, 0xff00c040);
+    QVERIFY2(entries > 5000, qPrintable(QString::number(entries)));
 }
 
 void RealWindowsTest::plainClient()
