@@ -67,10 +67,10 @@ private Q_SLOTS:
     void shaped();
     void unpainted();
     void unpaintedOverAnotherProgram();
+    void unpaintedOverAnotherProgramThatIsGone();
     void mappedAgainUnpainted();
     void toldRowsAreAllThatDiffer();
     void stillPopupGivesTheSameImage();
-    void forgedEvents();
     void connectionsEnded();
 
 private:
@@ -359,6 +359,16 @@ void X11PopupsTest::unpaintedOverAnotherProgram()
     QVERIFY(isWindowWith(source.image(), QRect(50, 20, 100, 50), red));
 }
 
+void X11PopupsTest::unpaintedOverAnotherProgramThatIsGone()
+{
+    WindowSource source(window_->id());
+    WindowProcess other({.geometry = QRect(150, 90, 50, 300), .pixel = secret, .overrideRedirect = true});
+    QVERIFY(isFilled(source.image(), blue));
+    QVERIFY(window_->send("popup menu 150 100 100 50 24 0") && window_->send("on menu nobackground"));
+    QVERIFY(window_->send("on menu map") && other.send("unmap"));
+    QVERIFY(isFilled(source.image(), blue));
+}
+
 void X11PopupsTest::mappedAgainUnpainted()
 {
     WindowSource source(window_->id());
@@ -414,22 +424,6 @@ void X11PopupsTest::stillPopupGivesTheSameImage()
     QCOMPARE(next.image.cacheKey(), image.cacheKey());
     QVERIFY(next.changedRows.isEmpty());
     QCOMPARE(next.ownBytes, 0);
-}
-
-/// A client can send the root what looks like the end of the menu.
-void X11PopupsTest::forgedEvents()
-{
-    WindowSource source(window_->id());
-    QVERIFY(popUp("menu", "150 100 100 50 24 ff0000"));
-    QVERIFY(isWindowWith(source.image(), QRect(50, 20, 100, 50), red));
-    ForeignClient foreign;
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(foreign.xcb())).data->root;
-    xcb_unmap_notify_event_t unmap{};
-    unmap.response_type = XCB_UNMAP_NOTIFY;
-    unmap.event = root;
-    unmap.window = window_->id();
-    foreign.send(root, unmap);
-    QVERIFY(isWindowWith(source.image(), QRect(50, 20, 100, 50), red));
 }
 
 void X11PopupsTest::connectionsEnded()
