@@ -48,9 +48,18 @@ std::vector<xcb_window_t> childrenIn(const xcb_query_tree_reply_t* tree)
 
 }
 
-/// One window that is shown.
+/// A window, and where its parent is.
+struct PopupFinder::Place {
+    xcb_window_t window = XCB_NONE;
+    xcb_window_t parent = XCB_NONE;
+    QPoint parentOrigin;
+};
+
+/// A window that is shown.
 struct PopupFinder::Seen {
     Popup popup; ///< without its shape
+    xcb_window_t parent = XCB_NONE;
+    std::vector<xcb_window_t> children;
     bool ours = false;
     bool unmanaged = false; ///< no window manager touches it
     bool saysPopup = false;
@@ -58,22 +67,49 @@ struct PopupFinder::Seen {
     bool isPopup() const { return ours && (unmanaged || saysPopup); }
 };
 
+/// What is asked about one window.
 struct PopupFinder::Questions {
-    Questions(DisplayConnection& connection, xcb_window_t asked, xcb_atom_t windowType, bool askServer)
-        : window(asked), attributes(connection, xcb_get_window_attributes(connection.xcb(), asked)),
-          geometry(connection, xcb_get_geometry(connection.xcb(), asked)),
-          types(connection, xcb_get_property(connection.xcb(), 0, asked, windowType, XCB_ATOM_ATOM, 0, mostTypes))
+    Questions(DisplayConnection& connection, const Place& asked, xcb_atom_t windowType, bool askServer)
+        : place(asked), attributes(connection, xcb_get_window_attributes(connection.xcb(), asked.window)),
+          geometry(connection, xcb_get_geometry(connection.xcb(), asked.window)),
+          tree(connection, xcb_query_tree(connection.xcb(), asked.window)),
+          types(connection,
+              xcb_get_property(connection.xcb(), 0, asked.window, windowType, XCB_ATOM_ATOM, 0, mostTypes))
     {
         if (askServer)
-            client.emplace(connection, askClientProcess(connection, asked));
+            client.emplace(connection, askClientProcess(connection, asked.window));
     }
 
-    xcb_window_t window;
+    /// Nothing when the window is not shown.
+    std::optional<Seen> answer();
+    qint64 process() { return client ? clientProcess(client->reply().get()) : 0; }
+
+    Place place;
     Request<xcb_get_window_attributes_reply_t> attributes;
     Request<xcb_get_geometry_reply_t> geometry;
+    Request<xcb_query_tree_reply_t> tree;
     Request<xcb_get_property_reply_t> types;
     std::optional<Request<xcb_res_query_client_ids_reply_t>> client;
 };
+
+std::optional<PopupFinder::Seen> PopupFinder::Questions::answer()
+{
+    const auto shown = attributes.reply();
+    const auto size = geometry.reply();
+    if (!shown || !size || shown->map_state != XCB_MAP_STATE_VIEWABLE
+        || shown->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT)
+        return std::nullopt;
+    const int border = size->border_width;
+    const QPoint corner = place.parentOrigin + QPoint(size->x, size->y);
+    Seen seen;
+    seen.popup.window = place.window;
+    seen.popup.origin = corner + QPoint(border, border);
+    seen.popup.area = QRect(corner, QSize(size->width + 2 * border, size->height + 2 * border));
+    seen.parent = place.parent;
+    seen.children = childrenIn(tree.reply().get());
+    seen.unmanaged = shown->override_redirect;
+    return seen;
+}
 
 PopupFinder::PopupFinder(xcb_window_t window, Now now) : window_(window), now_(std::move(now)) { }
 
@@ -169,26 +205,32 @@ void PopupFinder::scan()
     scannedAt_ = now_();
     popups_.clear();
     othersBefore_ = std::exchange(others_, QRegion());
-    const std::optional<std::vector<xcb_window_t>> above = windowsAbove();
+    const std::optional<std::vector<Place>> above = windowsAbove();
     if (!above)
         return;
+    const std::vector<Seen> windows = lookAt(*above);
+    const std::vector<Seen> framed = framedPopups(windows);
     const auto mask = xcb_get_setup(connection_->xcb())->resource_id_mask;
-    for (const Seen& seen : lookAt(*above, QPoint(0, 0))) {
+    for (const Seen& seen : windows) {
         if (seen.isPopup()) {
             popups_.push_back(seen.popup);
             continue;
         }
-        const std::vector<Seen> framed = seen.ours ? std::vector<Seen>() : framedPopups(seen);
-        for (const Seen& inner : framed)
-            popups_.push_back(inner.popup);
+        bool isFrame = false;
+        for (const Seen& inner : framed) {
+            if (inner.parent == seen.popup.window) {
+                popups_.push_back(inner.popup);
+                isFrame = true;
+            }
+        }
         const bool ofServer = (seen.popup.window & ~mask) == 0; // a compositor's overlay: it is no program's
-        if (framed.empty() && !ofServer)
+        if (!isFrame && !ofServer)
             others_ += seen.popup.area;
     }
 }
 
 /// From the lowest to the topmost; nothing when it cannot be told.
-std::optional<std::vector<xcb_window_t>> PopupFinder::windowsAbove()
+std::optional<std::vector<PopupFinder::Place>> PopupFinder::windowsAbove()
 {
     xcb_window_t window = window_;
     for (int depth = 0; depth < deepestWindow; ++depth) {
@@ -205,53 +247,50 @@ std::optional<std::vector<xcb_window_t>> PopupFinder::windowsAbove()
         const auto own = std::find(children.begin(), children.end(), window);
         if (own == children.end() || std::size_t(children.end() - own) > mostWindows)
             return std::nullopt;
-        return std::vector<xcb_window_t>(own + 1, children.end());
+        std::vector<Place> above;
+        for (auto child = own + 1; child != children.end(); ++child)
+            above.push_back({*child, root_, QPoint(0, 0)});
+        return above;
     }
     return std::nullopt;
 }
 
-/// Those that are shown. parent: the origin of their parent.
-std::vector<PopupFinder::Seen> PopupFinder::lookAt(const std::vector<xcb_window_t>& windows, QPoint parent)
+/// Those that are shown.
+std::vector<PopupFinder::Seen> PopupFinder::lookAt(const std::vector<Place>& windows)
 {
     std::deque<Questions> questions;
-    for (const xcb_window_t window : windows)
-        questions.emplace_back(*connection_, window, windowType_, askServer_ && process_ && !isOfSameClient(window));
+    for (const Place& place : windows)
+        questions.emplace_back(
+            *connection_, place, windowType_, askServer_ && process_ && !isOfSameClient(place.window));
     std::vector<Seen> shown;
     for (Questions& asked : questions) {
-        const auto attributes = asked.attributes.reply();
-        const auto geometry = asked.geometry.reply();
-        const auto types = asked.types.reply();
-        if (!attributes || !geometry || attributes->map_state != XCB_MAP_STATE_VIEWABLE
-            || attributes->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT)
+        std::optional<Seen> seen = asked.answer();
+        if (!seen)
             continue;
-        Seen seen;
-        seen.popup.window = asked.window;
-        const int border = geometry->border_width;
-        const QPoint corner = parent + QPoint(geometry->x, geometry->y);
-        seen.popup.origin = corner + QPoint(border, border);
-        seen.popup.area = QRect(corner, QSize(geometry->width + 2 * border, geometry->height + 2 * border));
-        seen.unmanaged = attributes->override_redirect;
-        seen.ours = isOfSameClient(asked.window)
-            || (asked.client && clientProcess(asked.client->reply().get()) == process_);
+        const qint64 process = asked.process();
+        seen->ours = isOfSameClient(seen->popup.window) || (process && process == process_);
+        const auto types = asked.types.reply();
         if (types && types->format == 32 && types->type == XCB_ATOM_ATOM) {
             const auto* first = static_cast<const xcb_atom_t*>(xcb_get_property_value(types.get()));
-            seen.saysPopup
-                = std::find_first_of(first, first + types->value_len, popupTypes_.begin(), popupTypes_.end())
-                != first + types->value_len;
+            const auto* end = first + types->value_len;
+            seen->saysPopup = std::find_first_of(first, end, popupTypes_.begin(), popupTypes_.end()) != end;
         }
-        shown.push_back(seen);
+        shown.push_back(std::move(*seen));
     }
     return shown;
 }
 
 /// A menu that was torn off has a frame of the window manager's around it, which is a child of the root in its place.
-std::vector<PopupFinder::Seen> PopupFinder::framedPopups(const Seen& frame)
+std::vector<PopupFinder::Seen> PopupFinder::framedPopups(const std::vector<Seen>& windows)
 {
-    Request<xcb_query_tree_reply_t> request(*connection_, xcb_query_tree(connection_->xcb(), frame.popup.window));
-    std::vector<xcb_window_t> children = childrenIn(request.reply().get());
-    if (children.size() > mostWindows)
-        return {};
-    std::vector<Seen> framed = lookAt(children, frame.popup.origin);
+    std::vector<Place> inFrames;
+    for (const Seen& frame : windows) {
+        if (frame.ours || inFrames.size() + frame.children.size() > mostWindows)
+            continue;
+        for (const xcb_window_t child : frame.children)
+            inFrames.push_back({child, frame.popup.window, frame.popup.origin});
+    }
+    std::vector<Seen> framed = lookAt(inFrames);
     framed.erase(std::remove_if(framed.begin(), framed.end(),
                      [](const Seen& seen) { return !seen.ours || !seen.saysPopup || seen.unmanaged; }),
         framed.end());

@@ -56,6 +56,7 @@ public:
     qint64 process() const { return process_; }
 
 private:
+    struct Place;
     struct Seen;
     struct Questions;
 
@@ -65,9 +66,9 @@ private:
     bool hasShapes();
     void handleEvents();
     void scan();
-    std::optional<std::vector<xcb_window_t>> windowsAbove();
-    std::vector<Seen> lookAt(const std::vector<xcb_window_t>& windows, QPoint parent);
-    std::vector<Seen> framedPopups(const Seen& frame);
+    std::optional<std::vector<Place>> windowsAbove();
+    std::vector<Seen> lookAt(const std::vector<Place>& windows);
+    std::vector<Seen> framedPopups(const std::vector<Seen>& windows);
     bool isOfSameClient(xcb_window_t window) const;
     void askShapes();
 
