@@ -29,6 +29,8 @@ Environment:
   TMPDIR                        where the launcher's socket orvantis-recorder is
   ORVANTIS_END_WITH_LAUNCHER=1  end, with the file finished, when the launcher
                                 is not there or hangs up
+  ORVANTIS_POPUPS=1             record the menus of the window's program, too,
+                                where they are over the window (X11)
 
 Exit codes:
   0        the launcher said "exit"; the permission is held; too few arguments

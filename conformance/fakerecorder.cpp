@@ -79,7 +79,8 @@ public:
             note("arguments", QByteArray(argv[i]) + '\0');
         note("process", QByteArray::number(::getpid()) + ' ' + QByteArray::number(::getpgrp()));
         terminatedNote = (notes_ + QLatin1String("terminated")).toUtf8();
-        note("environment", "ORVANTIS_END_WITH_LAUNCHER=" + qgetenv("ORVANTIS_END_WITH_LAUNCHER") + '\n');
+        for (const char* name : {"ORVANTIS_END_WITH_LAUNCHER", "ORVANTIS_POPUPS"})
+            note("environment", QByteArray(name) + '=' + qgetenv(name) + '\n');
         ignoresTermination = mode_ == "stubborn";
         std::signal(SIGTERM, onTerminate);
         ::alarm(longestLifeSeconds);

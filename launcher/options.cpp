@@ -53,6 +53,7 @@ Options readOptions(OptionReader& reader)
         = QFileInfo(reader.text("log-dir", QFileInfo(output.path).absolutePath())).absoluteFilePath();
     options.keepLog = reader.isSet("log-dir");
     options.clicks = reader.clicks();
+    options.popups = !reader.isSet("no-popups");
     options.watchClicks = !reader.isSet("no-watch-clicks");
     options.quiet = reader.isSet("quiet");
     options.json = reader.isSet("json");

@@ -45,6 +45,7 @@ struct Options {
     QString logDirectory; ///< absolute
     bool keepLog = false; ///< also when all went well
     QList<PlannedClick> clicks;
+    bool popups = true; ///< menus and the like of the window's program are recorded, too
     bool watchClicks = true;
     bool quiet = false;
     bool json = false;

@@ -90,6 +90,7 @@ const QList<OptionGroup>& optionGroups()
                     "app: of the window's process (default); app-pid:PID: of that process; system: all that plays; "
                     "none."},
                 {"pointer", "on", "on (default): the recorder always draws the mouse pointer; off is refused."},
+                {"no-popups", "", "Leave out menus, lists and tool tips, which are windows of their own."},
                 {"no-watch-clicks", "", "Do not report the real mouse clicks over the window."},
                 {"click", "X,Y@S[+D]",
                     "Report a click at screen position X,Y, S seconds after the recorder is ready; with +D the "

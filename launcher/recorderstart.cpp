@@ -21,6 +21,7 @@ void startRecorder(QProcess& recorder, const Options& options, const Target& tar
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TMPDIR"), socketDirectory);
     environment.insert(QStringLiteral("ORVANTIS_END_WITH_LAUNCHER"), QStringLiteral("1"));
+    environment.insert(QStringLiteral("ORVANTIS_POPUPS"), QString::number(options.popups));
     recorder.setProcessEnvironment(environment);
     recorder.setStandardInputFile(QProcess::nullDevice());
     // Never a pipe: it would fill up while this process is busy or stopped.

@@ -36,7 +36,7 @@ _record_window() {
         *)
             mapfile -t COMPREPLY < <(compgen -W "
                 --list --select --active --title --pid --window
-                --seconds --countdown --keep-going --canvas --audio --pointer --no-watch-clicks --click
+                --seconds --countdown --keep-going --canvas --audio --pointer --no-popups --no-watch-clicks --click
                 --output --force --log-dir
                 --share --contact-sheet --sha256 --share-only --verify --explain
                 --json --quiet --ready-timeout --finish-timeout --recorder

@@ -26,7 +26,7 @@ private Q_SLOTS:
     void valueThatLooksLikeAnOptionOfQt();
     void recorderIsToldToStopAndToLeave();
     void recorderRunsInAGroupOfItsOwn();
-    void recorderIsNotToOutliveIt();
+    void recordersEnvironment();
     void closedDescriptorsAreFilled();
     void controlSocketIsPrivateAndGoes();
     void longTemporaryDirectoryIsNoObstacle();
@@ -122,11 +122,14 @@ void RecordWindowTest::recorderRunsInAGroupOfItsOwn()
     QCOMPARE(value(launcher.standardOutput(), "duration"), QByteArray("1.234 s"));
 }
 
-void RecordWindowTest::recorderIsNotToOutliveIt()
+void RecordWindowTest::recordersEnvironment()
 {
     RecordWindowProcess launcher;
     QCOMPARE(launcher.run(brief), 0);
-    QCOMPARE(launcher.note("environment"), QByteArray("ORVANTIS_END_WITH_LAUNCHER=1\n"));
+    QCOMPARE(launcher.note("environment"), QByteArray("ORVANTIS_END_WITH_LAUNCHER=1\nORVANTIS_POPUPS=1\n"));
+    RecordWindowProcess without;
+    QCOMPARE(without.run(brief + QStringList{"--no-popups"}), 0);
+    QCOMPARE(without.note("environment"), QByteArray("ORVANTIS_END_WITH_LAUNCHER=1\nORVANTIS_POPUPS=0\n"));
 }
 
 void RecordWindowTest::closedDescriptorsAreFilled()

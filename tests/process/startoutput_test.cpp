@@ -26,7 +26,7 @@ void StartOutputTest::helpAndVersion_data()
     QTest::addColumn<QByteArray>("start");
     QTest::addColumn<QByteArrayList>("parts");
     const QByteArrayList parts{"record-window", "qt-window-capture", "app-pid:", "--request-permissions", "--version",
-        "ORVANTIS_END_WITH_LAUNCHER", "Exit codes:\n  0 ", "\n  2 ", "\n  3 ", "\n  128 + n "};
+        "ORVANTIS_END_WITH_LAUNCHER", "ORVANTIS_POPUPS", "Exit codes:\n  0 ", "\n  2 ", "\n  3 ", "\n  128 + n "};
     QTest::newRow("--help") << "--help" << QByteArray("Usage: orvantis-recorder ") << parts;
     QTest::newRow("-h") << "-h" << QByteArray("Usage: orvantis-recorder ") << parts;
     QTest::newRow("--version") << "--version" << QByteArray("orvantis-recorder 0.") << QByteArrayList();
