@@ -2,6 +2,7 @@
 #include "popups.h"
 
 #include <QPainter>
+#include <QScopeGuard>
 
 #include <algorithm>
 #include <utility>
@@ -30,6 +31,10 @@ void PopupPainter::paint(platform::WindowSample& sample, const QRegion& unpainte
 {
     if (sample.image.isNull() || !sample.bounds)
         return;
+    auto failure = qScopeGuard([this] { // after an exception all is painted anew
+        layers_.clear();
+        composed_.reset();
+    });
     const QRect window = sample.bounds->toRect();
     followPopups(window, unpainted);
     std::vector<Layer> layers = takeLayers(window);
@@ -50,8 +55,6 @@ void PopupPainter::paint(platform::WindowSample& sample, const QRegion& unpainte
     const bool composed = compose(sample.image, fits ? rows : RowSet(0, sample.image.height()));
     const SharedImages::Image taken = composed ? composed_->finish() : SharedImages::Image();
     if (taken.image.isNull()) { // no memory: the window alone
-        layers_.clear();
-        composed_.reset();
         sample.changedRows = RowSet(0, sample.image.height());
         sample.ownBytes = sample.image.sizeInBytes();
         return;
@@ -59,6 +62,7 @@ void PopupPainter::paint(platform::WindowSample& sample, const QRegion& unpainte
     sample.image = taken.image;
     sample.changedRows = wereThere ? taken.changedRows : rows;
     sample.ownBytes = taken.ownBytes;
+    failure.dismiss();
 }
 
 /// Reads the popups that are there now, and no longer those that are gone. A popup that is new may not have painted
