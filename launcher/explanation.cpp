@@ -55,6 +55,23 @@ constexpr auto entries = std::to_array<Entry>({
     {"macOS screen recording permission was not granted", Meaning::NoRecording, noCapture},
     {"macOS CoreGraphics window capture setup failed.", Meaning::NoRecording, noCapture},
     {"macOS window capture is not available.", Meaning::NoRecording, noCapture},
+    {"PipeWire is not there for the capture of windows", Meaning::NoRecording,
+        "PipeWire, which hands out windows of Wayland, cannot be reached; is it running? Is ORVANTIS_PIPEWIRE_FD "
+        "right?"},
+    {"Window argument is not a PipeWire node of video", Meaning::NoRecording,
+        "no window has that node id in PipeWire; ask the desktop's portal for the window again, and hand over its "
+        "node"},
+    {"PipeWire gives no frame of the window yet", Meaning::Remark,
+        "PipeWire hands out no frame of the window; a session manager (WirePlumber) is needed, and a desktop that "
+        "has "
+        "images in memory"},
+    {"Window's PipeWire stream has ended", Meaning::Remark,
+        "the desktop has ended the stream of the window; was it closed, or the sharing stopped? No frames come any "
+        "more"},
+    {"ORVANTIS_WINDOW_SOURCE has a value", Meaning::NoRecording,
+        "ORVANTIS_WINDOW_SOURCE is neither x11 nor pipewire"},
+    {"Window capture was interrupted by an exception", Meaning::VideoHarmed,
+        "the recorder ran out of memory; frames are missing"},
     {"macOS recorder uses CoreGraphics window capture", Meaning::Remark, nullptr},
 
     {"Unable to open video output file", Meaning::NoRecording, noOutput},

@@ -7,16 +7,33 @@
 
 namespace pipewire {
 
-void reportContained(const char* what) noexcept
+namespace {
+
+/// Once; again when there is no memory for the line.
+template <typename Write>
+void reportOnce(std::atomic<bool>& reported, const Write& write) noexcept
 {
-    static std::atomic<bool> reported = false;
     if (reported.exchange(true))
         return;
     try {
-        qCritical() << "Audio capture was interrupted by an exception:" << what;
-    } catch (const std::exception&) { // no memory for the line
+        write();
+    } catch (const std::exception&) {
         reported = false;
     }
+}
+
+}
+
+void reportContained(const char* what) noexcept
+{
+    static std::atomic<bool> reported = false;
+    reportOnce(reported, [&] { qCritical() << "Audio capture was interrupted by an exception:" << what; });
+}
+
+void reportContainedOfWindow(const char* what) noexcept
+{
+    static std::atomic<bool> reported = false;
+    reportOnce(reported, [&] { qCritical() << "Window capture was interrupted by an exception:" << what; });
 }
 
 }

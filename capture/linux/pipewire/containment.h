@@ -8,18 +8,19 @@ namespace pipewire {
 
 /// One line in the log, the first time in this process. Any thread.
 void reportContained(const char* what) noexcept;
+void reportContainedOfWindow(const char* what) noexcept;
 
-/// False when it threw; that is in the log then.
+/// False when it threw; report says so in the log then.
 template <typename Work>
-bool contain(const Work& work) noexcept
+bool contain(const Work& work, void (*report)(const char*) noexcept = &reportContained) noexcept
 {
     try {
         work();
         return true;
     } catch (const std::exception& error) {
-        reportContained(error.what());
+        report(error.what());
     } catch (...) {
-        reportContained("unknown");
+        report("unknown");
     }
     return false;
 }

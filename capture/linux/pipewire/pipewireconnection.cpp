@@ -2,6 +2,7 @@
 #include "pipewireconnection.h"
 
 #include "containment.h"
+#include "descriptor.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +11,8 @@
 namespace pipewire {
 
 namespace {
+
+constexpr int noDescriptor = -1;
 
 /// The library stays initialised until the process ends: other threads may still use it then.
 void initialiseLibrary()
@@ -54,25 +57,32 @@ const pw_core_events CoreConnection::events = [] {
 
 std::unique_ptr<CoreConnection> CoreConnection::open(Purpose purpose, QString* error)
 {
+    return open(purpose, error, noDescriptor);
+}
+
+std::unique_ptr<CoreConnection> CoreConnection::open(Purpose purpose, QString* error, int descriptor)
+{
     initialiseLibrary();
     auto connection = std::unique_ptr<CoreConnection>(new CoreConnection);
     errno = 0;
-    if (connection->connect(purpose))
+    if (connection->connect(purpose, descriptor))
         return connection;
     *error = QStringLiteral("PipeWire cannot be reached: ") + errorText(errno);
     return nullptr;
 }
 
 /// Leaves the reason of a failure in errno.
-bool CoreConnection::connect(Purpose purpose)
+bool CoreConnection::connect(Purpose purpose, int descriptor)
 {
+    Descriptor inherited(descriptor);
     loop_.reset(pw_thread_loop_new("pipewire", nullptr));
     if (!loop_)
         return false;
     context_ = makeContext(pw_thread_loop_get_loop(loop_.get()), purpose);
     if (!context_)
         return false;
-    core_.reset(pw_context_connect(context_.get(), nullptr, 0));
+    core_.reset(inherited.isValid() ? pw_context_connect_fd(context_.get(), inherited.release(), nullptr, 0)
+                                    : pw_context_connect(context_.get(), nullptr, 0));
     if (!core_)
         return false;
     listen(core_.get(), coreHook_, events, this);

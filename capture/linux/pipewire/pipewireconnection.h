@@ -29,6 +29,8 @@ public:
 
     /// To the server that the environment names. Null when it cannot be reached; *error is then the text.
     static std::unique_ptr<CoreConnection> open(Purpose purpose, QString* error);
+    /// The same over a socket that is connected already; the connection closes it, also when it fails.
+    static std::unique_ptr<CoreConnection> open(Purpose purpose, QString* error, int descriptor);
     ~CoreConnection();
     CoreConnection(const CoreConnection&) = delete;
     CoreConnection& operator=(const CoreConnection&) = delete;
@@ -49,7 +51,7 @@ public:
 private:
     CoreConnection() = default;
 
-    bool connect(Purpose purpose);
+    bool connect(Purpose purpose, int descriptor);
     static void onDone(void* data, uint32_t id, int sequence);
     static void onError(void* data, uint32_t id, int sequence, int result, const char* message);
     void handleDone(int sequence);

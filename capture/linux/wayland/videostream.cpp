@@ -1,0 +1,176 @@
+// The stream, its formats and its buffers.
+#include "videostream.h"
+
+#include "containment.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include <spa/pod/builder.h>
+
+namespace wayland {
+
+namespace {
+
+constexpr std::chrono::milliseconds firstAskAgain{200};
+constexpr std::chrono::milliseconds lastAskAgain{2000};
+constexpr int mostAreas = 64;
+constexpr const char* nodeName = "orvantis-recorder-window";
+
+template <typename Work>
+void containWindow(const Work& work) noexcept
+{
+    pipewire::contain(work, &pipewire::reportContainedOfWindow);
+}
+
+}
+
+const pw_stream_events VideoStream::events = [] {
+    pw_stream_events table{};
+    table.version = PW_VERSION_STREAM_EVENTS;
+    table.state_changed = &VideoStream::onStateChanged;
+    table.param_changed = &VideoStream::onParameter;
+    table.remove_buffer = &VideoStream::onRemoveBuffer;
+    table.process = &VideoStream::onProcess;
+    return table;
+}();
+
+VideoStream::VideoStream(pw_core* core, uint32_t node, Handlers handlers)
+    : handlers_(std::move(handlers)),
+      stream_(pw_stream_new(core, nodeName,
+          pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE, "Screen",
+              PW_KEY_NODE_NAME, nodeName, nullptr)))
+{
+    if (!stream_) {
+        end(QStringLiteral("PipeWire makes no stream"));
+        return;
+    }
+    pw_stream_add_listener(stream_.get(), hook_.get(), &events, this);
+    connect(node);
+}
+
+VideoStream::~VideoStream() = default;
+
+void VideoStream::connect(uint32_t node)
+{
+    std::array<uint8_t, 1024> memory;
+    spa_pod_builder builder{};
+    spa_pod_builder_init(&builder, memory.data(), memory.size());
+    const spa_pod* format = wantedFormats(builder);
+    // A node that has gone must not be followed by another one: that would be another window.
+    const auto flags
+        = pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_DONT_RECONNECT);
+    if (pw_stream_connect(stream_.get(), PW_DIRECTION_INPUT, node, flags, &format, 1) < 0)
+        end(QStringLiteral("PipeWire does not connect the stream"));
+}
+
+void VideoStream::onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error)
+{
+    containWindow([&] { static_cast<VideoStream*>(data)->handleState(state, error); });
+}
+
+void VideoStream::handleState(pw_stream_state state, const char* error)
+{
+    if (state == PW_STREAM_STATE_ERROR)
+        end(error ? QString::fromUtf8(error) : QStringLiteral("PipeWire tells no reason"));
+    else if (state == PW_STREAM_STATE_UNCONNECTED)
+        end(QStringLiteral("PipeWire has removed the stream"));
+}
+
+void VideoStream::onParameter(void* data, uint32_t id, const spa_pod* parameter)
+{
+    if (id == SPA_PARAM_Format && parameter)
+        containWindow([&] { static_cast<VideoStream*>(data)->handleFormat(parameter); });
+}
+
+void VideoStream::handleFormat(const spa_pod* format)
+{
+    format_ = agreedFormat(format);
+    damage_.reset();
+    if (!format_) {
+        end(QStringLiteral("the node has none of the formats that are recorded"));
+        return;
+    }
+    waitingSince_ = Clock::now();
+    askAgainAfter_ = firstAskAgain;
+    askAgainAt_ = *waitingSince_ + askAgainAfter_;
+    std::array<uint8_t, 2048> memory;
+    spa_pod_builder builder{};
+    spa_pod_builder_init(&builder, memory.data(), memory.size());
+    BufferParameters parameters = wantedBuffers(builder);
+    pw_stream_update_params(stream_.get(), parameters.data(), uint32_t(parameters.size()));
+}
+
+void VideoStream::watch(Clock::time_point now)
+{
+    if (!waitingSince_ || ended_ || now < askAgainAt_)
+        return;
+    askAgainAfter_ = std::min<Clock::duration>(askAgainAfter_ * 2, lastAskAgain);
+    askAgainAt_ = now + askAgainAfter_;
+    pw_stream_set_active(stream_.get(), false);
+    pw_stream_set_active(stream_.get(), true);
+}
+
+void VideoStream::onRemoveBuffer(void* data, pw_buffer* buffer)
+{
+    auto* self = static_cast<VideoStream*>(data);
+    if (self->held_ == buffer)
+        self->held_ = nullptr;
+}
+
+void VideoStream::onProcess(void* data)
+{
+    containWindow([&] { static_cast<VideoStream*>(data)->takeBuffers(); });
+}
+
+void VideoStream::takeBuffers()
+{
+    while (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_.get())) {
+        pointer_ = pointerOf(*buffer->buffer);
+        if (!hasFrame(*buffer->buffer) || !takeFrame(*buffer->buffer)) {
+            pw_stream_queue_buffer(stream_.get(), buffer);
+            continue;
+        }
+        if (pw_buffer* before = std::exchange(held_, buffer))
+            pw_stream_queue_buffer(stream_.get(), before);
+    }
+    handlers_.changed();
+}
+
+/// False when the frame cannot be read.
+bool VideoStream::takeFrame(const spa_buffer& buffer)
+{
+    if (!format_ || !frameOf(buffer, *format_))
+        return false;
+    const auto damage = damageOf(buffer);
+    if (!damage || waitingSince_)
+        damage_.reset();
+    for (const QRect& area : damage_ ? *damage : std::vector<QRect>())
+        *damage_ |= area;
+    if (damage_ && damage_->rectCount() > mostAreas) // nobody may look for hours
+        *damage_ = damage_->boundingRect();
+    waitingSince_.reset();
+    ++version_;
+    return true;
+}
+
+std::optional<VideoStream::Frame> VideoStream::frame() const
+{
+    if (!held_ || !format_)
+        return std::nullopt;
+    const std::optional<PixelView> view = frameOf(*held_->buffer, *format_);
+    if (!view)
+        return std::nullopt;
+    return Frame{*view, cropOf(*held_->buffer, format_->size), damage_};
+}
+
+void VideoStream::end(const QString& error)
+{
+    if (std::exchange(ended_, true))
+        return;
+    held_ = nullptr;
+    handlers_.ended(error);
+}
+
+}
