@@ -31,6 +31,9 @@ Environment:
                                 is not there or hangs up
   ORVANTIS_POPUPS=1             record the menus of the window's program, too,
                                 where they are over the window (X11)
+  ORVANTIS_WINDOW_SOURCE=pipewire
+                                the window is the id of a PipeWire node (Linux)
+  ORVANTIS_PIPEWIRE_FD          the number of an open connection to PipeWire
 
 Exit codes:
   0        the launcher said "exit"; the permission is held; too few arguments
