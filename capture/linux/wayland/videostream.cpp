@@ -3,7 +3,6 @@
 
 #include "containment.h"
 
-#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -14,7 +13,8 @@ namespace wayland {
 namespace {
 
 constexpr std::chrono::milliseconds firstAskAgain{200};
-constexpr std::chrono::milliseconds lastAskAgain{2000};
+constexpr std::chrono::milliseconds laterAskAgain{2000};
+constexpr int firstAsks = 5; // mutter gives a still window's first frame in four of five times that it is asked
 constexpr int mostAreas = 64;
 constexpr const char* nodeName = "orvantis-recorder-window";
 
@@ -93,8 +93,8 @@ void VideoStream::handleFormat(const spa_pod* format)
         return;
     }
     waitingSince_ = Clock::now();
-    askAgainAfter_ = firstAskAgain;
-    askAgainAt_ = *waitingSince_ + askAgainAfter_;
+    asked_ = 0;
+    askAgainAt_ = *waitingSince_ + firstAskAgain;
     std::array<uint8_t, 2048> memory;
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, memory.data(), memory.size());
@@ -106,8 +106,7 @@ void VideoStream::watch(Clock::time_point now)
 {
     if (!waitingSince_ || ended_ || now < askAgainAt_)
         return;
-    askAgainAfter_ = std::min<Clock::duration>(askAgainAfter_ * 2, lastAskAgain);
-    askAgainAt_ = now + askAgainAfter_;
+    askAgainAt_ = now + (++asked_ < firstAsks ? firstAskAgain : laterAskAgain);
     pw_stream_set_active(stream_.get(), false);
     pw_stream_set_active(stream_.get(), true);
 }

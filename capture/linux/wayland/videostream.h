@@ -31,7 +31,7 @@ public:
     VideoStream(const VideoStream&) = delete;
     VideoStream& operator=(const VideoStream&) = delete;
 
-    /// A link may stay paused, or a still window may never send its first frame: asks again, less and less often,
+    /// A link may stay paused, or a still window may never send its first frame: asks again, less often later,
     /// when there has been none since the format was agreed upon. To be called now and then.
     void watch(Clock::time_point now);
 
@@ -73,7 +73,7 @@ private:
     std::optional<QPointF> pointer_;
     std::optional<Clock::time_point> waitingSince_;
     Clock::time_point askAgainAt_;
-    Clock::duration askAgainAfter_{};
+    int asked_ = 0; // again, since then
     qint64 version_ = 0;
     bool ended_ = false;
     pipewire::StreamHandle stream_; // last but the hook: its callbacks use the rest
