@@ -215,7 +215,7 @@ bool NodeImages::readImage(const VideoStream::Frame& frame, platform::WindowSamp
 /// Of the visible part.
 RowSet NodeImages::rowsToRead(const VideoStream::Frame& frame, const QRect& visible) const
 {
-    const RowSet all(0, visible.height());
+    RowSet all(0, visible.height());
     const bool isSame
         = shown_ && shown_->visible == visible && images_.last().format() == frame.view.order.imageFormat();
     if (!isSame || !frame.damage || now_() - shown_->comparedAt >= checkInterval)
