@@ -7,7 +7,14 @@
 
 #include <algorithm>
 
-#include <sys/mman.h>
+/// The system's own (tests/fakes/CMakeLists.txt).
+namespace systemmemory {
+uchar* takeMemory(std::size_t size);
+uchar* reserveAddresses(std::size_t size);
+bool mapAgain(const uchar* memory, uchar* address, std::size_t size);
+void emptyMemory(uchar* memory, std::size_t size);
+void freeMemory(uchar* memory, std::size_t size);
+}
 
 namespace fakeplatform {
 
@@ -140,45 +147,36 @@ bool refusesMemory()
 
 uchar* takeMemory(std::size_t size)
 {
-    if (refusesMemory())
-        return nullptr;
-    void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        return nullptr;
-    fakeplatform::memoryTaken() += size;
-    return static_cast<uchar*>(memory);
+    uchar* const memory = refusesMemory() ? nullptr : systemmemory::takeMemory(size);
+    fakeplatform::memoryTaken() += memory ? size : 0;
+    return memory;
 }
 
 uchar* reserveAddresses(std::size_t size)
 {
-    if (refusesMemory())
-        return nullptr;
-    void* const addresses = ::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (addresses == MAP_FAILED)
-        return nullptr;
-    fakeplatform::memoryTaken() += size;
-    return static_cast<uchar*>(addresses);
+    uchar* const addresses = refusesMemory() ? nullptr : systemmemory::reserveAddresses(size);
+    fakeplatform::memoryTaken() += addresses ? size : 0;
+    return addresses;
 }
 
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
 {
-    if (refusesMemory()) {
-        freeMemory(address, size); // as a system may
-        return false;
-    }
-    return ::mremap(const_cast<uchar*>(memory), 0, size, MREMAP_MAYMOVE | MREMAP_FIXED, address) == address;
+    if (!refusesMemory())
+        return systemmemory::mapAgain(memory, address, size);
+    freeMemory(address, size); // as a system may
+    return false;
 }
 
 void emptyMemory(uchar* memory, std::size_t size)
 {
     fakeplatform::memoryEmptied() += size;
-    ::madvise(memory, size, MADV_REMOVE);
+    systemmemory::emptyMemory(memory, size);
 }
 
 void freeMemory(uchar* memory, std::size_t size)
 {
     fakeplatform::memoryTaken() -= size;
-    ::munmap(memory, size);
+    systemmemory::freeMemory(memory, size);
 }
 
 }

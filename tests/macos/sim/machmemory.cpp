@@ -11,7 +11,7 @@ mach_port_t mach_task_self()
 }
 
 kern_return_t mach_vm_remap(mach_port_t, mach_vm_address_t* targetAddress, mach_vm_size_t size, mach_vm_offset_t, int,
-    mach_port_t, mach_vm_address_t sourceAddress, int, vm_prot_t* current, vm_prot_t* most, vm_inherit_t)
+    mach_port_t, mach_vm_address_t sourceAddress, boolean_t, vm_prot_t* current, vm_prot_t* most, vm_inherit_t)
 {
     void* const source = reinterpret_cast<void*>(sourceAddress);
     void* const target = reinterpret_cast<void*>(*targetAddress);

@@ -10,6 +10,7 @@ extern "C" {
 
 typedef unsigned int mach_port_t;
 typedef int kern_return_t;
+typedef int boolean_t;
 typedef int vm_prot_t;
 typedef unsigned int vm_inherit_t;
 
