@@ -1,9 +1,14 @@
-// Audio on the Mac, in Qt's types.
+// Audio on the Mac, in Qt's types. The system pushes its blocks when it likes; the reader gets them metered out by
+// its own clock.
 #include "platform/audio.h"
 
 #include "appkit.h"
+#include "audiometer.h"
+#include "audiosampleintake.h"
+#include "hostclock.h"
 #include "screencapturekit.h"
 
+#include <exception>
 #include <utility>
 
 namespace platform {
@@ -95,35 +100,112 @@ std::optional<AudioBufferList> toQt(const std::optional<macos::SampleBytesList>&
     return result;
 }
 
-void deliver(const AudioReceiver& receiver, const macos::SampleBuffer* native)
+AudioSampleBuffer toQt(const macos::SampleBuffer& native)
 {
-    if (!native) {
-        receiver.handleSampleBuffer(nullptr);
-        return;
-    }
     AudioSampleBuffer buffer;
-    buffer.valid = native->isValid();
+    buffer.valid = native.isValid();
     if (buffer.valid) {
-        buffer.description = toQt(native->description());
-        buffer.frames = native->frames();
+        buffer.description = toQt(native.description());
+        buffer.frames = native.frames();
     }
-    buffer.bufferList = [native] { return toQt(native->bytes()); };
-    receiver.handleSampleBuffer(&buffer);
+    buffer.bufferList = [&native] { return toQt(native.bytes()); };
+    return buffer;
 }
 
-macos::OutputOwner toNative(const AudioReceiver& receiver)
+AudioStreamDescription stereoOfSigned16()
 {
-    return {[receiver](const macos::SampleBuffer* buffer) { deliver(receiver, buffer); },
-        [receiver](const macos::ErrorText& error) { receiver.streamStopped(toQt(error)); }};
+    AudioStreamDescription description;
+    description.formatFlags = pcmIsSignedInteger;
+    description.bytesPerFrame = 2 * sizeof(qint16);
+    description.channelsPerFrame = 2;
+    description.bitsPerChannel = 16;
+    return description;
+}
+
+/// Samples that the receiver can use.
+bool hasAudio(const AudioSampleBuffer& buffer)
+{
+    return buffer.valid && buffer.description && buffer.description->formatId == linearPcm && buffer.frames >= 1
+        && buffer.frames <= audiointake::mostFrames;
+}
+
+/// When the first sample is heard, on the steady clock. The clocks part whenever the machine sleeps, so they are
+/// compared each time.
+std::optional<qint64> steadyTime(const std::optional<std::int64_t>& hostNs, const macos::ClockReading& now)
+{
+    return hostNs ? std::optional<qint64>(*hostNs + (now.steadyNs - now.hostNs)) : std::nullopt;
 }
 
 }
 
 struct AudioOutput::Impl {
-    macos::AudioOutput native;
+    explicit Impl(AudioReceiver receiver)
+        : owner(std::move(receiver)),
+          native({[this](const macos::SampleBuffer* buffer) { take(buffer); },
+              [this](const macos::ErrorText& error) { owner.streamStopped(toQt(error)); }})
+    {
+    }
+
+    /// On the system's queue, whose code does not expect exceptions. A block for which there is no memory is left
+    /// out.
+    void take(const macos::SampleBuffer* block) noexcept
+    {
+        try {
+            if (block)
+                take(*block);
+            else
+                handOut(nullptr);
+        } catch (const std::exception&) {
+        }
+    }
+
+    void take(const macos::SampleBuffer& block)
+    {
+        const AudioSampleBuffer buffer = toQt(block);
+        if (!hasAudio(buffer)) {
+            handOut(&buffer); // whose business it is
+            return;
+        }
+        const auto list = buffer.bufferList();
+        if (!list)
+            return;
+        const auto chunk = audiointake::toChunk(*buffer.description, buffer.frames, list->buffers);
+        if (!chunk)
+            return;
+        const macos::ClockReading now = macos::readClocks();
+        meter.append(steadyTime(block.hostTimeNs(), now), now.steadyNs,
+            {reinterpret_cast<const qint16*>(chunk->pcm.constData()), std::size_t(chunk->frames) * 2});
+    }
+
+    /// On the reader's thread.
+    void deliverUntil(qint64 untilMs, bool last)
+    {
+        auto audio = meter.deliver(untilMs, last);
+        if (!audio)
+            return;
+        const auto memory = std::make_shared<const std::vector<qint16>>(std::move(*audio));
+        AudioSampleBuffer buffer;
+        buffer.description = stereoOfSigned16();
+        buffer.frames = qint64(memory->size() / 2);
+        buffer.bufferList = [memory] {
+            return AudioBufferList{{AudioBuffer{memory->data(), memory->size() * sizeof(qint16)}}, memory};
+        };
+        handOut(&buffer);
+    }
+
+    void handOut(const AudioSampleBuffer* buffer)
+    {
+        const std::lock_guard lock(ownerMutex);
+        owner.handleSampleBuffer(buffer);
+    }
+
+    const AudioReceiver owner;
+    std::mutex ownerMutex; ///< it is given one buffer at a time
+    macos::AudioMeter meter;
+    macos::AudioOutput native; ///< goes first
 };
 
-AudioOutput::AudioOutput(AudioReceiver owner) : impl_(new Impl{macos::AudioOutput(toNative(owner))}) { }
+AudioOutput::AudioOutput(AudioReceiver owner) : impl_(std::make_unique<Impl>(std::move(owner))) { }
 
 AudioOutput::~AudioOutput() = default;
 
@@ -162,6 +244,8 @@ macos::StreamConfiguration toNative(const AudioStreamConfiguration& configuratio
 
 struct AudioStream::Impl {
     macos::AudioStream native;
+    AudioOutput* output = nullptr; ///< null until added
+    bool started = false;
 };
 
 AudioStream::AudioStream(
@@ -175,22 +259,32 @@ AudioStream::~AudioStream() = default;
 bool AudioStream::addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error)
 {
     const macos::AddResult result = impl_->native.addStreamOutput(output.impl().native, queue.impl().native);
-    if (!result.added)
+    if (result.added)
+        impl_->output = &output;
+    else
         *error = toQt(result.error);
     return result.added;
 }
 
+// The audio may come before the answer does.
 void AudioStream::startCapture(AudioCompletion completion)
 {
+    if (impl_->output)
+        impl_->output->impl().meter.start(macos::readClocks().steadyNs / 1000000);
+    impl_->started = true;
     impl_->native.startCapture(toNative(std::move(completion)));
 }
 
 void AudioStream::stopCapture(AudioCompletion completion)
 {
+    impl_->started = false;
     impl_->native.stopCapture(toNative(std::move(completion)));
 }
 
-// ScreenCaptureKit delivers on its own.
-void AudioStream::deliverUntil(qint64 /*monotonicMs*/, bool /*last*/) { }
+void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
+{
+    if (impl_->started && impl_->output)
+        impl_->output->impl().deliverUntil(monotonicMs, last);
+}
 
 }

@@ -37,6 +37,8 @@ public:
     bool isValid() const;
     /// Nothing when the buffer tells no format of audio.
     std::optional<StreamDescription> description() const;
+    /// When the first sample is heard, in nanoseconds of CoreMedia's host clock; nothing when that is not known.
+    std::optional<std::int64_t> hostTimeNs() const;
     /// One sample of every channel each.
     std::int64_t frames() const;
     /// Nothing when the system fails to hand the samples out.

@@ -1,8 +1,7 @@
 #include "samplebuffer.h"
 
+#include "cmtime.h"
 #include "handles.h"
-
-#import <CoreMedia/CoreMedia.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -59,6 +58,11 @@ std::optional<StreamDescription> SampleBuffer::description() const
         return std::nullopt;
     return StreamDescription{native->mFormatID, native->mFormatFlags, native->mBytesPerFrame,
         native->mChannelsPerFrame, native->mBitsPerChannel};
+}
+
+std::optional<std::int64_t> SampleBuffer::hostTimeNs() const
+{
+    return nanoseconds(CMSampleBufferGetPresentationTimeStamp(nativeBuffer(native_)));
 }
 
 std::int64_t SampleBuffer::frames() const

@@ -88,12 +88,13 @@ void MacAudioLifeTest::startAndStop()
     QVERIFY(capture.start());
     QCOMPARE(bench_->log.messages(), QStringList(startedLine));
     QCOMPARE(macsim::runningStreams(), 1);
-    QVERIFY(macsim::deliver(twoFrames));
+    QVERIFY(macsim::deliver(loudAudio));
+    QVERIFY(isHeard(capture));
     capture.stop();
     QCOMPARE(macsim::runningStreams(), 0);
-    QVERIFY(!macsim::deliver(twoFrames));
+    QVERIFY(!macsim::deliver(loudAudio));
     QCOMPARE(macsim::record().waits, (std::vector<std::int64_t>{fiveSecondsNs, fiveSecondsNs, twoSecondsNs}));
-    QCOMPARE(capture.readAvailable().size(), 1);
+    QVERIFY(!isHeard(capture));
     QCOMPARE(bench_->log.messages(), QStringList(startedLine));
 }
 
@@ -110,8 +111,8 @@ void MacAudioLifeTest::startAfterStop()
     capture->stop();
     QVERIFY(capture->start());
     QCOMPARE(macsim::record().starts, 2);
-    QVERIFY(macsim::deliver(twoFrames));
-    QCOMPARE(capture->readAvailable().size(), 1);
+    QVERIFY(macsim::deliver(loudAudio));
+    QVERIFY(isHeard(*capture));
 }
 
 void MacAudioLifeTest::stopWithoutStart()
@@ -133,8 +134,8 @@ void MacAudioLifeTest::outputsKeptByTheStream()
 {
     answers().streamKeepsOutputs = true;
     auto capture = started();
-    QVERIFY(macsim::deliver(twoFrames));
-    QCOMPARE(capture->readAvailable().size(), 1);
+    QVERIFY(macsim::deliver(loudAudio));
+    QVERIFY(isHeard(*capture));
     capture.reset();
     macsim::settle();
     QCOMPARE(macsim::live("SCStream"), 0);
@@ -224,7 +225,7 @@ void MacAudioLifeTest::startAnswersAfterDestruction()
     bench_->log.clear();
     QVERIFY(macsim::answerHeld(Call::Start));
     QCOMPARE(macsim::record().stops, fails ? 0 : 1);
-    QCOMPARE(macsim::deliver(twoFrames), !fails); // it still runs, and nobody hears it
+    QCOMPARE(macsim::deliver(loudAudio), !fails); // it still runs, and nobody hears it
     QCOMPARE(macsim::answerHeld(Call::Stop), !fails);
     QCOMPARE(bench_->log.messages(), QStringList());
 }
@@ -249,8 +250,8 @@ void MacAudioLifeTest::secondTryAfterATimeOut()
     QVERIFY(!capture.start());
     answers().start = When::Soon;
     QVERIFY(capture.start());
-    QVERIFY(macsim::deliver(twoFrames));
-    QCOMPARE(capture.readAvailable().size(), 1);
+    QVERIFY(macsim::deliver(loudAudio));
+    QVERIFY(isHeard(capture));
     QVERIFY(macsim::answerHeld(Call::Start));
     capture.stop();
     QCOMPARE(macsim::runningStreams(), 0);
@@ -309,7 +310,7 @@ void MacAudioLifeTest::samplesAfterDestruction()
     answers().stop = When::Held;
     capture.reset();
     const auto listCalls = macsim::record().listFlags.size();
-    QVERIFY(macsim::deliver(twoFrames));
+    QVERIFY(macsim::deliver(loudAudio));
     QCOMPARE(macsim::record().listFlags.size(), listCalls); // nobody takes it
     QVERIFY(macsim::answerHeld(Call::Stop));
 }
@@ -345,7 +346,7 @@ void MacAudioLifeTest::streamEndsByItself()
     bench_->log.clear();
     QVERIFY(macsim::endStreams(outcomes[std::size_t(kind)]));
     QCOMPARE(bench_->log.messages(), lines);
-    QVERIFY(!macsim::deliver(twoFrames));
+    QVERIFY(!macsim::deliver(loudAudio));
     QVERIFY(capture->start()); // still started, for all it knows
     QCOMPARE(macsim::record().starts, 1);
 }
@@ -353,20 +354,20 @@ void MacAudioLifeTest::streamEndsByItself()
 void MacAudioLifeTest::frameIsIgnored()
 {
     const auto capture = started();
-    QVERIFY(macsim::deliver(twoFrames, macsim::screenOutput));
-    QCOMPARE(capture->readAvailable().size(), 0);
+    QVERIFY(macsim::deliver(loudAudio, macsim::screenOutput));
+    QVERIFY(!isHeard(*capture));
     QVERIFY(macsim::record().listFlags.empty());
 }
 
 void MacAudioLifeTest::chunksSurviveStop()
 {
     const auto capture = started();
-    QVERIFY(macsim::deliver(twoFrames));
+    QVERIFY(macsim::deliver(loudAudio));
+    capture->deliverUntil(std::numeric_limits<qint64>::max() / 2000000, true);
     capture->stop();
     const auto chunks = capture->readAvailable();
     QCOMPARE(chunks.size(), 1);
-    QCOMPARE(chunks[0].frames, 2);
-    QCOMPARE(chunks[0].pcm, QByteArray("\1\0\2\0\3\0\4\0", 8));
+    QVERIFY(chunks[0].frames >= 960);
 }
 
 ORVANTIS_TEST(MacAudioLifeTest)

@@ -81,7 +81,9 @@ private Q_SLOTS:
 private:
     /// What the program made of it, left and right alternating; nothing when it queued no chunk.
     std::optional<Samples> taken(const Audio& audio);
+    void deliverAt(Audio audio, qint64 frame);
 
+    qint64 clockNs_ = 7200000000000; // any instant
     std::optional<MacBench> bench_;
     std::unique_ptr<RecorderAudioCapture> capture_;
 };
@@ -89,6 +91,7 @@ private:
 void MacIntakeTest::init()
 {
     bench_.emplace();
+    macsim::setClocks(clockNs_, clockNs_);
     capture_ = std::make_unique<RecorderAudioCapture>(QString());
     QVERIFY(capture_->start());
     bench_->log.clear();
@@ -101,19 +104,38 @@ void MacIntakeTest::cleanup()
     bench_.reset();
 }
 
-std::optional<Samples> MacIntakeTest::taken(const Audio& audio)
+void MacIntakeTest::deliverAt(Audio audio, qint64 frame)
 {
+    audio.timeNs = clockNs_ + frame * 1000000000 / 48000;
+    audio.timeFlags = 1;
     if (!macsim::deliver(audio))
         qFatal("Nothing runs");
-    const auto chunks = capture_->readAvailable();
-    if (chunks.isEmpty())
-        return std::nullopt;
+}
+
+/// It is delivered between two values that nothing else has, of which the second one is where it would be without it.
+std::optional<Samples> MacIntakeTest::taken(const Audio& audio)
+{
+    constexpr qint64 around = 480; // frames; a run of audio fades in and out
+    constexpr qint16 before = 1001;
+    constexpr qint16 behind = 2002;
+    clockNs_ += 1000000000;
+    macsim::setClocks(clockNs_, clockNs_);
+    deliverAt(macsim::stereoAudio(std::vector<std::int16_t>(2 * around, before)), 0);
+    deliverAt(audio, around);
+    deliverAt(macsim::stereoAudio(std::vector<std::int16_t>(2 * around, behind)), around);
+    capture_->deliverUntil(clockNs_ / 1000000 + 100, true);
     Samples samples;
-    for (const auto& chunk : chunks) {
+    for (const auto& chunk : capture_->readAvailable()) {
         for (qsizetype i = 0; i < chunk.pcm.size(); i += 2)
             samples.append(qFromLittleEndian<qint16>(chunk.pcm.constData() + i));
     }
-    return samples;
+    const qsizetype end = samples.indexOf(behind);
+    if (end < 1)
+        qFatal("The audio around it is not heard");
+    qsizetype begin = end;
+    while (begin > 0 && samples[begin - 1] != before)
+        --begin;
+    return end == begin ? std::nullopt : std::optional(samples.mid(begin, end - begin));
 }
 
 void MacIntakeTest::formats_data()
@@ -157,6 +179,12 @@ void MacIntakeTest::formats_data()
     Audio null = audio<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
     null.nullBuffers = {false, true};
     QTest::newRow("null data") << null << Samples{5, 0};
+    Audio fewer = audio<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
+    fewer.claimedBuffers = 1;
+    QTest::newRow("fewer buffers than there is room for") << fewer << Samples{5, 0};
+    Audio more = audio<std::int16_t>(isSigned | isPlanar, 2, 1, {S{5}, S{6}});
+    more.claimedBuffers = 3;
+    QTest::newRow("more buffers than there is room for") << more << Samples{5, 6};
 }
 
 void MacIntakeTest::formats()
@@ -241,7 +269,7 @@ void MacIntakeTest::unsupportedFormatIsToldOnce()
     Audio otherwise = macsim::stereoAudio({1, 2});
     otherwise.descriptionIsAudio = false;
     for (const Audio& one : {undescribed, compressed, otherwise, undescribed})
-        QVERIFY(!taken(one));
+        QVERIFY(macsim::deliver(one));
     QCOMPARE(bench_->log.messages(), QStringList(unsupportedLine));
     QVERIFY(macsim::record().listFlags.empty());
 }
@@ -264,18 +292,26 @@ void MacIntakeTest::blockBuffer()
 
 void MacIntakeTest::listIsAskedForTwice()
 {
-    QVERIFY(taken(macsim::stereoAudio({1, 2})));
+    QVERIFY(macsim::deliver(macsim::stereoAudio({1, 2})));
     QCOMPARE(macsim::record().listFlags, (std::vector<std::uint32_t>{1, 1})); // 16-byte alignment
 }
 
 void MacIntakeTest::manyBlocksKeepTheirOrder()
 {
+    constexpr qint64 length = 480;
     for (qint16 i = 0; i < 200; ++i)
-        QVERIFY(macsim::deliver(macsim::stereoAudio({i, qint16(-i)})));
-    const auto chunks = capture_->readAvailable();
-    QCOMPARE(chunks.size(), 200);
-    for (qint16 i = 0; i < 200; ++i)
-        QCOMPARE(qFromLittleEndian<qint16>(chunks[i].pcm.constData()), i);
+        deliverAt(macsim::stereoAudio(std::vector<std::int16_t>(2 * length, i)), i * length);
+    capture_->deliverUntil(clockNs_ / 1000000 + 3000, true);
+    QList<qint16> order;
+    for (const auto& chunk : capture_->readAvailable()) {
+        for (qsizetype i = 0; i < chunk.pcm.size(); i += 4) {
+            const auto sample = qFromLittleEndian<qint16>(chunk.pcm.constData() + i);
+            if (order.isEmpty() || order.last() != sample)
+                order.append(sample);
+        }
+    }
+    for (qint16 i = 1; i < 200; ++i)
+        QCOMPARE(order.value(i), i);
     QCOMPARE(macsim::live("SimSampleBuffer"), 0);
 }
 

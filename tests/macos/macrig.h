@@ -4,6 +4,8 @@
 #include "macbench.h"
 #include "platform/audio.h"
 
+#include <QDeadlineTimer>
+
 #include <memory>
 
 inline const platform::AudioStreamConfiguration audioOnly{.width = 2, .height = 2, .capturesAudio = true};
@@ -55,6 +57,9 @@ struct Rig {
 
     void startCapture() { stream->startCapture(start.completion()); }
     void stopCapture() { stream->stopCapture(stop.completion()); }
+
+    /// Asks for all that has been delivered.
+    void read() { stream->deliverUntil(QDeadlineTimer::current().deadline() + 1000, true); }
 
     Answer start;
     Answer stop;

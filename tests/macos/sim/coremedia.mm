@@ -178,6 +178,16 @@ Boolean CMSampleBufferIsValid(CMSampleBufferRef buffer)
     return buffer && bodyOf<SampleBody>(buffer)->audio.valid;
 }
 
+CMTime CMSampleBufferGetPresentationTimeStamp(CMSampleBufferRef buffer)
+{
+    const auto& audio = bodyOf<SampleBody>(buffer)->audio;
+    const std::int64_t scale = audio.timeScale;
+    CMTime time = CMTimeMake(
+        audio.timeNs / 1000000000 * scale + audio.timeNs % 1000000000 * scale / 1000000000, audio.timeScale);
+    time.flags = audio.timeFlags;
+    return time;
+}
+
 CMItemCount CMSampleBufferGetNumSamples(CMSampleBufferRef buffer)
 {
     return bodyOf<SampleBody>(buffer)->audio.frames;

@@ -215,6 +215,7 @@ void reset()
     ledger::reset([](const void* object) { std::free(const_cast<void*>(object)); });
     system::note([](Record& record) { record = Record(); });
     answers() = Answers();
+    system::resetClocks();
 }
 
 }

@@ -124,6 +124,13 @@ struct Answers {
 
 Answers& answers();
 
+/// The clocks, in nanoseconds: the one that the program waits by counts while the machine sleeps, the host's, by
+/// which samples are stamped, does not. Both are the machine's until a test sets them; reset() gives them back.
+void setClocks(std::int64_t steadyNs, std::int64_t hostNs);
+/// Called before the host's clock is read, on the thread that reads it; may set the clocks. Set it while nothing
+/// runs.
+void setHostClockRead(std::function<void()> read);
+
 // ---- what the system was asked ----------------------------------------------------------------------------------
 
 struct ImageCall {
@@ -213,6 +220,9 @@ struct Audio {
     std::uint32_t channels = 0;
     std::uint32_t bitsPerChannel = 0;
     std::int64_t frames = 0;
+    std::int64_t timeNs = 0; ///< of the first sample, on the host's clock
+    std::int32_t timeScale = 1000000000; ///< in which it is told
+    std::uint32_t timeFlags = 0; ///< CMTime's; 0: the time is not valid
     std::vector<std::vector<std::uint8_t>> buffers;
     std::vector<bool> nullBuffers; ///< by index: its data pointer is null
 

@@ -15,6 +15,9 @@ void onThread(std::function<void()> work);
 /// The answer to a call, in its time.
 void answer(Call call, When when, std::function<void()> work);
 
+/// Back to the machine's own.
+void resetClocks();
+
 /// Whether anything of the system runs, so that answers may be on their way.
 bool isBusy();
 

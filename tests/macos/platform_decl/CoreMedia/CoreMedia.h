@@ -14,6 +14,15 @@ typedef struct {
 
 PLATFORM_C CMTime CMTimeMake(int64_t value, int32_t timescale);
 
+enum {
+    kCMTimeFlags_Valid = 1U << 0,
+    kCMTimeFlags_ImpliedValueFlagsMask = 1U << 2 | 1U << 3 | 1U << 4,
+};
+
+typedef struct __attribute__((objc_bridge(id))) OpaqueCMClock* CMClockRef;
+PLATFORM_C CMClockRef CMClockGetHostTimeClock(void);
+PLATFORM_C CMTime CMClockGetTime(CMClockRef clock);
+
 typedef CFIndex CMItemCount;
 typedef struct __attribute__((objc_bridge(id))) opaqueCMSampleBuffer* CMSampleBufferRef;
 typedef struct __attribute__((objc_bridge(id))) OpaqueCMBlockBuffer* CMBlockBufferRef;
@@ -22,6 +31,7 @@ typedef CMFormatDescriptionRef CMAudioFormatDescriptionRef;
 
 PLATFORM_C Boolean CMSampleBufferIsValid(CMSampleBufferRef buffer);
 PLATFORM_C CMItemCount CMSampleBufferGetNumSamples(CMSampleBufferRef buffer);
+PLATFORM_C CMTime CMSampleBufferGetPresentationTimeStamp(CMSampleBufferRef buffer);
 PLATFORM_C CMFormatDescriptionRef CMSampleBufferGetFormatDescription(CMSampleBufferRef buffer);
 PLATFORM_C const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasicDescription(
     CMAudioFormatDescriptionRef description);

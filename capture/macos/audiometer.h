@@ -1,0 +1,60 @@
+// AudioMeter: blocks of audio that the system pushes when it likes, handed out by the reader's clock.
+#pragma once
+
+#include "audiotimeline.h"
+
+#include <QtGlobal>
+
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace macos {
+
+/**
+ * Signed 16-bit stereo at 48000 Hz. Times are those of the steady clock. append() may be called on any one thread
+ * while another one calls the rest.
+ *
+ * A block can be read some time after its last sample was heard, which the system does not tell beforehand. So the
+ * first blocks only show how late they are, and then all of the audio is held back as long as that takes.
+ */
+class AudioMeter {
+public:
+    /// The first delivery starts at this instant. What has been appended is forgotten.
+    void start(qint64 startMs);
+
+    /// startNs: when its first sample is heard, where that is known. Left out when nobody reads.
+    void append(std::optional<qint64> startNs, qint64 arrivedNs, std::span<const qint16> stereo);
+
+    /// See AudioTimeline::deliver().
+    std::optional<std::vector<qint16>> deliver(qint64 untilMs, bool last);
+
+private:
+    struct Incoming {
+        std::optional<qint64> startNs;
+        qint64 arrivedNs = 0;
+        std::vector<float> stereo;
+
+        qint64 lengthNs() const;
+    };
+
+    std::vector<Incoming> takeIncoming();
+    AudioTimeline::Block placed(const Incoming& incoming);
+    bool isLatencyKnown(qint64 untilMs, bool last) const;
+    void holdBack();
+
+    std::mutex mutex_; ///< guards what append() shares with the reader
+    std::vector<Incoming> incoming_;
+    qint64 incomingFrames_ = 0;
+
+    // The reader's:
+    AudioTimeline timeline_{0};
+    std::vector<Incoming> first_; ///< until it is known how late they are
+    bool latencyKnown_ = false;
+    std::optional<qint64> endNs_; ///< of the last block that was placed
+    qint64 startMs_ = 0;
+    qint64 deliveredMs_ = 0;
+};
+
+}

@@ -1,0 +1,137 @@
+// Audio that the system delivers when it likes, on the recording clock: a steady tone stays one.
+#include "macbench.h"
+#include "simulatedaudio.h"
+#include "testregistry.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+Q_DECLARE_METATYPE(AudioSchedule)
+
+namespace {
+
+constexpr double usualMs = 10000;
+
+QString describe(const AudioReport& report)
+{
+    return QStringLiteral("%1 breaks, %2 frames padded, %3 cut, delay %4 to %5 ms")
+        .arg(report.breaks)
+        .arg(report.paddedFrames)
+        .arg(report.cutFrames)
+        .arg(report.firstDelayMs)
+        .arg(report.lastDelayMs);
+}
+
+}
+
+class MacAudioTimeTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void toneStaysWhole_data();
+    void toneStaysWhole();
+    void pauseIsTheOnlyBreak_data();
+    void pauseIsTheOnlyBreak();
+
+private:
+    std::optional<MacBench> bench_;
+};
+
+void MacAudioTimeTest::init()
+{
+    bench_.emplace();
+}
+
+void MacAudioTimeTest::cleanup()
+{
+    MAC_IS_CLEAN();
+    bench_.reset();
+}
+
+void MacAudioTimeTest::toneStaysWhole_data()
+{
+    QTest::addColumn<AudioSchedule>("schedule");
+    QTest::addColumn<double>("durationMs");
+    for (const int frames : {480, 960, 1024}) {
+        for (const double jitter : {1.0, 5.0, 20.0}) {
+            AudioSchedule schedule;
+            schedule.blockFrames = frames;
+            schedule.jitterMs = jitter;
+            schedule.planar = frames != 960;
+            QTest::addRow("%d frames, %g ms of jitter", frames, jitter) << schedule << usualMs;
+        }
+    }
+    const auto row = [](const char* name, const auto& change) {
+        AudioSchedule schedule;
+        schedule.blockFrames = 1024;
+        schedule.jitterMs = 5;
+        change(schedule);
+        QTest::newRow(name) << schedule << usualMs;
+    };
+    row("bursts after stalls", [](AudioSchedule& s) { s.stallEveryMs = 3000, s.stallMs = 200; });
+    row("late start", [](AudioSchedule& s) { s.lateStartMs = 1700; });
+    row("long latency", [](AudioSchedule& s) { s.latencyMs = 90; });
+    row("no latency", [](AudioSchedule& s) { s.latencyMs = 0; });
+    row("slow device", [](AudioSchedule& s) { s.driftPpm = 100; });
+    row("fast device", [](AudioSchedule& s) { s.driftPpm = -100; });
+    row("no valid times", [](AudioSchedule& s) { s.timed = false; });
+    row("indefinite times", [](AudioSchedule& s) { s.timed = false, s.wrongTimeFlags = 17; });
+    row("times without a scale",
+        [](AudioSchedule& s) { s.timed = false, s.wrongTimeFlags = 1, s.wrongTimeScale = 0; });
+    row("times beyond 64 bits", [](AudioSchedule& s) {
+        s.timed = false, s.wrongTimeFlags = 1, s.wrongTimeScale = 1;
+        s.wrongTimeNs = std::numeric_limits<qint64>::max();
+    });
+    row("no valid times, much jitter", [](AudioSchedule& s) { s.timed = false, s.jitterMs = 20; });
+    row("interrupted between the clocks", [](AudioSchedule& s) { s.interruptedMs = 40; });
+    row("no valid times, slow device", [](AudioSchedule& s) { s.timed = false, s.driftPpm = 100; });
+    AudioSchedule slow;
+    slow.jitterMs = 20;
+    slow.driftPpm = 100;
+    QTest::newRow("ten minutes of a slow device") << slow << 600000.0;
+}
+
+void MacAudioTimeTest::toneStaysWhole()
+{
+    QFETCH(const AudioSchedule, schedule);
+    QFETCH(const double, durationMs);
+    constexpr double readerMs = 16; // the reader's interval and what it takes beyond
+    const double latest = schedule.latencyMs + schedule.jitterMs + readerMs;
+    RecorderAudioCapture capture{QString()};
+    const AudioReport report = recordSimulatedAudio(capture, schedule, durationMs);
+    QVERIFY2(report.breaks == 0 && report.paddedFrames == 0 && report.cutFrames == 0, qPrintable(describe(report)));
+    const auto [least, most] = std::minmax(report.firstDelayMs, report.lastDelayMs);
+    QVERIFY2(least > 0 && most < latest && most - least < 8, qPrintable(describe(report)));
+}
+
+void MacAudioTimeTest::pauseIsTheOnlyBreak_data()
+{
+    QTest::addColumn<AudioSchedule>("schedule");
+    AudioSchedule sleep;
+    sleep.sleepAtMs = 5000;
+    sleep.sleepMs = 4000;
+    QTest::newRow("the machine sleeps") << sleep;
+    AudioSchedule stall;
+    stall.stallEveryMs = 6000;
+    stall.stallMs = 1000;
+    QTest::newRow("no block comes for a second") << stall;
+}
+
+/// The audio ends, and goes on at its time.
+void MacAudioTimeTest::pauseIsTheOnlyBreak()
+{
+    QFETCH(const AudioSchedule, schedule);
+    constexpr double onePauseMs = 9000; // as long as there is one
+    RecorderAudioCapture capture{QString()};
+    const AudioReport report = recordSimulatedAudio(capture, schedule, onePauseMs);
+    QVERIFY2(report.paddedFrames == 0 && report.cutFrames == 0, qPrintable(describe(report)));
+    QVERIFY2(report.breaks >= 1 && report.breaks <= 3, qPrintable(describe(report))); // out and in
+    QVERIFY2(std::abs(report.lastDelayMs - report.firstDelayMs) < 2, qPrintable(describe(report)));
+}
+
+ORVANTIS_TEST(MacAudioTimeTest)
+#include "macaudiotime_test.moc"
