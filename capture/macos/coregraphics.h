@@ -48,8 +48,14 @@ private:
     int height_ = 0;
 };
 
-/// The window's rectangle, or nothing when it cannot be told.
-std::optional<Rect> windowBounds(std::uint32_t windowId);
+/// What the system's list of windows says of one that it names.
+struct WindowEntry {
+    std::optional<Rect> bounds; ///< nothing when they cannot be told
+    bool isOnScreen = false; ///< neither minimised, hidden nor elsewhere
+};
+
+/// Nothing when the list does not name the window.
+std::optional<WindowEntry> windowEntry(std::uint32_t windowId);
 
 /// Nothing when it cannot be told.
 std::optional<Point> pointerLocation();

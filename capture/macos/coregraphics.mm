@@ -85,7 +85,27 @@ bool WindowImage::drawInto(void* pixels, std::size_t bytesPerLine) const
     }
 }
 
-std::optional<Rect> windowBounds(std::uint32_t windowId)
+namespace {
+
+std::optional<Rect> boundsOf(CFDictionaryRef window)
+{
+    const auto bounds = static_cast<CFDictionaryRef>(CFDictionaryGetValue(window, kCGWindowBounds));
+    CGRect rect = CGRectNull;
+    if (!bounds || !CGRectMakeWithDictionaryRepresentation(bounds, &rect))
+        return std::nullopt;
+    return Rect{rect.origin.x, rect.origin.y, rect.size.width, rect.size.height};
+}
+
+/// The key may be missing for a window that is not.
+bool isOnScreen(CFDictionaryRef window)
+{
+    const auto onScreen = static_cast<CFBooleanRef>(CFDictionaryGetValue(window, kCGWindowIsOnscreen));
+    return onScreen && CFBooleanGetValue(onScreen);
+}
+
+}
+
+std::optional<WindowEntry> windowEntry(std::uint32_t windowId)
 {
     @autoreleasepool {
         const CfHandle<CFArrayRef> windows(CGWindowListCopyWindowInfo(kCGWindowListOptionIncludingWindow, windowId));
@@ -95,11 +115,7 @@ std::optional<Rect> windowBounds(std::uint32_t windowId)
         const auto window = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(windows.get(), 0));
         if (!window)
             return std::nullopt;
-        const auto bounds = static_cast<CFDictionaryRef>(CFDictionaryGetValue(window, kCGWindowBounds));
-        CGRect rect = CGRectNull;
-        if (!bounds || !CGRectMakeWithDictionaryRepresentation(bounds, &rect))
-            return std::nullopt;
-        return Rect{rect.origin.x, rect.origin.y, rect.size.width, rect.size.height};
+        return WindowEntry{boundsOf(window), isOnScreen(window)};
     }
 }
 

@@ -4,6 +4,7 @@
 #include "coregraphics.h"
 #include "sharedimages.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace platform {
@@ -42,6 +43,32 @@ bool draw(const macos::WindowImage& window, QImage& image)
     return window.drawInto(image.bits(), std::size_t(image.bytesPerLine()));
 }
 
+/// Nearly every window has a visible pixel among its first ones.
+bool hasVisiblePixel(const QImage& image)
+{
+    for (int y = 0; y < image.height(); ++y) {
+        const auto* line = reinterpret_cast<const quint32*>(image.constScanLine(y));
+        if (std::any_of(line, line + image.width(), [](quint32 pixel) { return pixel >> 24U != 0; }))
+            return true;
+    }
+    return false;
+}
+
+bool isOnePixel(const QImage& image)
+{
+    return image.size() == QSize(1, 1);
+}
+
+/// For a window that is closed, minimised, hidden or elsewhere the system may give an image all the same: an empty
+/// one, or one of a single pixel. What a window on the screen shows is its image, whatever it is.
+bool isPlaceholder(const QImage& image, bool visible, const std::optional<macos::WindowEntry>& entry)
+{
+    const bool isLarger = entry && entry->bounds && (entry->bounds->width > 1 || entry->bounds->height > 1);
+    if (isOnePixel(image) && isLarger)
+        return true;
+    return !visible && !(entry && entry->isOnScreen);
+}
+
 }
 
 // The system does not say whether anything changed, so every image is compared with the one before.
@@ -49,22 +76,30 @@ WindowSample WindowSource::sample(bool withBounds)
 {
     WindowSample sample;
     const auto window = macos::WindowImage::capture(impl_->windowId);
-    if (window && draw(*window, impl_->drawn)) {
-        const QImage& drawn = impl_->drawn;
-        impl_->images.update(drawn.size(), drawn.format());
-        impl_->images.put(0, drawn.height(), reinterpret_cast<const quint32*>(drawn.constBits()));
-        SharedImages::Image taken = impl_->images.finish();
-        sample.image = std::move(taken.image);
-        sample.changedRows = taken.changedRows;
-        sample.ownBytes = taken.ownBytes;
-    }
-    sample.unusable = window && sample.image.isNull();
-    if (sample.image.isNull())
+    if (!window)
         return sample;
-    if (withBounds) {
-        if (const auto rect = macos::windowBounds(impl_->windowId))
-            sample.bounds = QRectF(rect->x, rect->y, rect->width, rect->height);
-    }
+    const QImage& drawn = impl_->drawn;
+    sample.unusable = !draw(*window, impl_->drawn);
+    if (sample.unusable)
+        return sample;
+    const bool visible = hasVisiblePixel(drawn);
+    const bool isDoubtful = !visible || isOnePixel(drawn);
+    std::optional<macos::WindowEntry> entry;
+    if (withBounds || isDoubtful)
+        entry = macos::windowEntry(impl_->windowId);
+    if (isDoubtful && isPlaceholder(drawn, visible, entry))
+        return sample;
+    impl_->images.update(drawn.size(), drawn.format());
+    impl_->images.put(0, drawn.height(), reinterpret_cast<const quint32*>(drawn.constBits()));
+    SharedImages::Image taken = impl_->images.finish();
+    sample.image = std::move(taken.image);
+    sample.changedRows = taken.changedRows;
+    sample.ownBytes = taken.ownBytes;
+    sample.unusable = sample.image.isNull();
+    if (sample.unusable)
+        return sample;
+    if (withBounds && entry && entry->bounds)
+        sample.bounds = QRectF(entry->bounds->x, entry->bounds->y, entry->bounds->width, entry->bounds->height);
     if (const auto point = macos::pointerLocation())
         sample.pointer = QPointF(point->x, point->y);
     return sample;

@@ -25,6 +25,8 @@ void show(const WindowImage& image)
 
 }
 
+Q_DECLARE_METATYPE(macsim::WindowImage)
+
 class MacWindowTest : public QObject {
     Q_OBJECT
 
@@ -45,6 +47,11 @@ private Q_SLOTS:
     void noImage_data();
     void noImage();
     void oneWarningOnly();
+    void placeholderIsNoImage_data();
+    void placeholderIsNoImage();
+    void imageThatOnlyLooksLikeAPlaceholder_data();
+    void imageThatOnlyLooksLikeAPlaceholder();
+    void visiblePixelIsFoundAnywhere();
     void imageComesBack();
     void unusableImageLeavesTheWarningForLater();
 
@@ -172,7 +179,7 @@ void MacWindowTest::unchangedImageIsShared()
 
 void MacWindowTest::idIsCutTo32Bits()
 {
-    show(macsim::solidImage(1, 1, 0xff000000));
+    show(macsim::solidImage(2, 2, 0xff000000));
     const MacWindowCapture capture(QStringLiteral("4294967338"));
     QVERIFY(!capture.capture(nullptr).isNull());
     QCOMPARE(macsim::record().images.at(0).windowId, windowId);
@@ -240,6 +247,79 @@ void MacWindowTest::oneWarningOnly()
         QVERIFY(capture.capture(nullptr).isNull());
     QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList(noImageLine));
     QCOMPARE(macsim::record().images.size(), 4U);
+}
+
+void MacWindowTest::placeholderIsNoImage_data()
+{
+    QTest::addColumn<WindowImage>("shown");
+    QTest::addColumn<int>("info");
+    const WindowImage transparent = macsim::solidImage(40, 30, 0);
+    QTest::newRow("empty, closed") << transparent << int(WindowInfo::EmptyArray);
+    QTest::newRow("empty, no list") << transparent << int(WindowInfo::NoArray);
+    QTest::newRow("empty, nothing in the list") << transparent << int(WindowInfo::NullElement);
+    QTest::newRow("empty, not on the screen") << transparent << int(WindowInfo::NotOnScreen);
+    QTest::newRow("empty, not said to be on the screen") << transparent << int(WindowInfo::OnScreenIsNotTold);
+    QTest::newRow("one pixel, larger window") << macsim::solidImage(1, 1, 0xff000000) << int(WindowInfo::Whole);
+    QTest::newRow("one pixel, minimised") << macsim::solidImage(1, 1, 0xff000000) << int(WindowInfo::NotOnScreen);
+    QTest::newRow("one empty pixel, closed") << macsim::solidImage(1, 1, 0) << int(WindowInfo::EmptyArray);
+}
+
+/// One warning as for every image that the system does not give; with and without a question for the bounds.
+void MacWindowTest::placeholderIsNoImage()
+{
+    QFETCH(const WindowImage, shown);
+    QFETCH(const int, info);
+    show(shown);
+    answers().windowInfo = WindowInfo(info);
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QRect bounds(1, 2, 3, 4);
+    QVERIFY(capture.capture(&bounds).isNull());
+    QCOMPARE(bounds, QRect(1, 2, 3, 4));
+    QVERIFY(capture.capture(nullptr).isNull());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList(noImageLine));
+    QCOMPARE(macsim::record().infos.size(), 2U);
+    answers().windowInfo = WindowInfo::Whole;
+    show(macsim::solidImage(40, 30, 0xff335577));
+    QCOMPARE(capture.capture(nullptr).pixel(1, 1), 0xff335577U);
+}
+
+void MacWindowTest::imageThatOnlyLooksLikeAPlaceholder_data()
+{
+    QTest::addColumn<WindowImage>("shown");
+    QTest::addColumn<int>("info");
+    const WindowImage old = macsim::solidImage(40, 30, 0xff335577);
+    QTest::newRow("transparent, on the screen") << macsim::solidImage(40, 30, 0) << int(WindowInfo::Whole);
+    QTest::newRow("old image, closed") << old << int(WindowInfo::EmptyArray);
+    QTest::newRow("old image, not on the screen") << old << int(WindowInfo::NotOnScreen);
+    QTest::newRow("one pixel, bounds not told") << macsim::solidImage(1, 1, 0xff000000) << int(WindowInfo::NoBounds);
+    QTest::newRow("one pixel, no list") << macsim::solidImage(1, 1, 0xff000000) << int(WindowInfo::NoArray);
+}
+
+void MacWindowTest::imageThatOnlyLooksLikeAPlaceholder()
+{
+    QFETCH(const WindowImage, shown);
+    QFETCH(const int, info);
+    show(shown);
+    answers().windowInfo = WindowInfo(info);
+    const MacWindowCapture capture(QStringLiteral("42"));
+    QRect bounds;
+    QCOMPARE(capture.capture(&bounds).size(), QSize(int(shown.width), int(shown.height)));
+    QVERIFY(!capture.capture(nullptr).isNull());
+    QVERIFY(bounds.isValid());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList());
+}
+
+void MacWindowTest::visiblePixelIsFoundAnywhere()
+{
+    answers().windowInfo = WindowInfo::NotOnScreen;
+    WindowImage image = macsim::solidImage(7, 5, 0);
+    for (const std::size_t place : {0U, 6U, 28U, 34U}) {
+        image.pixels.assign(image.pixels.size(), 0);
+        image.pixels[place] = 0x01000000;
+        show(image);
+        const MacWindowCapture capture(QStringLiteral("42"));
+        QVERIFY(!capture.capture(nullptr).isNull());
+    }
 }
 
 void MacWindowTest::imageComesBack()

@@ -15,6 +15,10 @@
 @end
 @implementation SimDictionary
 @end
+@interface SimBoolean : NSObject
+@end
+@implementation SimBoolean
+@end
 @interface SimImage : NSObject
 @end
 @implementation SimImage
@@ -38,6 +42,11 @@ using macsim::answers;
 using macsim::bodyOf;
 using macsim::objectAt;
 using macsim::Strong;
+
+struct BooleanBody : macsim::ledger::Body {
+    bool value = false;
+    void end() override { value = false; }
+};
 
 struct DictionaryBody : macsim::ledger::Body {
     std::map<const void*, Strong> values;
@@ -114,6 +123,11 @@ Strong makeDictionary()
 Strong describeWindow()
 {
     Strong window = makeDictionary();
+    if (answers().windowInfo != macsim::WindowInfo::OnScreenIsNotTold) {
+        Strong onScreen = Strong::adopt([SimBoolean alloc]);
+        bodyOf<BooleanBody>(onScreen.get())->value = answers().windowInfo != macsim::WindowInfo::NotOnScreen;
+        bodyOf<DictionaryBody>(window.get())->values.emplace(kCGWindowIsOnscreen, onScreen);
+    }
     if (answers().windowInfo == macsim::WindowInfo::NoBounds)
         return window;
     Strong bounds = makeDictionary();
@@ -167,6 +181,11 @@ const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key)
     return found != body->values.end() ? found->second.get() : nullptr;
 }
 
+Boolean CFBooleanGetValue(CFBooleanRef boolean)
+{
+    return bodyOf<BooleanBody>(boolean)->value;
+}
+
 // ---- permission -------------------------------------------------------------------------------------------------
 
 bool CGPreflightScreenCaptureAccess()
@@ -187,6 +206,7 @@ bool CGRequestScreenCaptureAccess()
 
 // ---- windows ----------------------------------------------------------------------------------------------------
 
+const CFStringRef kCGWindowIsOnscreen = reinterpret_cast<CFStringRef>("kCGWindowIsOnscreen");
 const CFStringRef kCGWindowBounds = reinterpret_cast<CFStringRef>("kCGWindowBounds");
 
 const CGRect CGRectNull

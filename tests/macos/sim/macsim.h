@@ -48,6 +48,8 @@ enum class WindowInfo {
     NullElement,
     NoBounds,
     MalformedBounds,
+    NotOnScreen,
+    OnScreenIsNotTold,
 };
 
 /// An NSError with that text; nothing in it means that the error has no text at all (nil).

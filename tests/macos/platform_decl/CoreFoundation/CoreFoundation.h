@@ -13,6 +13,9 @@ typedef const struct __attribute__((objc_bridge(NSArray))) __CFArray* CFArrayRef
 typedef const struct __attribute__((objc_bridge(NSDictionary))) __CFDictionary* CFDictionaryRef;
 typedef const struct __attribute__((objc_bridge(NSString))) __CFString* CFStringRef;
 
+typedef const struct __CFBoolean* CFBooleanRef;
+PLATFORM_C Boolean CFBooleanGetValue(CFBooleanRef boolean);
+
 PLATFORM_C const CFAllocatorRef kCFAllocatorDefault;
 
 PLATFORM_C void CFRelease(CFTypeRef object);

@@ -34,6 +34,7 @@ typedef PLATFORM_OPTIONS(uint32_t, CGWindowListOption) {
 };
 
 PLATFORM_C const CFStringRef kCGWindowBounds;
+PLATFORM_C const CFStringRef kCGWindowIsOnscreen;
 PLATFORM_C CFArrayRef CGWindowListCopyWindowInfo(CGWindowListOption option, CGWindowID relativeToWindow);
 
 typedef struct CGImage* CGImageRef;
