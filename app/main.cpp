@@ -36,6 +36,16 @@ GstRecorder* makeRecorder(char** argv)
         argument(argv, 10), nullptr);
 }
 
+/// The file is finished before the process ends, however that has come about.
+void finish(GstRecorder& recorder, int exitCode)
+{
+    if (!recorder.finishRecording(finishLimit)) {
+        qCritical() << "recorder worker did not end in time; leaving the output as it is";
+        std::_Exit(exitCode);
+    }
+    qDebug() << "recorder exiting" << exitCode;
+}
+
 int record(QGuiApplication& application, int argc, char** argv, const QStringList& refusedPlugIns)
 {
     // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
@@ -60,14 +70,9 @@ int record(QGuiApplication& application, int argc, char** argv, const QStringLis
     static GstRecorder* const recorder = makeRecorder(argv);
     // Behind the lines of the start, whose texts and order are an interface.
     qDebug() << "recorder version" << ORVANTIS_VERSION << "Qt" << qVersion();
+    const platform::RecordingHold hold([] { finish(*recorder, 0); });
     const int exitCode = application.exec();
-
-    // The file is finished before the process ends, however the loop ended.
-    if (!recorder->finishRecording(finishLimit)) {
-        qCritical() << "recorder worker did not end in time; leaving the output as it is";
-        std::_Exit(exitCode);
-    }
-    qDebug() << "recorder exiting" << exitCode;
+    finish(*recorder, exitCode);
     return exitCode;
 }
 

@@ -200,11 +200,14 @@ def rename(binary, names, kept_rpaths):
     arguments = ["-id", binary.new_id] if binary.new_id else []
     for old, new in names.items():
         arguments += ["-change", old, new]
-    for rpath in binary.rpaths:
-        if rpath not in kept_rpaths:
-            arguments += ["-delete_rpath", rpath]
-    if not arguments:
-        return
+    if arguments:
+        change(binary, arguments)
+    # A file may have a path twice, and a call may name it only once.
+    while surplus := [rpath for rpath in Binary(binary.path, binary.path).rpaths if rpath not in kept_rpaths]:
+        change(binary, [argument for rpath in dict.fromkeys(surplus) for argument in ("-delete_rpath", rpath)])
+
+
+def change(binary, arguments):
     run = subprocess.run(["install_name_tool", *arguments, str(binary.path)], capture_output=True, text=True)
     if run.returncode != 0:
         raise Failure(f"{binary.path}: install_name_tool: {run.stderr.strip()}")

@@ -18,6 +18,13 @@ void chooseGuiPlatform()
 
 void becomeAccessory() { }
 
+// A session ends with signals here, and nothing is slowed down.
+struct RecordingHold::Impl { };
+
+RecordingHold::RecordingHold(std::function<void()>) { }
+
+RecordingHold::~RecordingHold() = default;
+
 QString mainBundleString(const char*)
 {
     return QString();

@@ -2,10 +2,13 @@
 #include "platform/application.h"
 
 #include "appkit.h"
+#include "recordinghold.h"
 
 #include <QByteArray>
 
 #include <unistd.h>
+
+#include <utility>
 
 namespace platform {
 
@@ -22,6 +25,16 @@ void becomeAccessory()
 {
     macos::becomeAccessory();
 }
+
+struct RecordingHold::Impl {
+    macos::RecordingHold native;
+};
+
+RecordingHold::RecordingHold(std::function<void()> finish) : impl_(new Impl{macos::RecordingHold(std::move(finish))})
+{
+}
+
+RecordingHold::~RecordingHold() = default;
 
 QString mainBundleString(const char* selectorName)
 {

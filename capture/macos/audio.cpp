@@ -167,9 +167,8 @@ struct AudioOutput::Impl {
             return;
         }
         const auto list = buffer.bufferList();
-        if (!list)
-            return;
-        const auto chunk = audiointake::toChunk(*buffer.description, buffer.frames, list->buffers);
+        const auto chunk = list ? audiointake::toChunk(*buffer.description, buffer.frames, list->buffers)
+                                : std::optional<RecorderAudioCapture::Chunk>();
         if (!chunk)
             return;
         const macos::ClockReading now = macos::readClocks();

@@ -96,9 +96,7 @@ WindowSample WindowSource::sample(bool withBounds)
     sample.changedRows = taken.changedRows;
     sample.ownBytes = taken.ownBytes;
     sample.unusable = sample.image.isNull();
-    if (sample.unusable)
-        return sample;
-    if (withBounds && entry && entry->bounds)
+    if (withBounds && !sample.unusable && entry && entry->bounds)
         sample.bounds = QRectF(entry->bounds->x, entry->bounds->y, entry->bounds->width, entry->bounds->height);
     if (const auto point = macos::pointerLocation())
         sample.pointer = QPointF(point->x, point->y);

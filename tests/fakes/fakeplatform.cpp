@@ -111,6 +111,12 @@ void chooseGuiPlatform() { }
 
 void becomeAccessory() { }
 
+struct RecordingHold::Impl { };
+
+RecordingHold::RecordingHold(std::function<void()>) { }
+
+RecordingHold::~RecordingHold() = default;
+
 QString mainBundleString(const char*)
 {
     return QString();

@@ -1,11 +1,12 @@
 // Audio that the system delivers when it likes, on the recording clock: a steady tone stays one.
-#include "macbench.h"
+#include "macaudio.h"
 #include "simulatedaudio.h"
 #include "testregistry.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <new>
 
 Q_DECLARE_METATYPE(AudioSchedule)
 
@@ -34,6 +35,8 @@ private Q_SLOTS:
 
     void toneStaysWhole_data();
     void toneStaysWhole();
+    void blockWithoutMemoryIsLeftOut();
+    void audioThatNobodyReadsIsBounded();
     void pauseIsTheOnlyBreak_data();
     void pauseIsTheOnlyBreak();
 
@@ -106,6 +109,39 @@ void MacAudioTimeTest::toneStaysWhole()
     QVERIFY2(report.breaks == 0 && report.paddedFrames == 0 && report.cutFrames == 0, qPrintable(describe(report)));
     const auto [least, most] = std::minmax(report.firstDelayMs, report.lastDelayMs);
     QVERIFY2(least > 0 && most < latest && most - least < 8, qPrintable(describe(report)));
+}
+
+/// The system does not know exceptions.
+void MacAudioTimeTest::blockWithoutMemoryIsLeftOut()
+{
+    RecorderAudioCapture capture{QString()};
+    QVERIFY(capture.start());
+    macsim::setHostClockRead([] { throw std::bad_alloc(); });
+    QVERIFY(macsim::deliver(loudAudio));
+    macsim::setHostClockRead(nullptr);
+    QVERIFY(!isHeard(capture));
+}
+
+void MacAudioTimeTest::audioThatNobodyReadsIsBounded()
+{
+    constexpr qint64 startMs = 7200000; // any instant
+    macsim::setClocks(startMs * 1000000, startMs * 1000000);
+    RecorderAudioCapture capture{QString()};
+    QVERIFY(capture.start());
+    for (qint64 ms = 0; ms < 30000; ms += 20) {
+        macsim::Audio audio = loudAudio;
+        audio.timeNs = (startMs + ms) * 1000000;
+        audio.timeFlags = 1;
+        QVERIFY(macsim::deliver(audio));
+    }
+    capture.deliverUntil(startMs + 9000);
+    const auto first = capture.readAvailable();
+    QCOMPARE(first.size(), 1);
+    QCOMPARE(first[0].frames, 9000 * 48);
+    capture.deliverUntil(startMs + 31000, true);
+    const auto rest = capture.readAvailable();
+    QCOMPARE(rest.size(), 1);
+    QVERIFY(rest[0].pcm.endsWith(QByteArray(4 * 48000, '\0'))); // what came later was not kept
 }
 
 void MacAudioTimeTest::pauseIsTheOnlyBreak_data()

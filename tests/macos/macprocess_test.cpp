@@ -2,6 +2,7 @@
 // socket.
 #include "launcherserver.h"
 #include "macbench.h"
+#include "mediafile.h"
 #include "platform/application.h"
 #include "privatetempdir.h"
 #include "recorderprocess.h"
@@ -52,6 +53,10 @@ private Q_SLOTS:
     void permissionProcess();
     void recordingWithoutPermission();
 
+    void logOutFinishesTheFile();
+    void logOutAsksTheHold();
+    void holdStandsInForTheDelegate();
+    void recordingIsAnActivity();
     void accessory();
     void accessoryIsSkipped_data();
     void accessoryIsSkipped();
@@ -188,6 +193,67 @@ void MacProcessTest::recordingWithoutPermission()
     QCOMPARE(log.last().text, QStringLiteral("recorder exiting 2"));
     QCOMPARE(launcher.received(), QByteArray());
     QVERIFY2(recorder.standardError().endsWith(toldAtTheEnd("2 preflights, 1 requests")), recorder.standardError());
+}
+
+void MacProcessTest::logOutFinishesTheFile()
+{
+    const PrivateTempDir directory;
+    LauncherServer launcher;
+    QVERIFY2(launcher.isListening(), qPrintable(launcher.errorString()));
+    RecorderCommand command;
+    command.logDirectory = directory.path();
+    command.output = directory.filePath(QStringLiteral("out.mp4"));
+    command.window = QStringLiteral("42");
+    SimulatedRecorder recorder(QStringLiteral("held"));
+    recorder.setVariable(QStringLiteral("SIMULATED_LOG_OUT"), QStringLiteral("1"));
+    QVERIFY(recorder.start(command.arguments()));
+    QVERIFY(recorder.waitForEnd());
+    QVERIFY2(recorder.standardError().contains("simulated: log-out answered 1\n"), recorder.standardError());
+    QCOMPARE(recorder.exitCode(), 0);
+    QCOMPARE(RecorderProcess::log(directory.path()).last().text, QStringLiteral("recorder exiting 0"));
+    MediaFile file(command.output);
+    QVERIFY(!file.frames().isEmpty());
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+}
+
+void MacProcessTest::logOutAsksTheHold()
+{
+    macsim::setCancellingDelegate();
+    QCOMPARE(macsim::askToTerminate(), 0L);
+    int finished = 0;
+    {
+        const platform::RecordingHold hold([&finished] { ++finished; });
+        QCOMPARE(finished, 0);
+        QCOMPARE(macsim::askToTerminate(), 1L);
+        QCOMPARE(finished, 1);
+    }
+    QCOMPARE(macsim::askToTerminate(), 0L);
+    QCOMPARE(finished, 1);
+}
+
+void MacProcessTest::holdStandsInForTheDelegate()
+{
+    {
+        const platform::RecordingHold hold([] {}); // there is none before
+        QCOMPARE(macsim::askToTerminate(), 1L);
+    }
+    QCOMPARE(macsim::askToTerminate(), -1L);
+    macsim::setCancellingDelegate();
+    const platform::RecordingHold hold([] {});
+    QVERIFY(macsim::callDelegate());
+}
+
+void MacProcessTest::recordingIsAnActivity()
+{
+    constexpr std::uint64_t suddenAndAutomaticEnd = 1U << 14 | 1U << 15;
+    {
+        const platform::RecordingHold hold([] {});
+        QCOMPARE(macsim::runningActivities(), 1);
+        const auto options = macsim::record().activities.at(0);
+        QCOMPARE(options & suddenAndAutomaticEnd, suddenAndAutomaticEnd);
+        QCOMPARE(options, 0xff00efffffULL);
+    }
+    QCOMPARE(macsim::runningActivities(), 0);
 }
 
 void MacProcessTest::accessory()

@@ -1,7 +1,11 @@
 // Linked into the recorder's own main(): lets the environment say how the simulated Mac answers, and tells at the end
 // what was asked of it.
 //   SIMULATED_PERMISSION=held|granted|later|refused (later: held after the request, which said no)
+//   SIMULATED_LOG_OUT=1: after twelve images the user logs out; a process that agrees is ended as AppKit does it
 #include "macsim.h"
+
+#include <QCoreApplication>
+#include <QTimer>
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,4 +41,28 @@ private:
 
 const Simulated simulated;
 
+/// On the main thread, as AppKit asks.
+void logOutWhenItRecords()
+{
+    if (macsim::record().images.size() < 12) {
+        QTimer::singleShot(20, logOutWhenItRecords);
+        return;
+    }
+    const long answer = macsim::askToTerminate();
+    std::fprintf(stderr, "simulated: log-out answered %ld\n", answer);
+    std::exit(answer == 1 ? 0 : 1);
 }
+
+void prepareLogOut()
+{
+    if (!std::getenv("SIMULATED_LOG_OUT"))
+        return;
+    macsim::setCancellingDelegate();
+    macsim::answers().image
+        = [](std::uint32_t, int) { return std::optional(macsim::solidImage(64, 48, 0xff204060)); };
+    QTimer::singleShot(0, logOutWhenItRecords);
+}
+
+}
+
+Q_COREAPP_STARTUP_FUNCTION(prepareLogOut)

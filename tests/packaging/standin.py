@@ -61,6 +61,7 @@ def install_name_tool(arguments):
     binary = read(path)
     if not os.access(path, os.W_OK):
         refuse(f"{path} is read-only")
+    deleted = set()
     while arguments:
         action = arguments.pop(0)
         if action == "-id":
@@ -70,6 +71,9 @@ def install_name_tool(arguments):
             binary["loads"] = [new if name == old else name for name in binary["loads"]]
         elif action == "-delete_rpath":
             rpath = arguments.pop(0)
+            if rpath in deleted:
+                refuse(f"{action} {rpath} is there twice")
+            deleted.add(rpath)
             if rpath not in binary["rpaths"]:
                 refuse(f"no LC_RPATH {rpath} in {path}")
             binary["rpaths"].remove(rpath)

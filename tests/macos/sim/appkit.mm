@@ -16,13 +16,102 @@ struct RunningBody : macsim::ledger::Body {
     macsim::Application application;
 };
 
+id<NSApplicationDelegate> delegate = nil; // not kept
+bool called = false;
+int activities = 0;
+
 struct UrlBody : macsim::ledger::Body {
     std::optional<std::string> path;
 };
 
 }
 
+@interface SimActivity : NSObject
+@end
+@implementation SimActivity
+@end
+
+@interface SimDelegate : NSObject <NSApplicationDelegate>
++ (SimDelegate*)theOne;
+@end
+
+@implementation SimDelegate
+
++ (SimDelegate*)theOne
+{
+    static SimDelegate* const one = macsim::makeForEver(self);
+    return one;
+}
+
+- (NSApplicationTerminateReply)applicationShouldTerminate:(NSApplication*)sender
+{
+    return NSTerminateCancel;
+}
+
+- (void)applicationIsCalled
+{
+    called = true;
+}
+
+@end
+
+@interface NSObject (Forwarding)
+- (id)forwardingTargetForSelector:(SEL)selector;
+@end
+
+namespace macsim {
+
+long askToTerminate()
+{
+    @autoreleasepool {
+        if (![delegate respondsToSelector:@selector(applicationShouldTerminate:)])
+            return -1;
+        return long([delegate applicationShouldTerminate:[NSApplication sharedApplication]]);
+    }
+}
+
+void setCancellingDelegate()
+{
+    delegate = [SimDelegate theOne];
+}
+
+bool callDelegate()
+{
+    @autoreleasepool {
+        called = false;
+        id target = delegate;
+        if ([target respondsToSelector:@selector(applicationIsCalled)] && target != id([SimDelegate theOne]))
+            target = [target forwardingTargetForSelector:@selector(applicationIsCalled)];
+        [target performSelector:@selector(applicationIsCalled)];
+        return called;
+    }
+}
+
+int runningActivities()
+{
+    return activities;
+}
+
+void system::resetApplication()
+{
+    delegate = nil;
+    activities = 0;
+}
+
+}
+
 @implementation NSApplication
+
+- (id<NSApplicationDelegate>)delegate
+{
+    macsim::leaveToPool();
+    return delegate;
+}
+
+- (void)setDelegate:(id<NSApplicationDelegate>)given
+{
+    delegate = given;
+}
 
 + (NSApplication*)sharedApplication
 {
@@ -63,6 +152,32 @@ struct UrlBody : macsim::ledger::Body {
     if (application.executable != macsim::Executable::NoPath)
         bodyOf<UrlBody>(url)->path = application.path;
     return [url autorelease];
+}
+
+@end
+
+@implementation NSProcessInfo
+
++ (NSProcessInfo*)processInfo
+{
+    static NSProcessInfo* const info = macsim::makeForEver(self);
+    return info;
+}
+
+- (id<NSObject>)beginActivityWithOptions:(NSActivityOptions)options reason:(NSString*)reason
+{
+    macsim::system::note([options](macsim::Record& record) { record.activities.push_back(options); });
+    if (!reason)
+        macsim::ledger::fault("an activity without a reason");
+    ++activities;
+    return [[SimActivity alloc] autorelease];
+}
+
+- (void)endActivity:(id<NSObject>)activity
+{
+    if (!macsim::ledger::isAlive(activity))
+        macsim::ledger::fault("the end of an activity that is gone");
+    --activities;
 }
 
 @end

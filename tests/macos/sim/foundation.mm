@@ -216,11 +216,17 @@ void reset()
     system::note([](Record& record) { record = Record(); });
     answers() = Answers();
     system::resetClocks();
+    system::resetApplication();
 }
 
 }
 
 @implementation NSString
+
++ (instancetype)stringWithUTF8String:(const char*)text
+{
+    return macsim::makeText(std::string(text));
+}
 
 - (const char*)UTF8String
 {

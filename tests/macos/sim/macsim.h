@@ -194,6 +194,7 @@ struct Record {
     std::vector<std::string> queueLabels;
     std::vector<std::int64_t> waits; ///< nanoseconds that were asked for
     std::vector<long> activationPolicies;
+    std::vector<std::uint64_t> activities; ///< the options of each that was begun
 };
 
 Record record();
@@ -251,6 +252,14 @@ bool deliver(const Audio& audio, long type = audioOutput);
 bool endStreams(const Outcome& error);
 
 int runningStreams();
+
+/// The system wants the process to end, as at a log-out: what the application's delegate answers; -1 without one.
+long askToTerminate();
+/// Gives the application a delegate that cancels every log-out, as Qt does, and knows one call more.
+void setCancellingDelegate();
+/// Makes that call to the application's delegate. False when it does not get there.
+bool callDelegate();
+int runningActivities();
 
 /// Whether the program still holds an object of that class.
 int live(const std::string& className);

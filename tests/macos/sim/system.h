@@ -17,6 +17,8 @@ void answer(Call call, When when, std::function<void()> work);
 
 /// Back to the machine's own.
 void resetClocks();
+/// No delegate, no activity.
+void resetApplication();
 
 /// Whether anything of the system runs, so that answers may be on their way.
 bool isBusy();

@@ -7,7 +7,21 @@ typedef PLATFORM_ENUM(NSInteger, NSApplicationActivationPolicy) {
     NSApplicationActivationPolicyAccessory = 1,
 };
 
+typedef PLATFORM_ENUM(NSUInteger, NSApplicationTerminateReply) {
+    NSTerminateCancel = 0,
+    NSTerminateNow = 1,
+};
+
+@class NSApplication;
+
+@protocol NSApplicationDelegate <NSObject>
+@optional
+- (NSApplicationTerminateReply)applicationShouldTerminate:(nonnull NSApplication*)sender;
+@end
+
 @interface NSApplication : NSObject
+- (nullable id<NSApplicationDelegate>)delegate;
+- (void)setDelegate:(nullable id<NSApplicationDelegate>)delegate;
 @property(class, readonly, strong, nonnull) __kindof NSApplication* sharedApplication;
 - (BOOL)setActivationPolicy:(NSApplicationActivationPolicy)activationPolicy;
 @end

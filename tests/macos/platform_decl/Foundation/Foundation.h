@@ -33,6 +33,7 @@ __attribute__((objc_root_class)) @interface NSObject <NSObject> {
 #endif
 
 @interface NSString : NSObject
++ (nullable instancetype)stringWithUTF8String:(nonnull const char*)text;
 @property(readonly, nullable) const char* UTF8String __attribute__((objc_returns_inner_pointer));
 @end
 
@@ -52,6 +53,17 @@ __attribute__((objc_root_class)) @interface NSObject <NSObject> {
 
 @interface NSURL : NSObject
 @property(readonly, copy, nullable) NSString* path;
+@end
+
+typedef PLATFORM_OPTIONS(uint64_t, NSActivityOptions) {
+    NSActivityUserInitiatedAllowingIdleSystemSleep = 0x00efffffULL,
+    NSActivityLatencyCritical = 0xff00000000ULL,
+};
+
+@interface NSProcessInfo : NSObject
+@property(class, readonly, strong, nonnull) NSProcessInfo* processInfo;
+- (nonnull id<NSObject>)beginActivityWithOptions:(NSActivityOptions)options reason:(nonnull NSString*)reason;
+- (void)endActivity:(nonnull id<NSObject>)activity;
 @end
 
 @interface NSBundle : NSObject
