@@ -71,7 +71,7 @@ private:
     {
         for (int i = 0; i < areas; ++i) {
             const QPoint corner(int(random_.bounded(size_.width())), int(random_.bounded(size_.height())));
-            const QSize extent(1 + int(random_.bounded(size_.width())), 1 + int(random_.bounded(size_.height() / 4)));
+            const QSize extent(1 + int(random_.bounded(size_.width())), 1 + int(random_.bounded(random_.bounded(3) == 0 ? size_.height() / 4 : 4)));
             fill(area.isEmpty() ? QRect(corner, extent) & pixels_.rect() : area);
         }
     }
@@ -97,14 +97,28 @@ private:
         images_.update(pixels_.size(), pixels_.format());
         images_.put(0, pixels_.height(), reinterpret_cast<const quint32*>(pixels_.constBits()));
         const SharedImages::Image taken = images_.finish();
+        const RowSet changedRows = differentRows(taken.image);
         if (frame_.windowBounds.isEmpty())
             frame_.windowBounds = pixels_.rect();
-        if (!taken.changedRows.isEmpty()) {
+        if (!changedRows.isEmpty()) {
             ++frame_.imageVersion;
-            frame_.changedRows = taken.changedRows;
+            frame_.changedRows = changedRows;
         }
         frame_.image = taken.image;
         frame_.opaque = isOpaque();
+    }
+
+    /// From the last image; exactly those, and no row more, as a source may tell them.
+    RowSet differentRows(const QImage& image) const
+    {
+        if (image.size() != frame_.image.size())
+            return RowSet(0, image.height());
+        RowSet rows;
+        for (int y = 0; y < image.height(); ++y) {
+            if (memcmp(image.constScanLine(y), frame_.image.constScanLine(y), size_t(image.width()) * 4) != 0)
+                rows.add(y, y + 1);
+        }
+        return rows;
     }
 
     bool isOpaque() const

@@ -59,6 +59,7 @@ private Q_SLOTS:
     void imageThatIsWrittenToIsAlone();
     void imagesOutliveTheirMaker();
     void memoryIsUsedAgain();
+    void memoryOfSinglePiecesIsUsedAgain();
     void memoryIsGivenBack();
     void memoryBetweenPiecesInUseIsGivenBack();
     void imagesEndOnAnyThread();
@@ -234,6 +235,23 @@ void SharedImagesTest::memoryIsUsedAgain()
     }
     QCOMPARE(fakeplatform::memoryTaken().load(), afterTwenty);
     QCOMPARE(queue.back(), speckled(large, 59));
+}
+
+void SharedImagesTest::memoryOfSinglePiecesIsUsedAgain()
+{
+    SharedImages images;
+    std::vector<QImage> queue;
+    QImage truth = speckled(large, 1);
+    std::size_t afterTwenty = 0;
+    for (int i = 0; i < 200; ++i) {
+        truth.setPixel(7, 200, quint32(i) | 0xff000000);
+        queue.push_back(next(images, truth).image);
+        if (queue.size() > 10)
+            queue.erase(queue.begin());
+        if (i == 20)
+            afterTwenty = fakeplatform::memoryTaken();
+    }
+    QCOMPARE(fakeplatform::memoryTaken().load(), afterTwenty);
 }
 
 void SharedImagesTest::memoryIsGivenBack()
