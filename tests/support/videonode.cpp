@@ -130,7 +130,7 @@ bool VideoNode::Impl::fill(pw_buffer& buffer, const NodeFrame& frame) const
 {
     const spa_data& data = buffer.buffer->datas[0];
     const int stride = options.size.width() * 4;
-    *data.chunk = {0, 0, stride, frame.corrupted ? SPA_CHUNK_FLAG_CORRUPTED : 0};
+    *data.chunk = {0, 0, stride, frame.corrupted ? int32_t(SPA_CHUNK_FLAG_CORRUPTED) : 0};
     tell(*buffer.buffer, frame);
     if (frame.image.isNull())
         return true;
