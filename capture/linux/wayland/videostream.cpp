@@ -75,7 +75,10 @@ void VideoStream::handleState(pw_stream_state state, const char* error)
     if (state == PW_STREAM_STATE_ERROR)
         end(error ? QString::fromUtf8(error) : QStringLiteral("PipeWire tells no reason"));
     else if (state == PW_STREAM_STATE_UNCONNECTED)
-        end(QStringLiteral("PipeWire has removed the stream"));
+        end(format_ ? QStringLiteral("PipeWire has removed the stream")
+                    : QStringLiteral(
+                        "PipeWire has removed the stream, which never had a format (does the node have images "
+                        "in memory, not only DMA-BUF?)"));
 }
 
 void VideoStream::onParameter(void* data, uint32_t id, const spa_pod* parameter)
