@@ -1,5 +1,6 @@
 // What the seam allows and the capture does not do. The life of an audio stream is in macstream_test.
 #include "macrig.h"
+#include "platform/memory.h"
 #include "sampledwindow.h"
 #include "testregistry.h"
 
@@ -16,6 +17,7 @@ private Q_SLOTS:
     void semaphoreCounts();
     void executableOfAHugeProcessId();
     void imagesOfTwoWindows();
+    void memoryIsSeenAtTwoAddresses();
     void boundsThatCannotBeTold_data();
     void boundsThatCannotBeTold();
 
@@ -77,6 +79,24 @@ void MacAdapterTest::imagesOfTwoWindows()
     QCOMPARE(one.image().pixel(0, 0), 0xff000001U);
     QCOMPARE(two.image().pixel(1, 1), 0xff000002U);
     QCOMPARE(one.image().format(), QImage::Format_ARGB32_Premultiplied);
+}
+
+void MacAdapterTest::memoryIsSeenAtTwoAddresses()
+{
+    constexpr std::size_t piece = 64 * 1024;
+    uchar* const memory = platform::takeMemory(2 * piece);
+    uchar* const addresses = platform::reserveAddresses(piece);
+    QVERIFY(memory && addresses);
+    QVERIFY(platform::mapAgain(memory + piece, addresses, piece));
+    memory[piece] = 17;
+    QCOMPARE(addresses[0], uchar(17));
+    platform::emptyMemory(memory, piece); // the other one stays
+    memory[0] = 4;
+    QCOMPARE(memory[0], uchar(4));
+    QCOMPARE(addresses[0], uchar(17));
+    platform::freeMemory(memory, 2 * piece);
+    QCOMPARE(addresses[0], uchar(17));
+    platform::freeMemory(addresses, piece);
 }
 
 void MacAdapterTest::boundsThatCannotBeTold_data()

@@ -71,7 +71,8 @@ private:
     {
         for (int i = 0; i < areas; ++i) {
             const QPoint corner(int(random_.bounded(size_.width())), int(random_.bounded(size_.height())));
-            const QSize extent(1 + int(random_.bounded(size_.width())), 1 + int(random_.bounded(random_.bounded(3) == 0 ? size_.height() / 4 : 4)));
+            const QSize extent(1 + int(random_.bounded(size_.width())),
+                1 + int(random_.bounded(random_.bounded(3) == 0 ? size_.height() / 4 : 4)));
             fill(area.isEmpty() ? QRect(corner, extent) & pixels_.rect() : area);
         }
     }
