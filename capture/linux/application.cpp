@@ -21,7 +21,7 @@ void becomeAccessory() { }
 // A session ends with signals here, and nothing is slowed down.
 struct RecordingHold::Impl { };
 
-RecordingHold::RecordingHold(std::function<void()>) { }
+RecordingHold::RecordingHold(const std::function<void()>&) { }
 
 RecordingHold::~RecordingHold() = default;
 

@@ -30,9 +30,7 @@ struct RecordingHold::Impl {
     macos::RecordingHold native;
 };
 
-RecordingHold::RecordingHold(std::function<void()> finish) : impl_(new Impl{macos::RecordingHold(std::move(finish))})
-{
-}
+RecordingHold::RecordingHold(const std::function<void()>& finish) : impl_(new Impl{macos::RecordingHold(finish)}) { }
 
 RecordingHold::~RecordingHold() = default;
 

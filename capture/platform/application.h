@@ -24,7 +24,7 @@ void becomeAccessory();
  */
 class RecordingHold {
 public:
-    explicit RecordingHold(std::function<void()> finish);
+    explicit RecordingHold(const std::function<void()>& finish);
     ~RecordingHold();
     RecordingHold(const RecordingHold&) = delete;
     RecordingHold& operator=(const RecordingHold&) = delete;

@@ -113,7 +113,7 @@ void becomeAccessory() { }
 
 struct RecordingHold::Impl { };
 
-RecordingHold::RecordingHold(std::function<void()>) { }
+RecordingHold::RecordingHold(const std::function<void()>&) { }
 
 RecordingHold::~RecordingHold() = default;
 

@@ -45,6 +45,7 @@ constexpr int cursorBytes(int side)
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wold-style-cast"
+#pragma GCC diagnostic ignored "-Wpedantic" // PipeWire's macros are statements in an expression
 
 const spa_pod* metadata(spa_pod_builder& builder, uint32_t type, int size)
 {
@@ -116,6 +117,7 @@ BufferParameters wantedBuffers(spa_pod_builder& builder)
 {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wold-style-cast"
+#pragma GCC diagnostic ignored "-Wpedantic" // PipeWire's macros are statements in an expression
     const auto* buffers = static_cast<const spa_pod*>(
         spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
             SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(bufferCount, fewestBuffers, mostBuffers),
