@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 
-#include <utility>
 
 namespace platform {
 
