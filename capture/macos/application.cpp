@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 
-
 namespace platform {
 
 // Qt would make the process the active application as soon as the event loop runs, although it shows nothing: the
