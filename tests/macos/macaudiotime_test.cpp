@@ -92,6 +92,7 @@ void MacAudioTimeTest::toneStaysWhole_data()
     row("no valid times, much jitter", [](AudioSchedule& s) { s.timed = false, s.jitterMs = 20; });
     row("interrupted between the clocks", [](AudioSchedule& s) { s.interruptedMs = 40; });
     row("no valid times, slow device", [](AudioSchedule& s) { s.timed = false, s.driftPpm = 100; });
+    row("no valid times, very slow device", [](AudioSchedule& s) { s.timed = false, s.driftPpm = 1000; });
     AudioSchedule slow;
     slow.jitterMs = 20;
     slow.driftPpm = 100;
