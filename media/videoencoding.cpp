@@ -77,7 +77,7 @@ bool GstRecorder::fillVideoFrame(const QImage& image)
     const qint64 version = isComposed(image) ? composedVersion : 0;
     if (version != 0 && videoFrameVersion == version)
         return true;
-    const bool partly = version != 0 && videoFrameVersion == version - 1 && videoFrameVersion != 0;
+    const bool partly = videoFrameVersion != 0 && videoFrameVersion == version - 1;
     videoFrameVersion = 0;
     const int status = av_frame_make_writable(videoFrame);
     if (status < 0) {

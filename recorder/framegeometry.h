@@ -48,8 +48,6 @@ public:
     /// Whether every pixel of the image becomes one of the canvas.
     bool isUnscaled() const { return scaledSize_ == imageSize_; }
 
-    QSize canvasSize() const { return canvasSize_; }
-
 private:
     QSize imageSize_;
     QRect bounds_;
