@@ -15,6 +15,28 @@ namespace {
 /// MPEG-4 cannot state a longer distance between two frames, unless the second one is a key frame.
 constexpr qint64 longestGapMs = 3'600'000;
 
+/// Makes the frame's pixels its own, where the encoder still reads them. keepsPixels: with their content. FFmpeg's
+/// status; the frame stays as it is when that is an error.
+int makeWritable(AVFrame& frame, bool keepsPixels)
+{
+    if (keepsPixels || av_frame_is_writable(&frame))
+        return av_frame_make_writable(&frame);
+    const AvFrameHandle fresh(av_frame_alloc());
+    if (!fresh)
+        return AVERROR(ENOMEM);
+    fresh->format = frame.format;
+    fresh->width = frame.width;
+    fresh->height = frame.height;
+    int status = av_frame_get_buffer(fresh.get(), 0);
+    if (status >= 0)
+        status = av_frame_copy_props(fresh.get(), &frame);
+    if (status < 0)
+        return status;
+    av_frame_unref(&frame);
+    av_frame_move_ref(&frame, fresh.get());
+    return 0;
+}
+
 }
 
 bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
@@ -79,7 +101,7 @@ bool GstRecorder::fillVideoFrame(const QImage& image)
         return true;
     const bool partly = videoFrameVersion != 0 && videoFrameVersion == version - 1;
     videoFrameVersion = 0;
-    const int status = av_frame_make_writable(videoFrame);
+    const int status = makeWritable(*videoFrame, partly);
     if (status < 0) {
         qCritical() << "FFmpeg frame is not writable:" << avErrorString(status);
         return false;

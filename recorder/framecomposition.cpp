@@ -56,6 +56,19 @@ QImage withoutAlphaChannel(const QImage& opaque)
     return QImage(opaque.constBits(), opaque.width(), opaque.height(), opaque.bytesPerLine(), QImage::Format_RGB32);
 }
 
+/// The same pixels as a canvas has them, in the same memory, which the canvas keeps. Null when there is none for
+/// that.
+QImage asCanvas(const QImage& opaque)
+{
+    auto kept = std::make_unique<QImage>(opaque);
+    QImage canvas(
+        opaque.constBits(), opaque.width(), opaque.height(), opaque.bytesPerLine(), QImage::Format_ARGB32,
+        [](void* image) { delete static_cast<QImage*>(image); }, kept.get());
+    if (!canvas.isNull())
+        static_cast<void>(kept.release());
+    return canvas;
+}
+
 /// Where the tip of the arrow is; nothing when none is drawn.
 std::optional<QPointF> pointerTip(const GstRecorder::CapturedFrame& frame, const FrameGeometry& geometry)
 {
@@ -76,7 +89,8 @@ RowSet pointerRows(const FrameGeometry& geometry, const QPointF& tip)
 
 }
 
-/// The same image again when nothing has changed that can be seen. Otherwise only the rows that differ are painted.
+/// The same image again when nothing has changed that can be seen, and the window's own where it is the whole canvas.
+/// Otherwise only the rows that differ are painted.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
     const std::vector<LiveClick> live = liveClicks(timestampMs);
@@ -95,11 +109,13 @@ QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestamp
         composedFrom = source;
         return composedImage;
     }
-    composedFrom.reset(); // until it is painted
-    QImage canvas = takeCanvas(partly);
+    composedFrom.reset(); // until it is there
+    const bool isImage = overlay.isEmpty() && isCopied(frame, geometry) && frame.image.size() == canvasSize;
+    QImage canvas = isImage ? asCanvas(frame.image) : takeCanvas(partly);
     if (canvas.isNull()) // a canvas that no memory holds
         return canvas;
-    paintRows(canvas, rows, frame, live, timestampMs);
+    if (!isImage)
+        paintRows(canvas, rows, frame, live, timestampMs);
     composedImage = canvas;
     composedFrom = source;
     composedOverlay = overlay;
@@ -123,7 +139,8 @@ RowSet GstRecorder::rowsToPaint(const CompositionSource& source, const FrameGeom
     return rows;
 }
 
-/// Memory for the next image: that of the last one, unless somebody still looks at it. keepsPixels: with its pixels.
+/// Memory for the next image: that of the last one, unless somebody still looks at it, or it is the window's.
+/// keepsPixels: with its pixels.
 QImage GstRecorder::takeCanvas(bool keepsPixels)
 {
     QImage canvas = std::exchange(composedImage, QImage());

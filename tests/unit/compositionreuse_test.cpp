@@ -67,6 +67,7 @@ private Q_SLOTS:
     void clickOfALaterFrameChangesNothing();
     void otherCanvasIsAnotherImage();
 
+    void windowThatIsTheCanvasIsNotCopied();
     void memoryIsUsedAgain();
     void imageThatSomebodyKeepsIsLeftAlone();
 
@@ -251,6 +252,25 @@ void CompositionReuseTest::otherCanvasIsAnotherImage()
 
 // ---- memory
 // ---------------------------------------------------------------------------------------------------------
+
+/// Neither before something is painted on it nor afterwards; and what is painted is not painted into it.
+void CompositionReuseTest::windowThatIsTheCanvasIsNotCopied()
+{
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(canvas, true));
+    const QImage asItWas = frame.image.copy();
+    frame.opaque = true;
+    for (const bool hasPointer : {false, true, false}) {
+        frame.hasCursor = hasPointer;
+        const QImage composed = compose(frame);
+        QCOMPARE(composed.constBits() == frame.image.constBits(), !hasPointer);
+        QCOMPARE(composed == asItWas, !hasPointer);
+        QCOMPARE(frame.image, asItWas);
+    }
+    frame.hasCursor = false;
+    const QImage composed = compose(frame);
+    frame = {}; // the composed image keeps the memory
+    QCOMPARE(composed, asItWas);
+}
 
 void CompositionReuseTest::memoryIsUsedAgain()
 {

@@ -60,6 +60,7 @@ private Q_SLOTS:
     void imagesOutliveTheirMaker();
     void memoryIsUsedAgain();
     void memoryOfSinglePiecesIsUsedAgain();
+    void memoryOfAShorterQueueIsKept();
     void memoryIsGivenBack();
     void memoryBetweenPiecesInUseIsGivenBack();
     void imagesEndOnAnyThread();
@@ -252,6 +253,19 @@ void SharedImagesTest::memoryOfSinglePiecesIsUsedAgain()
             afterTwenty = fakeplatform::memoryTaken();
     }
     QCOMPARE(fakeplatform::memoryTaken().load(), afterTwenty);
+}
+
+/// A queue that loses two images and gets them again takes no new memory: only their addresses were given back.
+void SharedImagesTest::memoryOfAShorterQueueIsKept()
+{
+    SharedImages images;
+    std::vector<QImage> queue;
+    for (int i = 0; i < 40; ++i)
+        queue.push_back(next(images, speckled(large, quint32(i))).image);
+    const std::size_t full = fakeplatform::memoryTaken();
+    const std::size_t ofAnImage = full / queue.size(); // its addresses and its memory
+    queue.erase(queue.begin(), queue.begin() + 2);
+    QCOMPARE(full - fakeplatform::memoryTaken(), ofAnImage); // twice one half of that
 }
 
 void SharedImagesTest::memoryIsGivenBack()
