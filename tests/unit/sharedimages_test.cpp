@@ -52,6 +52,7 @@ private Q_SLOTS:
     void everyImageShowsWhatWasPut();
     void unchangedPixelsGiveTheSameImage();
     void oneChangedPixelTakesOnePiece();
+    void rowsThatAreNotPutStay_data();
     void rowsThatAreNotPutStay();
     void changeAcrossThePiecesOfAnUpdate();
     void bitsAreSet();
@@ -136,20 +137,29 @@ void SharedImagesTest::oneChangedPixelTakesOnePiece()
     QVERIFY(first.image.pixel(639, 479) != 0xff000000);
 }
 
+void SharedImagesTest::rowsThatAreNotPutStay_data()
+{
+    QTest::addColumn<QSize>("size");
+    QTest::newRow("large") << large;
+    for (int width = 641; width < 644; ++width) // where a row begins, no four pixels do
+        QTest::addRow("%d pixels wide", width) << QSize(width, 480);
+}
+
 void SharedImagesTest::rowsThatAreNotPutStay()
 {
+    QFETCH(const QSize, size);
     SharedImages images;
-    const QImage truth = speckled(large, 1);
-    const QImage other = speckled(large, 2);
+    const QImage truth = speckled(size, 1);
+    const QImage other = speckled(size, 2);
     next(images, truth);
-    images.update(large, truth.format());
-    putRows(images, other, 100, 7);
+    images.update(size, truth.format());
+    putRows(images, other, 99, 7);
     const SharedImages::Image taken = images.finish();
-    for (int y = 0; y < large.height(); ++y) {
-        const QImage& expected = y >= 100 && y < 107 ? other : truth;
-        QCOMPARE(memcmp(taken.image.constScanLine(y), expected.constScanLine(y), size_t(large.width()) * 4), 0);
+    for (int y = 0; y < size.height(); ++y) {
+        const QImage& expected = y >= 99 && y < 106 ? other : truth;
+        QCOMPARE(memcmp(taken.image.constScanLine(y), expected.constScanLine(y), size_t(size.width()) * 4), 0);
     }
-    QCOMPARE(taken.changedRows, RowSet(100, 107));
+    QCOMPARE(taken.changedRows, RowSet(99, 106));
 }
 
 void SharedImagesTest::changeAcrossThePiecesOfAnUpdate()
