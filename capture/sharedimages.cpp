@@ -154,8 +154,8 @@ PieceStore::Chunks::iterator PieceStore::addChunk()
 
 /// One chunk without a piece in use is kept for what comes, and one more for every so many; the others are given back
 /// to the system. (A queue that is a few images shorter for a moment is about to take them again, and memory that was
-/// never touched costs most.) Where pieces that are in use lie scattered, the memory between them is given back, as far
-/// as it is more than an image takes.
+/// never touched costs most.) Where pieces that are in use lie scattered, the memory between them is given back, as
+/// far as it is more than an image takes.
 void PieceStore::giveBack(uchar* memory)
 {
     const std::lock_guard lock(mutex_);
