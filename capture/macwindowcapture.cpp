@@ -4,6 +4,7 @@
 
 #include "platform/screen.h"
 #include "windowbounds.h"
+#include "windowsampling.h"
 
 #include <QDebug>
 #include <QScopeGuard>
@@ -22,7 +23,7 @@ MacWindowCapture::MacWindowCapture(const QString& windowIdText)
         return;
 
     windowId = quint32(parsed);
-    source = std::make_unique<platform::WindowSource>(windowId);
+    sampling = std::make_unique<WindowSampling>(windowId);
     valid = true;
     qDebug() << "macOS CoreGraphics capture configured for window" << windowId;
 }
@@ -93,7 +94,10 @@ CapturedWindow MacWindowCapture::captureWindow(bool withBounds) const
     // What the source has told of a change it does not tell again: without an image, and after an exception, the next
     // one counts as all new.
     auto loss = qScopeGuard([this] { last.image = QImage(); });
-    const platform::WindowSample sample = source->sample(withBounds);
+    const std::optional<platform::WindowSample> answer = sampling->sample(withBounds);
+    if (!answer)
+        return {};
+    const platform::WindowSample& sample = *answer;
     if (sample.image.isNull())
         warnOfNoImage(sample);
     if (sample.image.isNull() || !takeImage(sample))

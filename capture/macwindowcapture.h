@@ -14,9 +14,10 @@
 #include <optional>
 
 namespace platform {
-class WindowSource;
 struct WindowSample;
 }
+
+class WindowSampling;
 
 /// What the window showed at one moment.
 struct CapturedWindow {
@@ -51,8 +52,8 @@ public:
     bool isValid() const { return valid; }
 
     /// The window now, or nothing in it: invalid object, window gone or not showing (a warning, the first time only),
-    /// an image without pixels or that cannot be drawn (no warning). Images of successive calls share the memory of
-    /// what did not change. The bounds are only asked for when they are wanted.
+    /// an image without pixels or that cannot be drawn, a system that does not answer in time (no warning). Images of
+    /// successive calls share the memory of what did not change. The bounds are only asked for when they are wanted.
     CapturedWindow captureWindow(bool withBounds = true) const;
 
     /// The image of captureWindow(). When bounds is given and an image is returned, it receives the bounds; otherwise
@@ -69,7 +70,7 @@ private:
     bool valid = false;
     mutable bool warnedNoImage = false; ///< worker thread; the warning was given, never cleared
 
-    std::unique_ptr<platform::WindowSource> source; ///< null while invalid
+    std::unique_ptr<WindowSampling> sampling; ///< null while invalid
     mutable CapturedWindow last; ///< worker thread; without bounds and pointer. A null image: what comes is all new
     mutable SharedImages straightImages; ///< worker thread; of translucent windows
 };

@@ -8,6 +8,8 @@
 #include "recorderbench.h"
 #include "testregistry.h"
 
+#include <QSemaphore>
+
 #include <atomic>
 #include <cmath>
 #include <mutex>
@@ -85,6 +87,7 @@ private Q_SLOTS:
     void meteredToneIsRecordedWithoutABreak();
     void audioIsTakenBetweenFrames();
     void audioIsTakenWhileTheWindowIsGone();
+    void audioIsTakenWhileACaptureHangs();
     void audioThatCannotBeConfigured();
     void audioThatDoesNotStart();
     void audioThatNeverAnswersTheStart();
@@ -209,6 +212,27 @@ void RecordingAudioTest::audioIsTakenWhileTheWindowIsGone()
     const int turns = tone_->asked();
     recordImages(5);
     QVERIFY(tone_->asked() >= turns + 4);
+    recorder_->stop();
+    QVERIFY(tone_->instantsMadeSense());
+}
+
+void RecordingAudioTest::audioIsTakenWhileACaptureHangs()
+{
+    QSemaphore answers;
+    tone_.emplace();
+    window_->beforeImage = [&](int) {
+        if (gone_)
+            answers.acquire();
+        return true;
+    };
+    make();
+    recordImages(3);
+    gone_ = true;
+    const int turns = tone_->asked();
+    QTRY_VERIFY_WITH_TIMEOUT(tone_->asked() >= turns + 4, patienceMs);
+    gone_ = false;
+    answers.release();
+    recordImages(3); // it goes on
     recorder_->stop();
     QVERIFY(tone_->instantsMadeSense());
 }

@@ -7,7 +7,10 @@
 #include "testregistry.h"
 
 #include <QDateTime>
+#include <QSemaphore>
 #include <QThread>
+
+#include <climits>
 
 namespace {
 
@@ -28,6 +31,7 @@ private Q_SLOTS:
     void stopDuringReadyDelay();
     void stopAfterASecondKeepsEveryFrame();
     void stallIsNotCaughtUpInABurst();
+    void captureThatHangsHoldsUpNeitherStopNorFrames();
     void vanishedWindowIsWaitedFor();
     void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
@@ -167,7 +171,7 @@ void RecordingLoopTest::stallIsNotCaughtUpInABurst()
     constexpr int stalled = 20; // well inside the recording: it starts with image 16 or so
     window_->beforeImage = [](int number) {
         if (number == stalled)
-            QThread::msleep(200);
+            QThread::msleep(150); // less than is waited for
         return true;
     };
     make();
@@ -181,6 +185,29 @@ void RecordingLoopTest::stallIsNotCaughtUpInABurst()
     QVERIFY(numbersOf(frames_).contains(stalled));
     const int first = frames_.first().number;
     QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
+}
+
+void RecordingLoopTest::captureThatHangsHoldsUpNeitherStopNorFrames()
+{
+    QSemaphore answers;
+    std::atomic<int> last{INT_MAX};
+    window_->beforeImage = [&](int number) {
+        if (number > last)
+            answers.acquire();
+        return true;
+    };
+    make();
+    waitForRecordedImages(10);
+    last = window_->asked();
+    QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > last + 1, patienceMs);
+    stopAndRead();
+    QCOMPARE(fakeplatform::state().openWindows, 1); // the capture hangs still
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, last + 1 - first)));
+    QCOMPARE(bench_->log.countStartingWith(QStringLiteral("macOS CoreGraphics capture returned no image")), 0);
+    answers.release(INT_MAX);
+    recorder_.reset();
+    QTRY_COMPARE_WITH_TIMEOUT(fakeplatform::state().openWindows, 0, patienceMs);
 }
 
 void RecordingLoopTest::vanishedWindowIsWaitedFor()
@@ -206,7 +233,8 @@ void RecordingLoopTest::whatWaitsIsWrittenWhileThereIsNoImage()
     waitForRecordedImages(10);
     shows = false;
     const qint64 hiddenAtMs = QDateTime::currentMSecsSinceEpoch();
-    QTRY_COMPARE_WITH_TIMEOUT(window_->liveFrames(), 0, patienceMs); // the delay queue has let go of every frame
+    // The delay queue has let go of every frame; the last one is the image that was composed last.
+    QTRY_COMPARE_WITH_TIMEOUT(window_->liveFrames(), 1, patienceMs);
     QVERIFY(QDateTime::currentMSecsSinceEpoch() - hiddenAtMs > pacing::holdMs - 500); // and not before their time
     QVERIFY(!probe().stopRequested().load());
     const int shown = window_->asked();
