@@ -8,8 +8,9 @@
 /// Two equal ones of a known version give the same image, pixel by pixel.
 struct CompositionSource {
     qint64 imageVersion = 0; ///< of the window's image; 0 is unknown, and never the same
-    QSize imageSize; ///< pixels
+    QSize imageSize; ///< of the window's image, pixels
     bool opaque = false; ///< the image is
+    bool letterboxed = false; ///< the image is the canvas already
     QRect windowBounds; ///< global screen points
     double cursorX = 0.0; ///< global screen points
     double cursorY = 0.0;
@@ -26,6 +27,6 @@ struct CompositionSource {
     bool follows(const CompositionSource& other) const
     {
         return imageVersion > 0 && (imageVersion == other.imageVersion || imageVersion == other.imageVersion + 1)
-            && imageSize == other.imageSize && opaque == other.opaque;
+            && imageSize == other.imageSize && opaque == other.opaque && letterboxed == other.letterboxed;
     }
 };

@@ -44,10 +44,10 @@ void drawPointer(QPainter& painter, const FrameGeometry& geometry, const QPointF
     painter.restore();
 }
 
-/// Whether every pixel of the window's image becomes one of the canvas as it is.
+/// Whether every pixel of the frame's image becomes one of the canvas as it is.
 bool isCopied(const GstRecorder::CapturedFrame& frame, const FrameGeometry& geometry)
 {
-    return frame.opaque && geometry.isUnscaled();
+    return frame.letterboxedFrom || (frame.opaque && geometry.isUnscaled());
 }
 
 /// The same pixels; those of an image without an alpha channel are copied where others are blended.
@@ -89,15 +89,32 @@ RowSet pointerRows(const FrameGeometry& geometry, const QPointF& tip)
 
 }
 
+/// A window that is larger than the canvas waits as the canvas. For want of memory it stays as it is.
+void GstRecorder::letterbox(CapturedFrame& frame)
+{
+    const QSize canvasSize(canvasWidth, canvasHeight);
+    if (!Letterboxing::saves(frame.image.size(), canvasSize))
+        return;
+    const SharedImages::Image taken
+        = letterboxing.take({frame.image, frame.imageVersion, frame.changedRows}, canvasSize);
+    if (taken.image.isNull())
+        return;
+    frame.letterboxedFrom = frame.image.size();
+    frame.image = taken.image;
+    frame.changedRows = taken.changedRows;
+    frame.ownBytes = taken.ownBytes;
+    frame.opaque = true;
+}
+
 /// The same image again when nothing has changed that can be seen, and the window's own where it is the whole canvas.
 /// Otherwise only the rows that differ are painted.
 QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestampMs)
 {
     const std::vector<LiveClick> live = liveClicks(timestampMs);
     const QSize canvasSize(canvasWidth, canvasHeight);
-    const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvasSize);
-    const CompositionSource source{frame.imageVersion, frame.image.size(), frame.opaque, frame.windowBounds,
-        frame.cursorX, frame.cursorY, frame.hasCursor};
+    const FrameGeometry geometry(frame.windowImageSize(), frame.windowBounds, canvasSize);
+    const CompositionSource source{frame.imageVersion, frame.windowImageSize(), frame.opaque,
+        frame.letterboxedFrom.has_value(), frame.windowBounds, frame.cursorX, frame.cursorY, frame.hasCursor};
     RowSet overlay = markerRows(geometry, live, timestampMs);
     if (const auto tip = pointerTip(frame, geometry))
         overlay.add(pointerRows(geometry, *tip));
@@ -131,7 +148,7 @@ RowSet GstRecorder::rowsToPaint(const CompositionSource& source, const FrameGeom
 {
     RowSet rows;
     if (source.imageVersion != composedFrom->imageVersion)
-        rows = geometry.toCanvas(changedRows);
+        rows = source.letterboxed ? changedRows : geometry.toCanvas(changedRows);
     if (hasMarkers || composedMarkers || !source.hasPointerOf(*composedFrom)) {
         rows.add(composedOverlay);
         rows.add(overlay);
@@ -159,25 +176,24 @@ QImage GstRecorder::takeCanvas(bool keepsPixels)
 void GstRecorder::paintRows(QImage& canvas, const RowSet& rows, const CapturedFrame& frame,
     const std::vector<LiveClick>& live, long long timestampMs)
 {
-    const FrameGeometry geometry(frame.image.size(), frame.windowBounds, canvas.size());
+    const FrameGeometry geometry(frame.windowImageSize(), frame.windowBounds, canvas.size());
+    const FrameGeometry placement(frame.image.size(), QRect(), canvas.size()); // of the image that is there
     const bool copied = isCopied(frame, geometry);
-    const bool hasBars = geometry.target() != QRectF(canvas.rect());
+    const bool opaqueOnly = copied && placement.target() == QRectF(canvas.rect());
     const QImage image = copied ? withoutAlphaChannel(frame.image) : frame.image;
     const auto tip = pointerTip(frame, geometry);
+    // An image keeps what painted on it, with its format: of one that had another format before, the next is a shade
+    // different.
+    QImage withoutAlpha;
     if (copied)
-        canvas.reinterpretAsFormat(QImage::Format_RGB32);
-    QPainter painter(&canvas);
+        withoutAlpha
+            = QImage(canvas.bits(), canvas.width(), canvas.height(), canvas.bytesPerLine(), QImage::Format_RGB32);
+    QPainter painter(copied ? &withoutAlpha : &canvas);
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
     for (const RowSet::Range& range : rows.ranges()) {
-        const QRect area(0, range.top, canvas.width(), range.count());
-        painter.setClipRect(area);
-        if (hasBars || !copied)
-            painter.fillRect(area, Qt::black);
-        painter.drawImage(geometry.target(), image, QRectF(image.rect()));
+        drawWindow(painter, placement, image, range, opaqueOnly);
         if (tip)
             drawPointer(painter, geometry, *tip);
         drawClicks(painter, geometry, live, timestampMs);
     }
-    painter.end();
-    canvas.reinterpretAsFormat(QImage::Format_ARGB32);
 }

@@ -25,6 +25,7 @@
 #include "compositionsource.h"
 #include "framegeometry.h"
 #include "framesending.h"
+#include "letterboxing.h"
 #include "packetwriting.h"
 #include "rowset.h"
 
@@ -66,6 +67,10 @@ public:
         qint64 imageVersion = 0; ///< grows by one with each image that differs from the one before; 0 is unknown
         RowSet changedRows; ///< of the image; all others are as in the version before
         qint64 ownBytes = 0; ///< memory of the image that the version before does not hold, too
+        /// The image is the canvas already, with the window on it: the size that the window's image had.
+        std::optional<QSize> letterboxedFrom;
+
+        QSize windowImageSize() const { return letterboxedFrom.value_or(image.size()); }
     };
 
     /// An entry of the delay queue.
@@ -175,6 +180,7 @@ private:
 
     // ==== framecomposition.cpp: window image to canvas (worker) ==============================================
 
+    void letterbox(CapturedFrame& frame);
     QImage composeFrame(const CapturedFrame& frame, long long timestampMs);
     RowSet rowsToPaint(const CompositionSource& source, const FrameGeometry& geometry, const RowSet& changedRows,
         const RowSet& overlay, bool hasMarkers) const;
@@ -286,6 +292,8 @@ private:
     QMap<qint64, MouseClick> clicks GUARDED_BY(clickMutex); // keyed by recording milliseconds
     FreeKeyHint freeClickKey GUARDED_BY(clickMutex); // makes a flood of clicks at one time cheap
     bool clickLimitLogged GUARDED_BY(clickMutex) = false;
+
+    Letterboxing letterboxing; // worker; of frames that come, framecomposition.cpp
 
     // The image that was composed last: worker, framecomposition.cpp.
     QImage composedImage; // its memory serves the next one, too

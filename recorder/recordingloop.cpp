@@ -148,7 +148,9 @@ bool GstRecorder::waitingAfterReadiness(LoopState& loop, const CapturedFrame& fr
 /// falls into the recording, when the delay queue begins to drain. Canvas and encoder's frame keep their memory.
 void GstRecorder::rehearse(const CapturedFrame& frame)
 {
-    const QImage composed = composeFrame(frame, 0);
+    CapturedFrame rehearsed = frame;
+    letterbox(rehearsed);
+    const QImage composed = composeFrame(rehearsed, 0);
     if (!composed.isNull())
         fillVideoFrame(composed);
 }
@@ -171,6 +173,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     // that does not rise, and the frame would be lost.
     const qint64 elapsedMs = std::max(recordingClock.elapsed(), loop.lastElapsedMs + 1);
     loop.lastElapsedMs = elapsedMs;
+    letterbox(frame);
     loop.queue.append({std::move(frame), elapsedMs});
     drainDue(loop, elapsedMs);
     boundQueue(loop);

@@ -238,7 +238,9 @@ void EquivalenceTest::changedRowsGiveTheSameBytes()
         if (random.bounded(6) == 0)
             continue; // dropped; the next one may show the same version
         sparing->isBehind() = i % 5 == 0;
-        const QImage one = sparing->composeFrame(frame, timeMs);
+        RecorderProbe::CapturedFrame waiting = frame;
+        sparing->letterbox(waiting);
+        const QImage one = sparing->composeFrame(waiting, timeMs);
         QVERIFY(sparing->encodeImage(one, timeMs));
         frame.imageVersion = 0; // nobody knows what changed
         const QImage other = plain->composeFrame(frame, timeMs);

@@ -22,6 +22,7 @@ struct RecorderProbe {
     {
         return recorder.composeFrame(frame, timestampMs);
     }
+    void letterbox(CapturedFrame& frame) { recorder.letterbox(frame); }
     void rehearse(const CapturedFrame& frame) { recorder.rehearse(frame); }
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
     {

@@ -66,6 +66,10 @@ private Q_SLOTS:
     void markersArePaintedOnEveryFrame();
     void clickOfALaterFrameChangesNothing();
     void otherCanvasIsAnotherImage();
+    void imageOfAnotherKindIsPaintedAsTheFirst();
+
+    void largerWindowWaitsAsTheCanvas();
+    void smallerWindowWaitsAsItIs();
 
     void windowThatIsTheCanvasIsNotCopied();
     void memoryIsUsedAgain();
@@ -248,6 +252,53 @@ void CompositionReuseTest::otherCanvasIsAnotherImage()
     compose(frame);
     probe_->canvasWidth() += 2;
     QCOMPARE(compose(frame).size(), canvas + QSize(2, 0));
+}
+
+/// A copied image and a scaled one are painted in different ways, on the same canvas.
+void CompositionReuseTest::imageOfAnotherKindIsPaintedAsTheFirst()
+{
+    RecorderProbe::CapturedFrame copied = frameOf(speckled(canvas, true));
+    copied.opaque = true;
+    RecorderProbe::CapturedFrame scaled = frameOf(speckled(QSize(100, 55), true, 2));
+    scaled.opaque = true;
+    for (int i = 0; i < 2; ++i) {
+        compose(copied);
+        QCOMPARE(compose(scaled), composeAnew(scaled));
+    }
+}
+
+// ---- windows that are larger than the canvas
+// ---------------------------------------------------------------------------------------------------------
+
+void CompositionReuseTest::largerWindowWaitsAsTheCanvas()
+{
+    const QSize size(1000, 560);
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(size, true));
+    for (int i = 0; i < 3; ++i) {
+        RecorderProbe::CapturedFrame waiting = frame;
+        probe_->letterbox(waiting);
+        QCOMPARE(waiting.image.size(), canvas);
+        QCOMPARE(waiting.letterboxedFrom, size);
+        QVERIFY(waiting.opaque);
+        QCOMPARE(compose(waiting), composeAnew(frame));
+        if (i > 0) // what did not change is the same memory
+            QVERIFY2(waiting.ownBytes <= 64 * 1024, qPrintable(QString::number(waiting.ownBytes)));
+        frame.image.setPixel(500, 300 + i, 0xff000000);
+        frame.image.setPixel(501, 300 + i, 0xffffffff);
+        ++frame.imageVersion;
+        frame.changedRows = RowSet(300 + i, 301 + i);
+    }
+}
+
+void CompositionReuseTest::smallerWindowWaitsAsItIs()
+{
+    for (const QSize size : {canvas, QSize(97, 55), QSize(20, 700)}) {
+        RecorderProbe::CapturedFrame frame = frameOf(speckled(size, true));
+        const qint64 key = frame.image.cacheKey();
+        probe_->letterbox(frame);
+        QCOMPARE(frame.image.cacheKey(), key);
+        QVERIFY(!frame.letterboxedFrom);
+    }
 }
 
 // ---- memory

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void vanishedWindowIsWaitedFor();
     void whatWaitsIsWrittenWhileThereIsNoImage();
     void changingSizesAreLetterboxed();
+    void largeWindowDoesNotWaitAsItIs();
     void unchangedWindowIsRecordedAllTheSame();
     void framesAreComposedEarlyForWantOfMemory();
     void clicksArriveWhileTheClockStarts();
@@ -264,6 +265,21 @@ void RecordingLoopTest::changingSizesAreLetterboxed()
         QVERIFY(isBlack(frame.image.copy(0, 0, 320, 30)));
         QVERIFY(isBlack(frame.image.copy(0, 226, 320, 30)));
     }
+}
+
+/// Its frames wait as the canvas, and the window's own images are let go of.
+void RecordingLoopTest::largeWindowDoesNotWaitAsItIs()
+{
+    window_->sizeOf = [](int) { return QSize(640, 384); };
+    RecorderArguments arguments;
+    arguments.canvasWidth = 320;
+    arguments.canvasHeight = 192;
+    make(arguments);
+    waitForRecordedImages(20);
+    QVERIFY2(window_->mostLiveFrames() < 5, qPrintable(QString::number(window_->mostLiveFrames())));
+    stopAndRead(QRectF(0, 0, 320, 192));
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
 }
 
 void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
