@@ -67,6 +67,9 @@ void addExtras(
 
 int record(const Options& options)
 {
+    // A shell without job control starts what is in the background with SIGINT ignored, which would leave no usual
+    // way to end the choice of the window or the recording.
+    SignalNotifier::restore(SIGINT);
     if (options.window.by == WindowWish::By::Click && !options.quiet)
         stderrlines::write("click the window to record; another mouse button cancels\n");
     const Target target = chooseTarget(options);
@@ -77,9 +80,6 @@ int record(const Options& options)
         return end(refused, options);
     }
     SignalNotifier::ignore(SIGPIPE); // the recording goes on when the reader of our output ends
-    // A shell without job control starts what is in the background with SIGINT ignored, which would leave no usual
-    // way to end the recording.
-    SignalNotifier::restore(SIGINT);
     const SignalNotifier interruptions({SIGINT, SIGTERM, SIGHUP}, SignalNotifier::Insisting::IsReported);
     RecordingSession session(options, target);
     QObject::connect(&interruptions, &SignalNotifier::received, &session, &RecordingSession::interrupt);

@@ -12,6 +12,7 @@
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 
@@ -97,6 +98,7 @@ private Q_SLOTS:
     void activeWindow();
     void selectedWindow();
     void selectionCancelled();
+    void ignoredInterruptEndsTheSelection();
     void sizeAndProcessAreTheWindows();
     void wishesComeFirst();
     void nothingFound_data();
@@ -221,6 +223,18 @@ void RecordWindowChoiceTest::selectionCancelled()
     QCOMPARE(launcher_->process().exitCode(), 2);
     QVERIFY2(launcher_->standardError().contains("--select: no window was clicked"), launcher_->standardError());
     QTRY_VERIFY_WITH_TIMEOUT(!user_->pointerIsHeld(), 60'000); // the server may notice the end later
+}
+
+/// As a job in the background of a script has it.
+void RecordWindowChoiceTest::ignoredInterruptEndsTheSelection()
+{
+    launcher_->process().setChildProcessModifier([] { std::signal(SIGINT, SIG_IGN); });
+    launcher_->start({"--select"});
+    QTRY_VERIFY_WITH_TIMEOUT(user_->pointerIsHeld(), 60'000);
+    launcher_->interrupt(SIGINT);
+    QVERIFY(launcher_->waitForEnd());
+    QCOMPARE(launcher_->leftFiles(), QStringList());
+    QTRY_VERIFY_WITH_TIMEOUT(!user_->pointerIsHeld(), 60'000);
 }
 
 void RecordWindowChoiceTest::sizeAndProcessAreTheWindows()
