@@ -12,8 +12,10 @@
 
 namespace {
 
-constexpr double longestSeconds = 1'000'000; // eleven days: milliseconds still fit the timers
+constexpr int longestSeconds = 1'000'000; // eleven days: milliseconds still fit the timers
 constexpr int longestCountdown = 3600;
+constexpr int smallestCanvas = 16; // a side in pixels; the recorder makes no smaller ones
+constexpr int largestCanvas = 8190; // MPEG-4 has 13 bits for a side, which is even
 
 }
 
@@ -49,8 +51,10 @@ WindowWish OptionReader::window()
         refuse(QStringLiteral("--title: the text is empty"));
     const bool isExpression
         = wish.title.size() > 2 && wish.title.startsWith(QLatin1Char('/')) && wish.title.endsWith(QLatin1Char('/'));
-    if (isExpression && !QRegularExpression(wish.title.mid(1, wish.title.size() - 2)).isValid())
-        refuse(QStringLiteral("--title: '%1' is no regular expression").arg(plainText(wish.title)));
+    const QRegularExpression expression(isExpression ? wish.title.mid(1, wish.title.size() - 2) : QString());
+    if (!expression.isValid())
+        refuse(QStringLiteral("--title: '%1' is no regular expression: %2")
+                   .arg(plainText(wish.title), expression.errorString()));
     return wish;
 }
 
@@ -109,8 +113,12 @@ std::optional<QSize> OptionReader::canvas()
     const QString given = text("canvas");
     const QRegularExpressionMatch match = form.match(given);
     const QSize size(match.captured(1).toInt(), match.captured(2).toInt()); // 0 for what is no int
-    if (size.isEmpty())
-        refuse(QStringLiteral("--canvas: '%1' is no size (like 1280x720, in pixels)").arg(plainText(given)));
+    const auto isPossible = [](int side) { return side >= smallestCanvas && side <= largestCanvas; };
+    if (!isPossible(size.width()) || !isPossible(size.height()))
+        refuse(QStringLiteral("--canvas: '%1' is no size (like 1280x720, in pixels, each side %2 to %3)")
+                   .arg(plainText(given))
+                   .arg(smallestCanvas)
+                   .arg(largestCanvas));
     return size;
 }
 
@@ -122,7 +130,9 @@ std::optional<qint64> OptionReader::milliseconds(const char* name)
     const double seconds = text(name).toDouble(&ok);
     const qint64 result = ok && seconds > 0 && seconds <= longestSeconds ? std::llround(seconds * 1000) : 0;
     if (result < 1)
-        refuse(QStringLiteral("--%1: '%2' is no number of seconds").arg(QLatin1String(name), plainText(text(name))));
+        refuse(QStringLiteral("--%1: '%2' is no number of seconds (0.001 to %3)")
+                   .arg(QLatin1String(name), plainText(text(name)))
+                   .arg(longestSeconds));
     return result;
 }
 
@@ -182,14 +192,6 @@ ExtraWishes OptionReader::extras(const QString& madeDirectory)
     newFile("share", ".webm", wishes.share);
     newFile("contact-sheet", ".png", wishes.contactSheet);
     return wishes;
-}
-
-void OptionReader::refuseBeside(const char* option, std::initializer_list<const char*> others)
-{
-    for (const char* other : others) {
-        if (isSet(other))
-            refuse(QStringLiteral("--%1 does not go with --%2").arg(QLatin1String(other), QLatin1String(option)));
-    }
 }
 
 void OptionReader::refuseAllBeside(const char* option, std::initializer_list<const char*> allowed)

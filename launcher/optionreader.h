@@ -31,9 +31,7 @@ public:
     /// madeDirectory: will be there by the time that the files are made; can be empty.
     ExtraWishes extras(const QString& madeDirectory);
 
-    /// Refuses the command line when one of these options is given beside that one.
-    void refuseBeside(const char* option, std::initializer_list<const char*> others);
-    /// Refuses it when any option is given beside that one but these.
+    /// Refuses the command line when any option is given beside that one but these.
     void refuseAllBeside(const char* option, std::initializer_list<const char*> allowed);
 
     /// An empty message refuses nothing.

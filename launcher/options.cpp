@@ -84,7 +84,7 @@ CommandLine readCommandLine(const QStringList& arguments, const EncoderLookup& l
         result.listsWindows = !result.task && parser.isSet(QStringLiteral("list"));
         result.json = parser.isSet(QStringLiteral("json"));
         if (result.listsWindows)
-            reader.refuseBeside("list", {"share", "contact-sheet", "sha256"});
+            reader.refuseAllBeside("list", {"json"});
         else if (!result.task)
             result.options = readOptions(reader);
         if (result.options && !result.options->extras.share.isEmpty())

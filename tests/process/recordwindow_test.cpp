@@ -80,11 +80,11 @@ void RecordWindowTest::argumentsKeepEveryByte()
 {
     RecordWindowProcess launcher;
     const int code = launcher.run({"--window", "0xFFFFFFFF", "--seconds", "0.1", "--output",
-        "my clips/Größe 世界 \"x\" 🎬.mp4", "--log-dir", "log ü", "--canvas", "7x33", "--audio", "app-pid:1"});
+        "my clips/Größe 世界 \"x\" 🎬.mp4", "--log-dir", "log ü", "--canvas", "17x33", "--audio", "app-pid:1"});
     QCOMPARE(code, 0);
     const QByteArray directory = QFileInfo(launcher.path(QString())).canonicalFilePath().toUtf8();
     const QByteArrayList expected{directory + "/log ü", "qt-window-capture",
-        directory + "/my clips/Größe 世界 \"x\" 🎬.mp4", "4294967295", "0", "0", "7", "33", "1.0", "app-pid:1"};
+        directory + "/my clips/Größe 世界 \"x\" 🎬.mp4", "4294967295", "0", "0", "17", "33", "1.0", "app-pid:1"};
     QCOMPARE(launcher.recorderArguments(), expected);
     QCOMPARE(value(launcher.standardOutput(), "file"), expected[2]);
 }

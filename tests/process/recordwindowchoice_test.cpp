@@ -106,6 +106,7 @@ private Q_SLOTS:
 
 private:
     QByteArray recorded(const QStringList& arguments);
+    int list(const QStringList& arguments = {});
 
     PrivateXServer server_{QSize(800, 600)};
     std::unique_ptr<XUser> user_;
@@ -138,9 +139,15 @@ QByteArray RecordWindowChoiceTest::recorded(const QStringList& arguments)
     return code == 0 ? launcher_->recorderArguments().value(3) : launcher_->standardError();
 }
 
+int RecordWindowChoiceTest::list(const QStringList& arguments)
+{
+    launcher_->startWithout(QStringList{"--list"} + arguments);
+    return launcher_->waitForEnd() ? launcher_->process().exitCode() : -1;
+}
+
 void RecordWindowChoiceTest::listShowsTheWindows()
 {
-    QCOMPARE(launcher_->run({"--list"}), 0);
+    QCOMPARE(list(), 0);
     const QByteArray list = launcher_->standardOutput();
     QCOMPARE(list.count('\n'), 1 + 3);
     const QByteArray process = QByteArray::number(QCoreApplication::applicationPid()) + " process_tests";
@@ -154,7 +161,7 @@ void RecordWindowChoiceTest::listShowsTheWindows()
 
 void RecordWindowChoiceTest::listAsJson()
 {
-    QCOMPARE(launcher_->run({"--list", "--json"}), 0);
+    QCOMPARE(list({"--json"}), 0);
     const QJsonArray list = QJsonDocument::fromJson(launcher_->standardOutput()).array();
     QCOMPARE(list.size(), 3);
     QJsonObject notes;
@@ -170,7 +177,7 @@ void RecordWindowChoiceTest::listAsJson()
 void RecordWindowChoiceTest::listWithoutADisplay()
 {
     launcher_->unsetEnvironment("DISPLAY");
-    QCOMPARE(launcher_->run({"--list"}), 2);
+    QCOMPARE(list(), 2);
     QCOMPARE(launcher_->standardError(), QByteArray("record-window: no X display can be reached\n"));
 }
 

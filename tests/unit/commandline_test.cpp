@@ -24,6 +24,7 @@ private Q_SLOTS:
 
     void recordingWithExtras();
     void tasksOfFinishedFiles();
+    void canvasAtItsBounds();
     void refusals_data();
     void refusals();
     void missingEncoderIsRefusedBeforeTheRecording_data();
@@ -81,6 +82,16 @@ void CommandLineTest::tasksOfFinishedFiles()
     QCOMPARE(explain.task->file, directory_->filePath("log"));
 }
 
+void CommandLineTest::canvasAtItsBounds()
+{
+    for (const QSize size : {QSize(16, 8190), QSize(8190, 16)}) {
+        const CommandLine line
+            = read(recording + QStringList{"--canvas", QStringLiteral("%1x%2").arg(size.width()).arg(size.height())});
+        QCOMPARE(line.error, QString());
+        QCOMPARE(line.options->canvas, std::optional(size));
+    }
+}
+
 void CommandLineTest::refusals_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -107,7 +118,14 @@ void CommandLineTest::refusals_data()
     row({"--share-only", "@/clip.mp4", "@/a.webm", "b"}, "unexpected argument 'b'");
     row({"--share-only", "@/clip.mp4", "@/a.webm", "--sha256"}, "--sha256 does not go with --share-only");
     row({"--explain", "@/log", "--json"}, "--json does not go with --explain");
-    row({"--list", "--sha256"}, "--sha256 does not go with --list");
+    for (const char* option : {"sha256", "active", "force", "quiet"})
+        row({"--list", QLatin1String("--") + QLatin1String(option)},
+            qPrintable(QStringLiteral("--%1 does not go with --list").arg(QLatin1String(option))));
+    row({"--list", "--seconds", "3"}, "--seconds does not go with --list");
+    for (const char* size : {"15x720", "1280x15", "8191x720", "1280x8191", "100000x100000"})
+        row(recording + QStringList{"--canvas", size}, "each side 16 to 8190");
+    row(recording + QStringList{"--seconds", "0"}, "is no number of seconds (0.001 to 1000000)");
+    row({"--title", "/(/", "--output", "@/new"}, "is no regular expression: missing closing parenthesis");
 }
 
 /// And nothing is made.
