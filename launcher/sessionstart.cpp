@@ -2,16 +2,16 @@
 // socket, and what limits the wait for the first image.
 #include "recordingsession.h"
 
+#include "directorytrial.h"
 #include "plaintext.h"
-#include "privatefile.h"
 #include "recorderstart.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryFile>
 
 #include <chrono>
+#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -19,14 +19,6 @@ namespace {
 
 constexpr auto slowStartHint = 5s;
 constexpr auto logInterval = 100ms;
-
-/// Whether a file can be made in a directory, which is created, for the user alone, when it is missing. The
-/// permission bits alone do not tell.
-bool canWriteInto(const QString& directory)
-{
-    return privatefile::makeDirectories(QFile::encodeName(directory))
-        && QTemporaryFile(directory + QLatin1String("/record-window-XXXXXX")).open();
-}
 
 }
 
@@ -52,15 +44,17 @@ void RecordingSession::start()
 /// Empty, or what is wrong with the directories or the file.
 QString RecordingSession::prepareFiles()
 {
-    for (const QString& directory : {QFileInfo(options_.output).absolutePath(), options_.logDirectory}) {
-        if (!canWriteInto(directory))
-            return QStringLiteral("cannot write into the directory %1").arg(plainText(directory));
-    }
+    QStringList directories{QFileInfo(options_.output).absolutePath(), options_.logDirectory};
     // Made after the recording, when it would be too late to find out.
     for (const QString& file : {options_.extras.share, options_.extras.contactSheet}) {
-        if (!file.isEmpty() && !canWriteInto(QFileInfo(file).absolutePath()))
-            return QStringLiteral("cannot write into the directory %1")
-                .arg(plainText(QFileInfo(file).absolutePath()));
+        if (!file.isEmpty())
+            directories.append(QFileInfo(file).absolutePath());
+    }
+    directories.removeDuplicates();
+    for (const QString& directory : std::as_const(directories)) {
+        QString error = whyNothingFitsInto(directory);
+        if (!error.isEmpty())
+            return error;
     }
     return claim_.take(options_.output, options_.overwrite);
 }

@@ -1,4 +1,5 @@
 // A disk that is full: before the recording, while it runs, for a while and at its end.
+#include "filesizelimit.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
@@ -7,38 +8,9 @@
 #include <QFileInfo>
 #include <QTest>
 
-#include <sys/resource.h>
-
 #include <algorithm>
-#include <csignal>
 
 namespace {
-
-/// No file of this process grows beyond the size: the system refuses the bytes that do not fit, as it does on a full
-/// disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) : oldHandler_(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        if (getrlimit(RLIMIT_FSIZE, &old_) != 0)
-            qFatal("No limit of the file size");
-        rlimit limit = old_;
-        limit.rlim_cur = bytes;
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-            qFatal("The limit of the file size cannot be set");
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &old_);
-        std::signal(SIGXFSZ, oldHandler_);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    void (*oldHandler_)(int);
-    rlimit old_{};
-};
 
 /// Encodes that many walking images, the results in their order.
 QList<bool> encodeEach(IdleRecorder& recorder, int count)
