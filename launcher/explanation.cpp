@@ -48,7 +48,7 @@ constexpr const char* fallback
 
 /// The first one that fits counts.
 constexpr auto entries = std::to_array<Entry>({
-    {"macOS CoreGraphics capture returned no image for window", Meaning::Remark, noWindowImage},
+    {"macOS CoreGraphics capture returned no image for window", Meaning::NoImage, noWindowImage},
     {"macOS CoreGraphics capture received an empty window id.", Meaning::NoRecording, noCapture},
     {"macOS screen recording permission is not currently granted", Meaning::Remark,
         "the system asks for the permission to record the screen; grant it"},
@@ -103,7 +103,8 @@ constexpr auto entries = std::to_array<Entry>({
     {"Unable to receive flushed FFmpeg packet", Meaning::VideoHarmed, notEncoded},
     {"recorder worker did not end in time", Meaning::VideoHarmed,
         "the file could not be finished, as the disk does not answer"},
-    {"Recorder worker still writes the output", Meaning::Remark, "the disk is slow; the file takes longer to finish"},
+    {"Recorder worker still writes the output", Meaning::Remark,
+        "the disk or the processor is too slow for this canvas; the file takes longer to finish"},
     {"Recorder worker was interrupted by an exception", Meaning::VideoHarmed,
         "the recorder ran out of memory; choose a smaller --canvas, or end other programs"},
 

@@ -11,6 +11,7 @@ struct Explanation {
         NoRecording, ///< before the first image: there will be none
         VideoHarmed, ///< the video is not what was asked for
         AudioHarmed, ///< likewise the audio
+        NoImage, ///< the window gives none at the moment
         Remark, ///< good to know
     };
 

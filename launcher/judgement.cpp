@@ -58,6 +58,7 @@ QStringList judge(const Inspection& inspection, const Expectation& expectation)
     if (expectation.durationMs && expectation.lengthMs
         && *expectation.durationMs < *expectation.lengthMs - toleranceMs)
         complaints += QStringLiteral("the recording lasted %1, not the %2 that were asked for")
-                          .arg(seconds(*expectation.durationMs), seconds(*expectation.lengthMs));
+                          .arg(seconds(*expectation.durationMs), seconds(*expectation.lengthMs))
+            + (expectation.earlyEnd.isEmpty() ? QString() : QLatin1String(": ") + expectation.earlyEnd);
     return complaints;
 }

@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
+const QString windowClosed = QStringLiteral("the window has closed");
 constexpr qint64 readinessLeadMs = 500; // from the readiness byte to the first frame
 constexpr qint64 decodingLimitMs = 20'000; // of an hour's recording not all is decoded
 constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
@@ -139,6 +140,8 @@ void RecordingSession::takeIn(const Explanation& explanation)
     const bool isAudio = explanation.meaning == Meaning::AudioHarmed;
     if ((isAudio && !wantsAudio()) || toldSentences_.contains(explanation.sentence))
         return;
+    if (explanation.meaning == Meaning::NoImage && windowHasClosed_)
+        return; // that has been told
     toldSentences_.insert(explanation.sentence);
     if (explanation.meaning == Meaning::NoRecording && state_ == State::Starting)
         return giveUp(explanation.sentence);
@@ -146,7 +149,7 @@ void RecordingSession::takeIn(const Explanation& explanation)
     if (isAudio && audioIsHarmed_)
         return;
     audioIsHarmed_ = audioIsHarmed_ || isAudio;
-    if (explanation.meaning == Meaning::Remark)
+    if (explanation.meaning == Meaning::Remark || explanation.meaning == Meaning::NoImage)
         progress_.warn(explanation.sentence);
     else
         warn(explanation.sentence);
@@ -160,14 +163,14 @@ void RecordingSession::warn(const QString& sentence)
 
 void RecordingSession::onWindowClosed()
 {
-    const QString closed = QStringLiteral("the window has closed");
     if (state_ == State::Starting)
-        return giveUp(closed);
+        return giveUp(windowClosed);
     if (state_ != State::Recording)
         return;
+    windowHasClosed_ = true;
     if (options_.keepGoing)
-        return warn(closed + QLatin1String("; the recording goes on without frames"));
-    progress_.step(closed);
+        return warn(windowClosed + QLatin1String("; the recording goes on without frames"));
+    progress_.step(windowClosed);
     requestStop();
 }
 
@@ -324,6 +327,8 @@ void RecordingSession::review()
     expectation.durationMs = outcome_.durationMs;
     expectation.lengthMs = options_.lengthMs;
     expectation.withAudio = wantsAudio() && !audioIsHarmed_; // else the log has said why
+    if (windowHasClosed_ && !options_.keepGoing)
+        expectation.earlyEnd = windowClosed;
     outcome_.inspection = inspectRecording(outcome_.file, decodingLimitMs);
     for (const QString& complaint : judge(*outcome_.inspection, expectation))
         warn(complaint);

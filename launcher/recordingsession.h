@@ -90,6 +90,7 @@ private:
     State state_ = State::CountingDown;
     bool terminated_ = false; // the recorder was sent SIGTERM
     bool audioIsHarmed_ = false; // as the log says
+    bool windowHasClosed_ = false; // while it recorded
     qsizetype clicksToReport_ = 0;
     qint64 reportedClicks_ = 0;
     FrameCount frameCount_;

@@ -176,7 +176,11 @@ bool RunStory::addStreams(const QByteArray& line)
 bool RunStory::addCourse(const QByteArray& line)
 {
     if (line.startsWith("Debug: sending frame come")) {
-        tellReadiness(std::nullopt, true);
+        if (hasStopped_ && !places_.contains(QStringLiteral("ready")))
+            tell(QStringLiteral("the launcher is told that it is ready, although the window gave no image: the stop "
+                                "is answered"));
+        else
+            tellReadiness(std::nullopt, true);
     } else if (line.startsWith("Debug: Recorder ready; delaying first encoded frame")) {
         const qint64 delayMs = logtext::numberAfter(line, "first encoded frame").value_or(0);
         tellReadiness(-delayMs, false);
@@ -214,6 +218,7 @@ bool RunStory::addEnd(const QByteArray& line)
     if (line.startsWith("Debug: FFmpeg recorder finalized output")) {
         tell(QStringLiteral("the file is finished: %1").arg(shown(logtext::quotedAfter(line, "finalized output"))));
     } else if (line.startsWith("Debug: FFmpeg recorder stopped, duration")) {
+        hasStopped_ = true;
         const qint64 durationMs = logtext::numberAfter(line, "stopped, duration").value_or(0);
         tell(durationMs > 0 ? QStringLiteral("stopped; the recording lasts %1 s").arg(seconds(durationMs))
                             : QStringLiteral("stopped; nothing was recorded"),

@@ -60,6 +60,7 @@ private:
     qint64 complaints_ = 0; // warnings and worse
     bool hasVersion_ = false;
     bool launcherIsTold_ = false; // of the readiness
+    bool hasStopped_ = false;
     bool hasEnded_ = false;
     bool isRecognised_ = false;
 };

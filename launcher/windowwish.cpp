@@ -40,7 +40,7 @@ QString windowTable(const QList<WindowInfo>& windows)
             : QStringLiteral("-");
         text += line(QStringLiteral("0x%1").arg(window.id, 0, 16),
             QStringLiteral("%1x%2").arg(window.size.width()).arg(window.size.height()), process,
-            plainText(window.title));
+            plainText(window.title) + (window.isShown ? QString() : QStringLiteral("  (not shown)")));
     }
     return text;
 }

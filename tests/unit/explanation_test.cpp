@@ -58,6 +58,7 @@ void ExplanationTest::meaningOfALine_data()
     row("Warning: Continuing video recording without audio. (a:1, b)", Meaning::AudioHarmed);
     row("Warning: macOS ScreenCaptureKit audio stream stopped: gone (a:1, b)", Meaning::AudioHarmed);
     row("Critical: Unable to copy FFmpeg audio codec parameters: x (a:1, b)", Meaning::AudioHarmed);
+    row("Warning: macOS CoreGraphics capture returned no image for window 7 (a:1, b)", Meaning::NoImage);
     row("Warning: Recording with FFV1 fallback because no (a:1, b)", Meaning::Remark);
     row("Critical: something new (a:1, b)", Meaning::VideoHarmed);
     row("Warning: something new (a:1, b)", Meaning::Remark);

@@ -134,6 +134,9 @@ void InspectionTest::shorterThanAsked()
     asked.lengthMs = 10'000;
     QCOMPARE(judge(inspectRecording(clip(everyFrame(0, 1000), 1000), noLimit), asked),
         QStringList("the recording lasted 1.00 s, not the 10.00 s that were asked for"));
+    asked.earlyEnd = QStringLiteral("the window has closed");
+    QCOMPARE(judge(inspectRecording(clip(everyFrame(0, 1000), 1000), noLimit), asked),
+        QStringList("the recording lasted 1.00 s, not the 10.00 s that were asked for: the window has closed"));
     asked.lengthMs = 900;
     QCOMPARE(judge(inspectRecording(clip(everyFrame(0, 1000), 1000), noLimit), asked), QStringList());
 }

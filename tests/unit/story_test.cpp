@@ -42,6 +42,7 @@ class StoryTest : public QObject {
 private Q_SLOTS:
     void wholeRun();
     void orderOfTheReadinessDoesNotMatter();
+    void readinessAtTheStopIsNoImage();
     void versionOfACutLogIsTold();
     void renamedLogCountsFromTheFirstFrame();
     void warningsAreExplained();
@@ -103,6 +104,17 @@ void StoryTest::orderOfTheReadinessDoesNotMatter()
     // Nothing is said of the launcher that the log does not say.
     QVERIFY2(tell(before + due).text.contains("    -0.500  ready: the window has given images\n"),
         qPrintable(tell(before + due).text));
+}
+
+/// The byte is sent in any case, so that a launcher has one order to read.
+void StoryTest::readinessAtTheStopIsNoImage()
+{
+    const QByteArray told = "Debug: sending frame come (:0, )\n";
+    const QByteArray stopped = "Debug: FFmpeg recorder stopped, duration 41 (:0, )\n";
+    const QByteArray before = begin.left(begin.indexOf(told));
+    const QString text = tell(before + stopped + told).text;
+    QVERIFY2(!text.contains("the window has given images"), qPrintable(text));
+    QVERIFY2(text.contains("although the window gave no image"), qPrintable(text));
 }
 
 void StoryTest::versionOfACutLogIsTold()

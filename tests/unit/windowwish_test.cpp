@@ -16,6 +16,7 @@ private Q_SLOTS:
     void titleOrProcessChooses_data();
     void titleOrProcessChooses();
     void listShowsNoControlCharacters();
+    void listTellsWhatIsNotShown();
     void jsonKeepsTheTitle();
     void plainTextIsHarmless_data();
     void plainTextIsHarmless();
@@ -62,6 +63,13 @@ void WindowWishTest::listShowsNoControlCharacters()
     const QString table = windowTable({{0x2a, 7, "a\nb", "x\033]0;evil\007\u202Ey", QSize(3, 4), true}});
     QCOMPARE(table.count(QLatin1Char('\n')), 2);
     QVERIFY2(table.contains("0x2a        3x4          7 a?b                     x?]0;evil??y\n"), qPrintable(table));
+}
+
+void WindowWishTest::listTellsWhatIsNotShown()
+{
+    const QString table = windowTable(windows);
+    QVERIFY2(table.contains("  Notes on birds  (not shown)\n"), qPrintable(table));
+    QCOMPARE(table.count("(not shown)"), 1);
 }
 
 void WindowWishTest::jsonKeepsTheTitle()
