@@ -105,7 +105,7 @@ export class Recording {
     /** Null as long as there is none. */
     readonly logFile: string | null;
 
-    /** Reports a click, to be shown in the video. Throws BAD_OPTION or NOT_RECORDING. */
+    /** Reports a click, to be shown in the video. Throws BAD_OPTION, NOT_RECORDING, or why the recorder has ended. */
     click(click: Click): void;
     /** Ends the recording. Once; called again it gives the same promise. */
     stop(): Promise<Result>;

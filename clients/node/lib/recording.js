@@ -16,6 +16,8 @@ const LOST_CONNECTION_MS = 500; // between the end of the connection and that of
 const LAST_REPLIES_MS = 1000; // for what a recorder that has ended left in the socket
 const KEPT_LINES = 20; // in an error
 const CAPTURE_FAILED = 2; // exit code
+// Of the log: nothing will be recorded, and nothing else tells.
+const NO_OUTPUT_TEXTS = ['Unable to open video output file', 'Unable to write FFmpeg output header'];
 
 /** A promise with its two ends. Nobody has to await it: a rejection that nobody sees is no fault of the program. */
 function deferred() {
@@ -169,6 +171,8 @@ export class Recording extends EventEmitter {
 
     click(click) {
         const line = clickLine(click);
+        if (this.#end && !this.#stopping && !this.#exiting)
+            throw this.#error(...this.#reasonOfEnd());
         if (!this.#socket?.writable || this.#stopping || this.#exiting)
             throw this.#error('NOT_RECORDING', 'clicks are for the time from the connection to the stop');
         this.#socket.write(line);
@@ -273,6 +277,8 @@ export class Recording extends EventEmitter {
             this.emit('warning', line);
         else if (line.level === 'critical' || line.level === 'fatal')
             this.emit('critical', line);
+        if (NO_OUTPUT_TEXTS.some((text) => line.text.startsWith(text)))
+            this.#ready.reject(this.#error('NO_FILE', 'the recorder cannot write the output'));
     }
 
     /** SIGTERM, with which the recorder finishes its file, then SIGKILL. What waits is told when it has ended. */

@@ -98,6 +98,7 @@ test('a crash while it records', async (t) => {
     await recording.ready;
     const [end] = await once(recording, 'ended');
     assert.equal(end.signal, 'SIGKILL');
+    assert.throws(() => recording.click({ x: 1, y: 2 }), withCode('CRASHED'));
     await assert.rejects(recording.stop(), withCode('CRASHED'));
     assert.throws(() => recording.click({ x: 1, y: 2 }), withCode('NOT_RECORDING'));
 });
@@ -128,6 +129,15 @@ test('a stop before the readiness', async (t) => {
     const result = recording.stop();
     await assert.rejects(recording.ready, withCode('STOPPED_BEFORE_READY'));
     assert.equal((await result).wasReady, false);
+});
+
+test('an output that cannot be written, which the log tells at once', async (t) => {
+    const recording = await start(t, 'nooutput');
+    await once(recording, 'log');
+    fs.appendFileSync(recording.logFile, 'Critical: Unable to open video output file "/x" : "no" (a.cpp:3, void f())\n');
+    await assert.rejects(recording.ready, withCode('NO_FILE'));
+    await assert.rejects(recording.stop(), withCode('NO_FILE'));
+    assert.equal(await recording.exit(), 0);
 });
 
 for (const mode of ['nofile', 'nooutput']) {

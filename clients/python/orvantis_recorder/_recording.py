@@ -25,6 +25,8 @@ LOST_CONNECTION_S = 0.5  # between the end of the connection and that of the pro
 LAST_REPLIES_S = 1.0  # for what a recorder that has ended left in the socket
 KEPT_LINES = 20  # in an error
 CAPTURE_FAILED = 2  # exit code
+# Of the log: nothing will be recorded, and nothing else tells.
+NO_OUTPUT_TEXTS = ("Unable to open video output file", "Unable to write FFmpeg output header")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -185,6 +187,8 @@ class Recording:
         """Reports a click at a global screen position, to be shown in the video. nx and ny: the position as fractions
         of the window. time: when it happened, as time.time() tells it; up to 3 s late is in time."""
         line = click_line(x, y, nx, ny, time)
+        if self._ended.done() and not self._stopping and not self._exiting:
+            raise self._error(*self._reason_of_end())
         if not self._transport or self._transport.is_closing() or self._stopping or self._exiting:
             raise self._error("NOT_RECORDING", "clicks are for the time from the connection to the stop")
         self._transport.write(line)
@@ -287,6 +291,8 @@ class Recording:
     def _on_log_line(self, line: LogLine) -> None:
         if line.level in ("warning", "critical", "fatal"):
             self._warnings.append(line)
+        if line.text.startswith(NO_OUTPUT_TEXTS):
+            refuse(self._ready, self._error("NO_FILE", "the recorder cannot write the output"))
         if not self._on_log:
             return
         try:

@@ -178,9 +178,10 @@ class BadRecorders(FakeTest):
         recording = await self.start("crasheslater")
         await recording.ready()
         self.assertEqual(await recording.ended(), -signal.SIGKILL)
-        await self.assert_fails("CRASHED", recording.stop())
-        with self.assertRaises(RecorderError):
+        with self.assertRaises(RecorderError) as caught:
             recording.click(1, 2)
+        self.assertEqual(caught.exception.code, "CRASHED")
+        await self.assert_fails("CRASHED", recording.stop())
 
     async def test_end_without_an_answer(self) -> None:
         recording = await self.start("noreply")
@@ -221,6 +222,18 @@ class BadRecorders(FakeTest):
                     await recording.ready()
                 await self.assert_fails("NO_FILE", recording.stop())
                 self.assertEqual(await recording.exit(), 0)
+
+    async def test_output_that_cannot_be_written(self) -> None:
+        """The log tells it at once."""
+        seen: asyncio.Queue[LogLine] = asyncio.Queue()
+        recording = await self.start("nooutput", on_log=seen.put_nowait)
+        await seen.get()
+        assert recording.log_file
+        with recording.log_file.open("a") as log:
+            log.write('Critical: Unable to open video output file "/x" : "no" (a.cpp:3, void f())\n')
+        await self.assert_fails("NO_FILE", recording.ready())
+        await self.assert_fails("NO_FILE", recording.stop())
+        self.assertEqual(await recording.exit(), 0)
 
     async def test_no_proper_answer(self) -> None:
         for mode, code, end in (("nonsense", "BAD_REPLY", 143), ("deaf", "NO_REPLY", 143),
