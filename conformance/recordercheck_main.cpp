@@ -92,7 +92,9 @@ int main(int argc, char** argv)
     if (!parser.positionalArguments().isEmpty())
         return refuse(QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
     if (settings.window.isEmpty())
-        return refuse(QStringLiteral("--window: '%1' is no window id").arg(parser.value(window)));
+        return refuse(parser.isSet(window)
+                ? QStringLiteral("--window: '%1' is no window id").arg(parser.value(window))
+                : QStringLiteral("--window ID is missing"));
     if (!QFileInfo(settings.binary).isExecutable())
         return refuse(QStringLiteral("--recorder: %1 is no program").arg(settings.binary));
     if (!areCases(names))

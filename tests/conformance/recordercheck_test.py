@@ -83,6 +83,7 @@ class RecorderCheck(unittest.TestCase):
                 self.assertEqual(result.returncode, 2)
                 self.assertTrue(result.stderr.startswith("recorder-check: "), result.stderr)
                 self.assertEqual(result.stdout, "")
+                self.assertEqual("--window ID is missing" in result.stderr, not arguments)
 
 
 if __name__ == "__main__":
