@@ -24,9 +24,11 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(ORVANTIS_MAINTAINER "Orvantis Recorder Maintainers <maintainers@orvantis.invalid>" CACHE STRING
     "Who answers for the Debian package: a name and an address")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${ORVANTIS_MAINTAINER}")
-# What the programs are linked with. Qt's platform "minimal" is in the package of QtGui, PipeWire's modules are in that
-# of its library, and FFmpeg's encoders in libavcodec: nothing is loaded at run time that this does not bring along.
+# What the programs are linked with. Qt's platform "minimal" is in the package of QtGui, and FFmpeg's encoders are in
+# libavcodec. PipeWire's library reads client.conf and loads modules, which its package does not bring along: without
+# them no audio server is reached, also not one that runs.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "pipewire-bin")
 # An audio server, without which a recording has video only; and who reads the recording.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pipewire")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "ffmpeg, mpv, nodejs, python3")
