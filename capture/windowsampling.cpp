@@ -105,7 +105,6 @@ std::optional<platform::WindowSample> WindowSampling::sample(bool withBounds)
         return std::nullopt;
     isLate_ = false;
     shared_->error = nullptr;
-    shared_->sample = {};
     shared_->withBounds = withBounds;
     shared_->askedAt = Clock::now();
     if (!shared_->thread.joinable()) {

@@ -69,6 +69,7 @@ private Q_SLOTS:
     void imageOfAnotherKindIsPaintedAsTheFirst();
 
     void largerWindowWaitsAsTheCanvas();
+    void largerWindowOfAnotherShapeIsPaintedWhole();
     void smallerWindowWaitsAsItIs();
 
     void windowThatIsTheCanvasIsNotCopied();
@@ -288,6 +289,20 @@ void CompositionReuseTest::largerWindowWaitsAsTheCanvas()
         ++frame.imageVersion;
         frame.changedRows = RowSet(300 + i, 301 + i);
     }
+}
+
+/// Where the first one was, the second one has bars.
+void CompositionReuseTest::largerWindowOfAnotherShapeIsPaintedWhole()
+{
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(QSize(1000, 560), true));
+    RecorderProbe::CapturedFrame first = frame;
+    probe_->letterbox(first);
+    frame.image = speckled(QSize(1000, 200), true, 2);
+    ++frame.imageVersion;
+    frame.changedRows = RowSet(0, 200);
+    RecorderProbe::CapturedFrame second = frame;
+    probe_->letterbox(second);
+    QCOMPARE(compose(second), composeAnew(frame));
 }
 
 void CompositionReuseTest::smallerWindowWaitsAsItIs()
