@@ -6,20 +6,36 @@ PART_PER_SECOND = 60  # above twice the frame rate, so that no two frames need b
 QUICK_S = 10  # of recording: the delay queue is full after three
 
 
+def even(size):
+    """As the recorder makes its canvas."""
+    return size + size % 2
+
+
 @dataclasses.dataclass(frozen=True)
 class Case:
     name: str
-    width: int  # of window and canvas, pixels
+    width: int  # of the window, pixels
     height: int
     what: str  # "still", "unchanged", "quarter", "all", "part"
     long_s: int = QUICK_S  # to record when all the time is taken that the aims ask for
     audio_only: bool = False  # recorded by this recorder only, with audio, and only on request
+    per_canvas_pixel: int = 1  # pixels of the window, across and down
 
     @property
     def title(self):
         titles = {"still": "still", "unchanged": "presented unchanged", "quarter": "a quarter changes",
                   "all": "all changes", "part": "a part changes"}
-        return f"{self.width}x{self.height}, {titles[self.what]}" + (", 10 minutes" if self.audio_only else "")
+        canvas = "" if self.per_canvas_pixel == 1 else f" on {self.canvas_width}x{self.canvas_height}"
+        long = ", 10 minutes" if self.audio_only else ""
+        return f"{self.width}x{self.height}{canvas}, {titles[self.what]}{long}"
+
+    @property
+    def canvas_width(self):
+        return even(self.width // self.per_canvas_pixel)
+
+    @property
+    def canvas_height(self):
+        return even(self.height // self.per_canvas_pixel)
 
     @property
     def presents(self):
@@ -37,12 +53,13 @@ class Case:
         return rate + ["--present", self.what] if self.presents else rate
 
     def phase_squares(self):
-        """Centres of the two squares that tell the phase, window pixels; none when nothing changes by phases."""
+        """Centres of the two squares that tell the phase, canvas pixels; none when nothing changes by phases."""
         changing = {"quarter": self.height // 4, "all": self.height}.get(self.what)
         if changing is None:
             return []
         half = changing // 4 // 2
-        return [(half, half), (self.width - half, changing - half)]
+        centres = [(half, half), (self.width - half, changing - half)]
+        return [(x // self.per_canvas_pixel, y // self.per_canvas_pixel) for x, y in centres]
 
 
 def sizes(what, long_s=QUICK_S, long_4k_s=60):
@@ -51,4 +68,5 @@ def sizes(what, long_s=QUICK_S, long_4k_s=60):
 
 CASES = sorted([*sizes("still"), *sizes("unchanged"), *sizes("quarter"), *sizes("all"),
                 *sizes("part", long_4k_s=QUICK_S)], key=lambda case: case.width)
+CASES += [Case(f"2x-{what}", 3456, 2234, what, per_canvas_pixel=2) for what in ("still", "quarter", "all")]
 CASES.append(Case("1080p-quarter-10min", 1920, 1080, "quarter", 600, audio_only=True))

@@ -83,7 +83,8 @@ def run_case(case, binaries, display, x_server_pid, seconds, full):
         directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="ov-bench-", dir="/tmp")))
         options = case.painting_options()
         window = stack.enter_context(desktop.truth_window(binaries, display, case.width, case.height, options))
-        stage = subjects.Stage(binaries, display, x_server_pid, window, case.width, case.height, seconds)
+        stage = subjects.Stage(binaries, display, x_server_pid, window, case.canvas_width, case.canvas_height,
+                               seconds, is_scaled=case.per_canvas_pixel > 1)
         run = Run(seconds, window_alone=subjects.x_server_alone(stage, QUICK_S / 3))
         if not case.audio_only:
             run.this = measured(case, stage, subjects.record_with_this(stage, directory))
@@ -166,7 +167,7 @@ def main():
     options = arguments()
     binaries = options.binaries.resolve()
     load = os.getloadavg()[0]
-    with desktop.private_x_server(3840, 2160) as (display, x_server_pid):
+    with desktop.private_x_server(3840, 2304) as (display, x_server_pid):
         results = run_all(options, display, x_server_pid, binaries)
         description = machine(binaries, display, load)
     command = " ".join(["scripts/bench", *sys.argv[1:]])

@@ -23,9 +23,10 @@ class Stage:
     display: str
     x_server_pid: int
     window_id: int
-    width: int  # of window and canvas, pixels
+    width: int  # of the canvas, pixels
     height: int
     seconds: float  # to record
+    is_scaled: bool = False  # the window is larger
 
 
 @dataclasses.dataclass
@@ -133,6 +134,7 @@ def ffmpeg_command(stage, settings, output):
     """The same window, canvas, encoder, rates and fragments as this recorder's."""
     return ["ffmpeg", "-nostdin", "-loglevel", "error", "-f", "x11grab", "-framerate", str(X11GRAB_FPS),
             "-window_id", str(stage.window_id), "-i", stage.display,
+            *(["-vf", f"scale={stage.width}:{stage.height}:flags=bilinear"] if stage.is_scaled else []),
             "-c:v", settings["encoder"], "-pix_fmt", settings["pixelFormat"], "-threads", str(settings["threads"]),
             "-b:v", str(settings["bitRate"]), "-maxrate", str(settings["maxRate"]),
             "-bufsize", str(settings["bufferSize"]), "-g", str(settings["gopSize"]),
