@@ -62,22 +62,28 @@ bool GstRecorder::startEncoding(const QImage& image, long long ptsMs)
 
     ptsBeforeMs = videoFrame->pts;
     const bool longGap = ptsBeforeMs != AV_NOPTS_VALUE && ptsMs - ptsBeforeMs > longestGapMs;
-    videoFrame->pict_type = longGap ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    videoFrame->pict_type = longGap || keyFrameIsDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    keyFrameIsDue = false;
     videoFrame->pts = ptsMs;
     frameSending.start(*videoCodecContext, *videoFrame);
     return true;
 }
 
-/// Waits for the encoder and writes what it has ready. True when the frame is in the file.
+/// Waits for the encoder and writes what it has ready. True when the frame is in the file. When it may not be, the
+/// next one must not build upon it.
 bool GstRecorder::finishEncoding()
 {
     const int status = frameSending.finish();
     if (status < 0) {
         qCritical() << "Unable to send FFmpeg video frame:" << avErrorString(status);
         videoFrame->pts = ptsBeforeMs; // the gap is still there
+        keyFrameIsDue = true;
         return false;
     }
-    return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
+    if (writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:"))
+        return true;
+    keyFrameIsDue = true;
+    return false;
 }
 
 /// Finishes the queued frame that is under way, if there is one.
