@@ -68,9 +68,10 @@ std::unique_ptr<DisplayConnection> DisplayConnection::open()
 
 bool DisplayConnection::queryExtensions()
 {
-    xcb_prefetch_extension_data(xcb(), &xcb_composite_id);
-    xcb_prefetch_extension_data(xcb(), &xcb_shm_id);
-    xcb_prefetch_extension_data(xcb(), &xcb_damage_id);
+    // It does not tell when it was refused the memory, so it is asked twice; what it has already costs nothing.
+    for (xcb_extension_t* const extension :
+        {&xcb_composite_id, &xcb_shm_id, &xcb_damage_id, &xcb_composite_id, &xcb_shm_id, &xcb_damage_id})
+        xcb_prefetch_extension_data(xcb(), extension);
     if (!synchronise())
         return false;
 
