@@ -1,13 +1,14 @@
 // Start-up order and the two modes: recording (ten arguments) and permission mode ("--request-permissions").
 #include "gstrecorder.h"
+#include "lastline.h"
 #include "platform/application.h"
+#include "recorderapplication.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"
 #include "startup.h"
 #include "usage.h"
 
 #include <QDebug>
-#include <QGuiApplication>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <optional>
 
 using namespace std::chrono_literals;
 
@@ -46,7 +49,24 @@ void finish(GstRecorder& recorder, int exitCode)
     qDebug() << "recorder exiting" << exitCode;
 }
 
-int record(QGuiApplication& application, int argc, char** argv, const QStringList& refusedPlugIns)
+/// From here on there is a file to be finished, whatever happens.
+int recordAndFinish(GstRecorder& recorder)
+{
+    int exitCode = RecorderApplication::interruptedExitCode;
+    std::optional<platform::RecordingHold> hold;
+    try {
+        // Behind the lines of the start, whose texts and order are an interface.
+        qDebug() << "recorder version" << ORVANTIS_VERSION << "Qt" << qVersion();
+        hold.emplace([&recorder] { finish(recorder, 0); });
+        exitCode = RecorderApplication::exec();
+    } catch (const std::exception& error) {
+        lastline::tellException(error.what());
+    }
+    finish(recorder, exitCode);
+    return exitCode;
+}
+
+int record(int argc, char** argv, const QStringList& refusedPlugIns)
 {
     // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
     SignalNotifier::ignore(SIGPIPE);
@@ -56,6 +76,7 @@ int record(QGuiApplication& application, int argc, char** argv, const QStringLis
         startup::startLogging(startup::logFilePath(argc > 1 ? argv[1] : nullptr));
     else
         startup::startLoggingWithoutFile();
+    lastline::tellFaults();
     startup::logIdentity(argc, argv);
     startup::logRefusedPlugIns(refusedPlugIns);
     if (argc < neededArgumentCount) {
@@ -63,31 +84,27 @@ int record(QGuiApplication& application, int argc, char** argv, const QStringLis
         std::fputs(usageText.constData(), stdout);
         return 0;
     }
+    startup::preparePainting();
     const SignalNotifier signalsAsExit({SIGTERM, SIGINT, SIGHUP}, SignalNotifier::Insisting::EndsProcess);
     QObject::connect(&signalsAsExit, &SignalNotifier::received,
         [](int number) { QCoreApplication::exit(SignalNotifier::exitCode(number)); });
 
     static GstRecorder* const recorder = makeRecorder(argv);
-    // Behind the lines of the start, whose texts and order are an interface.
-    qDebug() << "recorder version" << ORVANTIS_VERSION << "Qt" << qVersion();
-    const platform::RecordingHold hold([] { finish(*recorder, 0); });
-    const int exitCode = application.exec();
-    finish(*recorder, exitCode);
-    return exitCode;
+    return recordAndFinish(*recorder);
 }
 
-}
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     standardstreams::openMissing();
     standardstreams::keepErrorOutputFromBlocking();
+    lastline::tellFaults();
     startup::keepEveryLogLine();
+    startup::useQtEventLoops();
     const QStringList refusedPlugIns = startup::extendPluginPath(argv[0]) + startup::leaveOutSharedDirectory();
     platform::chooseGuiPlatform();
     // Qt takes out of the arguments what looks like an option of its own; here everything means what its place says.
     int ownNameOnly = std::min(argc, 1);
-    QGuiApplication application(ownNameOnly, argv);
+    RecorderApplication application(ownNameOnly, argv);
     platform::becomeAccessory();
     QCoreApplication::setOrganizationName(QStringLiteral("PEMLO"));
 
@@ -95,5 +112,16 @@ int main(int argc, char** argv)
         = [](const char* given) { return std::strcmp(given, "--request-permissions") == 0; };
     if (std::any_of(argv, argv + argc, asksForPermissions))
         return startup::requestPermissions();
-    return record(application, argc, argv, refusedPlugIns);
+    return record(argc, argv, refusedPlugIns);
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception&) { // there is no recorder yet
+        lastline::endNow(RecorderApplication::interruptedExitCode);
+    }
 }

@@ -6,9 +6,15 @@
 #include <QByteArray>
 #include <QString>
 
+#include <new>
+#include <string_view>
+
 std::FILE* logFilePtr = nullptr;
 
 namespace {
+
+/// In the place of a line that there was no memory for; it needs none.
+constexpr std::string_view lostLine = "Warning: a line of the log is missing for want of memory (:0, )\n";
 
 /// What a line of the type starts with; null for an unknown type.
 const char* levelName(QtMsgType type)
@@ -65,8 +71,12 @@ void writeLine(const QByteArray& line)
 
 void MessageHandlerImpl(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    if (const char* const level = levelName(type))
-        writeLine(formatted(level, message.toLocal8Bit(), context));
+    try {
+        if (const char* const level = levelName(type))
+            writeLine(formatted(level, message.toLocal8Bit(), context));
+    } catch (const std::bad_alloc&) { // Qt calls this where nothing may be thrown
+        writeLine(QByteArray::fromRawData(lostLine.data(), qsizetype(lostLine.size())));
+    }
     if (logFilePtr)
         std::fflush(logFilePtr);
 }

@@ -15,7 +15,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QLoggingCategory>
+#include <QPainter>
+#include <QPen>
 
 #include <cerrno>
 #include <cstring>
@@ -52,6 +55,11 @@ void startup::keepEveryLogLine()
         for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg, QtCriticalMsg})
             category->setEnabled(type, true);
     });
+}
+
+void startup::useQtEventLoops()
+{
+    qputenv("QT_NO_GLIB", "1");
 }
 
 QStringList startup::extendPluginPath(const char* executable)
@@ -93,6 +101,20 @@ void startup::logRefusedPlugIns(const QStringList& directories)
 {
     for (const QString& directory : directories)
         qWarning() << "Plug-ins are not loaded from a place that other users can change:" << directory;
+}
+
+void startup::preparePainting()
+{
+    constexpr int size = 8; // pixels
+    QImage image(size, size, QImage::Format_ARGB32);
+    image.fill(Qt::black);
+    const QImage other = image;
+    QPainter painter(&image);
+    painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
+    painter.drawImage(QRectF(0, 0, size, size), other, QRectF(1, 1, size - 2, size - 2));
+    painter.setPen(QPen(Qt::black, 3.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.setBrush(Qt::white);
+    painter.drawEllipse(QRectF(1, 1, size - 2, size - 2));
 }
 
 QString startup::logFilePath(const char* directory)

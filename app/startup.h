@@ -11,6 +11,10 @@ namespace startup {
 /// libraries' categories hold. Before the first line is logged.
 void keepEveryLogLine();
 
+/// Has Qt use its own event loops, not those of GLib, which ends the process when there is no memory. Before the
+/// application object exists.
+void useQtEventLoops();
+
 /// Puts the application's own plug-in directory ("../PlugIns" beside the executable's directory, else
 /// "../../../../PlugIns" for an executable deeper in a bundle) in front of QT_PLUGIN_PATH; leaves the
 /// variable alone when neither exists. One that another user can change does not count. Before the application object
@@ -34,6 +38,10 @@ void startLoggingWithoutFile();
 /// Logs the arguments, the process identity, the environment and the library paths. A line feed in an argument is
 /// shown as "\n": it must not look like a line of the log.
 void logIdentity(int argc, char** argv);
+
+/// Has Qt make what it keeps for painting. It cannot be made later when memory was refused for it once: Qt's library
+/// for images knows no exceptions, and leaves what it was making locked for ever. Behind the application object.
+void preparePainting();
 
 /// Logs the places that plug-ins are not loaded from, if there are any.
 void logRefusedPlugIns(const QStringList& directories);

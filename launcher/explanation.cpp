@@ -94,6 +94,8 @@ constexpr auto entries = std::to_array<Entry>({
     {"Unable to write FFmpeg packet", Meaning::VideoHarmed, notWritten},
     {"Unable to write flushed FFmpeg packet", Meaning::VideoHarmed, notWritten},
     {"Unable to write FFmpeg output trailer", Meaning::VideoHarmed, notWritten},
+    {"FFmpeg output is smaller than its packets", Meaning::VideoHarmed,
+        "the recorder ran out of memory; parts of the recording are missing in the file"},
     {"Skipping frame with unexpected size", Meaning::VideoHarmed, notEncoded},
     {"FFmpeg frame is not writable", Meaning::VideoHarmed, notEncoded},
     {"FFmpeg pixel conversion context is unavailable", Meaning::VideoHarmed, notEncoded},
@@ -107,6 +109,9 @@ constexpr auto entries = std::to_array<Entry>({
         "the disk or the processor is too slow for this canvas; the file takes longer to finish"},
     {"Recorder worker was interrupted by an exception", Meaning::VideoHarmed,
         "the recorder ran out of memory; choose a smaller --canvas, or end other programs"},
+
+    {"Recorder was interrupted by an exception", Meaning::VideoHarmed,
+        "the recorder ran out of memory and has ended early; end other programs, or choose a smaller --canvas"},
 
     {"macOS app-only audio capture received an invalid", Meaning::AudioHarmed, noApplication},
     {"macOS ScreenCaptureKit could not find requested app", Meaning::AudioHarmed, noApplication},

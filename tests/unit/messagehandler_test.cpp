@@ -2,6 +2,7 @@
 #include "messagehandler.h"
 #include "testregistry.h"
 
+#include "memorylimit.h"
 #include "privatetempdir.h"
 #include "stderrcapture.h"
 
@@ -98,6 +99,7 @@ private Q_SLOTS:
     void messageIsTakenLiterally();
     void messageIsInTheLocalEncoding();
     void unknownTypeWritesNothingButFlushes();
+    void lineThatThereIsNoMemoryForIsReplaced();
     void everyLineIsFlushed();
     void fileComesBeforeStderr();
     void withoutALogFileOnlyStderrIsWritten();
@@ -188,6 +190,21 @@ void MessageHandlerTest::unknownTypeWritesNothingButFlushes()
     MessageHandlerImpl(QtMsgType(5), mainContext, QStringLiteral("lost"));
     QCOMPARE(contents(path_), QByteArray("still in the buffer\n"));
     QCOMPARE(errors.text(), QByteArray());
+}
+
+void MessageHandlerTest::lineThatThereIsNoMemoryForIsReplaced()
+{
+    const StderrCapture errors;
+    const QString huge(64 << 20, QLatin1Char('x'));
+    {
+        const MemoryLimit limit(16 << 20);
+        MessageHandlerImpl(QtDebugMsg, noContext, huge);
+    }
+    MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("next"));
+    const QByteArray expected
+        = "Warning: a line of the log is missing for want of memory (:0, )\nDebug: next (:0, )\n";
+    QCOMPARE(contents(path_), expected);
+    QCOMPARE(errors.text(), expected);
 }
 
 void MessageHandlerTest::everyLineIsFlushed()
