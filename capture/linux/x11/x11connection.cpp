@@ -75,27 +75,29 @@ bool DisplayConnection::queryExtensions()
     if (!synchronise())
         return false;
 
-    const auto isPresent = [this](xcb_extension_t& extension) {
+    // Null as well when the connection has broken meanwhile.
+    const auto dataOf = [this](xcb_extension_t& extension) {
         const xcb_query_extension_reply_t* data = xcb_get_extension_data(xcb(), &extension);
-        return data && data->present;
+        return data && data->present ? data : nullptr;
     };
-    if (isPresent(xcb_composite_id)) {
+    if (dataOf(xcb_composite_id)) {
         Request<xcb_composite_query_version_reply_t> request(*this, xcb_composite_query_version(xcb(), 0, 4));
         const auto version = request.reply();
         extensions_.composite = version && (version->major_version > 0 || version->minor_version >= 2);
     }
-    if (isPresent(xcb_shm_id)) {
+    if (const auto* const data = dataOf(xcb_shm_id)) {
+        extensions_.badSegment = quint8(data->first_error + XCB_SHM_BAD_SEG);
         Request<xcb_shm_query_version_reply_t> request(*this, xcb_shm_query_version(xcb()));
         const auto version = request.reply();
         extensions_.sharedMemory = version != nullptr;
-        extensions_.badSegment = quint8(xcb_get_extension_data(xcb(), &xcb_shm_id)->first_error + XCB_SHM_BAD_SEG);
         extensions_.sharedMemoryByDescriptor
             = version && (version->major_version > 1 || (version->major_version == 1 && version->minor_version >= 2));
     }
-    if (isPresent(xcb_damage_id)) {
+    if (const auto* const data = dataOf(xcb_damage_id)) {
+        const int notify = data->first_event + XCB_DAMAGE_NOTIFY;
         Request<xcb_damage_query_version_reply_t> request(*this, xcb_damage_query_version(xcb(), 1, 1));
         if (request.reply())
-            extensions_.damageNotify = xcb_get_extension_data(xcb(), &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
+            extensions_.damageNotify = notify;
     }
     return isResponsive();
 }
