@@ -31,8 +31,15 @@ void GstRecorder::writeTrailer()
         status = 0;
     if (status >= 0 && formatContext->pb)
         status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
-    if (status < 0)
+    if (status < 0) {
         qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
+        return;
+    }
+    // The mp4 muxer gathers a fragment in memory, and keeps to itself when it was refused some.
+    const qint64 size = formatContext->pb ? avio_tell(formatContext->pb) : writtenBytes.inPackets;
+    if (!writtenBytes.someLost && size < writtenBytes.inPackets)
+        qCritical() << "FFmpeg output is smaller than its packets; bytes:" << size << "instead of at least"
+                    << writtenBytes.inPackets;
 }
 
 void GstRecorder::closeOutput()
@@ -69,6 +76,7 @@ void GstRecorder::closeOutput()
 
     // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
     writtenBytes = {};
+    keyFrameIsDue = false;
     audioSamplesWritten = 0;
     audioPcmLogged = false;
     headerWritten = false;

@@ -14,6 +14,7 @@ int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext
     av_packet_rescale_ts(&packet, encoder.time_base, stream.time_base);
     if (packet.duration < 1)
         packet.duration = std::max<int64_t>(av_rescale_q(missingDuration, encoder.time_base, stream.time_base), 1);
+    const int size = packet.size;
     int status = av_interleaved_write_frame(&container, &packet);
     if (container.pb) {
         avio_flush(container.pb);
@@ -25,6 +26,7 @@ int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext
         }
     }
     av_packet_unref(&packet);
+    written.inPackets += status < 0 ? 0 : size;
     return status;
 }
 

@@ -7,6 +7,7 @@
 /// What has reached the file.
 struct WrittenBytes {
     int64_t whole = 0; ///< of the file, up to the end of the last write that succeeded as a whole
+    int64_t inPackets = 0; ///< that the container has taken without an error
     bool someLost = false; ///< a write has failed since the header
 };
 

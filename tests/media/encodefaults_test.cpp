@@ -45,6 +45,7 @@ private Q_SLOTS:
 
     void trailerFails();
     void trailerFailsInTheDestructor();
+    void muxerThatKeepsBytesToItself();
 };
 
 void EncodeFaultsTest::frameFails_data()
@@ -292,6 +293,19 @@ void EncodeFaultsTest::trailerFailsInTheDestructor()
     recorder.destroy();
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"Input/output error\"")});
+}
+
+/// The stand-in writes a line for each packet, and none of its bytes.
+void EncodeFaultsTest::muxerThatKeepsBytesToItself()
+{
+    surroundings().muxer = "framecrc";
+    IdleRecorder recorder;
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(10)));
+    QCOMPARE(recorder.criticals().size(), 1);
+    QVERIFY(recorder.criticals().first().startsWith(
+        QStringLiteral("FFmpeg output is smaller than its packets; bytes: ")));
+    QVERIFY(recorder.warnings().isEmpty());
+    QVERIFY(recorder.isClosed());
 }
 
 ORVANTIS_TEST(EncodeFaultsTest)
