@@ -1,9 +1,10 @@
 // Memory that is refused to the recorder and its libraries (refusedmemory.cpp), each allocation of a short recording
 // in turn: the file is whole, or a line says why not; nothing hangs, and it is never the project's own code that ends
-// the process. ORVANTIS_EVERY_ALLOCATION=1 takes every one, otherwise a few.
+// the process. ORVANTIS_EVERY_ALLOCATION=1 takes every one, or at least thousands, otherwise a few are taken.
+#include "audioscene.h"
+#include "privateaudioserver.h"
 #include "privatexserver.h"
 #include "recordedfile.h"
-#include "recordingscene.h"
 #include "testregistry.h"
 #include "truthwindowprocess.h"
 
@@ -19,8 +20,9 @@
 
 namespace {
 
-constexpr int fewRuns = 48;
-constexpr int runsAtOnce = 8;
+constexpr int fewRuns = 32;
+constexpr int mostRuns = 6000; // with audio PipeWire allocates several times as often
+constexpr int runsAtOnce = 16;
 constexpr int readyLimitMs = 15'000; // of a recorder that has lost its launcher, its window or its output, maybe
 constexpr int endLimitMs = 90'000; // the process gives its worker 60 s
 constexpr int recordedMs = 800; // 500 of them before the recording clock starts
@@ -29,11 +31,12 @@ const QByteArray lastLine = "Fatal: recorder is ended by a fault of the program 
 /// A recording of which one allocation is refused.
 class RefusedScene {
 public:
-    RefusedScene(const QByteArray& display, quint32 window, qint64 refused) : scene(display, window)
+    RefusedScene(
+        const QByteArray& display, quint32 window, const PrivateAudioServer& audio, bool hasAudio, qint64 refused)
+        : scene(display, window, audio, hasAudio ? QString() : QStringLiteral("app-pid:none"))
     {
         scene.command.canvasWidth = QStringLiteral("320");
         scene.command.canvasHeight = QStringLiteral("240");
-        scene.command.audioSource = QStringLiteral("app-pid:none");
         scene.recorder.setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(REFUSED_MEMORY));
         scene.recorder.setVariable(QStringLiteral("REFUSED_MEMORY_NTH"), QString::number(refused));
         scene.recorder.setVariable(QStringLiteral("REFUSED_MEMORY_REPORT"), reportPath());
@@ -66,25 +69,33 @@ public:
     }
 
     /// The program itself asked for the memory: its own code is the first caller that is not the C++ library's.
-    bool wasOwnAllocation() const { return firstModuleAfter("refused ", 0).startsWith("orvantis-recorder"); }
-    /// It was in its own code when the fault came. The first two modules are the handler's and the C library's.
-    bool wasOwnFault() const { return firstModuleAfter("raised ", 2).startsWith("orvantis-recorder"); }
+    bool wasOwnAllocation() const { return firstModuleIn(section("refused ")).startsWith("orvantis-recorder"); }
+    /// It was in its own code when the fault came. The C library's first frame is the one that calls the handler.
+    bool wasOwnFault() const
+    {
+        const QByteArray callers = section("raised ");
+        return firstModuleIn(callers.mid(callers.indexOf("/libc.so"))).startsWith("orvantis-recorder");
+    }
 
-    RecordingScene scene;
+    AudioScene scene;
 
 private:
-    /// Of the callers listed behind a line, without those of the shared libraries below C++.
-    QByteArray firstModuleAfter(const QByteArray& start, int skipped) const
+    /// The report from a line on.
+    QByteArray section(const QByteArray& start) const
     {
         const QByteArray text = report();
         const qsizetype place = text.indexOf(start);
-        if (place < 0)
-            return QByteArray();
-        for (const QByteArray& line : text.mid(place).split('\n')) {
+        return place < 0 ? QByteArray() : text.mid(place);
+    }
+
+    /// Of the callers that are listed there, without those of the shared libraries below C++.
+    static QByteArray firstModuleIn(const QByteArray& callers)
+    {
+        for (const QByteArray& line : callers.split('\n')) {
             const QByteArray module = line.left(line.indexOf('(')).split('/').last();
-            if (!line.contains('(') || module == "librefusedmemory.so" || skipped-- > 0)
-                continue;
-            if (!module.startsWith("libstdc++") && !module.startsWith("libc.so"))
+            const bool isBelow = module.startsWith("libstdc++") || module.startsWith("libc.so")
+                || module.startsWith("libgcc") || module == "librefusedmemory.so";
+            if (line.contains('(') && !isBelow)
                 return module;
         }
         return QByteArray();
@@ -110,7 +121,7 @@ bool saysWhy(const QByteArray& lines)
 /// Empty when it ended as it may.
 QByteArray objectionTo(RefusedScene& run)
 {
-    RecordingScene& scene = run.scene;
+    AudioScene& scene = run.scene;
     if (scene.recorder.isRunning())
         return "it hangs";
     const int code = scene.recorder.exitCode();
@@ -141,12 +152,15 @@ private Q_SLOTS:
     void initTestCase();
 
     void mainThreadIsRefusedMemory();
+    void anyAllocationIsRefused_data();
     void anyAllocationIsRefused();
 
 private:
-    void run(Batch& batch);
+    std::unique_ptr<RefusedScene> sceneWith(bool hasAudio, qint64 refused) const;
+    static void run(Batch& batch);
 
     PrivateXServer server_;
+    PrivateAudioServer audioServer_;
     std::unique_ptr<TruthWindowProcess> window_;
 };
 
@@ -155,6 +169,12 @@ void RefusedMemoryTest::initTestCase()
     QVERIFY2(server_.isRunning(), qPrintable(server_.errorString()));
     window_ = std::make_unique<TruthWindowProcess>(server_.display());
     QVERIFY2(window_->id() != 0, qPrintable(window_->errorString()));
+    QVERIFY2(audioServer_.isRunning(), qPrintable(audioServer_.errorString()));
+}
+
+std::unique_ptr<RefusedScene> RefusedMemoryTest::sceneWith(bool hasAudio, qint64 refused) const
+{
+    return std::make_unique<RefusedScene>(server_.display(), window_->id(), audioServer_, hasAudio, refused);
 }
 
 /// Records a while, stops and ends them, all at the same time.
@@ -181,7 +201,8 @@ void RefusedMemoryTest::run(Batch& batch)
 /// An unfinished line grows to 512 KiB, and nothing else is as large.
 void RefusedMemoryTest::mainThreadIsRefusedMemory()
 {
-    RefusedScene run(server_.display(), window_->id(), 1);
+    const auto refused = sceneWith(false, 1);
+    RefusedScene& run = *refused;
     run.scene.recorder.setVariable(QStringLiteral("REFUSED_MEMORY_LEAST"), QString::number((512 << 10) - 64));
     run.scene.recorder.setVariable(QStringLiteral("REFUSED_MEMORY_MOST"), QString::number((512 << 10) + 64));
     QVERIFY2(run.scene.startRecording(), run.scene.story());
@@ -197,23 +218,31 @@ void RefusedMemoryTest::mainThreadIsRefusedMemory()
     QVERIFY2(file.isWhole(), file.description());
 }
 
+void RefusedMemoryTest::anyAllocationIsRefused_data()
+{
+    QTest::addColumn<bool>("hasAudio");
+    QTest::newRow("video") << false;
+    QTest::newRow("video and audio") << true;
+}
+
 void RefusedMemoryTest::anyAllocationIsRefused()
 {
+    QFETCH(const bool, hasAudio);
     Batch counting;
-    counting.push_back(std::make_unique<RefusedScene>(server_.display(), window_->id(), 0));
+    counting.push_back(sceneWith(hasAudio, 0));
     run(counting);
     const qint64 count = counting.front()->counted();
     QVERIFY2(count > 1000, counting.front()->scene.story());
     QCOMPARE(objectionTo(*counting.front()), QByteArray());
 
     const bool every = qEnvironmentVariableIsSet("ORVANTIS_EVERY_ALLOCATION");
-    const qint64 step = every ? 1 : count / fewRuns;
+    const qint64 step = std::max<qint64>(count / (every ? mostRuns : fewRuns), 1);
     QByteArrayList objections;
     std::map<QByteArray, int> ends;
     for (qint64 first = 1; first <= count; first += step * runsAtOnce) {
         Batch batch;
         for (qint64 refused = first; refused <= count && int(batch.size()) < runsAtOnce; refused += step)
-            batch.push_back(std::make_unique<RefusedScene>(server_.display(), window_->id(), refused));
+            batch.push_back(sceneWith(hasAudio, refused));
         run(batch);
         for (std::size_t i = 0; i < batch.size(); ++i) {
             RefusedScene& one = *batch[i];
@@ -225,6 +254,7 @@ void RefusedMemoryTest::anyAllocationIsRefused()
                 + QByteArray::number(one.scene.recorder.exitCode())];
         }
     }
+    qInfo("%lld allocations", static_cast<long long>(count));
     for (const auto& [end, times] : ends)
         qInfo("%d times %s", times, end.constData());
     QVERIFY2(objections.isEmpty(), objections.join("\n").constData());
