@@ -8,7 +8,7 @@
 namespace linesplitter {
 
 /// The longest line that is looked at, in bytes; a longer one is dropped whole.
-inline constexpr qsizetype longestLine = 1024 * 1024;
+inline constexpr qsizetype longestLine = qsizetype(1024) * 1024;
 
 /**
  * Hands every complete line in buffer (ended by a line feed; trimmed of white space; empty ones left out) to

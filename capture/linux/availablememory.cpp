@@ -15,7 +15,7 @@ namespace availablememory {
 namespace {
 
 constexpr qint64 bytesPerKibibyte = 1024;
-constexpr qint64 longestFile = 64 * 1024; // these are a few kilobytes
+constexpr qint64 longestFile = qint64(64) * 1024; // these are a few kilobytes
 
 QByteArray contents(const QString& path)
 {

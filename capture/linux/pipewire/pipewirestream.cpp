@@ -216,7 +216,7 @@ void CaptureStream::handleBuffer(const spa_buffer& buffer)
     AudioBlock block;
     block.arrivedNs = monotonicNs();
     block.startNs = block.arrivedNs;
-    block.frames = bytes / BlockQueue::frameBytes;
+    block.frames = qint64(bytes / BlockQueue::frameBytes);
     if (const spa_io_position* position = position_) {
         broken_ = std::exchange(clock_, position->clock.id) != position->clock.id || broken_;
         if (const auto current = cycle(position->clock, block.arrivedNs)) {

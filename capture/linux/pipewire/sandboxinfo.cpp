@@ -14,7 +14,7 @@ namespace sandboxinfo {
 
 namespace {
 
-constexpr qint64 mostBytes = 64 * 1024;
+constexpr qint64 mostBytes = qint64(64) * 1024;
 constexpr qsizetype longestId = 255; // as for names on the message bus
 
 bool isIdCharacter(char character)

@@ -28,7 +28,7 @@ bool fitsIntoMemory(size_t size)
 }
 
 /// Pixels per answer when reading through the socket; an answer has to fit into the socket whole (see Transport).
-constexpr qsizetype tileByteCount = 64 * 1024;
+constexpr qsizetype tileByteCount = qsizetype(64) * 1024;
 
 /// Segments grow in steps, so that dragging a window larger does not make a new one for every pixel.
 constexpr size_t segmentStep = size_t(1) << 20;

@@ -17,7 +17,7 @@ namespace {
 constexpr size_t unitSize = 32; ///< of a packet, at least
 
 /// What libxcb reads at a time.
-constexpr size_t portionSize = 16 * 1024;
+constexpr size_t portionSize = size_t(16) * 1024;
 
 /// The size of a packet, from its first 32 bytes.
 size_t packetSize(const uchar* start)
