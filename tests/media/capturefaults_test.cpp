@@ -1,21 +1,28 @@
-// Answers of the project's own rules that no platform brings about: they are replaced at link time.
+// What no platform brings about on demand, replaced at link time: an answer of the project's own rules, and a system
+// that has no thread left.
 #include "fakeaudio.h"
 #include "testregistry.h"
 
 #include "audioselection.h"
 #include "fakeplatform.h"
 #include "logcapture.h"
+#include "macwindowcapture.h"
 #include "recorderaudiocapture.h"
 
 #include <QTest>
 
+#include <memory>
+#include <system_error>
+#include <thread>
+
 namespace {
 
 bool leavesNobody = false;
+bool leavesNoThread = false;
 
 }
 
-// audioselection::partition() under its names for the linker (SELECTION_CALLS in CMakeLists.txt).
+// audioselection::partition() under its names for the linker (CAPTURE_CALLS in CMakeLists.txt).
 #define ORVANTIS_PARTITION                                                                                           \
     "_ZN14audioselection9partitionERKNS_6TargetERKSt6vectorIN8platform16AudioApplicationESaIS5_"                     \
     "EERKSt8functionIF7QStringxEE"
@@ -32,14 +39,28 @@ audioselection::Partition partitionInstead(
     return leavesNobody ? audioselection::Partition() : realPartition(target, applications, executableOf);
 }
 
+// What the constructor of std::thread calls, likewise.
+#define ORVANTIS_START_THREAD "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE"
+using ThreadState = std::unique_ptr<std::thread::_State>;
+void realStartThread(std::thread*, ThreadState, void (*)()) __asm__("__real_" ORVANTIS_START_THREAD);
+void startThreadInstead(std::thread*, ThreadState, void (*)()) __asm__("__wrap_" ORVANTIS_START_THREAD);
+
+void startThreadInstead(std::thread* thread, ThreadState state, void (*depend)())
+{
+    if (leavesNoThread)
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    realStartThread(thread, std::move(state), depend);
+}
+
 class CaptureFaultsTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
     void init() { fakeplatform::reset(); }
-    void cleanup() { leavesNobody = false; }
+    void cleanup() { leavesNobody = leavesNoThread = false; }
 
     void nobodyIsLeftToBeRecorded();
+    void noThreadForTheWindow();
 };
 
 /// The application itself always belongs to itself, so its rule has to fail.
@@ -59,6 +80,22 @@ void CaptureFaultsTest::nobodyIsLeftToBeRecorded()
 
     leavesNobody = false;
     QVERIFY(RecorderAudioCapture(QStringLiteral("app-pid:4242")).isValid());
+}
+
+/// The caller's own serves.
+void CaptureFaultsTest::noThreadForTheWindow()
+{
+    fakeplatform::state().image = [](int) { return fakeplatform::solidImage(40, 30, qRgb(1, 2, 3)); };
+    leavesNoThread = true;
+    const LogCapture log;
+    MacWindowCapture capture(QStringLiteral("42"));
+    leavesNoThread = false;
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList{
+            QStringLiteral("No thread for the capture of the window; one that stalls will hold up the recording.")});
+    QVERIFY(capture.isValid());
+    QRect bounds;
+    QCOMPARE(capture.capture(&bounds).size(), QSize(40, 30));
 }
 
 ORVANTIS_TEST(CaptureFaultsTest)
