@@ -69,8 +69,8 @@ bool GstRecorder::startEncoding(const QImage& image, long long ptsMs)
     return true;
 }
 
-/// Waits for the encoder and writes what it has ready. True when the frame is in the file. When it may not be, the
-/// next one must not build upon it.
+/// Waits for the encoder and writes what it has ready. True when the frame is in the file. When the encoder
+/// refused it, half done maybe, the next one must not build upon it.
 bool GstRecorder::finishEncoding()
 {
     const int status = frameSending.finish();
@@ -80,10 +80,7 @@ bool GstRecorder::finishEncoding()
         keyFrameIsDue = true;
         return false;
     }
-    if (writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:"))
-        return true;
-    keyFrameIsDue = true;
-    return false;
+    return writeVideoPackets("Unable to receive FFmpeg packet:", "Unable to write FFmpeg packet:");
 }
 
 /// Finishes the queued frame that is under way, if there is one.

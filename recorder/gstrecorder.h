@@ -311,7 +311,7 @@ private:
     qint64 videoFrameVersion = 0; // composedVersion that it holds, videoencoding.cpp; 0 is none
     FrameSending frameSending; // the frame that the encoder works on
     int64_t ptsBeforeMs = AV_NOPTS_VALUE; // of the frame before that one
-    bool keyFrameIsDue = false; // the frame before may be missing in the file, videoencoding.cpp
+    bool keyFrameIsDue = false; // the encoder refused the frame before, videoencoding.cpp
     BandConversion bandConversion; // of parts of an image; videoencoding.cpp
     bool isBehind = false; // more than one frame is due; recordingloop.cpp
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
