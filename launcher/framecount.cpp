@@ -10,7 +10,7 @@ namespace {
 
 constexpr qsizetype headerSize = 8;
 constexpr quint32 videoTrack = 1;
-constexpr qint64 largestBox = 16 * 1024 * 1024; // bytes; a "moof" of a second has some hundred
+constexpr qint64 largestBox = qint64(16) * 1024 * 1024; // bytes; a "moof" of a second has some hundred
 
 /// Calls a function with the type and the content of each box, until one is not whole.
 template <typename Function>
