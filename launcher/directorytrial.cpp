@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr qsizetype leastRoom = 64 * 1024; // bytes: a log and the first second of a small window
+constexpr qsizetype leastRoom = qsizetype(64) * 1024; // bytes: a log and the first second of a small window
 
 }
 

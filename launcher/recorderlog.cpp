@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr qint64 longestLine = 64 * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
+constexpr qint64 longestLine
+    = qint64(64) * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
 
 /// False when the file is not of this user, or was last written before the given time.
 bool openLog(QFile& file, const QString& path, const QDateTime& writtenSince)
@@ -75,7 +76,7 @@ QByteArrayList RecorderLog::newLines()
     QFile file;
     if (path().isEmpty() || !openLog(file, path(), startedAt_) || !file.seek(linesReadTo_))
         return {};
-    constexpr qint64 mostBytes = 1024 * 1024; // at once; the rest comes with the next call
+    constexpr qint64 mostBytes = qint64(1024) * 1024; // at once; the rest comes with the next call
     const QByteArray bytes = file.read(mostBytes);
     const qsizetype end = bytes.lastIndexOf('\n') + 1;
     linesReadTo_ += end > 0 || bytes.size() < mostBytes ? end : bytes.size(); // such a line is none of the recorder's

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 longestLine = 64 * 1024; // bytes; the recorder's have a few hundred
+constexpr qint64 longestLine = qint64(64) * 1024; // bytes; the recorder's have a few hundred
 constexpr int mostRuns = 20;
 
 /// The name of a log begins with when it was made; an invalid time when this one does not.
