@@ -80,6 +80,7 @@ private Q_SLOTS:
     void noServer();
     void unknownSource();
     void secondRecorder();
+    void oneAfterTheOther();
 
 private:
     /// Sends the frame until the window shows it.
@@ -451,6 +452,15 @@ void PipeWireWindowTest::secondRecorder()
     QVERIFY(shows(opaque(pattern(1))));
     QTRY_VERIFY_WITH_TIMEOUT(node_->send({pattern(2), {}, {}, {}}) && other.image() == opaque(pattern(2)), limitMs);
     QVERIFY(shows(opaque(pattern(2))));
+}
+
+void PipeWireWindowTest::oneAfterTheOther()
+{
+    start();
+    for (int i = 0; i < 5; ++i) {
+        window_ = std::make_unique<SampledWindow>(node_->id());
+        QVERIFY2(!window_->image().isNull(), QByteArray::number(node_->starts()));
+    }
 }
 
 ORVANTIS_TEST(PipeWireWindowTest)

@@ -153,7 +153,7 @@ platform::WindowSample NodeImages::sample()
 /// The recorder takes a window that gives no image at first for one that is gone.
 void NodeImages::awaitFirstFrame()
 {
-    constexpr std::chrono::milliseconds step{100}; // for the watch
+    constexpr std::chrono::milliseconds step{20}; // for the watch
     const auto latest = Wakeup::Clock::now() + longestWait;
     while (Wakeup::Clock::now() < latest) {
         {

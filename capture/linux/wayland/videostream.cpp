@@ -15,6 +15,7 @@ namespace {
 constexpr std::chrono::milliseconds firstAskAgain{200};
 constexpr std::chrono::milliseconds laterAskAgain{2000};
 constexpr int firstAsks = 5; // mutter gives a still window's first frame in four of five times that it is asked
+constexpr int asksBeforeNewBuffers = 2;
 constexpr int mostAreas = 64;
 constexpr const char* nodeName = "orvantis-recorder-window";
 
@@ -96,7 +97,8 @@ void VideoStream::handleFormat(const spa_pod* format)
         return;
     }
     waitingSince_ = Clock::now();
-    asked_ = 0;
+    if (!renewed_)
+        asked_ = 0;
     askAgainAt_ = *waitingSince_ + firstAskAgain;
     std::array<uint8_t, 2048> memory;
     spa_pod_builder builder{};
@@ -110,8 +112,23 @@ void VideoStream::watch(Clock::time_point now)
     if (!waitingSince_ || ended_ || now < askAgainAt_)
         return;
     askAgainAt_ = now + (++asked_ < firstAsks ? firstAskAgain : laterAskAgain);
+    if (asked_ >= asksBeforeNewBuffers && !std::exchange(renewed_, true)) {
+        renewBuffers();
+        return;
+    }
     pw_stream_set_active(stream_.get(), false);
     pw_stream_set_active(stream_.get(), true);
+}
+
+/// A recorder that ends, or is killed, keeps the buffer that it held: the node does not get it back, and has none
+/// left after some recorders. Formats that are offered anew make it agree upon new ones.
+void VideoStream::renewBuffers()
+{
+    std::array<uint8_t, 1024> memory;
+    spa_pod_builder builder{};
+    spa_pod_builder_init(&builder, memory.data(), memory.size());
+    const spa_pod* format = wantedFormats(builder);
+    pw_stream_update_params(stream_.get(), &format, 1);
 }
 
 void VideoStream::onRemoveBuffer(void* data, pw_buffer* buffer)
@@ -153,6 +170,7 @@ bool VideoStream::takeFrame(const spa_buffer& buffer)
     if (damage_ && damage_->rectCount() > mostAreas) // nobody may look for hours
         *damage_ = damage_->boundingRect();
     waitingSince_.reset();
+    renewed_ = false;
     ++version_;
     return true;
 }

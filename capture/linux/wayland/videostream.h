@@ -58,6 +58,7 @@ private:
     static void onRemoveBuffer(void* data, pw_buffer* buffer);
     static void onProcess(void* data);
     void connect(uint32_t node);
+    void renewBuffers();
     void handleState(pw_stream_state state, const char* error);
     void handleFormat(const spa_pod* format);
     void takeBuffers();
@@ -74,6 +75,7 @@ private:
     std::optional<Clock::time_point> waitingSince_;
     Clock::time_point askAgainAt_;
     int asked_ = 0; // again, since then
+    bool renewed_ = false; // the buffers, since the last frame
     qint64 version_ = 0;
     bool ended_ = false;
     pipewire::StreamHandle stream_; // last but the hook: its callbacks use the rest
