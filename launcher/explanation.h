@@ -12,6 +12,7 @@ struct Explanation {
         VideoHarmed, ///< the video is not what was asked for
         AudioHarmed, ///< likewise the audio
         NoImage, ///< the window gives none at the moment
+        WindowGone, ///< no frames of it will come any more
         Remark, ///< good to know
     };
 

@@ -71,7 +71,9 @@ int record(const Options& options)
     // way to end the choice of the window or the recording.
     SignalNotifier::restore(SIGINT);
     if (options.window.by == WindowWish::By::Click && !options.quiet)
-        stderrlines::write("click the window to record; another mouse button cancels\n");
+        stderrlines::write(asksTheDesktop(options.window)
+                ? "choose the window to record in the desktop's dialogue\n"
+                : "click the window to record; another mouse button cancels\n");
     const Target target = chooseTarget(options);
     if (!target.error.isEmpty()) {
         Outcome refused;

@@ -39,12 +39,12 @@ WindowWish OptionReader::window()
         wish.process = processId(text("pid"));
     isGiven("select", By::Click);
     isGiven("active", By::Focus);
+    isGiven("again", By::Again);
     if (given == 0)
-        refuse(
-            QStringLiteral("--window is missing, or one of --title, --pid, --select and --active; --list shows the "
-                           "windows"));
+        refuse(QStringLiteral("--window is missing, or one of --title, --pid, --select, --active and --again; --list "
+                              "shows the windows"));
     if (given > 1)
-        refuse(QStringLiteral("only one of --window, --title, --pid, --select and --active can be given"));
+        refuse(QStringLiteral("only one of --window, --title, --pid, --select, --active and --again can be given"));
     if (isSet("pid") && wish.process == 0)
         refuse(QStringLiteral("--pid: '%1' is no process id").arg(plainText(text("pid"))));
     if (isSet("title") && wish.title.isEmpty())

@@ -10,7 +10,8 @@ constexpr qsizetype textColumn = 24; // where what an option does begins
 
 const auto head = QStringLiteral("Usage: record-window WINDOW [OPTION...]\n"
                                  "Records one window, with its audio, into a video file. WINDOW is one of\n"
-                                 "--select, --active, --title, --pid and --window. Finished files need none.\n"
+                                 "--select, --again, --active, --title, --pid and --window. Finished files need\n"
+                                 "none.\n"
                                  "\n"
                                  "  record-window --select --output clip\n"
                                  "  record-window --title \"Release notes\" --seconds 30 --output demo.mp4\n"
@@ -74,7 +75,12 @@ const QList<OptionGroup>& optionGroups()
         {"Choose the window",
             {
                 {"list", "", "Show the windows that there are, with --json as JSON, and record nothing."},
-                {"select", "", "Record the window that is clicked next."},
+                {"select", "",
+                    "Record the window that is clicked next; on Wayland, the one that is chosen in the desktop's "
+                    "dialogue."},
+                {"again", "",
+                    "Wayland: record the window that --select chose last, without a question where the desktop "
+                    "remembers it."},
                 {"active", "", "Record the window that has the keyboard."},
                 {"title", "TEXT", "Record the window with this text in its title, or /regular expression/."},
                 {"pid", "PID", "Record the window of this process."},

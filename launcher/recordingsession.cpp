@@ -12,12 +12,17 @@
 #include <algorithm>
 #include <chrono>
 #include <unistd.h>
+#include <utility>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-const QString windowClosed = QStringLiteral("the window has closed");
+QString windowClosed(const Target& target)
+{
+    const QString closed = QStringLiteral("the window has closed");
+    return target.shared ? closed + QLatin1String(", or its sharing was ended") : closed;
+}
 constexpr qint64 readinessLeadMs = 500; // from the readiness byte to the first frame
 constexpr qint64 decodingLimitMs = 20'000; // of an hour's recording not all is decoded
 constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
@@ -52,7 +57,8 @@ RecordingSession::RecordingSession(const Options& options, const Target& target,
                 QStringLiteral("cannot start the recorder %1: %2")
                     .arg(plainText(options_.recorder), recorder_.errorString()));
     });
-    facts_.window = target_.window;
+    if (!target_.shared)
+        facts_.window = target_.window;
     connect(&logTimer_, &QTimer::timeout, this, &RecordingSession::readLog);
     finishTimer_.setSingleShot(true);
     connect(&finishTimer_, &QTimer::timeout, this, &RecordingSession::onFinishTimeout);
@@ -145,6 +151,8 @@ void RecordingSession::takeIn(const Explanation& explanation)
     toldSentences_.insert(explanation.sentence);
     if (explanation.meaning == Meaning::NoRecording && state_ == State::Starting)
         return giveUp(explanation.sentence);
+    if (explanation.meaning == Meaning::WindowGone)
+        return onWindowClosed();
     // Of several reasons for the same silence the first one is told.
     if (isAudio && audioIsHarmed_)
         return;
@@ -164,13 +172,14 @@ void RecordingSession::warn(const QString& sentence)
 void RecordingSession::onWindowClosed()
 {
     if (state_ == State::Starting)
-        return giveUp(windowClosed);
+        return giveUp(windowClosed(target_));
     if (state_ != State::Recording)
         return;
-    windowHasClosed_ = true;
+    if (std::exchange(windowHasClosed_, true))
+        return;
     if (options_.keepGoing)
-        return warn(windowClosed + QLatin1String("; the recording goes on without frames"));
-    progress_.step(windowClosed);
+        return warn(windowClosed(target_) + QLatin1String("; the recording goes on without frames"));
+    progress_.step(windowClosed(target_));
     requestStop();
 }
 
@@ -286,6 +295,8 @@ void RecordingSession::onRecorderEnded()
     progressTimer_.stop();
     logTimer_.stop();
     clickWatcher_.reset();
+    if (target_.shared)
+        target_.shared->close();
     server_.readLastReplies();
     finishTimer_.stop();
     readLog();
@@ -328,7 +339,7 @@ void RecordingSession::review()
     expectation.lengthMs = options_.lengthMs;
     expectation.withAudio = wantsAudio() && !audioIsHarmed_; // else the log has said why
     if (windowHasClosed_ && !options_.keepGoing)
-        expectation.earlyEnd = windowClosed;
+        expectation.earlyEnd = windowClosed(target_);
     outcome_.inspection = inspectRecording(outcome_.file, decodingLimitMs);
     for (const QString& complaint : judge(*outcome_.inspection, expectation))
         warn(complaint);

@@ -26,10 +26,11 @@ void judgeWithoutImage(const RunFacts& facts, Outcome& outcome)
         outcome.error = QStringLiteral("the recorder ended before it was ready (%1)").arg(endOfRecorder(facts));
     } else if (outcome.durationMs) {
         outcome.code = ExitCode::NoImage;
-        outcome.error = (facts.gaveUpWaiting ? QStringLiteral("window 0x%1 gave no image in time; is it closed or "
-                                                              "minimised?")
-                                             : QStringLiteral("window 0x%1 never gave an image"))
-                            .arg(facts.window, 0, 16);
+        const QString window = facts.window == 0 ? QStringLiteral("the window")
+                                                 : QStringLiteral("window 0x%1").arg(facts.window, 0, 16);
+        outcome.error = window
+            + (facts.gaveUpWaiting ? QLatin1String(" gave no image in time; is it closed or minimised?")
+                                   : QLatin1String(" never gave an image"));
     }
 }
 

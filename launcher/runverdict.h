@@ -8,7 +8,7 @@
 
 /// How the run went, as far as the outcome does not have it.
 struct RunFacts {
-    quint32 window = 0;
+    quint32 window = 0; ///< 0: it has no id that people know
     QString refusal; ///< why nothing can be recorded, as the log or the window told; mostly empty
     bool killed = false;
     bool wasReady = false; ///< before the stop was requested

@@ -86,6 +86,10 @@ QString RecordingSession::listen()
 
 void RecordingSession::watchWindow()
 {
+    if (target_.shared) {
+        connect(target_.shared.get(), &SharedWindow::ended, this, &RecordingSession::onWindowClosed);
+        return;
+    }
     if (!options_.watchClicks && options_.keepGoing)
         return;
     clickWatcher_ = std::make_unique<ClickWatcher>(target_.window,

@@ -39,6 +39,7 @@ WindowAnswer ask(const WindowWish& wish)
         return windowlist::picked();
     case WindowWish::By::Title:
     case WindowWish::By::Process:
+    case WindowWish::By::Again:
         break;
     }
     return listWindows();
@@ -58,6 +59,7 @@ QString noSuchWindow(const WindowWish& wish)
         return QStringLiteral("--title: no window has '%1' in its title; --list shows those that there are")
             .arg(plainText(wish.title));
     case WindowWish::By::Process:
+    case WindowWish::By::Again:
         break;
     }
     return QStringLiteral("--pid: process %1 shows no window; --list shows those that there are").arg(wish.process);
@@ -117,10 +119,48 @@ void chooseAudio(const AudioWish& wish, const std::optional<WindowInfo>& window,
     }
 }
 
+/// Of Wayland: nothing is known of it but its pixels.
+Target shareWindow(const Options& options)
+{
+    const bool again = options.window.by == WindowWish::By::Again;
+    const QLatin1String option(again ? "--again" : "--select");
+    Target target;
+    if (!SharedWindow::isUsual())
+        target.error = QStringLiteral("the desktop hands out windows on Wayland only; choose one with --select");
+    else if (!options.clicks.isEmpty())
+        target.error = QStringLiteral("--click: a window of Wayland has no position on the screen");
+    if (target.error.isEmpty())
+        chooseAudio(options.audio, std::nullopt, target);
+    if (target.error.isEmpty()) {
+        target.shared = std::make_shared<SharedWindow>();
+        target.error = target.shared->choose(again ? SharedWindow::Choice::Again : SharedWindow::Choice::Ask);
+    }
+    if (!target.error.isEmpty()) {
+        if (!target.error.startsWith(QLatin1String("--")))
+            target.error.prepend(option + QLatin1String(": "));
+        return target;
+    }
+    target.window = target.shared->node();
+    target.canvas = options.canvas ? *options.canvas : target.shared->measure();
+    if (target.canvas.isEmpty())
+        target.canvas = usualCanvas;
+    target.remarks += target.shared->remark();
+    if (options.watchClicks)
+        target.remarks += QStringLiteral("mouse clicks are not watched: Wayland tells them to the window alone");
+    return target;
+}
+
+}
+
+bool asksTheDesktop(const WindowWish& wish)
+{
+    return wish.by == WindowWish::By::Again || (wish.by == WindowWish::By::Click && SharedWindow::isUsual());
 }
 
 Target chooseTarget(const Options& options)
 {
+    if (asksTheDesktop(options.window))
+        return shareWindow(options);
     Target target;
     const std::optional<WindowInfo> window = chooseWindow(options.window, target);
     if (!target.error.isEmpty())

@@ -9,7 +9,7 @@
 
 /// Which window is meant.
 struct WindowWish {
-    enum class By { Id, Title, Process, Click, Focus };
+    enum class By { Id, Title, Process, Click, Focus, Again };
 
     By by = By::Id;
     quint32 id = 0;

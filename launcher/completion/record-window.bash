@@ -35,7 +35,7 @@ _record_window() {
         --title | --seconds | --countdown | --click | --ready-timeout | --finish-timeout) ;;
         *)
             mapfile -t COMPREPLY < <(compgen -W "
-                --list --select --active --title --pid --window
+                --list --select --again --active --title --pid --window
                 --seconds --countdown --keep-going --canvas --audio --pointer --no-popups --no-watch-clicks --click
                 --output --force --log-dir
                 --share --contact-sheet --sha256 --share-only --verify --explain
