@@ -58,6 +58,7 @@ RecordWindowProcess::RecordWindowProcess(const char* fakeMode)
     setEnvironment("FAKE_RECORDER_MODE", fakeMode);
     setEnvironment("FAKE_RECORDER_FILE", clipPath().toUtf8());
     unsetEnvironment("DISPLAY");
+    unsetEnvironment("WAYLAND_DISPLAY");
     process_.setWorkingDirectory(directory_.path());
 }
 

@@ -2,6 +2,7 @@
 #include "privateaudioserver.h"
 
 #include "audioserverfiles.h"
+#include "childprocess.h"
 #include "descriptor.h"
 
 #include <QDir>
@@ -11,15 +12,18 @@
 #include <QThread>
 
 #include <csignal>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+using childprocess::end;
+using childprocess::endLimitMs;
+using childprocess::endWithParent;
+using childprocess::isAlive;
+using childprocess::startLimitMs;
+
 namespace {
 
-constexpr int startLimitMs = 30'000; // 100 ms when nothing else runs
-constexpr int endLimitMs = 10'000;
 constexpr int pollMs = 5;
 
 /// True when a process listens at a Unix socket.
@@ -30,33 +34,6 @@ bool isListening(const QString& path)
     qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
     const Descriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return ::connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-}
-
-void endWithParent(QProcess& process)
-{
-    process.setChildProcessModifier([parent = ::getpid()] {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent)
-            ::_exit(1); // the parent was gone before the line above
-    });
-}
-
-bool isAlive(QProcess& process)
-{
-    process.waitForFinished(0); // notices an end that no event loop has reported yet
-    return process.state() == QProcess::Running;
-}
-
-void end(QProcess& process)
-{
-    if (!isAlive(process))
-        return;
-    ::kill(pid_t(process.processId()), SIGCONT); // a stopped one would not hear the next signal
-    process.terminate();
-    if (process.waitForFinished(endLimitMs))
-        return;
-    process.kill();
-    process.waitForFinished(endLimitMs);
 }
 
 }
