@@ -129,6 +129,8 @@ void WaylandDesktopTest::browser()
     scene.command.canvasWidth = QString::number(canvas.width());
     scene.command.canvasHeight = QString::number(canvas.height());
     scene.recorder.setVariable(QStringLiteral("ORVANTIS_WINDOW_SOURCE"), QStringLiteral("pipewire"));
+    scene.recorder.setVariable(
+        QStringLiteral("XDG_RUNTIME_DIR"), desktop.environment().value(QStringLiteral("XDG_RUNTIME_DIR")));
     QVERIFY2(scene.startRecording(), scene.story());
     QVERIFY2(scene.waitUntilRecorded(2500), scene.story());
     const WaylandWindow cover(desktop, QStringLiteral("cover"), QSize(1280, 720), {QStringLiteral("still")});
