@@ -171,6 +171,9 @@ int startup::requestPermissions()
     }
     qDebug() << "recorder permission preflight completed"
              << "screenCaptureAllowed" << allowed;
+    if (allowed)
+        return 0;
+    platform::enrolForScreenCapture();
     constexpr int refusedExitCode = 2;
-    return allowed ? 0 : refusedExitCode;
+    return refusedExitCode;
 }

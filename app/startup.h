@@ -47,7 +47,7 @@ void preparePainting();
 void logRefusedPlugIns(const QStringList& directories);
 
 /// Checks, and if need be requests, the screen-recording permission; the exit code of permission mode: 0 when
-/// it is held, 2 when not.
+/// it is held, 2 when not; then the system's settings name the program afterwards, as far as they can.
 int requestPermissions();
 
 }

@@ -3,6 +3,7 @@
 #include "macwindowcapture.h"
 
 #include "platform/screen.h"
+#include "visiblepixels.h"
 #include "windowbounds.h"
 #include "windowsampling.h"
 
@@ -102,6 +103,7 @@ CapturedWindow MacWindowCapture::captureWindow(bool withBounds) const
         warnOfNoImage(sample);
     if (sample.image.isNull() || !takeImage(sample))
         return {};
+    warnOfEmptyImages();
     CapturedWindow captured = last;
     if (withBounds) {
         const QRect rounded = sample.bounds ? windowbounds::roundedRect(*sample.bounds) : QRect();
@@ -126,6 +128,25 @@ void MacWindowCapture::warnOfNoImage(const platform::WindowSample& sample) const
         return;
     warnedNoImage = true;
     qWarning() << "macOS CoreGraphics capture returned no image for window" << windowId;
+}
+
+/// macOS 15 wants to be asked for the permission again from time to time. Until its user has answered it may give
+/// nothing to see, although it says that the permission is held.
+void MacWindowCapture::warnOfEmptyImages() const
+{
+    constexpr int most = 72; // three seconds of recording
+    if (emptyImages >= most)
+        return;
+    if (last.opaque || visiblepixels::hasAny(last.image)) {
+        emptyImages = most;
+        return;
+    }
+    if (++emptyImages < most)
+        return;
+    qWarning() << "Captured window has shown nothing but transparent images so far, although the permission is held "
+                  "(a newer macOS asks for it again from time to time, and gives none until it is answered). Told "
+                  "once; window:"
+               << windowId;
 }
 
 /// Brings the last image up to date. False when there is no memory for it.

@@ -63,12 +63,15 @@ public:
 private:
     bool ensureAccess();
     void warnOfNoImage(const platform::WindowSample& sample) const;
+    void warnOfEmptyImages() const;
     bool takeImage(const platform::WindowSample& sample) const;
     SharedImages::Image straightened(const platform::WindowSample& sample, const RowSet& rows) const;
 
     quint32 windowId = 0; ///< the system's id of the window; 0 until configured
     bool valid = false;
     mutable bool warnedNoImage = false; ///< worker thread; the warning was given, never cleared
+
+    mutable int emptyImages = 0; ///< worker thread; so far, no more are counted once they are told of or one is not
 
     std::unique_ptr<WindowSampling> sampling; ///< null while invalid
     mutable CapturedWindow last; ///< worker thread; without bounds and pointer. A null image: what comes is all new

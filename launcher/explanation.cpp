@@ -54,6 +54,9 @@ constexpr auto entries = std::to_array<Entry>({
         "the system asks for the permission to record the screen; grant it"},
     {"macOS screen recording permission was not granted", Meaning::NoRecording, noCapture},
     {"macOS CoreGraphics window capture setup failed.", Meaning::NoRecording, noCapture},
+    {"Captured window has shown nothing but transparent images", Meaning::Remark,
+        "nothing of the window can be seen so far; on a Mac, has the system asked again whether the screen may be "
+        "recorded? Answer it, or see System Settings, Privacy & Security"},
     {"macOS window capture is not available.", Meaning::NoRecording, noCapture},
     {"PipeWire is not there for the capture of windows", Meaning::NoRecording,
         "PipeWire, which hands out windows of Wayland, cannot be reached; is it running? Is ORVANTIS_PIPEWIRE_FD "

@@ -37,6 +37,9 @@ bool requestScreenCaptureAccess()
     return preflightScreenCaptureAccess();
 }
 
+// There is no such place.
+void enrolForScreenCapture() { }
+
 namespace {
 
 /// A window of an X server, with what pops out of it when that is wanted.

@@ -2,9 +2,12 @@
 #include "platform/screen.h"
 
 #include "coregraphics.h"
+#include "dispatch.h"
+#include "screencapturekit.h"
 #include "sharedimages.h"
+#include "visiblepixels.h"
 
-#include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace platform {
@@ -17,6 +20,16 @@ bool preflightScreenCaptureAccess()
 bool requestScreenCaptureAccess()
 {
     return macos::requestScreenCaptureAccess();
+}
+
+// The system lists a program that asks what can be captured, which an answer that comes too late, or is an error,
+// does not change.
+void enrolForScreenCapture()
+{
+    constexpr std::chrono::nanoseconds longest = std::chrono::seconds(5);
+    const auto answered = std::make_shared<macos::Semaphore>();
+    macos::requestShareableContent(true, true, [answered](const auto&, const auto&) { answered->signal(); });
+    answered->wait(longest.count());
 }
 
 struct WindowSource::Impl {
@@ -41,17 +54,6 @@ bool draw(const macos::WindowImage& window, QImage& image)
         return false;
     image.fill(Qt::transparent);
     return window.drawInto(image.bits(), std::size_t(image.bytesPerLine()));
-}
-
-/// Nearly every window has a visible pixel among its first ones.
-bool hasVisiblePixel(const QImage& image)
-{
-    for (int y = 0; y < image.height(); ++y) {
-        const auto* line = reinterpret_cast<const quint32*>(image.constScanLine(y));
-        if (std::any_of(line, line + image.width(), [](quint32 pixel) { return pixel >> 24U != 0; }))
-            return true;
-    }
-    return false;
 }
 
 bool isOnePixel(const QImage& image)
@@ -82,7 +84,7 @@ WindowSample WindowSource::sample(bool withBounds)
     sample.unusable = !draw(*window, impl_->drawn);
     if (sample.unusable)
         return sample;
-    const bool visible = hasVisiblePixel(drawn);
+    const bool visible = visiblepixels::hasAny(drawn);
     const bool isDoubtful = !visible || isOnePixel(drawn);
     std::optional<macos::WindowEntry> entry;
     if (withBounds || isDoubtful)

@@ -20,6 +20,10 @@ bool preflightScreenCaptureAccess();
 /// Asks for the permission to capture windows (may show a dialog of the system) and tells whether it is held.
 bool requestScreenCaptureAccess();
 
+/// After a refusal: has the system name the program where its user can give the permission later, if it has such a
+/// place and does not do so by itself. Takes seconds at most.
+void enrolForScreenCapture();
+
 /// What a window shows at one moment.
 struct WindowSample {
     /// The window's pixels, without frame effects such as shadows; null when there is no image (no such window,

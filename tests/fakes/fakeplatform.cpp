@@ -68,6 +68,11 @@ bool requestScreenCaptureAccess()
     return state().requestAnswer;
 }
 
+void enrolForScreenCapture()
+{
+    ++state().enrolments;
+}
+
 struct WindowSource::Impl {
     int imagesAsked = 0;
     qint64 lastKey = 0; // of the last one that was not null

@@ -21,6 +21,7 @@ struct State {
     bool requestAnswer = true;
     int preflightCalls = 0;
     int requestCalls = 0;
+    int enrolments = 0;
 
     /// The window's image; called with the number of images asked for before (0 first).
     std::function<QImage(int)> image;

@@ -49,6 +49,8 @@ private Q_SLOTS:
 
     void permissionMode_data();
     void permissionMode();
+    void refusalHasTheProgramListed_data();
+    void refusalHasTheProgramListed();
     void permissionProcess_data();
     void permissionProcess();
     void recordingWithoutPermission();
@@ -122,6 +124,34 @@ void MacProcessTest::permissionMode()
     QCOMPARE(bench_->log.messages(QtDebugMsg), lines);
     QCOMPARE(bench_->log.messages(), lines);
     QCOMPARE(macsim::record().requests, before ? 0 : 1);
+    QCOMPARE(macsim::record().contents.size(), exitCode == 0 ? 0U : 1U);
+}
+
+void MacProcessTest::refusalHasTheProgramListed_data()
+{
+    QTest::addColumn<int>("when");
+    QTest::addColumn<bool>("error");
+    QTest::newRow("answered at once") << int(macsim::When::AtOnce) << false;
+    QTest::newRow("answered soon") << int(macsim::When::Soon) << false;
+    QTest::newRow("refused") << int(macsim::When::Soon) << true;
+    QTest::newRow("never answered") << int(macsim::When::Held) << false;
+}
+
+/// Some systems list a program in their settings only when it has asked for what can be captured.
+void MacProcessTest::refusalHasTheProgramListed()
+{
+    QFETCH(const int, when);
+    QFETCH(const bool, error);
+    answers().preflight = {false};
+    answers().request = false;
+    answers().content = macsim::When(when);
+    if (error)
+        answers().contentError = macsim::Error("The user declined");
+    QCOMPARE(startup::requestPermissions(), 2);
+    const macsim::Record record = macsim::record();
+    QCOMPARE(record.contents.size(), 1U);
+    QCOMPARE(record.waits, std::vector<std::int64_t>{5000000000});
+    QCOMPARE(macsim::answerHeld(macsim::Call::Content), when == int(macsim::When::Held)); // and comes to nothing then
 }
 
 void MacProcessTest::permissionProcess_data()
@@ -130,8 +160,9 @@ void MacProcessTest::permissionProcess_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("lines");
     QTest::addColumn<QByteArray>("asked");
-    const QByteArray once = "1 preflights, 0 requests";
-    const QByteArray twice = "2 preflights, 1 requests";
+    const QByteArray once = "1 preflights, 0 requests, 0 contents";
+    const QByteArray twice = "2 preflights, 1 requests, 0 contents";
+    const QByteArray listed = "2 preflights, 1 requests, 1 contents";
     const QByteArray before = "macOS screen recording preflight before request ";
     const QByteArray request = "macOS screen recording request result ";
     const QByteArray result = "recorder permission preflight completed screenCaptureAllowed ";
@@ -147,7 +178,7 @@ void MacProcessTest::permissionProcess_data()
     QTest::newRow("refused") << "refused" << 2
                              << QByteArray(before + "false\n" + request + "false preflight after request false\n"
                                     + result + "false\n")
-                             << twice;
+                             << listed;
 }
 
 void MacProcessTest::permissionProcess()
@@ -192,7 +223,8 @@ void MacProcessTest::recordingWithoutPermission()
             QStringLiteral("macOS CoreGraphics window capture setup failed.")}));
     QCOMPARE(log.last().text, QStringLiteral("recorder exiting 2"));
     QCOMPARE(launcher.received(), QByteArray());
-    QVERIFY2(recorder.standardError().endsWith(toldAtTheEnd("2 preflights, 1 requests")), recorder.standardError());
+    QVERIFY2(recorder.standardError().endsWith(toldAtTheEnd("2 preflights, 1 requests, 0 contents")),
+        recorder.standardError());
 }
 
 void MacProcessTest::logOutFinishesTheFile()

@@ -16,6 +16,9 @@ namespace {
 
 constexpr std::uint32_t windowId = 42;
 const QString noImageLine = QStringLiteral("macOS CoreGraphics capture returned no image for window 42");
+const QString emptyImagesLine = QStringLiteral(
+    "Captured window has shown nothing but transparent images so far, although the permission is held (a newer macOS "
+    "asks for it again from time to time, and gives none until it is answered). Told once; window: 42");
 
 /// What each window shows now; windows have no image unless it is set.
 void show(const WindowImage& image)
@@ -51,6 +54,7 @@ private Q_SLOTS:
     void placeholderIsNoImage();
     void imageThatOnlyLooksLikeAPlaceholder_data();
     void imageThatOnlyLooksLikeAPlaceholder();
+    void emptyImagesOfAHeldPermissionAreWarnedOf();
     void visiblePixelIsFoundAnywhere();
     void imageComesBack();
     void unusableImageLeavesTheWarningForLater();
@@ -307,6 +311,19 @@ void MacWindowTest::imageThatOnlyLooksLikeAPlaceholder()
     QVERIFY(!capture.capture(nullptr).isNull());
     QVERIFY(bounds.isValid());
     QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList());
+}
+
+/// A system that wants to be asked for the permission again says that it is held, and may give empty images.
+void MacWindowTest::emptyImagesOfAHeldPermissionAreWarnedOf()
+{
+    show(macsim::solidImage(40, 30, 0));
+    const MacWindowCapture capture(QStringLiteral("42"));
+    for (int i = 0; i < 71; ++i)
+        QVERIFY(!capture.capture(nullptr).isNull());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList());
+    for (int i = 0; i < 200; ++i)
+        QVERIFY(!capture.capture(nullptr).isNull());
+    QCOMPARE(bench_->log.messages(QtWarningMsg), QStringList(emptyImagesLine));
 }
 
 void MacWindowTest::visiblePixelIsFoundAnywhere()

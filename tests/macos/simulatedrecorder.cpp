@@ -34,8 +34,9 @@ private:
         for (const long policy : record.activationPolicies)
             std::fprintf(stderr, "simulated: activation policy %ld\n", policy);
         const std::string verdict = macsim::verdict();
-        std::fprintf(stderr, "simulated: %d preflights, %d requests\nsimulated: %s\n", record.preflights,
-            record.requests, verdict.empty() ? "nothing is wrong" : verdict.c_str());
+        std::fprintf(stderr, "simulated: %d preflights, %d requests, %zu contents\nsimulated: %s\n",
+            record.preflights, record.requests, record.contents.size(),
+            verdict.empty() ? "nothing is wrong" : verdict.c_str());
     }
 };
 

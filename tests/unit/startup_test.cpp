@@ -407,6 +407,7 @@ void StartupTest::permissionMode()
     const LogCapture log;
     QTEST(startup::requestPermissions(), "exitCode");
     QTEST(fakeplatform::state().requestCalls, "requests");
+    QCOMPARE(fakeplatform::state().enrolments, QTest::currentDataTag() == QByteArray("refused") ? 1 : 0);
     QTEST(log.messages(), "lines");
     QTEST(log.messages(QtDebugMsg), "lines");
 }
