@@ -6,17 +6,19 @@
 #include <optional>
 #include <string>
 
+#pragma clang assume_nonnull begin
+
 namespace macos {
 
 /// Empty for nil.
-inline std::string text(NSString* string)
+inline std::string text(NSString* _Nullable string)
 {
-    const char* utf8 = [string UTF8String];
+    const char* _Nullable utf8 = [string UTF8String];
     return utf8 ? std::string(utf8) : std::string();
 }
 
 /// What the error says to people; nothing when there is no error.
-inline std::optional<std::string> errorText(NSError* error)
+inline std::optional<std::string> errorText(NSError* _Nullable error)
 {
     if (!error)
         return std::nullopt;
@@ -24,3 +26,5 @@ inline std::optional<std::string> errorText(NSError* error)
 }
 
 }
+
+#pragma clang assume_nonnull end

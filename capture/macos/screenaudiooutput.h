@@ -6,19 +6,21 @@
 
 #import <ScreenCaptureKit/ScreenCaptureKit.h>
 
+#pragma clang assume_nonnull begin
+
 @interface MacScreenAudioOutput : NSObject <SCStreamOutput, SCStreamDelegate> {
 @public
     /// Not owned; null when no more calls are made. Read and written with the object's lock held (@synchronized),
     /// which is also held during a call of the owner: after null was set no call runs on another thread.
-    const macos::OutputOwner* _owner;
+    const macos::OutputOwner* _Nullable _owner;
 }
-- (instancetype)initWithOwner:(const macos::OutputOwner*)owner;
+- (nullable instancetype)initWithOwner:(const macos::OutputOwner*)owner;
 @end
 
 namespace macos {
 
 /// From now on the object, which may be nil, makes no call. Waits for a call that runs on another thread.
-void disown(MacScreenAudioOutput* output);
+void disown(MacScreenAudioOutput* _Nullable output);
 
 struct AudioOutput::Impl {
     explicit Impl(OutputOwner owner);
@@ -28,3 +30,5 @@ struct AudioOutput::Impl {
 };
 
 }
+
+#pragma clang assume_nonnull end

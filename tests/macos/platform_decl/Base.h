@@ -25,6 +25,11 @@ typedef unsigned long NSUInteger;
 #endif
 
 #define PLATFORM_C extern "C"
+// As the frameworks' headers: a pointer that is not marked is never null, and what a function of Core Foundation's
+// kind gives is named after what it gives ("create" and "copy": a reference).
+#define PLATFORM_BEGIN _Pragma("clang assume_nonnull begin") _Pragma("clang arc_cf_code_audited begin")
+#define PLATFORM_END _Pragma("clang arc_cf_code_audited end") _Pragma("clang assume_nonnull end")
+#define PLATFORM_RETURNS_RETAINED __attribute__((cf_returns_retained))
 #define PLATFORM_SINCE(version) __attribute__((availability(macos, introduced = version)))
 #define PLATFORM_ENUM(type, name)                                                                                    \
     enum name : type name;                                                                                           \

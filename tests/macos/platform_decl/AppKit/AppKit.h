@@ -3,11 +3,13 @@
 
 #include <Foundation/Foundation.h>
 
-typedef PLATFORM_ENUM(NSInteger, NSApplicationActivationPolicy) {
+PLATFORM_BEGIN
+
+typedef PLATFORM_ENUM(NSInteger, NSApplicationActivationPolicy){
     NSApplicationActivationPolicyAccessory = 1,
 };
 
-typedef PLATFORM_ENUM(NSUInteger, NSApplicationTerminateReply) {
+typedef PLATFORM_ENUM(NSUInteger, NSApplicationTerminateReply){
     NSTerminateCancel = 0,
     NSTerminateNow = 1,
 };
@@ -16,17 +18,19 @@ typedef PLATFORM_ENUM(NSUInteger, NSApplicationTerminateReply) {
 
 @protocol NSApplicationDelegate <NSObject>
 @optional
-- (NSApplicationTerminateReply)applicationShouldTerminate:(nonnull NSApplication*)sender;
+- (NSApplicationTerminateReply)applicationShouldTerminate:(NSApplication*)sender;
 @end
 
 @interface NSApplication : NSObject
 - (nullable id<NSApplicationDelegate>)delegate;
 - (void)setDelegate:(nullable id<NSApplicationDelegate>)delegate;
-@property(class, readonly, strong, nonnull) __kindof NSApplication* sharedApplication;
+@property (class, readonly, strong) __kindof NSApplication* sharedApplication;
 - (BOOL)setActivationPolicy:(NSApplicationActivationPolicy)activationPolicy;
 @end
 
 @interface NSRunningApplication : NSObject
 + (nullable instancetype)runningApplicationWithProcessIdentifier:(pid_t)processId;
-@property(readonly, copy, nullable) NSURL* executableURL;
+@property (readonly, copy, nullable) NSURL* executableURL;
 @end
+
+PLATFORM_END

@@ -3,10 +3,12 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+PLATFORM_BEGIN
+
 typedef struct AudioBuffer {
     uint32_t mNumberChannels;
     uint32_t mDataByteSize;
-    void* mData;
+    void* _Nullable mData;
 } AudioBuffer;
 
 typedef struct AudioBufferList {
@@ -18,7 +20,7 @@ enum : uint32_t {
     kAudioFormatLinearPCM = 0x6c70636d, // 'lpcm'
 };
 
-typedef PLATFORM_OPTIONS(uint32_t, AudioFormatFlags) {
+typedef PLATFORM_OPTIONS(uint32_t, AudioFormatFlags){
     kAudioFormatFlagIsFloat = 1U << 0,
     kAudioFormatFlagIsSignedInteger = 1U << 2,
     kAudioFormatFlagIsNonInterleaved = 1U << 5,
@@ -35,3 +37,5 @@ typedef struct AudioStreamBasicDescription {
     uint32_t mBitsPerChannel;
     uint32_t mReserved;
 } AudioStreamBasicDescription;
+
+PLATFORM_END

@@ -3,6 +3,8 @@
 
 #include "../Base.h"
 
+PLATFORM_BEGIN
+
 typedef const void* CFTypeRef;
 typedef signed long CFIndex;
 typedef unsigned char Boolean;
@@ -16,9 +18,11 @@ typedef const struct __attribute__((objc_bridge(NSString))) __CFString* CFString
 typedef const struct __CFBoolean* CFBooleanRef;
 PLATFORM_C Boolean CFBooleanGetValue(CFBooleanRef boolean);
 
-PLATFORM_C const CFAllocatorRef kCFAllocatorDefault;
+PLATFORM_C const CFAllocatorRef _Nullable kCFAllocatorDefault;
 
 PLATFORM_C void CFRelease(CFTypeRef object);
 PLATFORM_C CFIndex CFArrayGetCount(CFArrayRef array);
-PLATFORM_C const void* CFArrayGetValueAtIndex(CFArrayRef array, CFIndex index);
-PLATFORM_C const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key);
+PLATFORM_C const void* _Nullable CFArrayGetValueAtIndex(CFArrayRef array, CFIndex index);
+PLATFORM_C const void* _Nullable CFDictionaryGetValue(CFDictionaryRef dictionary, const void* _Nullable key);
+
+PLATFORM_END

@@ -3,6 +3,8 @@
 
 #include <CoreAudioTypes/CoreAudioTypes.h>
 
+PLATFORM_BEGIN
+
 #pragma pack(push, 4)
 typedef struct {
     int64_t value;
@@ -32,14 +34,16 @@ typedef CMFormatDescriptionRef CMAudioFormatDescriptionRef;
 PLATFORM_C Boolean CMSampleBufferIsValid(CMSampleBufferRef buffer);
 PLATFORM_C CMItemCount CMSampleBufferGetNumSamples(CMSampleBufferRef buffer);
 PLATFORM_C CMTime CMSampleBufferGetPresentationTimeStamp(CMSampleBufferRef buffer);
-PLATFORM_C CMFormatDescriptionRef CMSampleBufferGetFormatDescription(CMSampleBufferRef buffer);
-PLATFORM_C const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasicDescription(
+PLATFORM_C CMFormatDescriptionRef _Nullable CMSampleBufferGetFormatDescription(CMSampleBufferRef buffer);
+PLATFORM_C const AudioStreamBasicDescription* _Nullable CMAudioFormatDescriptionGetStreamBasicDescription(
     CMAudioFormatDescriptionRef description);
 
 enum {
     kCMSampleBufferFlag_AudioBufferList_Assure16ByteAlignment = 1U << 0,
 };
 PLATFORM_C OSStatus CMSampleBufferGetAudioBufferListWithRetainedBlockBuffer(CMSampleBufferRef buffer,
-    size_t* bufferListSizeNeeded, AudioBufferList* bufferList, size_t bufferListSize,
-    CFAllocatorRef blockBufferStructureAllocator, CFAllocatorRef blockBufferBlockAllocator, uint32_t flags,
-    CMBlockBufferRef* blockBuffer);
+    size_t* _Nullable bufferListSizeNeeded, AudioBufferList* _Nullable bufferList, size_t bufferListSize,
+    CFAllocatorRef _Nullable blockBufferStructureAllocator, CFAllocatorRef _Nullable blockBufferBlockAllocator,
+    uint32_t flags, PLATFORM_RETURNS_RETAINED CMBlockBufferRef _Nullable* _Nullable blockBuffer);
+
+PLATFORM_END

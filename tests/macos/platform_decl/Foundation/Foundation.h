@@ -3,6 +3,8 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+PLATFORM_BEGIN
+
 @class NSString;
 
 #ifndef __APPLE__
@@ -17,7 +19,8 @@
 - (NSUInteger)retainCount;
 @end
 
-__attribute__((objc_root_class)) @interface NSObject <NSObject> {
+__attribute__((objc_root_class))
+@interface NSObject<NSObject> {
     Class isa;
 }
 + (instancetype)alloc;
@@ -33,42 +36,44 @@ __attribute__((objc_root_class)) @interface NSObject <NSObject> {
 #endif
 
 @interface NSString : NSObject
-+ (nullable instancetype)stringWithUTF8String:(nonnull const char*)text;
-@property(readonly, nullable) const char* UTF8String __attribute__((objc_returns_inner_pointer));
++ (nullable instancetype)stringWithUTF8String:(const char*)text;
+@property (readonly, nullable) const char* UTF8String __attribute__((objc_returns_inner_pointer));
 @end
 
 @interface NSArray<__covariant ObjectType> : NSObject
-+ (nonnull instancetype)array;
-@property(readonly) NSUInteger count;
-- (nonnull ObjectType)objectAtIndex:(NSUInteger)index;
++ (instancetype)array;
+@property (readonly) NSUInteger count;
+- (ObjectType)objectAtIndex:(NSUInteger)index;
 @end
 
 @interface NSMutableArray<ObjectType> : NSArray <ObjectType>
-- (void)addObject:(nonnull ObjectType)object;
+- (void)addObject:(ObjectType)object;
 @end
 
 @interface NSError : NSObject
-@property(readonly, copy, nonnull) NSString* localizedDescription;
+@property (readonly, copy) NSString* localizedDescription;
 @end
 
 @interface NSURL : NSObject
-@property(readonly, copy, nullable) NSString* path;
+@property (readonly, copy, nullable) NSString* path;
 @end
 
-typedef PLATFORM_OPTIONS(uint64_t, NSActivityOptions) {
+typedef PLATFORM_OPTIONS(uint64_t, NSActivityOptions){
     NSActivityUserInitiatedAllowingIdleSystemSleep = 0x00efffffULL,
     NSActivityLatencyCritical = 0xff00000000ULL,
 };
 
 @interface NSProcessInfo : NSObject
-@property(class, readonly, strong, nonnull) NSProcessInfo* processInfo;
-- (nonnull id<NSObject>)beginActivityWithOptions:(NSActivityOptions)options reason:(nonnull NSString*)reason;
-- (void)endActivity:(nonnull id<NSObject>)activity;
+@property (class, readonly, strong) NSProcessInfo* processInfo;
+- (id<NSObject>)beginActivityWithOptions:(NSActivityOptions)options reason:(NSString*)reason;
+- (void)endActivity:(id<NSObject>)activity;
 @end
 
 @interface NSBundle : NSObject
-@property(class, readonly, strong, nonnull) NSBundle* mainBundle;
-@property(readonly, copy, nonnull) NSString* bundlePath;
-@property(readonly, copy, nullable) NSString* bundleIdentifier;
-@property(readonly, copy, nullable) NSString* executablePath;
+@property (class, readonly, strong) NSBundle* mainBundle;
+@property (readonly, copy) NSString* bundlePath;
+@property (readonly, copy, nullable) NSString* bundleIdentifier;
+@property (readonly, copy, nullable) NSString* executablePath;
 @end
+
+PLATFORM_END
