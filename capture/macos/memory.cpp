@@ -1,4 +1,4 @@
-// Memory that can be seen at several addresses, on the Mac.
+// Memory that can be seen at several addresses, on the Mac; what other systems do alike is in posixmemory.cpp.
 #include "platform/memory.h"
 
 #include <mach/mach.h>
@@ -6,26 +6,6 @@
 #include <sys/mman.h>
 
 namespace platform {
-
-namespace {
-
-uchar* map(std::size_t size, int protection, int flags)
-{
-    void* const memory = ::mmap(nullptr, size, protection, flags, -1, 0);
-    return memory == MAP_FAILED ? nullptr : static_cast<uchar*>(memory);
-}
-
-}
-
-uchar* takeMemory(std::size_t size)
-{
-    return map(size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANON);
-}
-
-uchar* reserveAddresses(std::size_t size)
-{
-    return map(size, PROT_NONE, MAP_PRIVATE | MAP_ANON | MAP_NORESERVE);
-}
 
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
 {
@@ -43,11 +23,6 @@ bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
 void emptyMemory(uchar* memory, std::size_t size)
 {
     ::madvise(memory, size, MADV_FREE);
-}
-
-void freeMemory(uchar* memory, std::size_t size)
-{
-    ::munmap(memory, size);
 }
 
 }
