@@ -2,6 +2,7 @@
 #include "gstrecorder.h"
 #include "lastline.h"
 #include "platform/application.h"
+#include "platform/recordinghold.h"
 #include "recorderapplication.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"

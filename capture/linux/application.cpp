@@ -1,5 +1,6 @@
 // The process on Linux: no Dock, no bundles; peers of a local socket are known to the kernel.
 #include "platform/application.h"
+#include "platform/recordinghold.h"
 
 #include <QByteArray>
 

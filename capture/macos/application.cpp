@@ -2,7 +2,6 @@
 #include "platform/application.h"
 
 #include "appkit.h"
-#include "recordinghold.h"
 
 #include <QByteArray>
 
@@ -23,14 +22,6 @@ void becomeAccessory()
 {
     macos::becomeAccessory();
 }
-
-struct RecordingHold::Impl {
-    macos::RecordingHold native;
-};
-
-RecordingHold::RecordingHold(const std::function<void()>& finish) : impl_(new Impl{macos::RecordingHold(finish)}) { }
-
-RecordingHold::~RecordingHold() = default;
 
 QString mainBundleString(const char* selectorName)
 {

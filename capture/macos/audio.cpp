@@ -57,58 +57,19 @@ QString executablePath(qint64 processId)
     return QString::fromStdString(macos::executablePath(processId));
 }
 
-// ---- waiting with a bound --------------------------------------------------------------------------------------
-
-struct Semaphore::Impl {
-    macos::Semaphore native;
-};
-
-Semaphore::Semaphore() : impl_(std::make_unique<Impl>()) { }
-
-Semaphore::~Semaphore() = default;
-
-void Semaphore::signal()
-{
-    impl_->native.signal();
-}
-
-bool Semaphore::wait(qint64 nanoseconds)
-{
-    return impl_->native.wait(nanoseconds);
-}
-
 // ---- audio -----------------------------------------------------------------------------------------------------
 
 namespace {
-
-std::optional<AudioStreamDescription> toQt(const std::optional<macos::StreamDescription>& description)
-{
-    if (!description)
-        return std::nullopt;
-    return AudioStreamDescription{description->formatId, description->formatFlags, description->bytesPerFrame,
-        description->channelsPerFrame, description->bitsPerChannel};
-}
-
-std::optional<AudioBufferList> toQt(const std::optional<macos::SampleBytesList>& list)
-{
-    if (!list)
-        return std::nullopt;
-    AudioBufferList result;
-    for (const macos::SampleBytes& buffer : list->buffers)
-        result.buffers.push_back({buffer.data, buffer.bytes});
-    result.owner = list->owner;
-    return result;
-}
 
 AudioSampleBuffer toQt(const macos::SampleBuffer& native)
 {
     AudioSampleBuffer buffer;
     buffer.valid = native.isValid();
     if (buffer.valid) {
-        buffer.description = toQt(native.description());
+        buffer.description = native.description();
         buffer.frames = native.frames();
     }
-    buffer.bufferList = [&native] { return toQt(native.bytes()); };
+    buffer.bufferList = [&native] { return native.bytes(); };
     return buffer;
 }
 
@@ -208,35 +169,11 @@ AudioOutput::AudioOutput(AudioReceiver owner) : impl_(std::make_unique<Impl>(std
 
 AudioOutput::~AudioOutput() = default;
 
-struct AudioQueue::Impl {
-    macos::SerialQueue native;
-};
-
-AudioQueue::AudioQueue(const char* label) : impl_(new Impl{macos::SerialQueue(label)}) { }
-
-AudioQueue::~AudioQueue() = default;
-
 namespace {
 
 macos::Filter toNative(const AudioFilter& filter)
 {
     return {filter.content ? filter.content->native : nullptr, filter.display, filter.excludedApplications};
-}
-
-macos::StreamConfiguration toNative(const AudioStreamConfiguration& configuration)
-{
-    return {
-        .width = std::size_t(configuration.width),
-        .height = std::size_t(configuration.height),
-        .minimumFrameIntervalNumerator = configuration.minimumFrameIntervalNumerator,
-        .minimumFrameIntervalDenominator = configuration.minimumFrameIntervalDenominator,
-        .queueDepth = configuration.queueDepth,
-        .showsCursor = configuration.showsCursor,
-        .capturesAudio = configuration.capturesAudio,
-        .sampleRate = configuration.sampleRate,
-        .channelCount = configuration.channelCount,
-        .excludesCurrentProcessAudio = configuration.excludesCurrentProcessAudio,
-    };
 }
 
 }
@@ -249,7 +186,7 @@ struct AudioStream::Impl {
 
 AudioStream::AudioStream(
     const AudioFilter& filter, const AudioStreamConfiguration& configuration, AudioOutput& delegate)
-    : impl_(new Impl{macos::AudioStream(toNative(filter), toNative(configuration), delegate.impl().native)})
+    : impl_(new Impl{macos::AudioStream(toNative(filter), configuration, delegate.impl().native)})
 {
 }
 
@@ -257,7 +194,7 @@ AudioStream::~AudioStream() = default;
 
 bool AudioStream::addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error)
 {
-    const macos::AddResult result = impl_->native.addStreamOutput(output.impl().native, queue.impl().native);
+    const macos::AddResult result = impl_->native.addStreamOutput(output.impl().native, queue);
     if (result.added)
         impl_->output = &output;
     else

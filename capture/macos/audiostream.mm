@@ -44,12 +44,12 @@ Retained<SCContentFilter*> makeFilter(const Filter& filter)
                                                                      exceptingWindows:[NSArray array]]);
 }
 
-Retained<SCStreamConfiguration*> makeConfiguration(const StreamConfiguration& wanted)
+Retained<SCStreamConfiguration*> makeConfiguration(const platform::AudioStreamConfiguration& wanted)
 {
     auto made = Retained<SCStreamConfiguration*>::adopt([[SCStreamConfiguration alloc] init]);
     SCStreamConfiguration* configuration = made.get();
-    [configuration setWidth:wanted.width];
-    [configuration setHeight:wanted.height];
+    [configuration setWidth:std::size_t(wanted.width)];
+    [configuration setHeight:std::size_t(wanted.height)];
     [configuration setMinimumFrameInterval:CMTimeMake(wanted.minimumFrameIntervalNumerator,
                                                wanted.minimumFrameIntervalDenominator)];
     [configuration setQueueDepth:wanted.queueDepth];
@@ -148,7 +148,8 @@ void AudioStream::CaptureSession::stop(const std::shared_ptr<CaptureSession>& se
     }];
 }
 
-AudioStream::AudioStream(const Filter& filter, const StreamConfiguration& configuration, AudioOutput& delegate)
+AudioStream::AudioStream(
+    const Filter& filter, const platform::AudioStreamConfiguration& configuration, AudioOutput& delegate)
     : session_(std::make_shared<CaptureSession>())
 {
     @autoreleasepool {
@@ -175,7 +176,7 @@ AudioStream::~AudioStream()
     }
 }
 
-AddResult AudioStream::addStreamOutput(AudioOutput& output, const SerialQueue& queue)
+AddResult AudioStream::addStreamOutput(AudioOutput& output, platform::AudioQueue& queue)
 {
     if (!session_->stream)
         return {};

@@ -1,8 +1,8 @@
-#include "dispatch.h"
-
 #include "dispatchhandles.h"
 
-namespace macos {
+namespace platform {
+
+using macos::Retained;
 
 struct Semaphore::Impl {
     Retained<dispatch_semaphore_t> semaphore;
@@ -25,12 +25,12 @@ bool Semaphore::wait(std::int64_t nanoseconds)
     return dispatch_semaphore_wait(impl_->semaphore.get(), dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) == 0;
 }
 
-SerialQueue::SerialQueue(const char* label)
+AudioQueue::AudioQueue(const char* label)
     : impl_(std::make_unique<Impl>(
         Impl{Retained<dispatch_queue_t>::adopt(dispatch_queue_create(label, DISPATCH_QUEUE_SERIAL))}))
 {
 }
 
-SerialQueue::~SerialQueue() = default;
+AudioQueue::~AudioQueue() = default;
 
 }

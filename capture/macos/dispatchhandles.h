@@ -1,15 +1,15 @@
-// The queue behind a SerialQueue. Objective-C++ only.
+// The queue behind an AudioQueue. Objective-C++ only.
 #pragma once
 
-#include "dispatch.h"
 #include "handles.h"
+#include "platform/waiting.h"
 
 #include <dispatch/dispatch.h>
 
-namespace macos {
+namespace platform {
 
-struct SerialQueue::Impl {
-    Retained<dispatch_queue_t> queue;
+struct AudioQueue::Impl {
+    macos::Retained<dispatch_queue_t> queue;
 };
 
 }

@@ -1,11 +1,9 @@
-#include "recordinghold.h"
+#include "platform/recordinghold.h"
 
 #include "handles.h"
 
 #import <AppKit/AppKit.h>
 #import <objc/runtime.h>
-
-#include <utility>
 
 /// Answers for the application's delegate, which is Qt's, when the system wants the process to end. Qt's own answer
 /// is "cancel" while its event loop runs, with which a log-out may be given up.
@@ -36,7 +34,9 @@
 
 @end
 
-namespace macos {
+namespace platform {
+
+using macos::Retained;
 
 namespace {
 
@@ -58,7 +58,7 @@ struct RecordingHold::Impl {
     Retained<MacQuitDelegate*> delegate;
 };
 
-RecordingHold::RecordingHold(std::function<void()> finish) : impl_(new Impl{std::move(finish), {}, {}})
+RecordingHold::RecordingHold(const std::function<void()>& finish) : impl_(new Impl{finish, {}, {}})
 {
     @autoreleasepool {
         NSProcessInfo* process = [NSProcessInfo processInfo];

@@ -11,10 +11,10 @@ namespace macos {
 namespace {
 
 // The numbers that the rules above the platform know.
-static_assert(kAudioFormatLinearPCM == 0x6c70636d);
-static_assert(kAudioFormatFlagIsFloat == 1);
-static_assert(kAudioFormatFlagIsSignedInteger == 4);
-static_assert(kAudioFormatFlagIsNonInterleaved == 32);
+static_assert(kAudioFormatLinearPCM == platform::linearPcm);
+static_assert(kAudioFormatFlagIsFloat == platform::pcmIsFloat);
+static_assert(kAudioFormatFlagIsSignedInteger == platform::pcmIsSignedInteger);
+static_assert(kAudioFormatFlagIsNonInterleaved == platform::pcmIsNonInterleaved);
 
 constexpr std::uint32_t alignment = kCMSampleBufferFlag_AudioBufferList_Assure16ByteAlignment;
 
@@ -32,11 +32,11 @@ std::size_t listSize(CMSampleBufferRef buffer)
     return status == 0 ? size : 0;
 }
 
-std::vector<SampleBytes> buffersOf(const AudioBufferList& list, std::size_t size)
+std::vector<platform::AudioBuffer> buffersOf(const AudioBufferList& list, std::size_t size)
 {
     const std::size_t room = (size - offsetof(AudioBufferList, mBuffers)) / sizeof(::AudioBuffer);
     const std::size_t count = std::min<std::size_t>(list.mNumberBuffers, room);
-    std::vector<SampleBytes> buffers;
+    std::vector<platform::AudioBuffer> buffers;
     buffers.reserve(count);
     for (std::size_t i = 0; i < count; ++i)
         buffers.push_back({list.mBuffers[i].mData, list.mBuffers[i].mDataByteSize});
@@ -50,13 +50,13 @@ bool SampleBuffer::isValid() const
     return CMSampleBufferIsValid(nativeBuffer(native_));
 }
 
-std::optional<StreamDescription> SampleBuffer::description() const
+std::optional<platform::AudioStreamDescription> SampleBuffer::description() const
 {
     const CMFormatDescriptionRef format = CMSampleBufferGetFormatDescription(nativeBuffer(native_));
     const auto* native = format ? CMAudioFormatDescriptionGetStreamBasicDescription(format) : nullptr;
     if (!native)
         return std::nullopt;
-    return StreamDescription{native->mFormatID, native->mFormatFlags, native->mBytesPerFrame,
+    return platform::AudioStreamDescription{native->mFormatID, native->mFormatFlags, native->mBytesPerFrame,
         native->mChannelsPerFrame, native->mBitsPerChannel};
 }
 
@@ -70,7 +70,7 @@ std::int64_t SampleBuffer::frames() const
     return CMSampleBufferGetNumSamples(nativeBuffer(native_));
 }
 
-std::optional<SampleBytesList> SampleBuffer::bytes() const
+std::optional<platform::AudioBufferList> SampleBuffer::bytes() const
 {
     const std::size_t size = listSize(nativeBuffer(native_));
     if (size < offsetof(AudioBufferList, mBuffers))
@@ -84,7 +84,7 @@ std::optional<SampleBytesList> SampleBuffer::bytes() const
     CfHandle<CMBlockBufferRef> retained(block);
     if (status != 0)
         return std::nullopt;
-    return SampleBytesList{buffersOf(*list, size), std::shared_ptr<const void>(std::move(retained))};
+    return platform::AudioBufferList{buffersOf(*list, size), std::shared_ptr<const void>(std::move(retained))};
 }
 
 }

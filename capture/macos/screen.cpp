@@ -1,8 +1,8 @@
 // Windows on the Mac, in Qt's types.
 #include "platform/screen.h"
+#include "platform/waiting.h"
 
 #include "coregraphics.h"
-#include "dispatch.h"
 #include "screencapturekit.h"
 #include "sharedimages.h"
 #include "visiblepixels.h"
@@ -27,7 +27,7 @@ bool requestScreenCaptureAccess()
 void enrolForScreenCapture()
 {
     constexpr std::chrono::nanoseconds longest = std::chrono::seconds(5);
-    const auto answered = std::make_shared<macos::Semaphore>();
+    const auto answered = std::make_shared<Semaphore>();
     macos::requestShareableContent(true, true, [answered](const auto&, const auto&) { answered->signal(); });
     answered->wait(longest.count());
 }

@@ -2,7 +2,7 @@
 // success, else the system's text for people, which may be empty.
 #pragma once
 
-#include "dispatch.h"
+#include "platform/waiting.h"
 #include "samplebuffer.h"
 
 #include <cstddef>
@@ -47,19 +47,6 @@ struct Filter {
     std::optional<std::vector<std::size_t>> excludedApplications; ///< indices; nothing for the whole display
 };
 
-struct StreamConfiguration {
-    std::size_t width = 0; ///< of the image, pixels
-    std::size_t height = 0;
-    int minimumFrameIntervalNumerator = 0; ///< seconds: numerator / denominator
-    int minimumFrameIntervalDenominator = 1;
-    int queueDepth = 0;
-    bool showsCursor = false;
-    bool capturesAudio = false;
-    int sampleRate = 0; ///< hertz
-    int channelCount = 0;
-    bool excludesCurrentProcessAudio = false;
-};
-
 /// Who is called, on threads of the system's.
 struct OutputOwner {
     std::function<void(const SampleBuffer* buffer)> handleSampleBuffer; ///< the buffer may be null
@@ -95,14 +82,14 @@ struct AddResult {
  */
 class AudioStream {
 public:
-    AudioStream(const Filter& filter, const StreamConfiguration& configuration, AudioOutput& delegate);
+    AudioStream(const Filter& filter, const platform::AudioStreamConfiguration& configuration, AudioOutput& delegate);
     /// When it returns, no callback runs on another thread and none will. A capture that runs, or that the system has
     /// yet to start, is stopped behind it.
     ~AudioStream();
     AudioStream(const AudioStream&) = delete;
     AudioStream& operator=(const AudioStream&) = delete;
 
-    AddResult addStreamOutput(AudioOutput& output, const SerialQueue& queue);
+    AddResult addStreamOutput(AudioOutput& output, platform::AudioQueue& queue);
     void startCapture(Completion completion);
     void stopCapture(Completion completion);
 

@@ -4,8 +4,6 @@
 
 #include <QString>
 
-#include <functional>
-#include <memory>
 #include <optional>
 
 namespace platform {
@@ -16,23 +14,6 @@ void chooseGuiPlatform();
 
 /// Makes the process an accessory: no Dock icon, no menu bar. Does nothing where the system has no such thing.
 void becomeAccessory();
-
-/**
- * While it exists, the system neither slows the process down nor ends it without asking, where it does such things.
- * When it asks, as at a log-out, finish is called on the main thread, and the process may end as soon as that
- * returns. A system that asks by signals never calls it. Main thread, behind the application object.
- */
-class RecordingHold {
-public:
-    explicit RecordingHold(const std::function<void()>& finish);
-    ~RecordingHold();
-    RecordingHold(const RecordingHold&) = delete;
-    RecordingHold& operator=(const RecordingHold&) = delete;
-
-private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
-};
 
 /// The main bundle's property of that selector name ("bundleIdentifier", "bundlePath", "executablePath") as text;
 /// empty when there is no bundle, no such property, or the platform knows no bundles.

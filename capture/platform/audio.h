@@ -3,6 +3,9 @@
 // conversion, states and log texts live in recorderaudiocapture.cpp and audiosampleintake.cpp.
 #pragma once
 
+#include "audioformat.h"
+#include "waiting.h"
+
 #include <QString>
 #include <QtGlobal>
 
@@ -41,50 +44,7 @@ void requestAudioContent(bool excludeDesktopWindows, bool onScreenWindowsOnly, A
 /// The full path of a process's executable; empty when there is no such process or the path cannot be told.
 QString executablePath(qint64 processId);
 
-// ---- waiting with a bound --------------------------------------------------------------------------------------
-
-/// A counting semaphore, 0 at first. signal() may be called on any thread.
-class Semaphore {
-public:
-    Semaphore();
-    ~Semaphore();
-    Semaphore(const Semaphore&) = delete;
-    Semaphore& operator=(const Semaphore&) = delete;
-
-    void signal();
-    /// Waits for a signal at most this long (nanoseconds from now). False when the time ran out.
-    bool wait(qint64 nanoseconds);
-
-private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
-};
-
 // ---- audio -----------------------------------------------------------------------------------------------------
-
-inline constexpr quint32 linearPcm = 0x6c70636d; ///< AudioStreamDescription::formatId: 'lpcm'
-inline constexpr quint32 pcmIsFloat = 1; ///< AudioStreamDescription::formatFlags
-inline constexpr quint32 pcmIsSignedInteger = 4;
-inline constexpr quint32 pcmIsNonInterleaved = 32; ///< one buffer a channel
-
-/// How the samples of a buffer lie in memory. Samples are in the machine's byte order.
-struct AudioStreamDescription {
-    quint32 formatId = linearPcm;
-    quint32 formatFlags = 0;
-    quint32 bytesPerFrame = 0; ///< of one buffer
-    quint32 channelsPerFrame = 0;
-    quint32 bitsPerChannel = 0;
-};
-
-struct AudioBuffer {
-    const void* data = nullptr; ///< may be null
-    std::size_t bytes = 0; ///< readable at data
-};
-
-struct AudioBufferList {
-    std::vector<AudioBuffer> buffers;
-    std::shared_ptr<const void> owner; ///< keeps the memory of the buffers; null when that outlives the call anyway
-};
 
 /// One block of audio as the platform delivers it. Lives as long as the call that delivers it.
 struct AudioSampleBuffer {
@@ -103,20 +63,6 @@ struct AudioFilter {
     std::optional<std::vector<std::size_t>> excludedApplications;
 };
 
-/// How to deliver it. The video that some platforms tie to the audio is never read.
-struct AudioStreamConfiguration {
-    int width = 0; ///< of the video, pixels
-    int height = 0;
-    int minimumFrameIntervalNumerator = 0; ///< seconds: numerator / denominator
-    int minimumFrameIntervalDenominator = 1;
-    int queueDepth = 0;
-    bool showsCursor = false;
-    bool capturesAudio = false;
-    int sampleRate = 0; ///< hertz
-    int channelCount = 0;
-    bool excludesCurrentProcessAudio = false;
-};
-
 /// Who receives what a stream delivers. Both are called on the stream's queue or another thread of the platform's,
 /// the first one never by two threads at once; neither after the AudioStream has been destroyed.
 struct AudioReceiver {
@@ -133,21 +79,6 @@ public:
     ~AudioOutput();
     AudioOutput(const AudioOutput&) = delete;
     AudioOutput& operator=(const AudioOutput&) = delete;
-
-    struct Impl;
-    Impl& impl() { return *impl_; }
-
-private:
-    std::unique_ptr<Impl> impl_;
-};
-
-/// A serial queue: what runs on it runs one at a time.
-class AudioQueue {
-public:
-    explicit AudioQueue(const char* label);
-    ~AudioQueue();
-    AudioQueue(const AudioQueue&) = delete;
-    AudioQueue& operator=(const AudioQueue&) = delete;
 
     struct Impl;
     Impl& impl() { return *impl_; }

@@ -106,7 +106,7 @@ void Semaphore::signal()
     impl_->changed.notify_one();
 }
 
-bool Semaphore::wait(qint64 nanoseconds)
+bool Semaphore::wait(std::int64_t nanoseconds)
 {
     audio().waits.push_back(nanoseconds);
     const auto limit = std::min<std::chrono::nanoseconds>(std::chrono::nanoseconds(nanoseconds), audio().longestWait);

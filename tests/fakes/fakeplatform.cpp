@@ -3,6 +3,7 @@
 #include "fakeaudio.h"
 #include "platform/application.h"
 #include "platform/memory.h"
+#include "platform/recordinghold.h"
 #include "platform/screen.h"
 
 #include <algorithm>

@@ -4,6 +4,7 @@
 #include "macbench.h"
 #include "mediafile.h"
 #include "platform/application.h"
+#include "platform/recordinghold.h"
 #include "privatetempdir.h"
 #include "recorderprocess.h"
 #include "startup.h"

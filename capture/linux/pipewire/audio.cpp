@@ -26,7 +26,7 @@ void Semaphore::signal()
     impl_->semaphore.release();
 }
 
-bool Semaphore::wait(qint64 nanoseconds)
+bool Semaphore::wait(std::int64_t nanoseconds)
 {
     return impl_->semaphore.try_acquire_for(std::chrono::nanoseconds(nanoseconds));
 }
