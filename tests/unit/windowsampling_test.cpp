@@ -145,7 +145,7 @@ void WindowSamplingTest::exceptionComesThrough()
 {
     WindowSampling sampling(window);
     fakeplatform::state().bounds = []() -> std::optional<QRectF> { throw std::runtime_error("bounds"); };
-    QVERIFY_EXCEPTION_THROWN(sampling.sample(true), std::runtime_error);
+    QVERIFY_THROWS_EXCEPTION(std::runtime_error, sampling.sample(true));
     fakeplatform::state().bounds = nullptr;
     QVERIFY(sampling.sample(true));
 }
