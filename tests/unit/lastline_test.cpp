@@ -77,7 +77,7 @@ void LastLineTest::fault()
     const PrivateTempDir directory;
     const QByteArray log = directory.filePath(QStringLiteral("log")).toLocal8Bit();
     const QByteArray errors = directory.filePath(QStringLiteral("errors")).toLocal8Bit();
-    const int status = statusOfChild([&] {
+    int status = statusOfChild([&] {
         std::signal(number, SIG_DFL); // a sanitizer and QtTest have handlers of their own
         logFilePtr = hasLog ? std::fopen(log.constData(), "w") : nullptr;
         if (!std::freopen(errors.constData(), "w", stderr))
@@ -93,7 +93,7 @@ void LastLineTest::fault()
 
 void LastLineTest::handlerOfSomebodyElseStays()
 {
-    const int status = statusOfChild([] {
+    int status = statusOfChild([] {
         std::signal(SIGABRT, [](int) { ::_exit(handledElsewhere); });
         lastline::tellFaults();
         std::raise(SIGABRT);
@@ -106,7 +106,7 @@ void LastLineTest::endNow()
 {
     const PrivateTempDir directory;
     const QByteArray errors = directory.filePath(QStringLiteral("errors")).toLocal8Bit();
-    const int status = statusOfChild([&] {
+    int status = statusOfChild([&] {
         if (std::freopen(errors.constData(), "w", stderr))
             lastline::endNow(handledElsewhere);
     });
