@@ -31,9 +31,12 @@ public:
     NumberedWindow(const NumberedWindow&) = delete;
     NumberedWindow& operator=(const NumberedWindow&) = delete;
 
-    /// Called with the image's number on the worker's thread before it is made. May block; false means that there is
-    /// no image this time. Set it before the recorder is made.
+    /// Called with the image's number on the thread that samples before it is made. May block; false means that there
+    /// is no image this time. Set it before the recorder is made.
     std::function<bool(int)> beforeImage;
+    /// Called with the image's number when nobody needs it any more, on the thread that needed it last: the worker.
+    /// May block. Set it before the recorder is made.
+    std::function<void(int)> beforeRelease;
     /// The size of an image, 160 x 96 when unset. Set it before the recorder is made.
     std::function<QSize(int)> sizeOf;
 
@@ -75,12 +78,15 @@ private:
 
     struct Buffer {
         NumberedWindow* window;
+        int number;
         QImage pixels;
     };
 
     static void release(void* info)
     {
         auto* buffer = static_cast<Buffer*>(info);
+        if (buffer->window->beforeRelease)
+            buffer->window->beforeRelease(buffer->number);
         --buffer->window->live_;
         delete buffer;
     }
@@ -99,7 +105,8 @@ private:
 
     QImage paint(int number)
     {
-        auto* buffer = new Buffer{this, QImage(sizeOf ? sizeOf(number) : QSize(width, height), QImage::Format_RGB32)};
+        const QSize size = sizeOf ? sizeOf(number) : QSize(width, height);
+        auto* buffer = new Buffer{this, number, QImage(size, QImage::Format_RGB32)};
         mostLive_ = std::max(mostLive_.load(), ++live_);
         QImage& pixels = buffer->pixels;
         pixels.fill(QColor::fromRgb(ground));
@@ -117,5 +124,5 @@ private:
     QList<qint64> askedAtMs_; // guarded by mutex_
     std::atomic<int> asked_{0};
     std::atomic<int> live_{0};
-    std::atomic<int> mostLive_{0}; // written by the worker only
+    std::atomic<int> mostLive_{0}; // written by the thread that samples only
 };

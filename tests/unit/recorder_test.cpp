@@ -93,12 +93,11 @@ void RecorderTest::startAndGetStuck()
     std::binary_semaphore reached(0);
     gate_.emplace(0);
     window_.emplace();
-    window_->beforeImage = [&](int number) {
-        if (number == 2) {
+    window_->beforeRelease = [&, waits = true](int) mutable {
+        if (std::exchange(waits, false)) {
             reached.release();
             gate_->acquire();
         }
-        return true;
     };
     make({});
     reached.acquire();
