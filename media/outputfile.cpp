@@ -92,7 +92,7 @@ void outputfile::returnTo(AVFormatContext& container, int64_t place)
     container.pb->error = 0;
     avio_seek(container.pb, place, SEEK_SET);
     // What cannot be cut off is written over, as far as there is something to write.
-    static_cast<void>(::ftruncate(descriptorOf(container.pb->opaque), off_t(place)));
+    [[maybe_unused]] const int status = ::ftruncate(descriptorOf(container.pb->opaque), off_t(place));
 }
 
 void outputfile::close(AVFormatContext& container)
