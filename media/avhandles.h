@@ -19,6 +19,9 @@ extern "C" {
 
 #include <memory>
 
+/// Bytes, of the buffers of video frames: with one for all, no frame has rows of another length than the one before.
+inline constexpr int videoBufferAlignment = 32;
+
 struct AvPacketDeleter {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };

@@ -129,8 +129,7 @@ bool BandConversion::Converter::ensureBand(int rowCount, const AVFrame& like)
     band.frame->format = like.format;
     band.frame->width = like.width;
     band.frame->height = rowCount;
-    constexpr int bufferAlignment = 32; // bytes, as the encoder's frame has
-    if (av_frame_get_buffer(band.frame.get(), bufferAlignment) < 0)
+    if (av_frame_get_buffer(band.frame.get(), videoBufferAlignment) < 0)
         return false;
     bands_.emplace(rowCount, std::move(band));
     return true;

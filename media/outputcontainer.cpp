@@ -227,8 +227,7 @@ bool GstRecorder::allocateVideoFrame()
     videoFrame->format = videoCodecContext->pix_fmt;
     videoFrame->width = videoCodecContext->width;
     videoFrame->height = videoCodecContext->height;
-    constexpr int bufferAlignment = 32; // bytes
-    const int status = av_frame_get_buffer(videoFrame, bufferAlignment);
+    const int status = av_frame_get_buffer(videoFrame, videoBufferAlignment);
     if (status < 0) {
         qCritical() << "Unable to allocate FFmpeg video frame buffer:" << avErrorString(status);
         return false;

@@ -27,7 +27,7 @@ int makeWritable(AVFrame& frame, bool keepsPixels)
     fresh->format = frame.format;
     fresh->width = frame.width;
     fresh->height = frame.height;
-    int status = av_frame_get_buffer(fresh.get(), 0);
+    int status = av_frame_get_buffer(fresh.get(), videoBufferAlignment);
     if (status >= 0)
         status = av_frame_copy_props(fresh.get(), &frame);
     if (status < 0)
