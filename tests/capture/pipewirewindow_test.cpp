@@ -6,6 +6,7 @@
 #include "sampledwindow.h"
 #include "testregistry.h"
 #include "videonode.h"
+#include "windowsampling.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -76,6 +77,7 @@ private Q_SLOTS:
     void noSuchNode();
     void nodeOfAudio();
     void nodeThatSendsNothing();
+    void firstFrameThatDoesNotComeIsNoSlowCapture();
     void onlyGraphicsMemory();
     void noServer();
     void unknownSource();
@@ -381,6 +383,17 @@ void PipeWireWindowTest::nodeOfAudio()
     SampledWindow window(node.id());
     QVERIFY(window.image().isNull());
     QCOMPARE(log.countStartingWith(QStringLiteral("Window argument is not a PipeWire node of video: ")), 1);
+}
+
+/// The wait for it ends before the capture counts as one that stalls.
+void PipeWireWindowTest::firstFrameThatDoesNotComeIsNoSlowCapture()
+{
+    node_ = std::make_unique<VideoNode>(VideoNode::Options());
+    QVERIFY(node_->id() != 0);
+    const LogCapture log;
+    WindowSampling sampling(node_->id());
+    QTRY_VERIFY_WITH_TIMEOUT(sampling.sample(true), limitMs);
+    QCOMPARE(log.countStartingWith(QStringLiteral("Window capture takes longer than")), 0);
 }
 
 void PipeWireWindowTest::nodeThatSendsNothing()

@@ -154,7 +154,7 @@ platform::WindowSample NodeImages::sample()
 void NodeImages::awaitFirstFrame()
 {
     constexpr std::chrono::milliseconds step{20}; // for the watch
-    const auto latest = Wakeup::Clock::now() + longestWait;
+    const auto latest = Wakeup::Clock::now() + longestFirstWait;
     while (Wakeup::Clock::now() < latest) {
         {
             const pipewire::LoopLock lock = connection_->lock();

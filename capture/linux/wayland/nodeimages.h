@@ -20,8 +20,8 @@ constexpr double nowhere = -1'000'000'000;
 
 /**
  * What platform::WindowSource promises, and in the same way to be used. Frames arrive on the connection's thread;
- * sample() takes what is there. Only the first one waits for a frame, and for a second at most. When the stream has
- * ended there are no images any more: the node's number may be another window's by then.
+ * sample() takes what is there. Only the first one waits for a frame, and not for long. When the stream has ended
+ * there are no images any more: the node's number may be another window's by then.
  */
 class NodeImages {
 public:
@@ -30,6 +30,8 @@ public:
 
     /// What a node says is unchanged is compared after this time, when it has been left out since: it could be wrong.
     static constexpr std::chrono::seconds checkInterval{1};
+    /// How long the first sample waits: less than what makes a capture one that has stalled (WindowSampling).
+    static constexpr std::chrono::milliseconds longestFirstWait{800};
     /// A window whose frame is of another size, or otherwise new, and does not come in this time, shows nothing.
     static constexpr std::chrono::seconds longestWait{1};
     /// When nothing has come in this time the log says so, and what the reason may be: nobody tells it.
