@@ -66,8 +66,7 @@ constexpr auto entries = std::to_array<Entry>({
         "node"},
     {"PipeWire gives no frame of the window yet", Meaning::Remark,
         "PipeWire hands out no frame of the window; a session manager (WirePlumber) is needed, and a desktop that "
-        "has "
-        "images in memory"},
+        "has images in memory"},
     {"Window's PipeWire stream has ended", Meaning::WindowGone,
         "the desktop has ended the stream of the window; was it closed, or the sharing stopped? No frames come any "
         "more"},

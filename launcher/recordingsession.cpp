@@ -18,11 +18,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-QString windowClosed(const Target& target)
-{
-    const QString closed = QStringLiteral("the window has closed");
-    return target.shared ? closed + QLatin1String(", or its sharing was ended") : closed;
-}
 constexpr qint64 readinessLeadMs = 500; // from the readiness byte to the first frame
 constexpr qint64 decodingLimitMs = 20'000; // of an hour's recording not all is decoded
 constexpr auto connectLimit = 6s; // a recorder tries to connect for 5 s
@@ -35,6 +30,12 @@ QString endingHint()
     return ::tcgetpgrp(STDERR_FILENO) == ::getpgrp()
         ? QStringLiteral("recording; Ctrl-C ends it")
         : QStringLiteral("recording; kill -INT %1 ends it").arg(::getpid());
+}
+
+QString windowClosed(const Target& target)
+{
+    const QString closed = QStringLiteral("the window has closed");
+    return target.shared ? closed + QLatin1String(", or its sharing was ended") : closed;
 }
 
 }

@@ -35,8 +35,8 @@ public:
     /// three seconds at most.
     QSize measure();
     QString remark() const; ///< to be told to the user; mostly empty
-    /// Of the connection over which PipeWire knows the node, to be inherited by whoever records it. closed by exec;
-    /// owned by this, and closed by release().
+    /// Of the connection over which PipeWire knows the node, to be inherited by whoever records it. Closed by exec,
+    /// and by releaseConnection(); this owns it.
     int connection() const;
     void releaseConnection();
     /// Ends the sharing.

@@ -7,12 +7,14 @@
 
 #include <QElapsedTimer>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <optional>
 
 namespace {
 
-constexpr qint64 measureLimitMs = 2000; // a sample takes another second at most
+constexpr qint64 measureLimitMs = 2000; // the first sample takes up to another second
+constexpr ulong askAgainMs = 20;
 
 }
 
@@ -75,8 +77,12 @@ QSize SharedWindow::measure()
         platform::WindowSource window(node());
         QElapsedTimer waited;
         waited.start();
-        while (size.isEmpty() && waited.elapsed() < measureLimitMs)
-            size = window.sample(false).image.size();
+        for (;;) {
+            size = window.sample(false).image.size(); // only the first sample waits
+            if (!size.isEmpty() || waited.elapsed() >= measureLimitMs)
+                break;
+            QThread::msleep(askAgainMs);
+        }
     }
     qunsetenv("ORVANTIS_WINDOW_SOURCE");
     qunsetenv("ORVANTIS_PIPEWIRE_FD");
