@@ -14,17 +14,18 @@ namespace {
 constexpr qint64 longestLine
     = qint64(64) * 1024; // bytes; the recorder's have a few hundred, and some of them hold a path
 
-/// False when the file is not of this user, or was last written before the given time.
-bool openLog(QFile& file, const QString& path, const QDateTime& writtenSince)
+/// False when the file is not of this user, or was last written before the given time. A log that is known is asked
+/// for without one: the machine's clock may have been set back.
+bool openLog(QFile& file, const QString& path, const QDateTime& writtenSince = {})
 {
     const privatefile::Opened opened = privatefile::openToRead(QFile::encodeName(path));
     return opened.descriptor >= 0 && file.open(opened.descriptor, QIODevice::ReadOnly, QFile::AutoCloseHandle)
-        && file.fileTime(QFileDevice::FileModificationTime) >= writtenSince;
+        && (writtenSince.isNull() || file.fileTime(QFileDevice::FileModificationTime) >= writtenSince);
 }
 
 /// The first line that starts with the text; empty when there is none, or when the file is not of this user, or was
 /// last written before the given time.
-QByteArray lineWith(const QString& path, const QByteArray& start, const QDateTime& writtenSince)
+QByteArray lineWith(const QString& path, const QByteArray& start, const QDateTime& writtenSince = {})
 {
     QFile file;
     if (!openLog(file, path, writtenSince))
@@ -61,20 +62,19 @@ QString RecorderLog::path()
 
 QString RecorderLog::outputInUse()
 {
-    return logtext::quotedAfter(
-        lineWith(path(), "Debug: FFmpeg recorder using video encoder ", startedAt_), "output");
+    return logtext::quotedAfter(lineWith(path(), "Debug: FFmpeg recorder using video encoder "), "output");
 }
 
 QString RecorderLog::finalizedOutput()
 {
     return logtext::quotedAfter(
-        lineWith(path(), "Debug: FFmpeg recorder finalized output ", startedAt_), "FFmpeg recorder finalized output");
+        lineWith(path(), "Debug: FFmpeg recorder finalized output "), "FFmpeg recorder finalized output");
 }
 
 QByteArrayList RecorderLog::newLines()
 {
     QFile file;
-    if (path().isEmpty() || !openLog(file, path(), startedAt_) || !file.seek(linesReadTo_))
+    if (path().isEmpty() || !openLog(file, path()) || !file.seek(linesReadTo_))
         return {};
     constexpr qint64 mostBytes = qint64(1024) * 1024; // at once; the rest comes with the next call
     const QByteArray bytes = file.read(mostBytes);

@@ -85,7 +85,8 @@ void RecordingSession::onReady()
     const qint64 readyAtMs = QDateTime::currentMSecsSinceEpoch();
     progress_.step(options_.lengthMs ? QStringLiteral("recording") : endingHint());
     scheduleClicks(readyAtMs);
-    connect(&progressTimer_, &QTimer::timeout, this, [this, readyAtMs] { showProgress(readyAtMs); });
+    sinceReady_.start();
+    connect(&progressTimer_, &QTimer::timeout, this, [this] { showProgress(); });
     progressTimer_.start(1s);
     if (options_.lengthMs) {
         QTimer::singleShot(
@@ -120,12 +121,11 @@ void RecordingSession::report(const Click& click)
     ++reportedClicks_;
 }
 
-void RecordingSession::showProgress(qint64 readyAtMs)
+void RecordingSession::showProgress()
 {
-    const qint64 elapsedMs = QDateTime::currentMSecsSinceEpoch() - readyAtMs - readinessLeadMs;
     const QFileInfo output(log_->outputInUse());
     Progress::Recorded recorded;
-    recorded.elapsedMs = std::max<qint64>(elapsedMs, 0);
+    recorded.elapsedMs = std::max<qint64>(sinceReady_.elapsed() - readinessLeadMs, 0);
     recorded.frames = output.isFile() ? frameCount_.update(output.filePath()) : -1;
     recorded.fileSize = output.isFile() ? output.size() : -1;
     recorded.clicks = reportedClicks_;

@@ -19,6 +19,7 @@
 #include "runverdict.h"
 #include "target.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QProcess>
 #include <QSet>
@@ -73,7 +74,7 @@ private:
     void warn(const QString& sentence);
     void scheduleClicks(qint64 readyAtMs);
     void report(const Click& click);
-    void showProgress(qint64 readyAtMs);
+    void showProgress();
     void requestStop();
     void giveUp(const QString& reason);
     void leave();
@@ -107,5 +108,6 @@ private:
     std::unique_ptr<ClickWatcher> clickWatcher_; // null when neither clicks nor the closing matter
     QTimer logTimer_;
     QTimer progressTimer_;
+    QElapsedTimer sinceReady_;
     QTimer finishTimer_; // limits the wait for the effect of "stop", "exit" or SIGTERM
 };

@@ -4,7 +4,6 @@
 
 #include "clickmarker.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QPainter>
 #include <QPointF>
@@ -44,12 +43,13 @@ void GstRecorder::addClick(
         click.hasNormalized = true;
     }
 
-    const qint64 nowAtMs = QDateTime::currentMSecsSinceEpoch();
+    followWallClockLocked();
+    const qint64 nowAtMs = wallClock.now();
     const qint64 receiveDelayMs = timestampMs >= 1 ? nowAtMs - timestampMs : 0;
     const qint64 startedAtMs = recordingStartedAtMs.load(std::memory_order_acquire);
     qint64 rawMs = 0;
     if (timestampMs >= 1 && startedAtMs >= 1)
-        rawMs = std::max<qint64>(timestampMs - startedAtMs, 0);
+        rawMs = std::max<qint64>(timestampMs - (startedAtMs + clockCorrection(timestampMs)), 0);
     else if (recordingClock.isValid()) // started under this lock
         rawMs = std::max<qint64>(recordingClock.elapsed(), 0);
 
@@ -64,6 +64,27 @@ void GstRecorder::addClick(
              << "has normalized" << click.hasNormalized << "timestamp" << timestampMs << "receive delay ms"
              << receiveDelayMs << "raw recording ms" << rawMs << "overlay delay ms" << overlayDelayMs
              << "display recording ms" << key;
+}
+
+qint64 GstRecorder::clockCorrection(long long timestampMs) const
+{
+    return recordingClock.isValid() ? wallClock.correctionFor(timestampMs, recordingClock.elapsed()) : 0;
+}
+
+void GstRecorder::followWallClock()
+{
+    const CheckedLock lock(clickMutex);
+    followWallClockLocked();
+}
+
+/// The wall clock may be set while it is recorded. Clicks are stamped in it.
+void GstRecorder::followWallClockLocked()
+{
+    const qint64 byMs = recordingClock.isValid() ? wallClock.follow(recordingClock) : 0;
+    if (byMs == 0)
+        return;
+    recordingStartedAtMs.fetch_add(byMs, std::memory_order_acq_rel);
+    qWarning() << "Wall clock was set, or the machine slept; mouse clicks follow it, ms:" << byMs;
 }
 
 /// At the limit the click that is farthest ahead gives way: its frame comes last, or never when its time is wrong.

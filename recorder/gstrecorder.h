@@ -28,6 +28,7 @@
 #include "letterboxing.h"
 #include "packetwriting.h"
 #include "rowset.h"
+#include "wallclock.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -193,6 +194,9 @@ private:
     bool makeRoomForClick(qint64 key) REQUIRES(clickMutex);
     std::vector<LiveClick> liveClicks(long long timestampMs);
     static RowSet markerRows(
+    void followWallClock();
+    void followWallClockLocked() REQUIRES(clickMutex);
+    qint64 clockCorrection(long long timestampMs) const REQUIRES(clickMutex);
         const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
@@ -282,7 +286,8 @@ private:
     std::atomic<bool> frameComeSent{false}; // worker; the exchange that finds false emits frameCome()
     std::atomic<bool> workerStarted{false}; // worker
     std::atomic<bool> finalized{false}; // worker; the file is closed
-    std::atomic<qint64> recordingStartedAtMs{0}; // worker; wall clock at which recordingClock was started
+    // Wall clock at which recordingClock was started, as the wall clock goes now; stored under clickMutex.
+    std::atomic<qint64> recordingStartedAtMs{0};
     bool stopAcknowledged = false; // main; the duration reply was sent
     bool stopWaited = false; // main; stop() has waited in vain for the worker, and does not block again
     bool stopRetryPending = false; // main; stop() will be called again by a timer
@@ -296,6 +301,7 @@ private:
     Letterboxing letterboxing; // worker; of frames that come, framecomposition.cpp
 
     // The image that was composed last: worker, framecomposition.cpp.
+    WallClock wallClock GUARDED_BY(clickMutex);
     QImage composedImage; // its memory serves the next one, too
     std::optional<CompositionSource> composedFrom; // nothing: the next one is painted whole
     RowSet composedOverlay; // its rows with the pointer and markers

@@ -8,7 +8,6 @@
 #include "queuelimit.h"
 #include "recorderaudiocapture.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QScopeGuard>
 #include <QThread>
@@ -165,7 +164,6 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 {
     if (!recordingClock.isValid()) {
         setClock(true);
-        recordingStartedAtMs.store(QDateTime::currentMSecsSinceEpoch(), std::memory_order_release);
         startAudio();
     }
     takeAudio();
@@ -183,6 +181,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 /// A huge window that moves would otherwise fill the memory of the machine within the three seconds, and whoever is
 /// killed for that, the evidence would end there. The newest frame stays.
 void GstRecorder::boundQueue(LoopState& loop)
+    followWallClock();
 {
     const qint64 bytes = queuelimit::bytesOf(loop.queue);
     if (!loop.limitAge.isValid() || loop.limitAge.hasExpired(queuelimit::checkIntervalMs)) {
@@ -203,9 +202,7 @@ void GstRecorder::boundQueue(LoopState& loop)
 void GstRecorder::setClock(bool runs)
 {
     const CheckedLock lock(clickMutex);
-    if (runs)
-        recordingClock.start();
-    else
+    if (!runs) {
         recordingClock.invalidate();
 }
 
@@ -220,6 +217,12 @@ void GstRecorder::startAudio()
     qWarning() << "Audio capture did not start; recording video only.";
     abandonAudio();
 }
+        return;
+    }
+    recordingClock.start();
+    const qint64 startedAtMs = wallClock.now();
+    recordingStartedAtMs.store(startedAtMs, std::memory_order_release);
+    wallClock.start(startedAtMs);
 
 /// What fails costs audio, never video.
 void GstRecorder::takeAudio(bool last)

@@ -22,7 +22,7 @@ FALLBACK_CANVAS = (8192, 16)  # MPEG-4 Part 2 knows no wider one than 8191: FFV1
 class Run:
     """A recorder that has been started. Every wait has a limit; what it leaves is removed by the end of the context."""
 
-    def __init__(self, stage, name, canvas=(640, 360), audio=""):
+    def __init__(self, stage, name, canvas=(640, 360), audio="", variables=None):
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix=f"{name}-", dir=stage.directory))
         self.canvas = canvas
         self.server = socket.socket(socket.AF_UNIX)
@@ -31,7 +31,7 @@ class Run:
         self.server.settimeout(ANSWER_LIMIT_S)
         self.line = None
         self.ready_at = None  # monotonic, seconds
-        environment = {**stage.environment, "TMPDIR": str(self.directory)}
+        environment = {**stage.environment, "TMPDIR": str(self.directory), **(variables or {})}
         command = [stage.binaries / "orvantis-recorder", self.directory, "qt-window-capture",
                    self.directory / "out.mp4", stage.window_id, 0, 0, *canvas, "1.0", audio]
         self.started_at = time.monotonic()
@@ -63,8 +63,10 @@ class Run:
         """How long frames have been recorded by now, as far as the launcher can tell."""
         return max(time.monotonic() - self.ready_at - READY_DELAY_S, 0) if self.ready_at else 0
 
-    def click(self, x, y):
-        self.line.sendall(f"click|{x}|{y}|0.5|0.5|{int(time.time() * 1000)}\n".encode())
+    def click(self, x, y, across=0.5, down=0.5, at_ms=None):
+        """across, down: fractions of the window; at_ms: milliseconds since the epoch, now when not given."""
+        at_ms = int(time.time() * 1000) if at_ms is None else at_ms
+        self.line.sendall(f"click|{x}|{y}|{across}|{down}|{at_ms}\n".encode())
 
     def ask_to_stop(self):
         self.line.sendall(b'{"action":"stop"}\n')

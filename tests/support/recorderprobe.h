@@ -75,6 +75,8 @@ struct RecorderProbe {
     AVFormatContext*& formatContext() { return recorder.formatContext; }
     AVCodecContext*& videoCodecContext() { return recorder.videoCodecContext; }
     AVStream*& videoStream() { return recorder.videoStream; }
+    WallClock& wallClock() { return recorder.wallClock; }
+    void followWallClock() { recorder.followWallClock(); }
     AVFrame*& videoFrame() { return recorder.videoFrame; }
     SwsContext*& swsContext() { return recorder.swsContext; }
     QString& videoEncoderName() { return recorder.videoEncoderName; }

@@ -30,6 +30,9 @@ private Q_SLOTS:
     void keyWhileTheClockRunsWithoutAStartTime();
     void keyBeforeTheRecordingStartsIsZero_data();
     void keyBeforeTheRecordingStartsIsZero();
+    void clockThatIsSetMovesNoClick_data();
+    void clockThatIsSetMovesNoClick();
+    void clockThatDriftsIsFollowed();
     void clicksOfOneTimeGetFollowingKeys();
     void clicksBeforeTheStartGetFollowingKeys();
     void timestampThatFillsSixtyFourBits();
@@ -118,6 +121,51 @@ void ClickMapTest::keyBeforeTheRecordingStartsIsZero()
     QFETCH(qint64, timestampMs);
     bench_->recorder->addClick(10, 20, -1, -1, timestampMs);
     QCOMPARE(keys(), QList<qint64>{0});
+}
+
+void ClickMapTest::clockThatIsSetMovesNoClick_data()
+{
+    QTest::addColumn<qint64>("byMs");
+    QTest::addColumn<bool>("isNoticedFirst");
+    constexpr qint64 hourMs = 3600000;
+    for (const qint64 byMs : {hourMs, -hourMs, qint64(2000), qint64(-2000)}) {
+        QTest::addRow("by %lld ms, a frame comes first", byMs) << byMs << true;
+        QTest::addRow("by %lld ms, a click comes first", byMs) << byMs << false;
+    }
+}
+
+void ClickMapTest::clockThatIsSetMovesNoClick()
+{
+    QFETCH(qint64, byMs);
+    QFETCH(bool, isNoticedFirst);
+    constexpr qint64 startedAtMs = 1700000000000;
+    bench_->startRecordingAt(startedAtMs);
+    probe().wallClock().start(startedAtMs);
+    qint64 setByMs = 0;
+    probe().wallClock().now = [&] { return startedAtMs + setByMs + probe().recordingClock().elapsed(); };
+    QTest::qSleep(50);
+
+    setByMs = byMs;
+    if (isNoticedFirst)
+        probe().followWallClock();
+    bench_->recorder->addClick(10, 20, -1, -1, startedAtMs + byMs + 40);
+    bench_->recorder->addClick(10, 20, -1, -1, startedAtMs + 30); // stamped before, and under way
+    QCOMPARE(keys(), (QList<qint64>{30, 40}));
+    QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Wall clock was set, or the machine slept")), 1);
+}
+
+/// In steps that are too small to be corrected each.
+void ClickMapTest::clockThatDriftsIsFollowed()
+{
+    constexpr qint64 startedAtMs = 1700000000000;
+    bench_->startRecordingAt(startedAtMs);
+    probe().wallClock().start(startedAtMs);
+    qint64 setByMs = 0;
+    probe().wallClock().now = [&] { return startedAtMs + setByMs + probe().recordingClock().elapsed(); };
+    for (setByMs = 0; setByMs < 1000; setByMs += 10)
+        probe().followWallClock();
+    bench_->recorder->addClick(10, 20, -1, -1, startedAtMs + setByMs);
+    QVERIFY2(keys().first() <= WallClock::toleranceMs, qPrintable(QString::number(keys().first())));
 }
 
 void ClickMapTest::clicksOfOneTimeGetFollowingKeys()

@@ -30,6 +30,7 @@ private Q_SLOTS:
     void cleanup() { directory_.reset(); }
 
     void ownLogIsRead();
+    void clockThatIsSetBackHidesNoLog();
     void othersDoNotCount_data();
     void othersDoNotCount();
     void onlyTheStartOfALineCounts_data();
@@ -72,6 +73,18 @@ void RecorderLogTest::ownLogIsRead()
     QCOMPARE(log.finalizedOutput(), QString());
     QVERIFY(write(logPath("2026"), identity + inUse + finalized));
     QCOMPARE(log.finalizedOutput(), QStringLiteral("/own.mp4"));
+}
+
+void RecorderLogTest::clockThatIsSetBackHidesNoLog()
+{
+    QVERIFY(write(logPath("2026"), identity));
+    RecorderLog log = this->log();
+    QCOMPARE(log.newLines(), QByteArrayList{identity.trimmed()});
+    constexpr qint64 hourS = 3600;
+    QVERIFY(write(logPath("2026"), identity + inUse + finalized, hourS));
+    QCOMPARE(log.outputInUse(), QStringLiteral("/own.mp4"));
+    QCOMPARE(log.finalizedOutput(), QStringLiteral("/own.mp4"));
+    QCOMPARE(log.newLines().size(), 2);
 }
 
 void RecorderLogTest::othersDoNotCount_data()
