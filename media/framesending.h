@@ -20,6 +20,8 @@ public:
     bool isUnderWay() const { return underWay_; }
     /// finish() would not wait.
     bool isDone() const { return thread_.isDone(); }
+    /// The same after a wait, of no longer than that.
+    bool waitFor(std::chrono::milliseconds limit) { return thread_.waitFor(limit); }
 
     /// Waits for the frame that is under way. FFmpeg's status of sending it.
     int finish();

@@ -9,6 +9,8 @@
 #include <QDebug>
 
 #include <cstring>
+#include <optional>
+#include <utility>
 
 namespace {
 
@@ -41,14 +43,17 @@ int makeWritable(AVFrame& frame, bool keepsPixels)
 
 bool GstRecorder::encodeImage(const QImage& image, long long ptsMs)
 {
-    collectEncoded();
-    return startEncoding(image, ptsMs) && finishEncoding();
+    if (!prepareFrame(image, ptsMs))
+        return false;
+    sendPrepared();
+    return finishEncoding();
 }
 
-/// The frame is made ready while the encoder may still work on the one before; that one is collected then, and the
-/// encoder gets this one. True when it has it; finishEncoding() tells what became of it.
-bool GstRecorder::startEncoding(const QImage& image, long long ptsMs)
+/// Makes the encoder's frame of it, while the encoder may still work on the one before. One that was prepared earlier
+/// is sent first. False when there is none now.
+bool GstRecorder::prepareFrame(const QImage& image, long long ptsMs)
 {
+    sendPrepared();
     if (!videoCodecContext || !formatContext || !videoFrame)
         return false;
     const QImage bgra = image.convertToFormat(QImage::Format_ARGB32); // bytes in BGRA order
@@ -58,14 +63,32 @@ bool GstRecorder::startEncoding(const QImage& image, long long ptsMs)
     }
     if (!fillVideoFrame(bgra))
         return false;
-    collectEncoded();
+    preparedMs = ptsMs;
+    return true;
+}
 
+/// Gives the prepared frame, if there is one, to the encoder; waits for the one before. finishEncoding() tells what
+/// became of it.
+void GstRecorder::sendPrepared()
+{
+    if (!preparedMs)
+        return;
+    collectEncoded();
+    const qint64 ptsMs = *std::exchange(preparedMs, std::nullopt);
     ptsBeforeMs = videoFrame->pts;
     const bool longGap = ptsBeforeMs != AV_NOPTS_VALUE && ptsMs - ptsBeforeMs > longestGapMs;
     videoFrame->pict_type = longGap || keyFrameIsDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     keyFrameIsDue = false;
     videoFrame->pts = ptsMs;
     frameSending.start(*videoCodecContext, *videoFrame);
+}
+
+/// The same, but without a wait. False when a frame is still prepared.
+bool GstRecorder::sendPreparedIfFree()
+{
+    if (preparedMs && !frameSending.isDone())
+        return false;
+    sendPrepared();
     return true;
 }
 

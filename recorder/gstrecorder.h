@@ -10,7 +10,7 @@
 // click map under clickMutex, and durationMs, which the main thread reads after the worker has finished.
 //
 // The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
-// -> composeFrame() -> startEncoding(), finishEncoding() -> packet in the file.
+// -> composeFrame() -> prepareFrame(), sendPrepared(), finishEncoding() -> packet in the file.
 //
 // Clocks: names ending in AtMs are wall-clock milliseconds since the epoch; elapsedMs, ptsMs, click keys and
 // frame times are recording milliseconds, counted from the first recorded frame.
@@ -173,7 +173,9 @@ private:
     void setClock(bool runs);
     void startAudio();
     void takeAudio(bool last = false);
-    void drainDue(LoopState& loop, qint64 elapsedMs);
+    void useIdleTime(LoopState& loop, qint64 nowMs);
+    void drainDue(QList<QueuedFrame>& queue, qint64 elapsedMs);
+    bool drainNext(QList<QueuedFrame>& queue, qint64 limitMs);
     void drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll);
     void encodeBlackFrame();
     void finalizeRecording(LoopState& loop);
@@ -192,11 +194,11 @@ private:
     // ==== clickoverlay.cpp: clicks (addClick: main thread; the rest: worker) =================================
 
     bool makeRoomForClick(qint64 key) REQUIRES(clickMutex);
-    std::vector<LiveClick> liveClicks(long long timestampMs);
-    static RowSet markerRows(
     void followWallClock();
     void followWallClockLocked() REQUIRES(clickMutex);
     qint64 clockCorrection(long long timestampMs) const REQUIRES(clickMutex);
+    std::vector<LiveClick> liveClicks(long long timestampMs);
+    static RowSet markerRows(
         const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
     static void drawClicks(
         QPainter& painter, const FrameGeometry& geometry, const std::vector<LiveClick>& live, long long timestampMs);
@@ -240,7 +242,9 @@ private:
     // ==== videoencoding.cpp: image to packet (worker) ======================================================
 
     bool encodeImage(const QImage& image, long long ptsMs);
-    bool startEncoding(const QImage& image, long long ptsMs);
+    bool prepareFrame(const QImage& image, long long ptsMs);
+    void sendPrepared();
+    bool sendPreparedIfFree();
     bool finishEncoding();
     void collectEncoded();
     bool drainEncoder();
@@ -297,11 +301,11 @@ private:
     QMap<qint64, MouseClick> clicks GUARDED_BY(clickMutex); // keyed by recording milliseconds
     FreeKeyHint freeClickKey GUARDED_BY(clickMutex); // makes a flood of clicks at one time cheap
     bool clickLimitLogged GUARDED_BY(clickMutex) = false;
+    WallClock wallClock GUARDED_BY(clickMutex);
 
     Letterboxing letterboxing; // worker; of frames that come, framecomposition.cpp
 
     // The image that was composed last: worker, framecomposition.cpp.
-    WallClock wallClock GUARDED_BY(clickMutex);
     QImage composedImage; // its memory serves the next one, too
     std::optional<CompositionSource> composedFrom; // nothing: the next one is painted whole
     RowSet composedOverlay; // its rows with the pointer and markers
@@ -316,6 +320,7 @@ private:
     AVFrame* videoFrame = nullptr; // the one frame, reused for every image
     qint64 videoFrameVersion = 0; // composedVersion that it holds, videoencoding.cpp; 0 is none
     FrameSending frameSending; // the frame that the encoder works on
+    std::optional<qint64> preparedMs; // videoFrame is to be sent, with this time
     int64_t ptsBeforeMs = AV_NOPTS_VALUE; // of the frame before that one
     bool keyFrameIsDue = false; // the encoder refused the frame before, videoencoding.cpp
     BandConversion bandConversion; // of parts of an image; videoencoding.cpp

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <span>
 
 namespace queuelimit {
 
@@ -36,6 +37,20 @@ qint64 bytesOf(const Queue& queue)
         lastVersion = frame.imageVersion;
     }
     return bytes;
+}
+
+inline constexpr qint64 mostBytesLate = qint64(64) << 20;
+inline constexpr int mostFramesLate = 48; ///< two seconds
+
+/// Whether the frames at the front that are due at limitMs are so many that captures have to wait for the encoder.
+template <typename Queue>
+bool isTooLate(const Queue& queue, qint64 limitMs)
+{
+    const auto isDue = [limitMs](const auto& queued) { return queued.elapsedMs <= limitMs; };
+    const auto firstEarly = std::find_if_not(queue.begin(), queue.end(), isDue);
+    const auto count = firstEarly - queue.begin();
+    return count > mostFramesLate
+        || (count > 1 && bytesOf(std::span(queue.constData(), std::size_t(count))) > mostBytesLate);
 }
 
 }

@@ -89,11 +89,8 @@ void GstRecorder::logException(const char* what)
 void GstRecorder::takePass(LoopState& loop)
 {
     const qint64 nowMs = loop.timer.elapsed();
-    if (const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs); sleepMs > 0) {
-        if (frameSending.isDone())
-            collectEncoded();
-        takeAudio();
-        QThread::msleep(ulong(sleepMs));
+    if (nowMs < loop.nextDueMs) {
+        useIdleTime(loop, nowMs);
         return;
     }
     CapturedFrame frame = captureWindowFrame();
@@ -108,13 +105,31 @@ void GstRecorder::takePass(LoopState& loop)
     loop.advance(nowMs);
 }
 
+/// The encoder that was busy may have caught up. What is begun here can make the next capture late by half an
+/// interval, which is still in its slot.
+void GstRecorder::useIdleTime(LoopState& loop, qint64 nowMs)
+{
+    if (frameSending.isDone())
+        collectEncoded();
+    takeAudio();
+    const qint64 sleepMs = idleSleep(loop.nextDueMs, nowMs);
+    if (sleepMs >= longestIdleSleepMs && recordingClock.isValid() && sendPreparedIfFree()
+        && drainNext(loop.queue, recordingClock.elapsed() - holdMs))
+        return;
+    if (preparedMs)
+        frameSending.waitFor(std::chrono::milliseconds(sleepMs));
+    else
+        QThread::msleep(ulong(sleepMs));
+}
+
 /// What has been held long enough is written also while nothing new comes: a window may be hidden for hours.
 void GstRecorder::waitWithoutImage(LoopState& loop)
 {
     takeAudio();
     if (recordingClock.isValid())
-        attempt([&] { drainDue(loop, recordingClock.elapsed()); });
-    attempt([this] { collectEncoded(); });
+        attempt([&] { drainDue(loop.queue, recordingClock.elapsed()); });
+    if (frameSending.isDone())
+        attempt([this] { collectEncoded(); });
     QThread::msleep(ulong(sleepAfterNoImageMs));
 }
 
@@ -166,6 +181,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
         setClock(true);
         startAudio();
     }
+    followWallClock();
     takeAudio();
     // The capture after one that stalled comes at once, maybe in the same millisecond; the encoder refuses a time
     // that does not rise, and the frame would be lost.
@@ -173,7 +189,7 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
     loop.lastElapsedMs = elapsedMs;
     letterbox(frame);
     loop.queue.append({std::move(frame), elapsedMs});
-    drainDue(loop, elapsedMs);
+    drainDue(loop.queue, elapsedMs);
     boundQueue(loop);
     takeAudio();
 }
@@ -181,7 +197,6 @@ void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)
 /// A huge window that moves would otherwise fill the memory of the machine within the three seconds, and whoever is
 /// killed for that, the evidence would end there. The newest frame stays.
 void GstRecorder::boundQueue(LoopState& loop)
-    followWallClock();
 {
     const qint64 bytes = queuelimit::bytesOf(loop.queue);
     if (!loop.limitAge.isValid() || loop.limitAge.hasExpired(queuelimit::checkIntervalMs)) {
@@ -204,6 +219,12 @@ void GstRecorder::setClock(bool runs)
     const CheckedLock lock(clickMutex);
     if (!runs) {
         recordingClock.invalidate();
+        return;
+    }
+    recordingClock.start();
+    const qint64 startedAtMs = wallClock.now();
+    recordingStartedAtMs.store(startedAtMs, std::memory_order_release);
+    wallClock.start(startedAtMs);
 }
 
 /// Audio begins with the recording clock: its first sample belongs to the first recorded frame.
@@ -217,12 +238,6 @@ void GstRecorder::startAudio()
     qWarning() << "Audio capture did not start; recording video only.";
     abandonAudio();
 }
-        return;
-    }
-    recordingClock.start();
-    const qint64 startedAtMs = wallClock.now();
-    recordingStartedAtMs.store(startedAtMs, std::memory_order_release);
-    wallClock.start(startedAtMs);
 
 /// What fails costs audio, never video.
 void GstRecorder::takeAudio(bool last)
@@ -232,24 +247,38 @@ void GstRecorder::takeAudio(bool last)
 }
 
 /// After a stall many frames are due at once. They are worked off beside the captures that follow: all in one go, the
-/// work would be the next stall.
-void GstRecorder::drainDue(LoopState& loop, qint64 elapsedMs)
+/// work would be the next stall. Nor is the encoder waited for, which takes several intervals for a frame now and
+/// then (for a key frame that does not fit its buffer), as long as what is late does not fill the memory.
+void GstRecorder::drainDue(QList<QueuedFrame>& queue, qint64 elapsedMs)
 {
-    qint64 limitMs = elapsedMs - holdMs;
-    if (loop.queue.size() > mostFramesAPass)
-        limitMs = std::min(limitMs, loop.queue.at(mostFramesAPass - 1).elapsedMs);
-    drainQueue(loop.queue, limitMs, false);
+    const qint64 limitMs = elapsedMs - holdMs;
+    const bool waits = queuelimit::isTooLate(queue, limitMs);
+    for (int frames = 0; frames < mostFramesAPass; ++frames) {
+        if (waits)
+            sendPrepared();
+        if (!sendPreparedIfFree() || !drainNext(queue, limitMs))
+            return;
+    }
+    sendPreparedIfFree();
+}
+
+/// Prepares the first frame for the encoder, when it is due. False when none is.
+bool GstRecorder::drainNext(QList<QueuedFrame>& queue, qint64 limitMs)
+{
+    if (queue.isEmpty() || queue.constFirst().elapsedMs > limitMs)
+        return false;
+    isBehind = queue.size() > 1 && queue.at(1).elapsedMs <= limitMs;
+    const QueuedFrame queued = queue.takeFirst();
+    const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
+    if (!composed.isNull())
+        prepareFrame(composed, queued.elapsedMs); // counted when it is collected
+    return true;
 }
 
 void GstRecorder::drainQueue(QList<QueuedFrame>& queue, long long limitMs, bool flushAll)
 {
-    isBehind = queue.size() > 1 && (flushAll || queue.at(1).elapsedMs <= limitMs);
-    while (!queue.isEmpty() && (flushAll || queue.constFirst().elapsedMs <= limitMs)) {
-        const QueuedFrame queued = queue.takeFirst();
-        const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
-        if (!composed.isNull())
-            startEncoding(composed, queued.elapsedMs); // counted when it is collected
-    }
+    while (drainNext(queue, flushAll ? std::numeric_limits<qint64>::max() : limitMs))
+        sendPrepared();
 }
 
 void GstRecorder::finalizeRecording(LoopState& loop)
@@ -258,6 +287,7 @@ void GstRecorder::finalizeRecording(LoopState& loop)
     takeAudio(true);
     while (!loop.queue.isEmpty())
         attempt([&] { drainQueue(loop.queue, std::numeric_limits<qint64>::max(), true); });
+    attempt([this] { sendPrepared(); });
     attempt([this] { collectEncoded(); });
     if (encodedFrameCount == 0)
         attempt([this] { encodeBlackFrame(); });

@@ -43,6 +43,12 @@ void TaskThread::wait()
     changed_.wait(lock, [this] { return !task_; });
 }
 
+bool TaskThread::waitFor(std::chrono::milliseconds limit)
+{
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return !task_; });
+}
+
 /// A task that has begun is done before the thread ends.
 void TaskThread::run()
 {

@@ -1,6 +1,7 @@
 // TaskThread: a thread that does one thing after the other for somebody, who may wait for it.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -21,6 +22,8 @@ public:
 
     bool isDone() const;
     void wait();
+    /// Waits no longer than that; isDone() afterwards.
+    bool waitFor(std::chrono::milliseconds limit);
 
 private:
     void run();

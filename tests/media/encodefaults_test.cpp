@@ -3,9 +3,16 @@
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "queuelimit.h"
 #include "testregistry.h"
 
 #include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+#include <semaphore>
+#include <thread>
 
 using namespace ffmpegfaults;
 
@@ -20,6 +27,43 @@ struct Fault {
 
 Q_DECLARE_METATYPE(Fault)
 
+namespace {
+
+/// An encoder that is busy with a frame until it may go on.
+class BusyEncoder {
+public:
+    BusyEncoder()
+    {
+        surroundings().atSendFrame = [this] {
+            isBusy_ = true;
+            static_cast<void>(mayGoOn_.try_acquire_for(std::chrono::seconds(5))); // a test that fails ends, too
+            isBusy_ = false;
+        };
+    }
+    ~BusyEncoder() { release(); }
+
+    bool isBusy() const { return isBusy_; }
+    void release() { mayGoOn_.release(1000); } ///< for good
+
+private:
+    std::atomic<bool> isBusy_{false};
+    std::counting_semaphore<> mayGoOn_{0};
+};
+
+QList<RecorderProbe::QueuedFrame> queueOf(const QList<qint64>& timesMs, const QSize& size)
+{
+    QList<RecorderProbe::QueuedFrame> queue;
+    for (const qint64 timeMs : timesMs) {
+        RecorderProbe::CapturedFrame frame;
+        frame.image = testimages::walking(size, int(queue.size())).convertToFormat(QImage::Format_ARGB32);
+        frame.windowBounds = QRect(QPoint(), size);
+        queue.append({frame, timeMs});
+    }
+    return queue;
+}
+
+}
+
 class EncodeFaultsTest : public QObject {
     Q_OBJECT
 
@@ -33,6 +77,9 @@ private Q_SLOTS:
     void failedWriteIsFlushedToo();
     void oneFlushAPacket();
     void packetThatWasLeftIsWrittenWithTheNext();
+
+    void busyEncoderHoldsUpNoCapture();
+    void busyEncoderIsWaitedForWhenTooMuchIsLate();
 
     void drainingFails_data();
     void drainingFails();
@@ -151,6 +198,59 @@ void EncodeFaultsTest::packetThatWasLeftIsWrittenWithTheNext()
     QCOMPARE(calls(Call::WritePacket), 0);
     QVERIFY(recorder.encode({41}, 1));
     QCOMPARE(calls(Call::WritePacket), 2);
+}
+
+/// One frame is encoded, one is ready for it, and the rest waits. Nothing is lost.
+void EncodeFaultsTest::busyEncoderHoldsUpNoCapture()
+{
+    constexpr int count = 20;
+    const QList<qint64> timesMs = IdleRecorder::steadyTimes(count);
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QList<RecorderProbe::QueuedFrame> queue = queueOf(timesMs, recorder.canvas());
+    BusyEncoder encoder;
+    for (int i = 0; i < 3; ++i) {
+        recorder->drainDue(queue, timesMs.last() + pacing::holdMs);
+        QTRY_VERIFY(encoder.isBusy());
+        QCOMPARE(queue.size(), count - 2);
+    }
+    encoder.release();
+    while (!queue.isEmpty())
+        recorder->drainDue(queue, timesMs.last() + pacing::holdMs);
+    recorder->sendPrepared();
+    QCOMPARE(recorder->encodedFrameCount(), count);
+    QVERIFY(recorder.finish());
+    QVERIFY(recorder.wasQuiet());
+
+    MediaFile file(recorder->outputPath());
+    QList<qint64> written;
+    for (const MediaPacket& packet : file.packets())
+        written.append(qint64(packet.ptsMs));
+    QCOMPARE(written, timesMs);
+}
+
+/// More than two seconds of frames: without a bound they would fill the memory.
+void EncodeFaultsTest::busyEncoderIsWaitedForWhenTooMuchIsLate()
+{
+    const QList<qint64> timesMs = IdleRecorder::steadyTimes(queuelimit::mostFramesLate + 3);
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QList<RecorderProbe::QueuedFrame> queue = queueOf(timesMs, recorder.canvas());
+    BusyEncoder encoder;
+    recorder->drainDue(queue, timesMs.last() + pacing::holdMs);
+    const qsizetype waiting = queue.size();
+    std::atomic<bool> hasReturned{false};
+    bool hadReturned = true;
+    std::thread releaser([&] {
+        QThread::msleep(100); // long enough for a drain that does not wait
+        hadReturned = hasReturned;
+        encoder.release();
+    });
+    recorder->drainDue(queue, timesMs.last() + pacing::holdMs);
+    hasReturned = true;
+    releaser.join();
+    QVERIFY(!hadReturned);
+    QVERIFY(queue.size() < waiting);
 }
 
 void EncodeFaultsTest::drainingFails_data()

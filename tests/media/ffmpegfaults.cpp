@@ -107,12 +107,19 @@ using WriteBytes = int (*)(void*, uint8_t*, int);
 
 extern "C" {
 
+int __real_avcodec_send_frame(AVCodecContext* context, const AVFrame* frame);
+int __wrap_avcodec_send_frame(AVCodecContext* context, const AVFrame* frame)
+{
+    if (surroundings().atSendFrame)
+        surroundings().atSendFrame();
+    const auto* plan = failing(Call::SendFrame);
+    return plan ? plan->status : __real_avcodec_send_frame(context, frame);
+}
+
 ORVANTIS_STATUS_CALL(CopyParameters, avcodec_parameters_from_context,
     (AVCodecParameters * parameters, const AVCodecContext* context), (parameters, context))
 ORVANTIS_STATUS_CALL(GetFrameBuffer, av_frame_get_buffer, (AVFrame * frame, int alignment), (frame, alignment))
 ORVANTIS_STATUS_CALL(MakeWritable, av_frame_make_writable, (AVFrame * frame), (frame))
-ORVANTIS_STATUS_CALL(
-    SendFrame, avcodec_send_frame, (AVCodecContext * context, const AVFrame* frame), (context, frame))
 ORVANTIS_STATUS_CALL(WriteTrailer, av_write_trailer, (AVFormatContext * context), (context))
 
 ORVANTIS_POINTER_CALL(FindEncoderById, const AVCodec, avcodec_find_encoder, (AVCodecID id), (id))

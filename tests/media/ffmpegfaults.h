@@ -74,6 +74,7 @@ struct Surroundings {
     std::function<void(const AVFormatContext&, const AVDictionary*)> atWriteHeader;
     std::function<void(const AVPacket&)> atWritePacket;
     std::function<void(int samples)> atAllocSamples;
+    std::function<void()> atSendFrame; ///< on the encoder's thread
     /// Called with what FFmpeg gave; it may be changed.
     std::function<void(AVPacket&)> afterReceivePacket;
 };

@@ -29,6 +29,12 @@ struct RecorderProbe {
         recorder.drainQueue(queue, limitMs, flushAll);
         recorder.collectEncoded();
     }
+    void drainDue(QList<QueuedFrame>& queue, qint64 elapsedMs) { recorder.drainDue(queue, elapsedMs); }
+    void sendPrepared()
+    {
+        recorder.sendPrepared();
+        recorder.collectEncoded();
+    }
     QString normalizedOutputPath(const QString& path) { return recorder.normalizedOutputPath(path); }
     bool openOutput() { return recorder.openOutput(); }
     bool tryVideoEncoder(const QString& name) { return recorder.tryVideoEncoder(name); }
@@ -69,14 +75,14 @@ struct RecorderProbe {
     std::atomic<bool>& frameComeSent() { return recorder.frameComeSent; }
     std::atomic<bool>& workerStarted() { return recorder.workerStarted; }
     std::atomic<bool>& finalized() { return recorder.finalized; }
+    WallClock& wallClock() { return recorder.wallClock; }
+    void followWallClock() { recorder.followWallClock(); }
     std::atomic<qint64>& recordingStartedAtMs() { return recorder.recordingStartedAtMs; }
     bool& stopAcknowledged() { return recorder.stopAcknowledged; }
     QMap<qint64, MouseClick>& clicks() { return recorder.clicks; }
     AVFormatContext*& formatContext() { return recorder.formatContext; }
     AVCodecContext*& videoCodecContext() { return recorder.videoCodecContext; }
     AVStream*& videoStream() { return recorder.videoStream; }
-    WallClock& wallClock() { return recorder.wallClock; }
-    void followWallClock() { recorder.followWallClock(); }
     AVFrame*& videoFrame() { return recorder.videoFrame; }
     SwsContext*& swsContext() { return recorder.swsContext; }
     QString& videoEncoderName() { return recorder.videoEncoderName; }
