@@ -76,8 +76,9 @@ const QList<OptionGroup>& optionGroups()
             {
                 {"list", "", "Show the windows that there are, with --json as JSON, and record nothing."},
                 {"select", "",
-                    "Record the window that is clicked next; on Wayland, the one that is chosen in the desktop's "
-                    "dialogue."},
+                    "Record the window that is clicked next (Escape: none); on Wayland, the one that is chosen in "
+                    "the "
+                    "desktop's dialogue."},
                 {"again", "",
                     "Wayland: record the window that --select chose last, without a question where the desktop "
                     "remembers it."},

@@ -49,7 +49,9 @@ void judgeEnd(const RunFacts& facts, Outcome& outcome)
                                 .arg(endOfRecorder(facts));
     } else if (outcome.file.isEmpty()) {
         outcome.code = ExitCode::BadEnd;
-        outcome.error = QStringLiteral("the recorder left no file");
+        outcome.error = outcome.logFile.isEmpty()
+            ? QStringLiteral("the recorder left no log, in which it names its file")
+            : QStringLiteral("the recorder left no file");
     } else if (*outcome.recorderExitCode != 0) {
         outcome.code = ExitCode::BadEnd;
         outcome.error = QStringLiteral("the recorder did not end well (%1)").arg(endOfRecorder(facts));

@@ -1,4 +1,5 @@
-// The pointer is grabbed meanwhile, so that the click does nothing else. It is free again when the connection ends.
+// The pointer is grabbed meanwhile, so that the click does nothing else, and the keyboard for the key that cancels.
+// Both are free again when the connection ends.
 #include "windowpicker.h"
 
 #include "xcbhandles.h"
@@ -18,7 +19,24 @@ xcb_cursor_t makeCursor(xcb_connection_t* connection)
     return cursor;
 }
 
-bool grab(xcb_connection_t* connection, xcb_window_t root)
+/// The choice can do without: the right button cancels, too.
+void grabKeyboard(xcb_connection_t* connection, xcb_window_t root)
+{
+    const xcb_grab_keyboard_cookie_t cookie
+        = xcb_grab_keyboard(connection, 0, root, XCB_CURRENT_TIME, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
+    xcb_discard_reply(connection, cookie.sequence);
+}
+
+bool isEscape(xcb_connection_t* connection, xcb_keycode_t key)
+{
+    constexpr xcb_keysym_t escape = 0xff1b; // XK_Escape
+    const x11::Allocated<xcb_get_keyboard_mapping_reply_t> mapping(
+        xcb_get_keyboard_mapping_reply(connection, xcb_get_keyboard_mapping(connection, key, 1), nullptr));
+    return mapping && xcb_get_keyboard_mapping_keysyms_length(mapping.get()) > 0
+        && xcb_get_keyboard_mapping_keysyms(mapping.get())[0] == escape;
+}
+
+bool grabPointer(xcb_connection_t* connection, xcb_window_t root)
 {
     constexpr uint16_t wanted = XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE;
     const x11::Allocated<xcb_grab_pointer_reply_t> reply(xcb_grab_pointer_reply(connection,
@@ -32,7 +50,8 @@ bool grab(xcb_connection_t* connection, xcb_window_t root)
 
 xcb_window_t windowpicker::pick(xcb_connection_t* connection, xcb_window_t root, QString* error)
 {
-    if (!grab(connection, root)) {
+    grabKeyboard(connection, root);
+    if (!grabPointer(connection, root)) {
         *error = QStringLiteral("the pointer is held by another program; try again");
         return XCB_NONE;
     }
@@ -47,6 +66,8 @@ xcb_window_t windowpicker::pick(xcb_connection_t* connection, xcb_window_t root,
             chosen = button.detail == XCB_BUTTON_INDEX_1 ? button.child : xcb_window_t(XCB_NONE);
         } else if (type == XCB_BUTTON_RELEASE && isPressed) {
             return chosen;
+        } else if (type == XCB_KEY_PRESS && !isPressed && isEscape(connection, button.detail)) {
+            return XCB_NONE;
         }
     }
     *error = QStringLiteral("the connection to the X server is lost");

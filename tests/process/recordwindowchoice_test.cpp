@@ -52,6 +52,15 @@ public:
             xcb_test_fake_input(xcb(), what, button, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
         synchronise();
     }
+    /// Codes of keys, as Xvfb's keyboard has them.
+    void type(std::initializer_list<uint8_t> keys)
+    {
+        for (const uint8_t key : keys) {
+            for (const uint8_t what : {XCB_KEY_PRESS, XCB_KEY_RELEASE})
+                xcb_test_fake_input(xcb(), what, key, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+        }
+        synchronise();
+    }
     /// Whether another client holds the pointer. Tried while the server serves nobody else: who asks for the pointer
     /// in that moment would be refused.
     bool pointerIsHeld()
@@ -97,6 +106,7 @@ private Q_SLOTS:
     void chosenByProcess();
     void activeWindow();
     void selectedWindow();
+    void selectionCancelled_data();
     void selectionCancelled();
     void ignoredInterruptEndsTheSelection();
     void sizeAndProcessAreTheWindows();
@@ -221,11 +231,22 @@ void RecordWindowChoiceTest::selectedWindow()
     QCOMPARE(launcher_->recorderArguments().value(3), QByteArray::number(letter_));
 }
 
+void RecordWindowChoiceTest::selectionCancelled_data()
+{
+    QTest::addColumn<bool>("byKey");
+    QTest::newRow("right button") << false;
+    QTest::newRow("Escape") << true;
+}
+
 void RecordWindowChoiceTest::selectionCancelled()
 {
+    QFETCH(const bool, byKey);
     launcher_->start({"--select"});
     QTRY_VERIFY_WITH_TIMEOUT(user_->pointerIsHeld(), 60'000);
-    user_->click(QPoint(110, 60), 3);
+    if (byKey)
+        user_->type({38, 9}); // "a", which means nothing, and Escape
+    else
+        user_->click(QPoint(110, 60), 3);
     QVERIFY(launcher_->waitForEnd());
     QCOMPARE(launcher_->process().exitCode(), 2);
     QVERIFY2(launcher_->standardError().contains("--select: no window was clicked"), launcher_->standardError());
