@@ -4,6 +4,7 @@
 #include "sampledwindow.h"
 #include "testregistry.h"
 #include "waylanddesktop.h"
+#include "waylandpointer.h"
 #include "waylandwindow.h"
 
 #include <QElapsedTimer>
@@ -59,6 +60,8 @@ private Q_SLOTS:
     void coveredAndMinimised();
     void shadow_data() { kinds(); }
     void shadow();
+    void pointer_data() { kinds(); }
+    void pointer();
     void closed_data() { kinds(); }
     void closed();
     void firstFrameOfAStillWindow_data() { kinds(); }
@@ -190,6 +193,27 @@ void CompositorsTest::shadow()
     show(QSize(400, 300), {QStringLiteral("shadow"), QStringLiteral("20")});
     QVERIFY2(goesOn(3), qPrintable(QStringLiteral("%1").arg(window_->image().width())));
     QCOMPARE(window_->image().size(), QSize(400, 300));
+}
+
+/// Told beside the image, which never has it painted in.
+void CompositorsTest::pointer()
+{
+    show(QSize(640, 360));
+    QVERIFY(goesOn(3));
+    shown_->send("fullscreen");
+    QTRY_COMPARE_WITH_TIMEOUT(window_->image().size(), QSize(1280, 720), limitMs);
+    WaylandPointer pointer(*desktop_, *shown_);
+    QVERIFY2(pointer.errorString().isEmpty(), qPrintable(pointer.errorString()));
+    for (const QPoint& place : {QPoint(100, 200), QPoint(1200, 30)}) {
+        pointer.move(place);
+        const auto inWindow = [&]() -> QPointF {
+            const std::optional<QPointF> location = window_->pointerLocation();
+            return location && window_->bounds() ? *location - window_->bounds()->topLeft() : QPointF(-1, -1);
+        };
+        QTRY_COMPARE_WITH_TIMEOUT(inWindow(), QPointF(place), limitMs);
+        QVERIFY(goesOn(3));
+    }
+    QVERIFY(pointer.errorString().isEmpty());
 }
 
 void CompositorsTest::closed()

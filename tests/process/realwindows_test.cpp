@@ -6,13 +6,17 @@
 #include "recordingscene.h"
 #include "testregistry.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QMargins>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <utility>
 
 namespace {
 
@@ -25,13 +29,16 @@ html, body { margin: 0; height: 100%; background: white; overflow: hidden }
 @keyframes go { from { left: 5% } to { left: 75% } }
 </style></head><body><div id="frame"></div><div id="bar"></div></body></html>)";
 
-/// A list that opens over the page, as a window of its own; its entries have a colour that is nowhere else.
-constexpr auto listPage = R"(<!DOCTYPE html><html><head><title>orvantis test page</title><style>
-html, body { margin: 0; height: 100%; background: white; overflow: hidden }
+/// A plain page with a tool tip, a menu of its own for the right button, and a list: each opens as a window of its
+/// own.
+constexpr auto popupPage = R"(<!DOCTYPE html><html><head><title>orvantis test page</title><style>
+html, body { margin: 0; height: 100%; background: #103080; overflow: hidden }
 select { position: fixed; left: 200px; top: 150px; width: 400px; height: 200px }
 option { background: #00c040; color: black }
-</style></head><body><select><option>one<option>two<option>three<option>four</select></body></html>)";
-constexpr QPoint onTheList(400, 280); // of the window
+</style></head><body title="a tool tip that is long enough to be found in the frame of a recording">
+<select><option>one<option>two<option>three<option>four</select></body></html>)";
+constexpr QPoint onThePage(100, 450); // of the window
+constexpr QPoint onTheList(400, 280);
 
 bool isNear(QRgb pixel, QRgb wanted, int tolerance)
 {
@@ -78,14 +85,15 @@ int barMoves(const QString& path)
     return moves;
 }
 
-int pixelsLike(const QImage& frame, QRgb wanted)
+/// How much of a part of a frame is something else than in another frame, 0 to 1.
+double changedShare(const QImage& frame, const QImage& before, const QRect& part)
 {
-    int count = 0;
-    for (int y = 0; y < frame.height(); ++y) {
-        for (int x = 0; x < frame.width(); ++x)
-            count += isNear(frame.pixel(x, y), wanted, 30);
+    int changed = 0;
+    for (int y = part.top(); y <= part.bottom(); ++y) {
+        for (int x = part.left(); x <= part.right(); ++x)
+            changed += !isNear(frame.pixel(x, y), before.pixel(x, y), 40);
     }
-    return count;
+    return part.isEmpty() ? 0.0 : double(changed) / (part.width() * part.height());
 }
 
 QProcessEnvironment environmentFor(const QByteArray& display)
@@ -105,14 +113,20 @@ private Q_SLOTS:
 
     void browser_data();
     void browser();
-    void listOfTheBrowser();
+    void popupsOfTheBrowser();
     void plainClient();
 
 private:
     /// The window of the browser: a top-level one that has the page's title; 0 when there is none yet.
     quint32 browserWindow() const;
     void startBrowser(QProcess& browser, const PrivateTempDir& directory, const char* html) const;
-    bool click(QPoint position) const;
+    /// Moves the pointer there, and clicks with a button of it; 0 for none.
+    bool click(QPoint position, int button) const;
+    bool press(const char* key) const;
+    bool useTool(const QStringList& arguments) const;
+    /// A visible window on the screen that was not there; null when none comes.
+    QRect newWindow(const QList<quint32>& before) const;
+    QList<quint32> visibleWindows() const;
 
     PrivateXServer server_;
     std::unique_ptr<Desktop> desktop_;
@@ -131,14 +145,50 @@ quint32 RealWindowsTest::browserWindow() const
     return desktop_->titled(QStringLiteral("orvantis test page"));
 }
 
-bool RealWindowsTest::click(QPoint position) const
+bool RealWindowsTest::useTool(const QStringList& arguments) const
 {
-    QProcess clicking;
-    clicking.setProcessEnvironment(environmentFor(server_.display()));
-    clicking.start(QStringLiteral("xdotool"),
-        {QStringLiteral("mousemove"), QString::number(position.x()), QString::number(position.y()),
-            QStringLiteral("click"), QStringLiteral("1")});
-    return clicking.waitForFinished(hangLimitMs) && clicking.exitCode() == 0;
+    QProcess tool;
+    tool.setProcessEnvironment(environmentFor(server_.display()));
+    tool.start(QStringLiteral("xdotool"), arguments);
+    return tool.waitForFinished(hangLimitMs) && tool.exitCode() == 0;
+}
+
+bool RealWindowsTest::click(QPoint position, int button) const
+{
+    QStringList arguments{QStringLiteral("mousemove"), QString::number(position.x()), QString::number(position.y())};
+    if (button != 0)
+        arguments += {QStringLiteral("click"), QString::number(button)};
+    return useTool(arguments);
+}
+
+bool RealWindowsTest::press(const char* key) const
+{
+    return useTool({QStringLiteral("key"), QLatin1String(key)});
+}
+
+QList<quint32> RealWindowsTest::visibleWindows() const
+{
+    QList<quint32> visible;
+    for (const quint32 window : desktop_->children(desktop_->root())) {
+        if (desktop_->isViewable(window))
+            visible.append(window);
+    }
+    return visible;
+}
+
+QRect RealWindowsTest::newWindow(const QList<quint32>& before) const
+{
+    QRect place;
+    static_cast<void>(QTest::qWaitFor(
+        [&] {
+            for (const quint32 window : visibleWindows()) {
+                if (!before.contains(window))
+                    place = desktop_->geometry(window);
+            }
+            return !place.isNull();
+        },
+        hangLimitMs));
+    return place;
 }
 
 void RealWindowsTest::startBrowser(QProcess& browser, const PrivateTempDir& directory, const char* html) const
@@ -208,13 +258,13 @@ void RealWindowsTest::browser()
     QVERIFY(barMoves(scene.command.output) > file.ptsMs.size() / 4);
 }
 
-/// Drawn by another process of the browser than its page; the X server knows one client for both.
-void RealWindowsTest::listOfTheBrowser()
+/// Its list is drawn by another process of the browser than its page; the X server knows one client for both.
+void RealWindowsTest::popupsOfTheBrowser()
 {
     RecordingScene scene(server_.display(), 0);
     scene.recorder.setVariable(QStringLiteral("ORVANTIS_POPUPS"), QStringLiteral("1"));
     QProcess browser;
-    startBrowser(browser, scene.directory, listPage);
+    startBrowser(browser, scene.directory, popupPage);
     QVERIFY2(browser.waitForStarted(), qPrintable(browser.errorString()));
     QVERIFY2(QTest::qWaitFor([this] { return browserWindow() != 0; }, hangLimitMs), browser.readAll());
     const quint32 window = browserWindow();
@@ -223,27 +273,44 @@ void RealWindowsTest::listOfTheBrowser()
     scene.command.canvasWidth = QString::number(place.width());
     scene.command.canvasHeight = QString::number(place.height());
     QVERIFY2(scene.startRecording(), scene.story());
-    QVERIFY2(scene.waitUntilRecorded(1000), scene.story());
-    const qsizetype windows = desktop_->children(desktop_->root()).size();
-    QVERIFY(click(place.topLeft() + onTheList));
-    QVERIFY(QTest::qWaitFor([&] { return desktop_->children(desktop_->root()).size() > windows; }, hangLimitMs));
-    QVERIFY2(scene.waitUntilRecorded(3000), scene.story());
+    constexpr int shownMs = 1000;
+    QVERIFY2(scene.waitUntilRecorded(shownMs), scene.story());
+    QElapsedTimer sinceThen;
+    sinceThen.start();
+    const auto recordSome = [&] { return scene.waitUntilRecorded(int(sinceThen.elapsed()) + 2 * shownMs); };
+    const QList<quint32> before = visibleWindows();
+    const std::array popups{std::pair{onThePage, 0}, std::pair{onThePage, 3}, std::pair{onTheList, 1}};
+    QList<QRect> parts; // of the frame
+    for (const auto& [position, button] : popups) {
+        QVERIFY(click(place.topLeft() + position - QPoint(3, 0), 0));
+        QVERIFY(click(place.topLeft() + position, button));
+        const QRect popup = newWindow(before);
+        QVERIFY2(!popup.isNull(), qPrintable(QString::number(parts.size())));
+        parts.append((popup & place).translated(-place.topLeft()));
+        QVERIFY2(recordSome(), scene.story());
+        QVERIFY(press("Escape"));
+        QVERIFY(QTest::qWaitFor([&] { return visibleWindows() == before; }, hangLimitMs));
+    }
+    QVERIFY2(recordSome(), scene.story());
     QVERIFY2(scene.stopAndExit(), scene.story());
     browser.terminate();
     QVERIFY(browser.waitForFinished(hangLimitMs));
 
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.isWhole(), file.description());
-    QCOMPARE(file.last.size(), place.size());
-    int first = -1;
+    QImage first;
+    QList<double> shares(parts.size(), 0.0);
     MediaFile media(scene.command.output);
     media.forEachFrame([&](const MediaFrame& frame) {
-        first = pixelsLike(frame.image, 0xff00c040);
-        return false;
+        if (first.isNull())
+            first = frame.image.copy();
+        for (qsizetype i = 0; i < parts.size(); ++i)
+            shares[i] = std::max(shares[i], changedShare(frame.image, first, parts[i]));
+        return true;
     });
-    QCOMPARE(first, 0);
-    const int entries = pixelsLike(file.last, 0xff00c040);
-    QVERIFY2(entries > 5000, qPrintable(QString::number(entries)));
+    for (qsizetype i = 0; i < parts.size(); ++i)
+        QVERIFY2(shares[i] > 0.5, qPrintable(QStringLiteral("%1: %2").arg(i).arg(shares[i])));
+    QVERIFY(changedShare(file.last, first, parts[1]) < 0.1); // and then it is gone
 }
 
 void RealWindowsTest::plainClient()

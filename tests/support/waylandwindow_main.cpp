@@ -3,25 +3,20 @@
 //   waylandwindow cast TITLE
 // Four coloured quarters; the topmost rows have the number of the frame as their colour. Answers "ready" when it is
 // shown and active. Commands on stdin, one a line:
-//   size W H | minimise | fullscreen | step | quit
+//   size W H | minimise | fullscreen | step | pointer X Y | quit
 // With "cast" it shows nothing, and prints "node ID" of a stream of the window with this title, or "failed WHY".
-#include "plasma-window-management-client.h"
+#include "kwinclient.h"
 #include "xdg-shell-client.h"
-#include "zkde-screencast-unstable-v1-client.h"
 
 #include <wayland-client.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 #include <poll.h>
@@ -33,12 +28,6 @@ namespace {
 constexpr int numberRows = 8; // as in compositorfixture.h
 constexpr uint32_t opaque = 0xff000000U;
 constexpr uint32_t shadowPixel = 0x40000000U;
-
-void say(const std::string& line)
-{
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
 
 /// Memory that the compositor reads.
 struct Buffer {
@@ -56,9 +45,7 @@ struct Window {
     wl_compositor* compositor = nullptr;
     wl_shm* shm = nullptr;
     xdg_wm_base* base = nullptr;
-    zkde_screencast_unstable_v1* screencast = nullptr;
-    org_kde_plasma_window_management* management = nullptr;
-    std::map<std::string, std::string> uuids; ///< by title
+    KWinClient kwin;
     // Of the window.
     wl_surface* surface = nullptr;
     xdg_surface* shell = nullptr;
@@ -80,7 +67,6 @@ struct Window {
     void show(const char* title);
     void draw();
     void obey(const std::string& line);
-    void cast(const std::string& title);
     void run();
     void readCommands();
     Buffer* freeBuffer(int ofWidth, int ofHeight);
@@ -92,63 +78,7 @@ Window* self(void* data)
     return static_cast<Window*>(data);
 }
 
-/// Nothing is done with an event.
-template <typename... Arguments>
-void ignore(Arguments...)
-{
-}
-
 // ---- what the compositor has
-
-/// Of a window of KWin: its title may come after its number.
-struct Known {
-    Window* window;
-    std::string uuid;
-};
-
-void onTitle(void* data, org_kde_plasma_window*, const char* title)
-{
-    const auto* known = static_cast<Known*>(data);
-    known->window->uuids[title] = known->uuid;
-}
-
-const org_kde_plasma_window_listener knownEvents = [] {
-    org_kde_plasma_window_listener table{};
-    table.title_changed = &onTitle;
-    table.app_id_changed = &ignore;
-    table.state_changed = &ignore;
-    table.virtual_desktop_changed = &ignore;
-    table.themed_icon_name_changed = &ignore;
-    table.unmapped = &ignore;
-    table.initial_state = &ignore;
-    table.parent_window = &ignore;
-    table.geometry = &ignore;
-    table.icon_changed = &ignore;
-    table.pid_changed = &ignore;
-    table.virtual_desktop_entered = &ignore;
-    table.virtual_desktop_left = &ignore;
-    table.application_menu = &ignore;
-    table.activity_entered = &ignore;
-    table.activity_left = &ignore;
-    table.resource_name_changed = &ignore;
-    return table;
-}();
-
-void onWindow(void* data, org_kde_plasma_window_management* management, uint32_t, const char* uuid)
-{
-    org_kde_plasma_window* window = org_kde_plasma_window_management_get_window_by_uuid(management, uuid);
-    org_kde_plasma_window_add_listener(window, &knownEvents, new Known{self(data), uuid}); // until the process ends
-}
-
-const org_kde_plasma_window_management_listener managementEvents = [] {
-    org_kde_plasma_window_management_listener table{};
-    table.show_desktop_changed = &ignore;
-    table.window = &ignore;
-    table.stacking_order_changed = &ignore;
-    table.stacking_order_uuid_changed = &ignore;
-    table.window_with_uuid = &onWindow;
-    return table;
-}();
 
 void onPing(void*, xdg_wm_base* base, uint32_t serial)
 {
@@ -159,17 +89,12 @@ const xdg_wm_base_listener baseEvents{&onPing};
 
 void onGlobal(void* data, wl_registry* registry, uint32_t name, const char* interface, uint32_t)
 {
-    const auto bind = [&](auto*& object, const wl_interface& wanted, uint32_t version) {
-        if (std::strcmp(interface, wanted.name) == 0)
-            object = static_cast<std::remove_reference_t<decltype(object)>>(
-                wl_registry_bind(registry, name, &wanted, version));
-    };
+    const WaylandGlobal global{registry, name, interface};
     Window* const window = self(data);
-    bind(window->compositor, wl_compositor_interface, 4);
-    bind(window->shm, wl_shm_interface, 1);
-    bind(window->base, xdg_wm_base_interface, 1);
-    bind(window->screencast, zkde_screencast_unstable_v1_interface, 1);
-    bind(window->management, org_kde_plasma_window_management_interface, 13);
+    global.bind(window->compositor, wl_compositor_interface, 4);
+    global.bind(window->shm, wl_shm_interface, 1);
+    global.bind(window->base, xdg_wm_base_interface, 1);
+    window->kwin.bind(global);
 }
 
 const wl_registry_listener registryEvents{&onGlobal, &ignore};
@@ -184,8 +109,6 @@ void Window::connect()
     wl_display_roundtrip(display);
     if (base)
         xdg_wm_base_add_listener(base, &baseEvents, nullptr);
-    if (management)
-        org_kde_plasma_window_management_add_listener(management, &managementEvents, this);
 }
 
 // ---- the window
@@ -312,34 +235,6 @@ void Window::show(const char* title)
     wl_surface_commit(surface);
 }
 
-// ---- streams of KWin
-
-void onCreated(void*, zkde_screencast_stream_unstable_v1*, uint32_t node)
-{
-    say("node " + std::to_string(node));
-}
-
-void onFailed(void*, zkde_screencast_stream_unstable_v1*, const char* error)
-{
-    say(std::string("failed ") + error);
-}
-
-const zkde_screencast_stream_unstable_v1_listener streamEvents{&ignore, &onCreated, &onFailed};
-
-/// The stream lasts as long as this process.
-void Window::cast(const std::string& title)
-{
-    wl_display_roundtrip(display); // the windows
-    wl_display_roundtrip(display); // their titles
-    if (!screencast || uuids.count(title) == 0) {
-        say("failed no such window, or not KWin");
-        return;
-    }
-    auto* stream = zkde_screencast_unstable_v1_stream_window(
-        screencast, uuids[title].c_str(), ZKDE_SCREENCAST_UNSTABLE_V1_POINTER_METADATA);
-    zkde_screencast_stream_unstable_v1_add_listener(stream, &streamEvents, this);
-}
-
 void Window::obey(const std::string& line)
 {
     std::istringstream words(line);
@@ -356,6 +251,11 @@ void Window::obey(const std::string& line)
         xdg_toplevel_set_minimized(toplevel);
     } else if (command == "fullscreen") {
         xdg_toplevel_set_fullscreen(toplevel, nullptr);
+    } else if (command == "pointer") { // of the screen, on KWin
+        int x = 0;
+        int y = 0;
+        words >> x >> y;
+        kwin.movePointer(x, y);
     } else if (command == "quit") {
         quits = true;
     }
@@ -406,7 +306,7 @@ int main(int argc, char** argv)
         window.connect();
         if (!window.display)
             return 1;
-        window.cast(argv[2]);
+        window.kwin.cast(window.display, argv[2]);
         window.run();
         return 0;
     }
