@@ -62,6 +62,8 @@ private Q_SLOTS:
     void shadow();
     void pointer_data() { kinds(); }
     void pointer();
+    void scaledDisplay_data();
+    void scaledDisplay();
     void closed_data() { kinds(); }
     void closed();
     void firstFrameOfAStillWindow_data() { kinds(); }
@@ -214,6 +216,33 @@ void CompositorsTest::pointer()
         QVERIFY(goesOn(3));
     }
     QVERIFY(pointer.errorString().isEmpty());
+}
+
+void CompositorsTest::scaledDisplay_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<double>("scale");
+    QTest::addColumn<int>("windowScale");
+    QTest::newRow("kwin 1.5, a window that is scaled up") << int(Kind::KWin) << 1.5 << 1;
+    QTest::newRow("kwin 2, a window that paints for it") << int(Kind::KWin) << 2.0 << 2;
+}
+
+/// KWin's stream has a pixel for each point, whatever the window paints.
+void CompositorsTest::scaledDisplay()
+{
+    QFETCH(const double, scale);
+    QFETCH(const int, windowScale);
+    WaylandDesktop::Options options;
+    options.kind = Kind::KWin;
+    options.scale = scale;
+    WaylandDesktop scaled(options);
+    QVERIFY2(scaled.isRunning(), qPrintable(scaled.errorString()));
+    desktop_ = &scaled;
+    desktop_->apply();
+    show(QSize(300, 200), {QStringLiteral("scale"), QString::number(windowScale)});
+    QVERIFY(goesOn(5));
+    QCOMPARE(window_->image().size(), QSize(300, 200));
+    cleanup(); // before the desktop
 }
 
 void CompositorsTest::closed()

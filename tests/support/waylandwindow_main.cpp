@@ -1,5 +1,5 @@
 // waylandwindow: a window of Wayland for tests, and on KWin who asks for the stream of one.
-//   waylandwindow TITLE WIDTH HEIGHT [still] [shadow PIXELS]
+//   waylandwindow TITLE WIDTH HEIGHT [still] [shadow POINTS] [scale PIXELS-TO-A-POINT]
 //   waylandwindow cast TITLE
 // Four coloured quarters; the topmost rows have the number of the frame as their colour. Answers "ready" when it is
 // shown and active. Commands on stdin, one a line:
@@ -54,6 +54,7 @@ struct Window {
     int width = 0;
     int height = 0;
     int shadow = 0;
+    int scale = 1;
     bool still = false;
     bool configured = false;
     bool active = false; ///< has the keyboard, or would have it
@@ -193,29 +194,32 @@ Buffer* Window::freeBuffer(int ofWidth, int ofHeight)
 
 uint32_t Window::pixelAt(int x, int y) const
 {
-    if (x < 0 || y < 0 || x >= width || y >= height)
+    const int columns = width * scale;
+    const int rows = height * scale;
+    if (x < 0 || y < 0 || x >= columns || y >= rows)
         return shadowPixel;
-    if (y < numberRows)
+    if (y < numberRows * scale)
         return opaque | number;
-    if (y < height / 2)
-        return x < width / 2 ? 0xffff0000U : 0xff00ff00U;
-    return x < width / 2 ? 0xff0000ffU : 0xffffff00U;
+    if (y < rows / 2)
+        return x < columns / 2 ? 0xffff0000U : 0xff00ff00U;
+    return x < columns / 2 ? 0xff0000ffU : 0xffffff00U;
 }
 
 void Window::draw()
 {
-    const int wholeWidth = width + 2 * shadow;
-    const int wholeHeight = height + 2 * shadow;
+    const int wholeWidth = (width + 2 * shadow) * scale;
+    const int wholeHeight = (height + 2 * shadow) * scale;
     Buffer* const buffer = configured && !waits ? freeBuffer(wholeWidth, wholeHeight) : nullptr;
     if (!buffer)
         return;
     ++number;
     for (int y = 0; y < wholeHeight; ++y) {
         for (int x = 0; x < wholeWidth; ++x)
-            buffer->pixels[y * wholeWidth + x] = pixelAt(x - shadow, y - shadow);
+            buffer->pixels[y * wholeWidth + x] = pixelAt(x - shadow * scale, y - shadow * scale);
     }
     buffer->busy = true;
     xdg_surface_set_window_geometry(shell, shadow, shadow, width, height);
+    wl_surface_set_buffer_scale(surface, scale);
     wl_surface_attach(surface, buffer->buffer, 0, 0);
     wl_surface_damage_buffer(surface, 0, 0, wholeWidth, wholeHeight);
     waits = true;
@@ -317,6 +321,8 @@ int main(int argc, char** argv)
             window.still = true;
         else if (std::strcmp(argv[i], "shadow") == 0 && i + 1 < argc)
             window.shadow = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "scale") == 0 && i + 1 < argc)
+            window.scale = std::atoi(argv[++i]);
     }
     window.connect();
     if (!window.display || !window.compositor || !window.shm || !window.base)
