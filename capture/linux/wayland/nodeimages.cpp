@@ -7,6 +7,8 @@
 
 #include <QDebug>
 
+#include <algorithm>
+#include <map>
 #include <string_view>
 #include <utility>
 
@@ -22,6 +24,7 @@ public:
     VideoStream* stream() const { return stream_.get(); }
     const std::optional<QString>& error() const { return error_; } ///< nothing more comes, and why
     bool isVideo() const { return isVideo_; } ///< as far as is known
+    void watch(Clock::time_point now);
     Wakeup& wakeup() { return wakeup_; }
 
 private:
@@ -29,6 +32,8 @@ private:
         const spa_dict* properties);
     static void onGlobalRemove(void* data, uint32_t id);
     void handleListed(pw_core* core, const std::optional<QString>& error);
+    void handleLink(uint32_t link, const spa_dict& properties);
+    bool othersUseIt() const;
     void end(const QString& error);
 
     static const pw_registry_events events;
@@ -37,6 +42,7 @@ private:
     bool isVideo_ = false;
     std::optional<QString> error_;
     Wakeup wakeup_;
+    std::map<uint32_t, uint32_t> users_; // of the node: the id of the node at the other end, by the id of the link
     pipewire::ProxyHandle<pw_registry> registry_;
     pipewire::Hook hook_;
     std::unique_ptr<VideoStream> stream_;
@@ -70,7 +76,11 @@ void NodeImages::Node::onGlobal(
     void* data, uint32_t id, uint32_t /*permissions*/, const char* type, uint32_t, const spa_dict* properties)
 {
     auto* self = static_cast<Node*>(data);
-    if (id != self->id_ || std::string_view(type) != PW_TYPE_INTERFACE_Node || !properties)
+    if (!properties)
+        return;
+    if (std::string_view(type) == PW_TYPE_INTERFACE_Link)
+        pipewire::contain([&] { self->handleLink(id, *properties); }, &pipewire::reportContainedOfWindow);
+    if (id != self->id_ || std::string_view(type) != PW_TYPE_INTERFACE_Node)
         return;
     const char* text = spa_dict_lookup(properties, PW_KEY_MEDIA_CLASS);
     const std::string_view mediaClass = text ? text : "";
@@ -81,6 +91,7 @@ void NodeImages::Node::onGlobal(
 void NodeImages::Node::onGlobalRemove(void* data, uint32_t id)
 {
     auto* self = static_cast<Node*>(data);
+    self->users_.erase(id);
     if (id == self->id_ && self->isVideo_)
         pipewire::contain(
             [&] { self->end(QStringLiteral("its node has gone")); }, &pipewire::reportContainedOfWindow);
@@ -94,6 +105,31 @@ void NodeImages::Node::handleListed(pw_core* core, const std::optional<QString>&
     }
     stream_ = std::make_unique<VideoStream>(
         core, id_, VideoStream::Handlers{[this] { wakeup_.wake(); }, [this](const QString& reason) { end(reason); }});
+}
+
+void NodeImages::Node::handleLink(uint32_t link, const spa_dict& properties)
+{
+    const auto idOf = [&](const char* key) {
+        uint32_t id = SPA_ID_INVALID;
+        const char* const text = spa_dict_lookup(&properties, key);
+        return text && spa_atou32(text, &id, 10) ? id : SPA_ID_INVALID;
+    };
+    if (idOf(PW_KEY_LINK_OUTPUT_NODE) == id_)
+        users_[link] = idOf(PW_KEY_LINK_INPUT_NODE);
+}
+
+bool NodeImages::Node::othersUseIt() const
+{
+    return std::any_of(
+        users_.begin(), users_.end(), [this](const auto& user) { return user.second != stream_->nodeId(); });
+}
+
+/// New buffers are everybody's, and PipeWire (0.3.65) gives none to those who had some: they would get no frame any
+/// more.
+void NodeImages::Node::watch(Clock::time_point now)
+{
+    if (stream_)
+        stream_->watch(now, othersUseIt() ? VideoStream::Buffers::Keep : VideoStream::Buffers::Renew);
 }
 
 void NodeImages::Node::end(const QString& error)
@@ -134,8 +170,7 @@ platform::WindowSample NodeImages::sample()
     {
         const pipewire::LoopLock lock = connection_->lock();
         VideoStream* const stream = node_->stream();
-        if (stream)
-            stream->watch(now_());
+        node_->watch(now_());
         if (!node_->error() && stream && takeImage(*stream, sample)) {
             sample.image = images_.last();
             const QPointF origin(nowhere, nowhere);
@@ -161,8 +196,7 @@ void NodeImages::awaitFirstFrame()
             VideoStream* const stream = node_->stream();
             if (node_->error() || (stream && stream->version() > 0))
                 return;
-            if (stream)
-                stream->watch(now_());
+            node_->watch(now_());
         }
         node_->wakeup().waitUntil(Wakeup::Clock::now() + step);
     }

@@ -107,12 +107,17 @@ void VideoStream::handleFormat(const spa_pod* format)
     pw_stream_update_params(stream_.get(), parameters.data(), uint32_t(parameters.size()));
 }
 
-void VideoStream::watch(Clock::time_point now)
+uint32_t VideoStream::nodeId() const
+{
+    return stream_ ? pw_stream_get_node_id(stream_.get()) : SPA_ID_INVALID;
+}
+
+void VideoStream::watch(Clock::time_point now, Buffers buffers)
 {
     if (!waitingSince_ || ended_ || now < askAgainAt_)
         return;
     askAgainAt_ = now + (++asked_ < firstAsks ? firstAskAgain : laterAskAgain);
-    if (asked_ >= asksBeforeNewBuffers && !std::exchange(renewed_, true)) {
+    if (buffers == Buffers::Renew && asked_ >= asksBeforeNewBuffers && !std::exchange(renewed_, true)) {
         renewBuffers();
         return;
     }

@@ -32,8 +32,12 @@ public:
     VideoStream& operator=(const VideoStream&) = delete;
 
     /// A link may stay paused, or a still window may never send its first frame: asks again, less often later,
-    /// when there has been none since the format was agreed upon. To be called now and then.
-    void watch(Clock::time_point now);
+    /// when there has been none since the format was agreed upon; also for new buffers, unless the old ones are to be
+    /// kept. To be called now and then.
+    enum class Buffers { Keep, Renew };
+    void watch(Clock::time_point now, Buffers buffers);
+    /// Of the stream's own node in the graph; SPA_ID_INVALID before it has one.
+    uint32_t nodeId() const;
 
     struct Frame {
         PixelView view; ///< valid under this lock
