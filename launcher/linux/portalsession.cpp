@@ -54,18 +54,25 @@ std::optional<PortalSession::Stream> firstStream(const QVariant& value)
     const auto argument = value.value<QDBusArgument>();
     if (argument.currentSignature() != QLatin1String("a(ua{sv})"))
         return std::nullopt;
-    argument.beginArray();
-    if (argument.atEnd())
-        return std::nullopt;
-    PortalSession::Stream stream;
+    std::optional<PortalSession::Stream> first;
     QVariantMap properties;
-    argument.beginStructure();
-    argument >> stream.node >> properties;
-    argument.endStructure();
+    argument.beginArray(); // an array that is not read to its end leaks
+    while (!argument.atEnd()) {
+        uint node = 0;
+        QVariantMap ofNode;
+        argument.beginStructure();
+        argument >> node >> ofNode;
+        argument.endStructure();
+        if (first)
+            continue;
+        first.emplace().node = node;
+        properties = ofNode;
+    }
+    argument.endArray();
     const QVariant size = properties.value(QStringLiteral("size"));
-    if (size.canConvert<QDBusArgument>())
-        size.value<QDBusArgument>() >> stream.size;
-    return stream;
+    if (first && size.canConvert<QDBusArgument>())
+        size.value<QDBusArgument>() >> first->size;
+    return first;
 }
 
 }
