@@ -25,6 +25,12 @@ State& state()
     return instance;
 }
 
+std::atomic<int>& openWindows()
+{
+    static std::atomic<int> count = 0;
+    return count;
+}
+
 std::atomic<std::size_t>& memoryTaken()
 {
     static std::atomic<std::size_t> bytes = 0;
@@ -40,6 +46,7 @@ std::atomic<std::size_t>& memoryEmptied()
 void reset()
 {
     state() = State();
+    openWindows() = 0;
     audio() = AudioState();
 }
 
@@ -82,12 +89,12 @@ struct WindowSource::Impl {
 WindowSource::WindowSource(quint32 windowId) : impl_(std::make_unique<Impl>())
 {
     state().openedWindows.push_back(windowId);
-    ++state().openWindows;
+    ++fakeplatform::openWindows();
 }
 
 WindowSource::~WindowSource()
 {
-    --state().openWindows;
+    --fakeplatform::openWindows();
 }
 
 WindowSample WindowSource::sample(bool withBounds)

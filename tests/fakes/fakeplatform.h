@@ -31,7 +31,6 @@ struct State {
     std::function<std::optional<QRectF>()> bounds;
     std::function<std::optional<QPointF>()> pointer;
     std::vector<quint32> openedWindows; ///< ids, in the order of opening
-    int openWindows = 0; ///< sources made and not yet destroyed
 
     std::optional<quint32> peerUserId = 1000;
     quint32 ownUserId = 1000;
@@ -44,6 +43,8 @@ struct State {
 State& state();
 void reset();
 
+/// Sources made and not yet destroyed, which may happen on a thread that nobody waits for.
+std::atomic<int>& openWindows();
 /// Bytes, of memory and of addresses, that were taken and not yet given back. Images end on any thread.
 std::atomic<std::size_t>& memoryTaken();
 /// Bytes that emptyMemory() was told, since the start.

@@ -37,7 +37,7 @@ void CapturedFrameTest::init()
 void CapturedFrameTest::cleanup()
 {
     recorder_.reset();
-    QCOMPARE(fakeplatform::state().openWindows, 0);
+    QCOMPARE(fakeplatform::openWindows().load(), 0);
     bench_.reset();
 }
 

@@ -200,9 +200,9 @@ void MacWindowCaptureTest::windowIsClosedWithTheCapture()
 {
     {
         const MacWindowCapture capture(QStringLiteral("42"));
-        QCOMPARE(fakeplatform::state().openWindows, 1);
+        QCOMPARE(fakeplatform::openWindows().load(), 1);
     }
-    QCOMPARE(fakeplatform::state().openWindows, 0);
+    QCOMPARE(fakeplatform::openWindows().load(), 0);
 }
 
 ORVANTIS_TEST(MacWindowCaptureTest)

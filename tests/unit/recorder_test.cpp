@@ -65,7 +65,7 @@ void RecorderTest::init()
 void RecorderTest::cleanup()
 {
     recorder_.reset();
-    QCOMPARE(fakeplatform::state().openWindows, 0);
+    QCOMPARE(fakeplatform::openWindows().load(), 0);
     window_.reset();
     bench_.reset();
     directory_.reset();

@@ -60,7 +60,7 @@ void RecorderStartTest::init()
 void RecorderStartTest::cleanup()
 {
     recorder_.reset();
-    QCOMPARE(fakeplatform::state().openWindows, 0);
+    QCOMPARE(fakeplatform::openWindows().load(), 0);
     window_.reset();
     bench_.reset();
     directory_.reset();

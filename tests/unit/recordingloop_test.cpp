@@ -202,13 +202,13 @@ void RecordingLoopTest::captureThatHangsHoldsUpNeitherStopNorFrames()
     last = window_->asked();
     QTRY_VERIFY_WITH_TIMEOUT(window_->asked() > last + 1, patienceMs);
     stopAndRead();
-    QCOMPARE(fakeplatform::state().openWindows, 1); // the capture hangs still
+    QCOMPARE(fakeplatform::openWindows().load(), 1); // the capture hangs still
     const int first = frames_.first().number;
     QCOMPARE(text(numbersOf(frames_)), text(sequence(first, last + 1 - first)));
     QCOMPARE(bench_->log.countStartingWith(QStringLiteral("macOS CoreGraphics capture returned no image")), 0);
     answers.release(INT_MAX);
     recorder_.reset();
-    QTRY_COMPARE_WITH_TIMEOUT(fakeplatform::state().openWindows, 0, patienceMs);
+    QTRY_COMPARE_WITH_TIMEOUT(fakeplatform::openWindows().load(), 0, patienceMs);
 }
 
 void RecordingLoopTest::vanishedWindowIsWaitedFor()
