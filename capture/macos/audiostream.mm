@@ -1,12 +1,17 @@
+// Streams of audio on the Mac, as ScreenCaptureKit captures it.
+#include "audiooutput.h"
 #include "dispatchhandles.h"
+#include "hostclock.h"
 #include "nativecontent.h"
 #include "nstext.h"
-#include "screenaudiooutput.h"
-#include "screencapturekit.h"
 
 #include <mutex>
+#include <utility>
 
-namespace macos {
+namespace platform {
+
+using macos::errorText;
+using macos::Retained;
 
 namespace {
 
@@ -27,9 +32,10 @@ NSArray<SCRunningApplication*>* applicationsAt(
 }
 
 /// Nil when there is no such display.
-Retained<SCContentFilter*> makeFilter(const Filter& filter)
+Retained<SCContentFilter*> makeFilter(const AudioFilter& filter)
 {
-    const auto* native = static_cast<const NativeContent*>(filter.native.get());
+    const auto* native
+        = filter.content ? static_cast<const macos::NativeContent*>(filter.content->native.get()) : nullptr;
     SCDisplay* display = native ? objectAt(native->displays.get(), filter.display) : nil;
     if (!display)
         return {};
@@ -44,7 +50,7 @@ Retained<SCContentFilter*> makeFilter(const Filter& filter)
                                                                      exceptingWindows:[NSArray array]]);
 }
 
-Retained<SCStreamConfiguration*> makeConfiguration(const platform::AudioStreamConfiguration& wanted)
+Retained<SCStreamConfiguration*> makeConfiguration(const AudioStreamConfiguration& wanted)
 {
     auto made = Retained<SCStreamConfiguration*>::adopt([[SCStreamConfiguration alloc] init]);
     SCStreamConfiguration* configuration = made.get();
@@ -61,13 +67,11 @@ Retained<SCStreamConfiguration*> makeConfiguration(const platform::AudioStreamCo
     return made;
 }
 
-}
-
 /**
  * The stream and what it uses, which the system may not keep alive for it. Shared by the AudioStream and the
  * completions that the system holds: it lives until the last of them is gone, also when that comes late or never.
  */
-struct AudioStream::CaptureSession {
+struct CaptureSession {
     enum class Phase { Idle, Starting, Running, Stopping };
 
     ~CaptureSession();
@@ -80,7 +84,7 @@ struct AudioStream::CaptureSession {
     /// The AudioStream is gone. True when the capture must be stopped.
     bool abandon();
 
-    static void stop(const std::shared_ptr<CaptureSession>& session, Completion completion);
+    static void stop(const std::shared_ptr<CaptureSession>& session, AudioCompletion completion);
 
     Retained<MacScreenAudioOutput*> delegate;
     Retained<MacScreenAudioOutput*> output; ///< nil until added
@@ -96,7 +100,7 @@ private:
 // The system may have put samples for the objects on the queue without keeping these alive. So the last thing on the
 // queue releases them. (The news of the stream's end comes elsewhere; a stream that is released must itself not call
 // a delegate that it does not keep.) The stream is not released there: what it does at its end is not documented.
-AudioStream::CaptureSession::~CaptureSession()
+CaptureSession::~CaptureSession()
 {
     stream = {};
     if (!queue)
@@ -106,13 +110,13 @@ AudioStream::CaptureSession::~CaptureSession()
     dispatch_async_f(queue.get(), objects, [](void* last) { delete static_cast<Objects*>(last); });
 }
 
-void AudioStream::CaptureSession::enter(Phase next)
+void CaptureSession::enter(Phase next)
 {
     const std::lock_guard lock(mutex_);
     phase_ = next;
 }
 
-bool AudioStream::CaptureSession::started(bool success)
+bool CaptureSession::started(bool success)
 {
     const std::lock_guard lock(mutex_);
     if (phase_ == Phase::Stopping)
@@ -121,21 +125,21 @@ bool AudioStream::CaptureSession::started(bool success)
     return success && abandoned_;
 }
 
-void AudioStream::CaptureSession::stopped()
+void CaptureSession::stopped()
 {
     const std::lock_guard lock(mutex_);
     if (phase_ == Phase::Stopping)
         phase_ = Phase::Idle;
 }
 
-bool AudioStream::CaptureSession::abandon()
+bool CaptureSession::abandon()
 {
     const std::lock_guard lock(mutex_);
     abandoned_ = true;
     return phase_ == Phase::Running;
 }
 
-void AudioStream::CaptureSession::stop(const std::shared_ptr<CaptureSession>& session, Completion completion)
+void CaptureSession::stop(const std::shared_ptr<CaptureSession>& session, AudioCompletion completion)
 {
     const std::shared_ptr<CaptureSession> kept = session; // a block copies values, not what references name
     kept->enter(Phase::Stopping);
@@ -148,9 +152,17 @@ void AudioStream::CaptureSession::stop(const std::shared_ptr<CaptureSession>& se
     }];
 }
 
+}
+
+struct AudioStream::Impl {
+    std::shared_ptr<CaptureSession> session = std::make_shared<CaptureSession>();
+    AudioOutput* output = nullptr; ///< null until added
+    bool started = false;
+};
+
 AudioStream::AudioStream(
-    const Filter& filter, const platform::AudioStreamConfiguration& configuration, AudioOutput& delegate)
-    : session_(std::make_shared<CaptureSession>())
+    const AudioFilter& filter, const AudioStreamConfiguration& configuration, AudioOutput& delegate)
+    : impl_(std::make_unique<Impl>())
 {
     @autoreleasepool {
         const auto nativeFilter = makeFilter(filter);
@@ -158,46 +170,58 @@ AudioStream::AudioStream(
         if (!nativeFilter || !nativeConfiguration)
             return;
         MacScreenAudioOutput* object = delegate.impl().object.get();
-        session_->delegate = Retained<MacScreenAudioOutput*>::share(object);
-        session_->stream = Retained<SCStream*>::adopt([[SCStream alloc] initWithFilter:nativeFilter.get()
-                                                                         configuration:nativeConfiguration.get()
-                                                                              delegate:object]);
+        CaptureSession& session = *impl_->session;
+        session.delegate = Retained<MacScreenAudioOutput*>::share(object);
+        session.stream = Retained<SCStream*>::adopt([[SCStream alloc] initWithFilter:nativeFilter.get()
+                                                                       configuration:nativeConfiguration.get()
+                                                                            delegate:object]);
     }
 }
 
+// A capture that runs, or that the system has yet to start, is stopped behind the stream.
 AudioStream::~AudioStream()
 {
     @autoreleasepool {
-        disown(session_->delegate.get());
-        disown(session_->output.get());
-        if (session_->abandon())
-            CaptureSession::stop(session_, nullptr);
-        session_.reset();
+        [impl_->session->delegate.get() disown];
+        [impl_->session->output.get() disown];
+        if (impl_->session->abandon())
+            CaptureSession::stop(impl_->session, nullptr);
+        impl_.reset();
     }
 }
 
-AddResult AudioStream::addStreamOutput(AudioOutput& output, platform::AudioQueue& queue)
+bool AudioStream::addStreamOutput(AudioOutput& output, AudioQueue& queue, std::optional<QString>* error)
 {
-    if (!session_->stream)
-        return {};
+    CaptureSession& session = *impl_->session;
+    error->reset();
+    if (!session.stream)
+        return false;
     @autoreleasepool {
         MacScreenAudioOutput* object = output.impl().object.get();
-        session_->output = Retained<MacScreenAudioOutput*>::share(object);
-        session_->queue = Retained<dispatch_queue_t>::share(queue.impl().queue.get());
-        NSError* error = nil;
-        const bool added = [session_->stream.get() addStreamOutput:object
-                                                              type:SCStreamOutputTypeAudio
-                                                sampleHandlerQueue:session_->queue.get()
-                                                             error:&error];
-        return {added, added ? std::nullopt : errorText(error)};
+        session.output = Retained<MacScreenAudioOutput*>::share(object);
+        session.queue = Retained<dispatch_queue_t>::share(queue.impl().queue.get());
+        NSError* reason = nil;
+        const bool added = [session.stream.get() addStreamOutput:object
+                                                            type:SCStreamOutputTypeAudio
+                                              sampleHandlerQueue:session.queue.get()
+                                                           error:&reason];
+        if (added)
+            impl_->output = &output;
+        else
+            *error = errorText(reason);
+        return added;
     }
 }
 
-void AudioStream::startCapture(Completion completion)
+// The audio may come before the answer does.
+void AudioStream::startCapture(AudioCompletion completion)
 {
-    const std::shared_ptr<CaptureSession> session = session_;
+    if (impl_->output)
+        impl_->output->impl().meter.start(macos::readClocks().steadyNs / 1000000);
+    impl_->started = true;
+    const std::shared_ptr<CaptureSession> session = impl_->session;
     if (!session->stream) {
-        completion(std::string());
+        completion(QString());
         return;
     }
     @autoreleasepool {
@@ -212,15 +236,22 @@ void AudioStream::startCapture(Completion completion)
     }
 }
 
-void AudioStream::stopCapture(Completion completion)
+void AudioStream::stopCapture(AudioCompletion completion)
 {
-    if (!session_->stream) {
-        completion(std::string());
+    impl_->started = false;
+    if (!impl_->session->stream) {
+        completion(QString());
         return;
     }
     @autoreleasepool {
-        CaptureSession::stop(session_, std::move(completion));
+        CaptureSession::stop(impl_->session, std::move(completion));
     }
+}
+
+void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
+{
+    if (impl_->started && impl_->output)
+        impl_->output->impl().deliverUntil(monotonicMs, last);
 }
 
 }

@@ -5,24 +5,23 @@ namespace platform {
 using macos::Retained;
 
 struct Semaphore::Impl {
-    Retained<dispatch_semaphore_t> semaphore;
+    ~Impl() { [semaphore release]; }
+
+    const dispatch_semaphore_t semaphore = dispatch_semaphore_create(0);
 };
 
-Semaphore::Semaphore()
-    : impl_(std::make_unique<Impl>(Impl{Retained<dispatch_semaphore_t>::adopt(dispatch_semaphore_create(0))}))
-{
-}
+Semaphore::Semaphore() : impl_(std::make_unique<Impl>()) { }
 
 Semaphore::~Semaphore() = default;
 
 void Semaphore::signal()
 {
-    dispatch_semaphore_signal(impl_->semaphore.get());
+    dispatch_semaphore_signal(impl_->semaphore);
 }
 
 bool Semaphore::wait(std::int64_t nanoseconds)
 {
-    return dispatch_semaphore_wait(impl_->semaphore.get(), dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) == 0;
+    return dispatch_semaphore_wait(impl_->semaphore, dispatch_time(DISPATCH_TIME_NOW, nanoseconds)) == 0;
 }
 
 AudioQueue::AudioQueue(const char* label)

@@ -13,6 +13,8 @@
 #error "References are counted by hand: build with -fno-objc-arc"
 #endif
 
+#pragma clang assume_nonnull begin
+
 namespace macos {
 
 /// Owns one reference to an Objective-C object, or nil. libdispatch's objects are such objects, too.
@@ -21,9 +23,9 @@ class Retained {
 public:
     Retained() = default;
     /// Takes over the reference that alloc, new, copy or a create function gave.
-    static Retained adopt(Object object) { return Retained(object); }
+    static Retained adopt(Object _Nullable object) { return Retained(object); }
     /// Takes a reference of its own.
-    static Retained share(Object object) { return Retained([object retain]); }
+    static Retained share(Object _Nullable object) { return Retained([object retain]); }
 
     Retained(Retained&& other) noexcept : object_(std::exchange(other.object_, nil)) { }
     Retained& operator=(Retained&& other) noexcept
@@ -35,18 +37,21 @@ public:
     Retained& operator=(const Retained&) = delete;
     ~Retained() { [object_ release]; }
 
-    Object get() const { return object_; }
+    Object _Nullable get() const { return object_; }
     explicit operator bool() const { return object_ != nil; }
 
 private:
-    explicit Retained(Object object) : object_(object) { }
+    explicit Retained(Object _Nullable object) : object_(object) { }
 
-    Object object_ = nil;
+    Object _Nullable object_ = nil;
 };
 
 // CFRelease() must not see null; unique_ptr calls no deleter for it.
 struct CfDeleter {
     void operator()(CFTypeRef object) const { CFRelease(object); }
+};
+struct ImageDeleter {
+    void operator()(CGImageRef image) const { CGImageRelease(image); }
 };
 struct ColorSpaceDeleter {
     void operator()(CGColorSpaceRef space) const { CGColorSpaceRelease(space); }
@@ -59,7 +64,10 @@ struct ContextDeleter {
 template <typename Reference>
 using CfHandle = std::unique_ptr<std::remove_pointer_t<Reference>, CfDeleter>;
 
+using ImageHandle = std::unique_ptr<std::remove_pointer_t<CGImageRef>, ImageDeleter>;
 using ColorSpaceHandle = std::unique_ptr<std::remove_pointer_t<CGColorSpaceRef>, ColorSpaceDeleter>;
 using ContextHandle = std::unique_ptr<std::remove_pointer_t<CGContextRef>, ContextDeleter>;
 
 }
+
+#pragma clang assume_nonnull end

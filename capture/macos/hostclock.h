@@ -1,5 +1,4 @@
-// The clock by which the system stamps audio, beside the one by which the program waits. Plain C++: no Objective-C,
-// no Qt. Any thread.
+// The clock by which the system stamps audio, beside the one by which the program waits. Any thread.
 #pragma once
 
 #include <cstdint>

@@ -1,24 +1,24 @@
-// The system's texts as UTF-8. Objective-C++ only.
+// The system's texts as Qt's. Objective-C++ only.
 #pragma once
 
 #import <Foundation/Foundation.h>
 
+#include <QString>
+
 #include <optional>
-#include <string>
 
 #pragma clang assume_nonnull begin
 
 namespace macos {
 
 /// Empty for nil.
-inline std::string text(NSString* _Nullable string)
+inline QString text(NSString* _Nullable string)
 {
-    const char* _Nullable utf8 = [string UTF8String];
-    return utf8 ? std::string(utf8) : std::string();
+    return QString::fromUtf8([string UTF8String]);
 }
 
 /// What the error says to people; nothing when there is no error.
-inline std::optional<std::string> errorText(NSError* _Nullable error)
+inline std::optional<QString> errorText(NSError* _Nullable error)
 {
     if (!error)
         return std::nullopt;

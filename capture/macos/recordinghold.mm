@@ -5,14 +5,18 @@
 #import <AppKit/AppKit.h>
 #import <objc/runtime.h>
 
+#pragma clang assume_nonnull begin
+
 /// Answers for the application's delegate, which is Qt's, when the system wants the process to end. Qt's own answer
 /// is "cancel" while its event loop runs, with which a log-out may be given up.
 @interface MacQuitDelegate : NSObject <NSApplicationDelegate> {
 @public
     const std::function<void()>* _finish; ///< not owned
-    id _previous; ///< not owned, as no delegate is
+    id _Nullable _previous; ///< not owned, as no delegate is
 }
 @end
+
+#pragma clang assume_nonnull end
 
 @implementation MacQuitDelegate
 

@@ -1,5 +1,4 @@
-// How audio lies in memory and how it is to be delivered: the values of the seam that know no Qt, so that a platform
-// can fill them in its own language.
+// How audio lies in memory and how it is to be delivered: values of the seam.
 #pragma once
 
 #include <cstddef>

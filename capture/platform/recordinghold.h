@@ -1,5 +1,5 @@
 // The seam between a recording that runs and the operating system that may end it. Each platform folder defines all
-// of it; which one is used is decided at link time. Without Qt: a platform implements it in its own language.
+// of it; which one is used is decided at link time.
 #pragma once
 
 #include <functional>

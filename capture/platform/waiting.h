@@ -1,5 +1,5 @@
 // The seam between the audio capture and the operating system's threads. Each platform folder defines all of it;
-// which one is used is decided at link time. Without Qt: a platform implements it in its own language.
+// which one is used is decided at link time.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#pragma clang assume_nonnull begin
+
 @protocol OS_dispatch_object <NSObject>
 @end
 @protocol OS_dispatch_semaphore <OS_dispatch_object>
@@ -19,7 +21,7 @@ typedef NSObject<OS_dispatch_semaphore>* dispatch_semaphore_t;
 typedef NSObject<OS_dispatch_queue>* dispatch_queue_t;
 typedef NSObject<OS_dispatch_queue_attr>* dispatch_queue_attr_t;
 typedef uint64_t dispatch_time_t;
-typedef void (*dispatch_function_t)(void*);
+typedef void (*dispatch_function_t)(void* _Nullable);
 
 #define DISPATCH_TIME_NOW 0ULL
 #define DISPATCH_QUEUE_SERIAL nullptr
@@ -31,6 +33,8 @@ intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t
 intptr_t dispatch_semaphore_signal(dispatch_semaphore_t semaphore);
 dispatch_time_t dispatch_time(dispatch_time_t from, int64_t nanoseconds);
 
-dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attributes);
-void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work);
+dispatch_queue_t dispatch_queue_create(const char* _Nullable label, dispatch_queue_attr_t _Nullable attributes);
+void dispatch_async_f(dispatch_queue_t queue, void* _Nullable context, dispatch_function_t work);
 }
+
+#pragma clang assume_nonnull end

@@ -4,9 +4,13 @@
 
 #include <Foundation/Foundation.h>
 
+#pragma clang assume_nonnull begin
+
 extern "C" {
 
 /// The simulated system's, which can hide a class.
-Class objc_getClass(const char* name) __asm__("macsim_getClass");
+Class _Nullable objc_getClass(const char* name) __asm__("macsim_getClass");
 SEL sel_registerName(const char* name);
 }
+
+#pragma clang assume_nonnull end

@@ -1,7 +1,10 @@
-// The process on the Mac, in Qt's types; peers of a local socket are known to the kernel.
+// The process on the Mac: what AppKit, the main bundle and the kernel tell of it and do with it.
 #include "platform/application.h"
 
-#include "appkit.h"
+#include "nstext.h"
+
+#import <AppKit/AppKit.h>
+#import <objc/runtime.h>
 
 #include <QByteArray>
 
@@ -18,14 +21,32 @@ void chooseGuiPlatform()
         qputenv(stayInBackground, "1");
 }
 
+// Skipped where the system has no application object.
 void becomeAccessory()
 {
-    macos::becomeAccessory();
+    @autoreleasepool {
+        const Class type = objc_getClass("NSApplication");
+        if (![type respondsToSelector:@selector(sharedApplication)])
+            return;
+        NSApplication* application = [type sharedApplication];
+        if ([application respondsToSelector:@selector(setActivationPolicy:)])
+            [application setActivationPolicy:NSApplicationActivationPolicyAccessory];
+    }
 }
 
 QString mainBundleString(const char* selectorName)
 {
-    return QString::fromStdString(macos::mainBundleString(selectorName));
+    @autoreleasepool {
+        const Class type = objc_getClass("NSBundle");
+        const SEL selector = sel_registerName(selectorName);
+        if (!selector || ![type respondsToSelector:@selector(mainBundle)])
+            return QString();
+        NSBundle* bundle = [type mainBundle];
+        if (![bundle respondsToSelector:selector])
+            return QString();
+        const id value = [bundle performSelector:selector];
+        return [value respondsToSelector:@selector(UTF8String)] ? macos::text(value) : QString();
+    }
 }
 
 std::optional<quint32> peerUserId(qintptr socketDescriptor)
