@@ -14,6 +14,7 @@ private Q_SLOTS:
     void cleanup();
 
     void samplesOutliveTheDelivery();
+    void missingBlockIsHandedOnAsOne();
     void semaphoreCounts();
     void executableOfAHugeProcessId();
     void imagesOfTwoWindows();
@@ -50,6 +51,22 @@ void MacAdapterTest::samplesOutliveTheDelivery()
     QCOMPARE(kept->buffers.size(), 1U);
     const auto* samples = static_cast<const qint16*>(kept->buffers[0].data);
     QVERIFY(std::find(samples, samples + kept->buffers[0].bytes / 2, 12) != samples + kept->buffers[0].bytes / 2);
+}
+
+void MacAdapterTest::missingBlockIsHandedOnAsOne()
+{
+    answers().start = macsim::When::AtOnce;
+    std::vector<bool> isThere;
+    Rig rig({[&isThere](const platform::AudioSampleBuffer* buffer) { isThere.push_back(buffer != nullptr); },
+        [](const std::optional<QString>&) {}});
+    rig.startCapture();
+    macsim::Audio unusable;
+    unusable.null = true;
+    QVERIFY(macsim::deliver(unusable));
+    unusable.null = false;
+    unusable.valid = false;
+    QVERIFY(macsim::deliver(unusable));
+    QVERIFY((isThere == std::vector<bool>{false, true}));
 }
 
 void MacAdapterTest::semaphoreCounts()
