@@ -262,6 +262,8 @@ private:
         char bytes[512];
         for (;;) {
             const ssize_t size = ::read(socket_, bytes, sizeof(bytes));
+            if (size < 0 && errno == EINTR)
+                continue; // SIGTERM, which it ignores
             if (size <= 0)
                 return onHungUp();
             buffer.append(bytes, size);
