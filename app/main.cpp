@@ -4,6 +4,7 @@
 #include "platform/application.h"
 #include "platform/recordinghold.h"
 #include "recorderapplication.h"
+#include "recordingarguments.h"
 #include "signalnotifier.h"
 #include "standardstreams.h"
 #include "startup.h"
@@ -24,20 +25,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int neededArgumentCount = 11; // the executable and ten arguments
 constexpr auto finishLimit = 60s; // three seconds of queued frames on a slow machine, several times over
-
-QString argument(char** argv, int position)
-{
-    return QString::fromUtf8(argv[position]);
-}
 
 /// Made from the command line. It has no parent and is never deleted: it lives until the process ends.
 GstRecorder* makeRecorder(char** argv)
 {
-    return new GstRecorder(argument(argv, 2), argument(argv, 3), argument(argv, 4), argument(argv, 5).toInt(),
-        argument(argv, 6).toInt(), argument(argv, 7).toInt(), argument(argv, 8).toInt(), argument(argv, 9).toDouble(),
-        argument(argv, 10), nullptr);
+    const RecordingArguments arguments = RecordingArguments::read(argv);
+    return new GstRecorder(arguments.command, arguments.output, arguments.window, arguments.screenOriginX,
+        arguments.screenOriginY, arguments.canvasWidth, arguments.canvasHeight, arguments.scale,
+        arguments.audioSource, nullptr);
 }
 
 /// The file is finished before the process ends, however that has come about.
@@ -80,7 +76,7 @@ int record(int argc, char** argv, const QStringList& refusedPlugIns)
     lastline::tellFaults();
     startup::logIdentity(argc, argv);
     startup::logRefusedPlugIns(refusedPlugIns);
-    if (argc < neededArgumentCount) {
+    if (argc < RecordingArguments::neededCount) {
         qDebug() << "invalid param count";
         std::fputs(usageText.constData(), stdout);
         return 0;
