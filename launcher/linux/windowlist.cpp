@@ -3,6 +3,7 @@
 
 #include "windowpicker.h"
 #include "xcbhandles.h"
+#include "xcbreplies.h"
 
 #include <QFile>
 #include <QSet>
@@ -33,11 +34,12 @@ public:
     }
 
     xcb_atom_t atom(std::string_view name) const;
-    QByteArray property(xcb_window_t window, std::string_view name) const;
-    QList<xcb_window_t> windowsIn(xcb_window_t window, std::string_view property) const;
+    x11::Allocated<xcb_get_property_reply_t> property(xcb_window_t window, std::string_view name) const;
+    QList<quint32> numbersIn(xcb_window_t window, std::string_view property) const;
+    QByteArray textIn(xcb_window_t window, std::string_view property) const;
     QList<xcb_window_t> children(xcb_window_t window) const;
     bool isApplicationWindow(xcb_window_t window) const;
-    bool isClient(xcb_window_t window) const { return !property(window, "WM_STATE").isEmpty(); }
+    bool isClient(xcb_window_t window) const { return !numbersIn(window, "WM_STATE").isEmpty(); }
     xcb_window_t clientBelow(xcb_window_t window) const;
     std::optional<WindowInfo> describe(xcb_window_t window) const;
 
@@ -56,33 +58,30 @@ xcb_atom_t Display::atom(std::string_view name) const
     return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
 }
 
-QByteArray Display::property(xcb_window_t window, std::string_view name) const
+x11::Allocated<xcb_get_property_reply_t> Display::property(xcb_window_t window, std::string_view name) const
 {
-    const x11::Allocated<xcb_get_property_reply_t> reply(xcb_get_property_reply(xcb(),
+    return x11::Allocated<xcb_get_property_reply_t>(xcb_get_property_reply(xcb(),
         xcb_get_property(xcb(), 0, window, atom(name), XCB_GET_PROPERTY_TYPE_ANY, 0, longestProperty), nullptr));
-    if (!reply)
-        return QByteArray();
-    const auto* bytes = static_cast<const char*>(xcb_get_property_value(reply.get()));
-    return QByteArray(bytes, xcb_get_property_value_length(reply.get()));
 }
 
-QList<xcb_window_t> Display::windowsIn(xcb_window_t window, std::string_view name) const
+QList<quint32> Display::numbersIn(xcb_window_t window, std::string_view name) const
 {
-    const QByteArray bytes = property(window, name);
-    QList<xcb_window_t> windows(bytes.size() / qsizetype(sizeof(xcb_window_t)));
-    std::copy_n(
-        bytes.constData(), windows.size() * qsizetype(sizeof(xcb_window_t)), reinterpret_cast<char*>(windows.data()));
-    return windows;
+    const auto reply = property(window, name);
+    const auto values = x11::propertyValues(reply.get());
+    return QList<quint32>(values.begin(), values.end());
+}
+
+QByteArray Display::textIn(xcb_window_t window, std::string_view name) const
+{
+    return x11::propertyText(property(window, name).get()).toByteArray();
 }
 
 QList<xcb_window_t> Display::children(xcb_window_t window) const
 {
     const x11::Allocated<xcb_query_tree_reply_t> tree(
         xcb_query_tree_reply(xcb(), xcb_query_tree(xcb(), window), nullptr));
-    if (!tree)
-        return {};
-    const xcb_window_t* first = xcb_query_tree_children(tree.get());
-    return QList<xcb_window_t>(first, first + xcb_query_tree_children_length(tree.get()));
+    const auto windows = x11::childrenIn(tree.get());
+    return QList<xcb_window_t>(windows.begin(), windows.end());
 }
 
 /// Something that an application shows and that is neither a menu nor a helper.
@@ -119,21 +118,17 @@ qint64 Display::processOf(xcb_window_t window) const
         const xcb_res_client_id_spec_t wanted{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
         const x11::Allocated<xcb_res_query_client_ids_reply_t> reply(
             xcb_res_query_client_ids_reply(xcb(), xcb_res_query_client_ids(xcb(), 1, &wanted), nullptr));
-        for (auto id = xcb_res_query_client_ids_ids_iterator(reply.get()); reply && id.rem > 0;
-             xcb_res_client_id_value_next(&id)) {
-            if ((id.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) != 0
-                && xcb_res_client_id_value_value_length(id.data) > 0)
-                return qint64(*xcb_res_client_id_value_value(id.data));
-        }
+        if (const qint64 process = x11::clientProcess(reply.get()))
+            return process;
     }
-    const QList<uint32_t> said = windowsIn(window, "_NET_WM_PID"); // numbers of the same size
+    const QList<quint32> said = numbersIn(window, "_NET_WM_PID");
     return said.isEmpty() ? 0 : qint64(said.first());
 }
 
 QString Display::titleOf(xcb_window_t window) const
 {
-    const QByteArray modern = property(window, "_NET_WM_NAME");
-    return modern.isEmpty() ? QString::fromLatin1(property(window, "WM_NAME")) : QString::fromUtf8(modern);
+    const QByteArray modern = textIn(window, "_NET_WM_NAME");
+    return modern.isEmpty() ? QString::fromLatin1(textIn(window, "WM_NAME")) : QString::fromUtf8(modern);
 }
 
 QString nameOfProcess(qint64 process)
@@ -183,7 +178,7 @@ WindowAnswer windowlist::all()
     const Display display;
     if (!display.isThere())
         return {{}, noDisplay};
-    QList<xcb_window_t> windows = display.windowsIn(display.root(), "_NET_CLIENT_LIST");
+    QList<xcb_window_t> windows = display.numbersIn(display.root(), "_NET_CLIENT_LIST");
     if (windows.isEmpty()) {
         for (const xcb_window_t child : display.children(display.root())) {
             if (display.isApplicationWindow(child))
@@ -204,7 +199,7 @@ WindowAnswer windowlist::active()
     const Display display;
     if (!display.isThere())
         return {{}, noDisplay};
-    QList<xcb_window_t> windows = display.windowsIn(display.root(), "_NET_ACTIVE_WINDOW");
+    QList<xcb_window_t> windows = display.numbersIn(display.root(), "_NET_ACTIVE_WINDOW");
     if (!windows.isEmpty())
         return described(display, windows.first() == XCB_NONE ? QList<xcb_window_t>() : windows.mid(0, 1));
     const x11::Allocated<xcb_get_input_focus_reply_t> focus(

@@ -22,16 +22,4 @@ xcb_res_query_client_ids_cookie_t askClientProcess(DisplayConnection& connection
     return xcb_res_query_client_ids(connection.xcb(), 1, &spec);
 }
 
-qint64 clientProcess(const xcb_res_query_client_ids_reply_t* reply)
-{
-    if (!reply)
-        return 0;
-    for (auto id = xcb_res_query_client_ids_ids_iterator(reply); id.rem > 0; xcb_res_client_id_value_next(&id)) {
-        if ((id.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID)
-            && xcb_res_client_id_value_value_length(id.data) > 0)
-            return *xcb_res_client_id_value_value(id.data);
-    }
-    return 0;
-}
-
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "x11connection.h"
+#include "xcbreplies.h"
 
 #include <xcb/res.h>
 
@@ -10,10 +11,7 @@ namespace x11 {
 /// Whether the server tells: it knows the process at the other end of a local connection.
 bool knowsClientProcesses(DisplayConnection& connection);
 
-/// Only where it does.
+/// Only where it does. clientProcess() reads the answer.
 xcb_res_query_client_ids_cookie_t askClientProcess(DisplayConnection& connection, xcb_window_t window);
-
-/// The process id in the answer; 0 when there is none.
-qint64 clientProcess(const xcb_res_query_client_ids_reply_t* reply);
 
 }

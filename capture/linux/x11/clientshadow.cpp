@@ -1,6 +1,8 @@
 // Bounds for what an application says about its shadow.
 #include "clientshadow.h"
 
+#include "xcbreplies.h"
+
 #include <QDebug>
 
 #include <algorithm>
@@ -27,11 +29,11 @@ QMargins boundedShadow(quint32 left, quint32 right, quint32 top, quint32 bottom,
     return QMargins(int(left), int(top), int(right), int(bottom));
 }
 
-QMargins clientShadow(xcb_get_property_reply_t* property, QSize window)
+QMargins clientShadow(const xcb_get_property_reply_t* property, QSize window)
 {
-    if (!property || property->format != 32 || property->value_len != 4 || property->bytes_after != 0)
+    const auto values = propertyValues(property);
+    if (values.size() != 4 || property->bytes_after != 0)
         return QMargins();
-    const auto* values = static_cast<const quint32*>(xcb_get_property_value(property));
     return boundedShadow(values[0], values[1], values[2], values[3], window);
 }
 

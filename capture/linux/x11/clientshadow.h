@@ -15,7 +15,7 @@ namespace x11 {
 /// sense, or is more than a shadow: at most 128 pixels a side (shadows have up to 60, on screens of high density
 /// twice that), and more than half of the width and of the height has to remain. An application could otherwise take
 /// out of the recording what its window shows.
-QMargins clientShadow(xcb_get_property_reply_t* property, QSize window);
+QMargins clientShadow(const xcb_get_property_reply_t* property, QSize window);
 QMargins boundedShadow(quint32 left, quint32 right, quint32 top, quint32 bottom, QSize window);
 
 /// Logs that a window counts another part of itself as its shadow. At most one line a minute.

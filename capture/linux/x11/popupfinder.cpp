@@ -2,6 +2,7 @@
 #include "popupfinder.h"
 
 #include "clientprocess.h"
+#include "xcbreplies.h"
 
 #include <algorithm>
 #include <deque>
@@ -15,7 +16,7 @@ namespace {
 
 /// Bounds for what one round of requests may hold. When more windows than that are above, nobody can tell.
 constexpr std::size_t mostWindows = 1024;
-constexpr int mostRectangles = 4096;
+constexpr quint32 mostRectangles = 4096;
 constexpr int deepestWindow = 16; // frames around a window
 constexpr quint32 mostTypes = 16; // that a window says it is
 
@@ -36,14 +37,6 @@ bool changesTree(const xcb_generic_event_t& event)
     default:
         return false;
     }
-}
-
-std::vector<xcb_window_t> childrenIn(const xcb_query_tree_reply_t* tree)
-{
-    if (!tree)
-        return {};
-    const xcb_window_t* first = xcb_query_tree_children(tree);
-    return std::vector<xcb_window_t>(first, first + xcb_query_tree_children_length(tree));
 }
 
 }
@@ -106,7 +99,9 @@ std::optional<PopupFinder::Seen> PopupFinder::Questions::answer()
     seen.popup.origin = corner + QPoint(border, border);
     seen.popup.area = QRect(corner, QSize(size->width + 2 * border, size->height + 2 * border));
     seen.parent = place.parent;
-    seen.children = childrenIn(tree.reply().get());
+    const auto below = tree.reply();
+    const auto children = childrenIn(below.get());
+    seen.children.assign(children.begin(), children.end());
     seen.unmanaged = shown->override_redirect;
     return seen;
 }
@@ -243,7 +238,8 @@ std::optional<std::vector<PopupFinder::Place>> PopupFinder::windowsAbove()
             continue;
         }
         Request<xcb_query_tree_reply_t> all(*connection_, xcb_query_tree(connection_->xcb(), root_));
-        const std::vector<xcb_window_t> children = childrenIn(all.reply().get());
+        const auto allOfRoot = all.reply();
+        const auto children = childrenIn(allOfRoot.get());
         const auto own = std::find(children.begin(), children.end(), window);
         if (own == children.end() || std::size_t(children.end() - own) > mostWindows)
             return std::nullopt;
@@ -270,10 +266,10 @@ std::vector<PopupFinder::Seen> PopupFinder::lookAt(const std::vector<Place>& win
         const qint64 process = asked.process();
         seen->ours = isOfSameClient(seen->popup.window) || (process && process == process_);
         const auto types = asked.types.reply();
-        if (types && types->format == 32 && types->type == XCB_ATOM_ATOM) {
-            const auto* first = static_cast<const xcb_atom_t*>(xcb_get_property_value(types.get()));
-            const auto* end = first + types->value_len;
-            seen->saysPopup = std::find_first_of(first, end, popupTypes_.begin(), popupTypes_.end()) != end;
+        if (types && types->type == XCB_ATOM_ATOM) {
+            const auto said = propertyValues(types.get());
+            seen->saysPopup
+                = std::find_first_of(said.begin(), said.end(), popupTypes_.begin(), popupTypes_.end()) != said.end();
         }
         shown.push_back(std::move(*seen));
     }
@@ -322,12 +318,10 @@ void PopupFinder::askShapes()
             continue;
         }
         const auto reply = requests[i].reply();
-        const int count = reply ? xcb_shape_get_rectangles_rectangles_length(reply.get()) : 0;
-        if (count > mostRectangles)
+        if (!reply || reply->rectangles_len > mostRectangles)
             continue;
-        const xcb_rectangle_t* rectangle = reply ? xcb_shape_get_rectangles_rectangles(reply.get()) : nullptr;
-        for (int j = 0; j < count; ++j, ++rectangle)
-            popup.shape += QRect(rectangle->x, rectangle->y, rectangle->width, rectangle->height);
+        for (const xcb_rectangle_t& part : itemsOf<xcb_rectangle_t>(*reply, reply->rectangles_len))
+            popup.shape += QRect(part.x, part.y, part.width, part.height);
     }
 }
 

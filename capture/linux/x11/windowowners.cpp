@@ -3,6 +3,7 @@
 
 #include "clientprocess.h"
 #include "x11connection.h"
+#include "xcbreplies.h"
 
 #include <QByteArray>
 #include <QList>
@@ -18,6 +19,8 @@ namespace {
 
 using x11::Allocated;
 using x11::DisplayConnection;
+using x11::propertyText;
+using x11::propertyValues;
 using x11::Request;
 using Property = Request<xcb_get_property_reply_t>;
 
@@ -60,20 +63,11 @@ xcb_get_property_cookie_t getProperty(
     return xcb_get_property(connection.xcb(), 0, window, property, type, 0, words);
 }
 
-/// The 32-bit values of a property; none when it is not of that kind.
-std::vector<quint32> values(xcb_get_property_reply_t* reply)
+/// 0 when there is none.
+quint32 firstValue(const xcb_get_property_reply_t* reply)
 {
-    if (!reply || reply->format != 32)
-        return {};
-    const auto* first = static_cast<const quint32*>(xcb_get_property_value(reply));
-    return std::vector<quint32>(first, first + reply->value_len);
-}
-
-QByteArray text(xcb_get_property_reply_t* reply)
-{
-    if (!reply || reply->format != 8)
-        return QByteArray();
-    return QByteArray(static_cast<const char*>(xcb_get_property_value(reply)), int(reply->value_len));
+    const auto values = propertyValues(reply);
+    return values.empty() ? 0 : values.front();
 }
 
 /// The windows that a window manager keeps; nothing when none runs. A manager that has died leaves its list behind,
@@ -85,15 +79,15 @@ std::optional<std::vector<xcb_window_t>> managedWindows(
         return std::nullopt;
     Property checkOfRoot(connection, getProperty(connection, root, atoms.supportingCheck, XCB_ATOM_WINDOW, 1));
     Property list(connection, getProperty(connection, root, atoms.clientList, XCB_ATOM_WINDOW, quint32(mostWindows)));
-    const std::vector<quint32> manager = values(checkOfRoot.reply().get());
+    const xcb_window_t manager = firstValue(checkOfRoot.reply().get());
     const auto listReply = list.reply();
-    if (manager.empty() || !listReply || listReply->type != XCB_ATOM_WINDOW)
+    if (!manager || !listReply || listReply->type != XCB_ATOM_WINDOW)
         return std::nullopt;
-    Property checkOfManager(
-        connection, getProperty(connection, manager[0], atoms.supportingCheck, XCB_ATOM_WINDOW, 1));
-    if (values(checkOfManager.reply().get()) != manager)
+    Property checkOfManager(connection, getProperty(connection, manager, atoms.supportingCheck, XCB_ATOM_WINDOW, 1));
+    if (firstValue(checkOfManager.reply().get()) != manager)
         return std::nullopt;
-    return values(listReply.get());
+    const auto windows = propertyValues(listReply.get());
+    return std::vector<xcb_window_t>(windows.begin(), windows.end());
 }
 
 /// Without a window manager: what lies on the root and can be seen, menus and tool tips left out.
@@ -101,15 +95,13 @@ std::vector<xcb_window_t> shownWindows(DisplayConnection& connection, xcb_window
 {
     Request<xcb_query_tree_reply_t> treeRequest(connection, xcb_query_tree(connection.xcb(), root));
     const auto tree = treeRequest.reply();
-    if (!tree)
-        return {};
-    const xcb_window_t* children = xcb_query_tree_children(tree.get());
-    const std::size_t count = std::min(std::size_t(xcb_query_tree_children_length(tree.get())), mostWindows);
+    const auto all = x11::childrenIn(tree.get());
+    const auto children = all.first(std::min(all.size(), mostWindows));
     std::deque<Request<xcb_get_window_attributes_reply_t>> requests;
-    for (std::size_t i = 0; i < count; ++i)
-        requests.emplace_back(connection, xcb_get_window_attributes(connection.xcb(), children[i]));
+    for (const xcb_window_t child : children)
+        requests.emplace_back(connection, xcb_get_window_attributes(connection.xcb(), child));
     std::vector<xcb_window_t> windows;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < children.size(); ++i) {
         const auto reply = requests[i].reply();
         if (reply && reply->map_state != XCB_MAP_STATE_UNMAPPED && reply->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT
             && !reply->override_redirect)
@@ -138,13 +130,12 @@ struct OwnerQuery {
 Owner readOwner(OwnerQuery& query)
 {
     Owner owner;
-    const std::vector<quint32> claimedPid = values(query.claimedPid.reply().get());
+    const quint32 claimedPid = firstValue(query.claimedPid.reply().get());
     owner.processId = query.client ? x11::clientProcess(query.client->reply().get()) : 0;
-    if (owner.processId == 0 && !claimedPid.empty())
-        owner.processId = claimedPid[0];
-    // Instance, then class, each with a zero byte behind it.
-    owner.name = QString::fromLatin1(text(query.classes.reply().get()).split('\0').value(1));
-    owner.applicationId = QString::fromUtf8(text(query.applicationId.reply().get()));
+    if (owner.processId == 0)
+        owner.processId = claimedPid;
+    owner.name = className(propertyText(query.classes.reply().get()));
+    owner.applicationId = QString::fromUtf8(propertyText(query.applicationId.reply().get()));
     return owner;
 }
 
@@ -162,6 +153,11 @@ void add(std::vector<Owner>& owners, const Owner& owner)
         same->applicationId = owner.applicationId;
 }
 
+}
+
+QString className(QByteArrayView text)
+{
+    return QString::fromLatin1(text.toByteArray().split('\0').value(1));
 }
 
 std::optional<std::vector<Owner>> find()

@@ -1,6 +1,7 @@
 // Who owns windows on the display.
 #pragma once
 
+#include <QByteArrayView>
 #include <QString>
 #include <QtGlobal>
 
@@ -15,6 +16,9 @@ struct Owner {
     QString name; ///< the class of its first window; may be empty
     QString applicationId; ///< as one of its windows tells it; else empty
 };
+
+/// The class in the text of WM_CLASS, which is the instance and then the class, each with a zero byte behind it.
+QString className(QByteArrayView text);
 
 /// Each process once, in the order of the windows. Waits for the X server with a bound; nothing when it is gone or
 /// does not answer, so that it is not known. Without DISPLAY there are none. Any thread.
