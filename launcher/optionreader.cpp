@@ -116,9 +116,7 @@ std::optional<QSize> OptionReader::canvas()
     const auto isPossible = [](int side) { return side >= smallestCanvas && side <= largestCanvas; };
     if (!isPossible(size.width()) || !isPossible(size.height()))
         refuse(QStringLiteral("--canvas: '%1' is no size (like 1280x720, in pixels, each side %2 to %3)")
-                   .arg(plainText(given))
-                   .arg(smallestCanvas)
-                   .arg(largestCanvas));
+                   .arg(plainText(given), QString::number(smallestCanvas), QString::number(largestCanvas)));
     return size;
 }
 
@@ -131,8 +129,7 @@ std::optional<qint64> OptionReader::milliseconds(const char* name)
     const qint64 result = ok && seconds > 0 && seconds <= longestSeconds ? std::llround(seconds * 1000) : 0;
     if (result < 1)
         refuse(QStringLiteral("--%1: '%2' is no number of seconds (0.001 to %3)")
-                   .arg(QLatin1String(name), plainText(text(name)))
-                   .arg(longestSeconds));
+                   .arg(QLatin1String(name), plainText(text(name)), QString::number(longestSeconds)));
     return result;
 }
 
@@ -142,8 +139,7 @@ int OptionReader::countdown()
     const int seconds = text("countdown", QStringLiteral("0")).toInt(&ok);
     if (isSet("countdown") && (!ok || seconds < 1 || seconds > longestCountdown))
         refuse(QStringLiteral("--countdown: '%1' is no whole number of seconds (1 to %2)")
-                   .arg(plainText(text("countdown")))
-                   .arg(longestCountdown));
+                   .arg(plainText(text("countdown")), QString::number(longestCountdown)));
     return seconds;
 }
 
