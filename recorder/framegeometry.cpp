@@ -49,7 +49,7 @@ QPointF FrameGeometry::toCanvas(const QPointF& imagePoint) const
 
 RowSet FrameGeometry::toCanvas(const RowSet& imageRows) const
 {
-    constexpr int reach = 2; // rows on either side, of the image and of the canvas
+    constexpr double reach = 2.0; // rows on either side, of the image and of the canvas
     RowSet rows;
     for (const RowSet::Range& range : imageRows.ranges()) {
         if (isUnscaled()) {

@@ -32,6 +32,7 @@ private Q_SLOTS:
     void boundsAsWideAsIntDoNotOverflow();
     void fractionsOfTheWindow();
     void imagePixelsOnTheCanvas();
+    void rowsOfTheHighestImage();
 };
 
 void FrameGeometryTest::canvasSize_data()
@@ -188,6 +189,13 @@ void FrameGeometryTest::imagePixelsOnTheCanvas()
     QCOMPARE(geometry.toCanvas(QPointF(0, 0)), QPointF(0, 60));
     QCOMPARE(geometry.toCanvas(QPointF(500, 250)), QPointF(960, 540));
     QCOMPARE(geometry.toCanvas(QPointF(1000, 500)), QPointF(1920, 1020));
+}
+
+void FrameGeometryTest::rowsOfTheHighestImage()
+{
+    constexpr int highest = std::numeric_limits<int>::max();
+    const FrameGeometry geometry(QSize(16, highest), QRect(), QSize(64, 64));
+    QCOMPARE(geometry.toCanvas(RowSet(0, highest)), RowSet(0, 64));
 }
 
 ORVANTIS_TEST(FrameGeometryTest)
