@@ -6,7 +6,6 @@
 
 #include <QString>
 
-#include <spa/param/latency-utils.h>
 #include <spa/utils/json.h>
 
 #include <array>
@@ -19,9 +18,15 @@ namespace pipewire {
 
 namespace {
 
+/// Null where there is none, or there are no properties at all.
+const char* valueOf(const spa_dict* properties, const char* key)
+{
+    return properties ? spa_dict_lookup(properties, key) : nullptr;
+}
+
 std::string text(const spa_dict* properties, const char* key)
 {
-    const char* value = spa_dict_lookup(properties, key);
+    const char* const value = valueOf(properties, key);
     return value ? value : "";
 }
 
@@ -80,7 +85,7 @@ Node nodeFrom(const spa_dict* properties)
     node.client = number<uint32_t>(properties, PW_KEY_CLIENT_ID);
     node.name = text(properties, PW_KEY_NODE_NAME);
     node.mediaClass = text(properties, PW_KEY_MEDIA_CLASS);
-    node.loopback = spa_dict_lookup(properties, PW_KEY_NODE_LINK_GROUP);
+    node.loopback = valueOf(properties, PW_KEY_NODE_LINK_GROUP);
     node.processId = processId(properties, PW_KEY_APP_PROCESS_ID);
     node.applicationName = text(properties, PW_KEY_APP_NAME);
     node.applicationId = text(properties, PW_KEY_APP_ID);
@@ -209,9 +214,8 @@ struct GraphMirror::BoundPort : Bound<pw_port> {
         void* data, int /*sequence*/, uint32_t id, uint32_t /*index*/, uint32_t /*next*/, const spa_pod* parameter)
     {
         auto* self = static_cast<BoundPort*>(data);
-        spa_latency_info latency{};
-        if (id != SPA_PARAM_Latency || !parameter || spa_latency_parse(parameter, &latency) < 0
-            || latency.direction != SPA_DIRECTION_INPUT)
+        const auto latency = id == SPA_PARAM_Latency && parameter ? parseLatency(parameter) : std::nullopt;
+        if (!latency || latency->direction != SPA_DIRECTION_INPUT)
             return;
         self->mirror->apply([&](Graph& graph) { graph.ports[self->id].latency = latency; });
     }

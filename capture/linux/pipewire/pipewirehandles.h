@@ -3,8 +3,10 @@
 
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/pipewire.h>
+#include <spa/param/latency-utils.h>
 
 #include <memory>
+#include <optional>
 
 namespace pipewire {
 
@@ -96,6 +98,23 @@ inline void listen(pw_metadata* metadata, Hook& hook, const pw_metadata_events& 
 inline int askForSync(pw_core* core)
 {
     return pw_core_sync(core, PW_ID_CORE, 0);
+}
+
+/// As spa_latency_parse(), but for a direction that is neither of the two: there it is undefined, here there is none.
+inline std::optional<spa_latency_info> parseLatency(const spa_pod* pod)
+{
+    spa_latency_info latency{};
+    uint32_t direction = 0;
+    const int result = spa_pod_parse_object(pod, SPA_TYPE_OBJECT_ParamLatency, nullptr, SPA_PARAM_LATENCY_direction,
+        SPA_POD_Id(&direction), SPA_PARAM_LATENCY_minQuantum, SPA_POD_OPT_Float(&latency.min_quantum),
+        SPA_PARAM_LATENCY_maxQuantum, SPA_POD_OPT_Float(&latency.max_quantum), SPA_PARAM_LATENCY_minRate,
+        SPA_POD_OPT_Int(&latency.min_rate), SPA_PARAM_LATENCY_maxRate, SPA_POD_OPT_Int(&latency.max_rate),
+        SPA_PARAM_LATENCY_minNs, SPA_POD_OPT_Long(&latency.min_ns), SPA_PARAM_LATENCY_maxNs,
+        SPA_POD_OPT_Long(&latency.max_ns));
+    if (result < 0 || direction > SPA_DIRECTION_OUTPUT)
+        return std::nullopt;
+    latency.direction = spa_direction(direction);
+    return latency;
 }
 
 #pragma GCC diagnostic pop
