@@ -12,8 +12,8 @@
 
 namespace x11 {
 
-/// The items that lie behind the fixed 32 bytes of an answer. None when it tells of more than it holds: libxcb reads as
-/// much as its length says, and does not look at what else it says.
+/// The items that lie behind the fixed 32 bytes of an answer. None when it tells of more than it holds: libxcb reads
+/// as much as its length says, and does not look at what else it says.
 template <typename Item, typename Reply>
 std::span<const Item> itemsOf(const Reply& reply, std::size_t count)
 {

@@ -60,6 +60,12 @@ struct RecorderProbe {
     void stopAudioCapture() { recorder.stopAudioCapture(); }
     void closeOutput() { recorder.closeOutput(); }
     void waitForWorker() { recorder.worker.waitForFinished(); }
+    void forgetClicks()
+    {
+        const CheckedLock lock(recorder.clickMutex);
+        recorder.clicks.clear();
+        recorder.freeClickKey.forget();
+    }
 
     QString& outputPath() { return recorder.outputPath; }
     QString& command() { return recorder.command; }
@@ -68,6 +74,8 @@ struct RecorderProbe {
     QString& audioSource() { return recorder.audioSource; }
     QLocalSocket* controlSocket() { return recorder.controlSocket; }
     QByteArray& controlBuffer() { return recorder.controlBuffer; }
+    bool& discardingLongLine() { return recorder.discardingLongLine; }
+    bool& exitRequested() { return recorder.exitRequested; }
     QElapsedTimer& recordingClock() { return recorder.recordingClock; }
     quint32& durationMs() { return recorder.durationMs; }
     std::atomic<bool>& stopRequested() { return recorder.stopRequested; }
