@@ -7,8 +7,8 @@
 // runRecordingLoop() and with it all capture, composition and FFmpeg work. (The window is sampled on a thread of
 // windowCapture's, for which the worker waits within bounds; a frame is encoded on one of frameSending's, which it
 // waits for when too much is late; half of a frame may be converted on one of bandConversion's, which it waits for.)
-// They share only the atomics below, the click map under clickMutex, and durationMs, which the main thread reads after
-// the worker has finished.
+// They share only the atomics below, the click map under clickMutex, and durationMs, which the main thread reads
+// after the worker has finished.
 //
 // The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
 // -> composeFrame() -> prepareFrame(), sendPrepared(), finishEncoding() -> packet in the file.

@@ -125,7 +125,8 @@ void CommandLineTest::refusals_data()
     for (const char* size : {"15x720", "1280x15", "8191x720", "1280x8191", "100000x100000"})
         row(recording + QStringList{"--canvas", size}, "each side 16 to 8190");
     // What looks like a place for another value is quoted as it is.
-    row(recording + QStringList{"--canvas", "%1x%3"}, "--canvas: '%1x%3' is no size (like 1280x720, in pixels, each ");
+    row(recording + QStringList{"--canvas", "%1x%3"},
+        "--canvas: '%1x%3' is no size (like 1280x720, in pixels, each ");
     row(recording + QStringList{"--seconds", "%3"}, "--seconds: '%3' is no number of seconds (0.001 to 1000000)");
     row(recording + QStringList{"--countdown", "%2"}, "--countdown: '%2' is no whole number of seconds (1 to 3600)");
     row(recording + QStringList{"--seconds", "0"}, "is no number of seconds (0.001 to 1000000)");
