@@ -221,8 +221,12 @@ void GstRecorder::setClock(bool runs)
         recordingClock.invalidate();
         return;
     }
-    recordingClock.start();
-    const qint64 startedAtMs = wallClock.now();
+    constexpr qint64 longestReadingMs = 20; // between the two clocks this thread may have been stopped
+    qint64 startedAtMs = 0;
+    for (int tries = 0; tries < 5 && (tries == 0 || recordingClock.elapsed() > longestReadingMs); ++tries) {
+        recordingClock.start();
+        startedAtMs = wallClock.now();
+    }
     recordingStartedAtMs.store(startedAtMs, std::memory_order_release);
     wallClock.start(startedAtMs);
 }
