@@ -39,6 +39,7 @@ qint64 bytesOf(const Queue& queue)
     return bytes;
 }
 
+/// Frames that are due and wait for the encoder hold no more than this; then captures wait for it, too.
 inline constexpr qint64 mostBytesLate = qint64(64) << 20;
 inline constexpr int mostFramesLate = 48; ///< two seconds
 
