@@ -3,9 +3,10 @@
 
     soak.py BINARIES [--minutes M] [--every-slot]
 
-Memory has to stay within 2 % of what it was after the first minutes, descriptors and threads as they were. With
---every-slot no slot may be missed: that wants a machine with nothing else to do. How far audio drifts from the frames
-is measured elsewhere (avsync_test). Eight hours: --minutes 480.
+Memory has to stay within 2 % of what it was after the first minutes, descriptors as they were, threads too, apart from
+one that is made when the recorder has to hurry for the first time. With --every-slot no slot may be missed: that wants
+a machine with nothing else to do. How far audio drifts from the frames is measured elsewhere (avsync_test). Eight
+hours: --minutes 480.
 """
 import argparse
 import json
@@ -23,6 +24,7 @@ import recorded
 SETTLED_AFTER_S = 30  # the delay queue has filled, and every buffer was used
 LOOK_EVERY_S = 5
 MOST_GROWTH = 0.02
+MOST_CHANGE = {"descriptors": 0, "threads": 1}  # the thread is the one that helps to convert
 SLOT_MS = 41
 
 
@@ -69,8 +71,8 @@ def main():
         times_ms = [seconds * 1000 for seconds in brokenfile.frame_times(recorder.file())]
         errors = brokenfile.decoding_errors(recorder.file())
     growth = third(kib, "last") / third(kib, "first") - 1
-    changed = {what: sorted({look[what] for look in held}) for what in held[0]
-               if len({look[what] for look in held}) > 1}
+    seen = {what: sorted({look[what] for look in held}) for what in MOST_CHANGE}
+    changed = {what: values for what, values in seen.items() if values[-1] - values[0] > MOST_CHANGE[what]}
     missed = recorded.missed_slots(times_ms, SLOT_MS)
     wrong = [errors] if errors else []
     wrong += [f"memory grew by {growth:.1%}"] if growth > MOST_GROWTH else []
