@@ -12,6 +12,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <utility>
 
 namespace audiointake {
 
@@ -132,6 +133,17 @@ void RecorderAudioCapturePrivate::handleAudioSampleBuffer(const platform::AudioS
     try {
         takeIn(buffer);
     } catch (const std::exception&) {
+        tellOfLoss();
+    }
+}
+
+void RecorderAudioCapturePrivate::tellOfLoss() noexcept
+{
+    if (std::exchange(lossLogged, true))
+        return;
+    try {
+        qWarning() << "No memory for audio that was delivered; it is left out. Told once.";
+    } catch (const std::exception&) { // nor for the line
     }
 }
 
@@ -152,8 +164,10 @@ void RecorderAudioCapturePrivate::takeIn(const platform::AudioSampleBuffer* buff
         return;
     auto chunk = audiointake::toChunk(*buffer->description, buffer->frames, list->buffers);
     list->owner.reset();
-    if (!chunk)
+    if (!chunk) {
+        tellOfLoss();
         return;
+    }
     const CheckedLock lock(mutex);
     chunks.append(std::move(*chunk));
 }

@@ -9,8 +9,8 @@
 #include <vector>
 
 /**
- * Threads: everything belongs to the thread that made it, except chunks (under mutex) and unsupportedFormatLogged
- * (only touched by handleAudioSampleBuffer(), which the platform calls from one thread at a time).
+ * Threads: everything belongs to the thread that made it, except chunks (under mutex), unsupportedFormatLogged and
+ * lossLogged (only touched by handleAudioSampleBuffer(), which the platform calls from one thread at a time).
  */
 class RecorderAudioCapturePrivate {
 public:
@@ -42,9 +42,11 @@ public:
     bool valid = false; ///< the configuration succeeded
     bool started = false; ///< between a successful start and the next stop
     bool unsupportedFormatLogged = false;
+    bool lossLogged = false;
 
 private:
     void takeIn(const platform::AudioSampleBuffer* buffer);
+    void tellOfLoss() noexcept;
     bool configure();
     std::shared_ptr<const platform::AudioContent> lookUpContent() const;
     std::optional<platform::AudioFilter> filterFor(

@@ -24,13 +24,12 @@ bool leaveOutIndex(AVFormatContext& container)
 
 void GstRecorder::writeTrailer()
 {
-    resumeWriting(*formatContext, writtenBytes);
+    const int gathered = writeGathered(*formatContext, writtenBytes);
     const bool errorIsExpected = writtenBytes.someLost && leaveOutIndex(*formatContext);
-    int status = av_write_trailer(formatContext);
+    int status = finishContainer(*formatContext, writtenBytes);
     if (status == AVERROR(EINVAL) && errorIsExpected)
         status = 0;
-    if (status >= 0 && formatContext->pb)
-        status = formatContext->pb->error; // the mp4 muxer calls a trailer on a full disk a success
+    status = gathered < 0 ? gathered : status;
     if (status < 0) {
         qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
         return;

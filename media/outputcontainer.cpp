@@ -14,6 +14,10 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
 namespace {
 
 const auto preferredEncoder = QStringLiteral("mpeg4");
@@ -28,6 +32,44 @@ void tagColours(AVCodecContext* context)
     context->color_trc = AVCOL_TRC_IEC61966_2_1;
     context->colorspace = rgb ? AVCOL_SPC_RGB : AVCOL_SPC_SMPTE170M;
     context->color_range = rgb ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+}
+
+/// A fragment at every key frame and every second (microseconds): playable up to the last one whatever happens.
+constexpr std::array<const char*, 3> fragmentFlags{"empty_moov", "default_base_moof", "frag_keyframe"};
+constexpr int64_t fragmentDuration = 1'000'000;
+
+void setFragments(AvOptions& options)
+{
+    QByteArray flags;
+    for (const char* flag : fragmentFlags)
+        flags.append('+').append(flag);
+    options.set("movflags", flags.constData());
+    options.set("frag_duration", QByteArray::number(qint64(fragmentDuration)).constData());
+}
+
+bool hasFragments(const AVFormatContext& container)
+{
+    int64_t flags = 0;
+    int64_t duration = 0;
+    return av_opt_get_int(container.priv_data, "movflags", 0, &flags) >= 0
+        && av_opt_get_int(container.priv_data, "frag_duration", 0, &duration) >= 0 && duration == fragmentDuration
+        && std::all_of(fragmentFlags.begin(), fragmentFlags.end(), [&](const char* name) {
+               const AVOption* const flag = av_opt_find(container.priv_data, name, "movflags", 0, 0);
+               return flag && (flags & flag->default_val.i64) != 0;
+           });
+}
+
+/// FFmpeg's status.
+int writeHeader(AVFormatContext& container)
+{
+    AvOptions options;
+    const bool isMp4
+        = QString::fromLatin1(container.oformat->name).contains(QLatin1String("mp4"), Qt::CaseInsensitive);
+    if (isMp4)
+        setFragments(options);
+    const int status = avformat_write_header(&container, options.out());
+    // FFmpeg passes options on without looking whether there was memory for each.
+    return status >= 0 && isMp4 && !hasFragments(container) ? AVERROR(ENOMEM) : status;
 }
 
 }
@@ -201,14 +243,7 @@ bool GstRecorder::openFileAndWriteHeader()
             return false;
         }
     }
-    AvOptions options;
-    if (QString::fromLatin1(formatContext->oformat->name).contains(QLatin1String("mp4"), Qt::CaseInsensitive)) {
-        // A fragment at every key frame and every second (microseconds): playable up to the last one whatever
-        // happens.
-        options.set("movflags", "+empty_moov+default_base_moof+frag_keyframe");
-        options.set("frag_duration", "1000000");
-    }
-    const int status = avformat_write_header(formatContext, options.out());
+    const int status = writeHeader(*formatContext);
     if (status < 0) {
         qCritical() << "Unable to write FFmpeg output header:" << avErrorString(status);
         return false;

@@ -1,6 +1,7 @@
 // FFmpeg's own protocol for files, with a descriptor that is open already: the same buffer, the same errors.
 #include "outputfile.h"
 
+#include "averror.h"
 #include "descriptor.h"
 #include "privatefile.h"
 
@@ -100,7 +101,10 @@ void outputfile::close(AVFormatContext& container)
     if (!container.pb)
         return;
     avio_flush(container.pb);
-    ::close(descriptorOf(container.pb->opaque));
+    // A file of a network, or one that has its quota, may tell here only what it did not take.
+    if (::close(descriptorOf(container.pb->opaque)) != 0)
+        qWarning() << "Output file was closed with an error; what was written last may be missing:"
+                   << avErrorString(AVERROR(errno));
     av_freep(&container.pb->buffer);
     avio_context_free(&container.pb);
 }

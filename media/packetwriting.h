@@ -20,7 +20,10 @@ struct WrittenBytes {
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,
     int64_t missingDuration, WrittenBytes& written);
 
-/// A write that failed left a part of something in the file, and FFmpeg drops everything from then on. Goes back to
-/// the last whole place, so that what follows is tried in its stead. Does nothing while all is well, and when not
-/// even the header is in the file.
-void resumeWriting(AVFormatContext& container, WrittenBytes& written);
+/// Has the container write what it still gathers, of an MP4 the last fragment, so that a trailer that fails
+/// afterwards takes nothing along. Returns FFmpeg's status, as writePacket() does. Worker thread.
+int writeGathered(AVFormatContext& container, WrittenBytes& written);
+
+/// Writes the trailer, by which the container is finished. Returns FFmpeg's status, also when the file has refused
+/// what the container believes to be written: the mp4 muxer calls a trailer on a full disk a success. Worker thread.
+int finishContainer(AVFormatContext& container, WrittenBytes& written);

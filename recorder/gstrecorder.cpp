@@ -12,6 +12,8 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <chrono>
+#include <system_error>
+#include <thread>
 
 using namespace std::chrono_literals;
 
@@ -21,6 +23,16 @@ constexpr int captureSetupFailedExitCode = 2;
 constexpr auto stopRetryDelay = 10ms;
 constexpr auto stopPatience = 5s; // the end of an ordinary recording, and some
 constexpr ulong workerPollMs = 1;
+
+bool systemHasThread()
+{
+    try {
+        std::thread([] {}).join();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
 
 }
 
@@ -45,8 +57,7 @@ GstRecorder::GstRecorder(const QString& commandText, const QString& output, cons
     }
     openWindowCapture();
 
-    // Also without a window capture: the worker says so in the log and sets the flags that stop() waits for.
-    worker = QtConcurrent::run(QThreadPool::globalInstance(), [this] { runRecordingLoop(); });
+    startWorker();
 }
 
 GstRecorder::~GstRecorder()
@@ -64,6 +75,20 @@ void GstRecorder::openWindowCapture()
     qWarning() << "macOS CoreGraphics window capture setup failed.";
     delete windowCapture;
     windowCapture = nullptr;
+    QTimer::singleShot(0ms, QCoreApplication::instance(), [] { QCoreApplication::exit(captureSetupFailedExitCode); });
+}
+
+/// Also without a window capture: the worker says so in the log and sets the flags that stop() waits for. A pool
+/// whose thread the system refuses keeps the task for ever without a word.
+void GstRecorder::startWorker()
+{
+    if (systemHasThread()) {
+        worker = QtConcurrent::run(QThreadPool::globalInstance(), [this] { runRecordingLoop(); });
+        return;
+    }
+    qCritical() << "No thread for the recording; nothing is recorded.";
+    workerStarted.store(true, std::memory_order_release);
+    finalized.store(true, std::memory_order_release);
     QTimer::singleShot(0ms, QCoreApplication::instance(), [] { QCoreApplication::exit(captureSetupFailedExitCode); });
 }
 

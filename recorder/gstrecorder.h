@@ -151,6 +151,7 @@ private:
     // ==== gstrecorder.cpp: life (main thread) ================================================================
 
     void openWindowCapture();
+    void startWorker();
     void retryStopLater();
     bool endRecording(QDeadlineTimer deadline);
 

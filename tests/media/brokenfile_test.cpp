@@ -26,7 +26,7 @@ bool write(const QString& path, const QByteArray& bytes)
 }
 
 /// How many of the first packets are as they should be: whole, 41 ms apart, a key frame each second.
-int audioPackets(const QList<MediaPacket>& packets)
+int wholePackets(const QList<MediaPacket>& packets)
 {
     int count = 0;
     while (count < packets.size() && !packets[count].corrupt && packets[count].size > 0
@@ -110,8 +110,8 @@ void BrokenFileTest::cutAnywherePlaysToTheLastWholeFragment()
         MediaFile file(cutPath);
         const int expected = wholeFragmentFrames(boxes, cut);
         QVERIFY2(expected == 0 || (file.isValid() && file.videoStream()), qPrintable(QString::number(cut)));
-        const int audio = audioPackets(file.packets());
-        QVERIFY2(audio >= expected, qPrintable(QStringLiteral("%1: %2 of %3").arg(cut).arg(audio).arg(expected)));
+        const int whole = wholePackets(file.packets());
+        QVERIFY2(whole >= expected, qPrintable(QStringLiteral("%1: %2 of %3").arg(cut).arg(whole).arg(expected)));
         const QString judgement = checkFrames(cutPath, expected);
         QVERIFY2(judgement.isEmpty(), qPrintable(QStringLiteral("%1: %2").arg(cut).arg(judgement)));
         fewest = std::min(fewest, expected);

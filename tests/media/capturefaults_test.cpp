@@ -5,10 +5,14 @@
 
 #include "audioselection.h"
 #include "fakeplatform.h"
+#include "gstrecorder.h"
+#include "launcherserver.h"
 #include "logcapture.h"
 #include "macwindowcapture.h"
+#include "privatetempdir.h"
 #include "recorderaudiocapture.h"
 
+#include <QFileInfo>
 #include <QTest>
 
 #include <memory>
@@ -61,6 +65,7 @@ private Q_SLOTS:
 
     void nobodyIsLeftToBeRecorded();
     void noThreadForTheWindow();
+    void noThreadForTheRecording();
 };
 
 /// The application itself always belongs to itself, so its rule has to fail.
@@ -96,6 +101,25 @@ void CaptureFaultsTest::noThreadForTheWindow()
     QVERIFY(capture.isValid());
     QRect bounds;
     QCOMPARE(capture.capture(&bounds).size(), QSize(40, 30));
+}
+
+/// The pool would keep the worker's task for ever: a stop would not be answered.
+void CaptureFaultsTest::noThreadForTheRecording()
+{
+    const PrivateTempDir directory;
+    const LauncherServer launcher;
+    QVERIFY(launcher.isListening());
+    leavesNoThread = true;
+    const LogCapture log;
+    GstRecorder recorder(QStringLiteral("qt-window-capture"), directory.filePath(QStringLiteral("clip.mp4")),
+        QStringLiteral("42"), 0, 0, 32, 16, 1.0, QString(), nullptr);
+    leavesNoThread = false;
+    QCOMPARE(log.messages(QtCriticalMsg),
+        QStringList{QStringLiteral("No thread for the recording; nothing is recorded.")});
+    recorder.stop();
+    QCOMPARE(log.messages(QtDebugMsg).last(), QStringLiteral("FFmpeg recorder stopped, duration 0"));
+    QVERIFY(recorder.finishRecording(QDeadlineTimer(0)));
+    QVERIFY(!QFileInfo::exists(directory.filePath(QStringLiteral("clip.mp4"))));
 }
 
 ORVANTIS_TEST(CaptureFaultsTest)

@@ -238,6 +238,8 @@ int __wrap_avformat_write_header(AVFormatContext* context, AVDictionary** option
         surroundings().atWriteHeader(*context, options ? *options : nullptr);
     if (const auto* plan = failing(Call::WriteHeader))
         return plan->status;
+    if (options && !surroundings().lostMuxerOption.isEmpty())
+        av_dict_set(options, surroundings().lostMuxerOption.constData(), nullptr, 0);
     return __real_avformat_write_header(context, options);
 }
 
@@ -255,7 +257,7 @@ int __wrap_avcodec_receive_packet(AVCodecContext* context, AVPacket* packet)
 int __real_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet);
 int __wrap_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet)
 {
-    if (surroundings().atWritePacket)
+    if (packet && surroundings().atWritePacket)
         surroundings().atWritePacket(*packet);
     if (const auto* plan = failing(Call::WritePacket))
         return plan->status;

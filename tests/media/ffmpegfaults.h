@@ -69,6 +69,9 @@ struct Surroundings {
     QByteArray errorText; ///< FFmpeg's text for every status, copied without its end when it does not fit
     int processors = 0; ///< what QThread::idealThreadCount() answers, 0: the real number
 
+    /// A muxer's option for which FFmpeg has no memory, which it does not tell.
+    QByteArray lostMuxerOption;
+
     /// Called with what FFmpeg is about to get.
     std::function<void(const AVCodecContext&, const AVDictionary*)> atOpenCodec;
     std::function<void(const AVFormatContext&, const AVDictionary*)> atWriteHeader;

@@ -5,10 +5,13 @@
 #include "mp4boxes.h"
 #include "testregistry.h"
 
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QTest>
 
 #include <algorithm>
+#include <unistd.h>
 
 namespace {
 
@@ -37,6 +40,7 @@ private Q_SLOTS:
     void noTableOfFragmentsAfterALoss_data();
     void noTableOfFragmentsAfterALoss();
     void fullDiskInTheFallback();
+    void fileThatDoesNotClose();
 };
 
 void FullDiskTest::fullDiskBeforeTheHeader()
@@ -125,9 +129,9 @@ void FullDiskTest::fullDiskAtTheEnd()
     QCOMPARE(recorder.warnings(),
         QStringList{QStringLiteral("Unable to write FFmpeg output trailer: \"File too large\"")});
     QVERIFY(recorder.isClosed());
-    // The first fragment is whole; the second one is cut off.
+    // The first fragment is whole; nothing is left of the second one.
     QCOMPARE(mp4boxes::types(mp4boxes::parseFile(recorder->outputPath())),
-        (QList<QByteArray>{"ftyp", "moov", "moof", "mdat", "moof"}));
+        (QList<QByteArray>{"ftyp", "moov", "moof", "mdat"}));
 }
 
 void FullDiskTest::diskThatWasFullForAWhile_data()
@@ -242,6 +246,26 @@ void FullDiskTest::fullDiskInTheFallback()
     const QList<MediaFrame> frames = MediaFile(recorder.filePath(QStringLiteral("clip.mkv"))).frames();
     QVERIFY2(frames.size() >= 24, qPrintable(QString::number(frames.size())));
     QCOMPARE(frames[23].image, testimages::walking(QSize(8192, 16), 23).convertToFormat(QImage::Format_RGB32));
+}
+
+/// What the system tells only then is told, too. Here somebody else has closed the file.
+void FullDiskTest::fileThatDoesNotClose()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder.encode(IdleRecorder::steadyTimes(3)));
+    const QDir descriptors(QStringLiteral("/dev/fd"));
+    const QStringList names = descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    const QString path = QFileInfo(recorder->outputPath()).canonicalFilePath();
+    const auto file = std::find_if(names.begin(), names.end(),
+        [&](const QString& name) { return QFile::symLinkTarget(descriptors.filePath(name)) == path; });
+    QVERIFY(file != names.end());
+    QCOMPARE(::close(file->toInt()), 0);
+    recorder.finish();
+    QCOMPARE(recorder.warnings().last(),
+        QStringLiteral("Output file was closed with an error; what was written last may be missing: "
+                       "\"Bad file descriptor\""));
+    QVERIFY(recorder.isClosed());
 }
 
 ORVANTIS_TEST(FullDiskTest)

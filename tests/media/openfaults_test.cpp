@@ -47,6 +47,8 @@ private Q_SLOTS:
     void encoderWithHardwareFormatsOnlyIsSkipped();
     void everythingFailsAtOnce();
     void failedOpeningCanBeClosedByTheDestructor();
+    void fileWithoutFragmentsIsNone_data();
+    void fileWithoutFragmentsIsNone();
 };
 
 void OpenFaultsTest::openingFails_data()
@@ -247,6 +249,27 @@ void OpenFaultsTest::failedOpeningCanBeClosedByTheDestructor()
     }
     QCOMPARE(calls(Call::WriteTrailer), 0);
     QCOMPARE(openDescriptors(), descriptors);
+}
+
+void OpenFaultsTest::fileWithoutFragmentsIsNone_data()
+{
+    QTest::addColumn<QByteArray>("option");
+    QTest::newRow("flags") << QByteArray("movflags");
+    QTest::newRow("duration") << QByteArray("frag_duration");
+}
+
+/// It could be played after an orderly end only.
+void OpenFaultsTest::fileWithoutFragmentsIsNone()
+{
+    QFETCH(const QByteArray, option);
+    IdleRecorder recorder;
+    surroundings().lostMuxerOption = option;
+    QVERIFY(!recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Unable to write FFmpeg output header: \"Cannot allocate memory\"")});
+    recorder->closeOutput();
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(calls(Call::WriteTrailer), 0);
 }
 
 ORVANTIS_TEST(OpenFaultsTest)

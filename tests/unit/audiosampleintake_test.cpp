@@ -380,10 +380,13 @@ void AudioSampleIntakeTest::memoryForTheBufferListIsMissing()
     AudioSampleBuffer buffer = oneFloatFrame();
     buffer.bufferList = []() -> std::optional<AudioBufferList> { throw std::bad_alloc(); };
     QVERIFY(fakeplatform::deliver(&buffer));
+    QVERIFY(fakeplatform::deliver(&buffer));
     QCOMPARE(intake.capture->readAvailable().size(), 0);
     const AudioSampleBuffer next = oneFloatFrame();
     QVERIFY(fakeplatform::deliver(&next));
     QCOMPARE(intake.capture->readAvailable().size(), 1);
+    QCOMPARE(intake.log.messages(),
+        QStringList{QStringLiteral("No memory for audio that was delivered; it is left out. Told once.")});
 }
 
 void AudioSampleIntakeTest::bufferListIsReleased()
