@@ -326,7 +326,7 @@ private:
     int64_t ptsBeforeMs = AV_NOPTS_VALUE; // of the frame before that one
     bool keyFrameIsDue = false; // the encoder refused the frame before, videoencoding.cpp
     BandConversion bandConversion; // of parts of an image; videoencoding.cpp
-    bool isBehind = false; // more than one frame is due; recordingloop.cpp
+    bool isBehind = false; // more than one frame is due while captures go on; recordingloop.cpp
     SwsContext* swsContext = nullptr; // null when the encoder takes BGRA
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that

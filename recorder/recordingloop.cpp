@@ -271,7 +271,9 @@ bool GstRecorder::drainNext(QList<QueuedFrame>& queue, qint64 limitMs)
 {
     if (queue.isEmpty() || queue.constFirst().elapsedMs > limitMs)
         return false;
-    isBehind = queue.size() > 1 && queue.at(1).elapsedMs <= limitMs;
+    // At the end there are no captures beside conversion and encoder: each has its processor, and needs no help.
+    const bool onlyDrains = stopRequested.load(std::memory_order_acquire);
+    isBehind = !onlyDrains && queue.size() > 1 && queue.at(1).elapsedMs <= limitMs;
     const QueuedFrame queued = queue.takeFirst();
     const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
     if (!composed.isNull())
