@@ -105,16 +105,18 @@ private:
 
 using Batch = std::vector<std::unique_ptr<RefusedScene>>;
 
-/// What is said besides the lines of a recording that went well.
+/// The recorder itself tells of something besides the lines of a recording that went well; what a library prints does
+/// not count.
 bool saysWhy(const QByteArray& lines)
 {
-    for (const QByteArray& line : lines.split('\n')) {
-        const bool isUsual = line.startsWith("Debug: ") || line.contains("invalid app-pid device")
-            || line.contains("Continuing video recording without audio");
-        if (!line.isEmpty() && !isUsual)
-            return true;
-    }
-    return false;
+    const QList<QByteArray> all = lines.split('\n');
+    return std::any_of(all.begin(), all.end(), [](const QByteArray& line) {
+        const bool isTold
+            = line.startsWith("Warning: ") || line.startsWith("Critical: ") || line.startsWith("Fatal: ");
+        const bool isUsual
+            = line.contains("invalid app-pid device") || line.contains("Continuing video recording without audio");
+        return isTold && !isUsual;
+    });
 }
 
 /// Empty when it ended as it may.
