@@ -101,6 +101,7 @@ constexpr auto entries = std::to_array<Entry>({
     {"Skipping frame with unexpected size", Meaning::VideoHarmed, notEncoded},
     {"FFmpeg frame is not writable", Meaning::VideoHarmed, notEncoded},
     {"FFmpeg pixel conversion context is unavailable", Meaning::VideoHarmed, notEncoded},
+    {"Unable to convert FFmpeg video frame", Meaning::VideoHarmed, notEncoded},
     {"Unable to send FFmpeg video frame", Meaning::VideoHarmed, notEncoded},
     {"Unable to receive FFmpeg packet", Meaning::VideoHarmed, notEncoded},
     {"Unable to flush FFmpeg encoder", Meaning::VideoHarmed, notEncoded},

@@ -90,16 +90,21 @@ public:
         }
     }
 
-    void convert(std::span<const BandPlace> places, const QImage& image, AVFrame& frame) const noexcept
+    /// False when FFmpeg could not; a part of the rows is in the frame then.
+    bool convert(std::span<const BandPlace> places, const QImage& image, AVFrame& frame) const noexcept
     {
         for (const BandPlace& place : places) {
             const int rowCount = place.endRead - place.firstRead;
             const Band& band = bands_.at(rowCount);
             const uint8_t* const planes[] = {image.constScanLine(place.firstRead)};
             const int strides[] = {int(image.bytesPerLine())};
-            sws_scale(band.context.get(), planes, strides, 0, rowCount, band.frame->data, band.frame->linesize);
+            const int status
+                = sws_scale(band.context.get(), planes, strides, 0, rowCount, band.frame->data, band.frame->linesize);
+            if (status < 0)
+                return false;
             copyBand(*band.frame, frame, place);
         }
+        return true;
     }
 
     void release() { bands_.clear(); }
@@ -157,12 +162,13 @@ bool BandConversion::convert(const QImage& image, const RowSet& rows, AVFrame& f
     const auto mine = all.first(places.size() - others.size());
     if (!own_->prepare(mine, frame) || !other_->prepare(others, frame)) // before anything is written
         return false;
-    const auto convertOthers = [&] { other_->convert(others, image, frame); };
+    bool othersAreDone = false;
+    const auto convertOthers = [&] { othersAreDone = other_->convert(others, image, frame); };
     if (!isHurried || !thread_.start(convertOthers))
         convertOthers();
-    own_->convert(mine, image, frame);
+    const bool mineAreDone = own_->convert(mine, image, frame);
     thread_.wait();
-    return true;
+    return mineAreDone && othersAreDone;
 }
 
 void BandConversion::release()

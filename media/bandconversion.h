@@ -24,8 +24,9 @@ public:
     };
 
     /// Converts the bands that hold any of the rows. image: as large as the frame, bytes in BGRA order; frame: in
-    /// planes of 8 bits a sample, the colours at half the height or all of it, and an even height. False, with
-    /// nothing done, where a conversion of the whole image would be no worse, and where there is no memory.
+    /// planes of 8 bits a sample, the colours at half the height or all of it, and an even height. False where the
+    /// whole image is to be converted in its stead: it would be no worse, there is no memory, or FFmpeg has refused
+    /// a band.
     bool convert(const QImage& image, const RowSet& rows, AVFrame& frame, Haste haste);
 
     /// Gives back all memory; it is taken again when it is needed.

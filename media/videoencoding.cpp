@@ -158,8 +158,11 @@ bool GstRecorder::transferPixels(const QImage& image, const RowSet& rows)
         return true;
     const uint8_t* const planes[] = {image.constBits()};
     const int strides[] = {int(image.bytesPerLine())};
-    sws_scale(swsContext, planes, strides, 0, canvasHeight, videoFrame->data, videoFrame->linesize);
-    return true;
+    const int status
+        = sws_scale(swsContext, planes, strides, 0, canvasHeight, videoFrame->data, videoFrame->linesize);
+    if (status < 0)
+        qCritical() << "Unable to convert FFmpeg video frame:" << avErrorString(status);
+    return status >= 0;
 }
 
 bool GstRecorder::drainEncoder()

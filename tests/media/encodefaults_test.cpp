@@ -103,6 +103,12 @@ void EncodeFaultsTest::frameFails_data()
     QTest::newRow("frame not writable") << Fault{Call::MakeWritable,
         AVERROR(ENOMEM)} << QStringList{QStringLiteral("FFmpeg frame is not writable: \"Cannot allocate memory\"")}
                                         << 3;
+    QTest::newRow("frame not converted")
+        << Fault{Call::Convert, AVERROR(ENOMEM)}
+        << QStringList{QStringLiteral("Unable to convert FFmpeg video frame: \"Cannot allocate memory\"")} << 3;
+    QTest::newRow("frame not shared with the encoder's thread")
+        << Fault{Call::CloneFrame, AVERROR(ENOMEM)}
+        << QStringList{QStringLiteral("Unable to send FFmpeg video frame: \"Cannot allocate memory\"")} << 3;
     QTest::newRow("frame not sent") << Fault{Call::SendFrame,
         AVERROR(EINVAL)} << QStringList{QStringLiteral("Unable to send FFmpeg video frame: \"Invalid argument\"")}
                                     << 3;
@@ -145,7 +151,7 @@ void EncodeFaultsTest::frameFails()
     QCOMPARE(written.constFirst().ptsMs, 0.0);
     QCOMPARE(written.constLast().ptsMs, 123.0);
     // It cannot build upon one that the encoder has begun.
-    QCOMPARE(written.constLast().key, fault.call == Call::SendFrame);
+    QCOMPARE(written.constLast().key, fault.call == Call::SendFrame || fault.call == Call::CloneFrame);
 }
 
 /// Every later frame is tried and its failure logged; what was written before stays.

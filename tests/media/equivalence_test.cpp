@@ -190,6 +190,8 @@ private Q_SLOTS:
     void changedRowsGiveTheSameBytes();
     void everyBandOfRowsIsConvertedAsTheWhole_data();
     void everyBandOfRowsIsConvertedAsTheWhole();
+    void bandThatIsNotConverted_data();
+    void bandThatIsNotConverted();
     void sourceThatLiesIsSeen();
 };
 
@@ -282,6 +284,34 @@ void EquivalenceTest::everyBandOfRowsIsConvertedAsTheWhole()
         QVERIFY(plain->transferPixels(image));
         QVERIFY2(bytesOf(*recorder->videoFrame()) == bytesOf(*plain->videoFrame()), qPrintable(QString::number(y)));
     }
+}
+
+void EquivalenceTest::bandThatIsNotConverted_data()
+{
+    QTest::addColumn<int>("nth");
+    QTest::newRow("the first") << 1;
+    QTest::newRow("the second") << 2;
+}
+
+/// The whole frame is converted then, and nothing is missing.
+void EquivalenceTest::bandThatIsNotConverted()
+{
+    QFETCH(const int, nth);
+    const QSize canvas(48, 128);
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), canvas);
+    IdleRecorder plain(QStringLiteral("plain.mp4"), canvas);
+    QVERIFY(recorder->openOutput());
+    QVERIFY(plain->openOutput());
+    const QImage image = testimages::noise(canvas, 3).convertToFormat(QImage::Format_ARGB32);
+    QVERIFY(plain->transferPixels(image));
+    surroundings().processors = 2;
+    recorder->isBehind() = true;
+    const int before = calls(Call::Convert);
+    failOnce(Call::Convert, AVERROR(ENOMEM), nth);
+    QVERIFY(recorder->transferPixels(image));
+    QVERIFY(calls(Call::Convert) >= before + 2);
+    QVERIFY(bytesOf(*recorder->videoFrame()) == bytesOf(*plain->videoFrame()));
+    QVERIFY(recorder.wasQuiet());
 }
 
 /// The check of the checks: rows that changed and are not told of are missing, and the comparison finds that.

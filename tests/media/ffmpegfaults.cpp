@@ -8,6 +8,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
+#include <mutex>
+#include <optional>
 
 namespace ffmpegfaults {
 
@@ -22,6 +24,7 @@ struct Plan {
     int status = 0;
 };
 
+std::mutex mutex; // of the plans
 std::array<Plan, std::size_t(Call::Last) + 1> plans;
 
 Plan& planOf(Call call)
@@ -29,42 +32,53 @@ Plan& planOf(Call call)
     return plans[std::size_t(call)];
 }
 
-/// Counts a call. The plan to fail by, or null when the call goes on to FFmpeg.
-const Plan* failing(Call call)
+/// Counts a call. The status to fail with, or nothing when the call goes on to FFmpeg.
+std::optional<int> failing(Call call)
 {
+    const std::lock_guard lock(mutex);
     Plan& plan = planOf(call);
     ++plan.calls;
-    return plan.calls >= plan.firstFailure && plan.calls <= plan.lastFailure ? &plan : nullptr;
+    const bool fails = plan.calls >= plan.firstFailure && plan.calls <= plan.lastFailure;
+    return fails ? std::optional(plan.status) : std::nullopt;
+}
+
+void failThrough(Call call, int status, int nth, bool fromThenOn)
+{
+    const std::lock_guard lock(mutex);
+    Plan& plan = planOf(call);
+    plan.firstFailure = plan.calls + nth;
+    plan.lastFailure = fromThenOn ? never : plan.firstFailure;
+    plan.status = status;
 }
 
 }
 
 void reset()
 {
+    const std::lock_guard lock(mutex);
     plans.fill(Plan());
     surroundings() = Surroundings();
 }
 
 void failOnce(Call call, int status, int nth)
 {
-    Plan& plan = planOf(call);
-    plan.firstFailure = plan.lastFailure = plan.calls + nth;
-    plan.status = status;
+    failThrough(call, status, nth, false);
 }
 
 void failFrom(Call call, int status, int nth)
 {
-    failOnce(call, status, nth);
-    planOf(call).lastFailure = never;
+    failThrough(call, status, nth, true);
 }
 
 void heal(Call call)
 {
+    const std::lock_guard lock(mutex);
     planOf(call).firstFailure = never;
 }
 
 int calls(Call call)
 {
+    const std::lock_guard lock(mutex);
     return planOf(call).calls;
 }
 
@@ -86,8 +100,8 @@ using ffmpegfaults::surroundings;
     int __real_##NAME PARAMETERS;                                                                                    \
     int __wrap_##NAME PARAMETERS                                                                                     \
     {                                                                                                                \
-        if (const auto* plan = failing(Call::CALL))                                                                  \
-            return plan->status;                                                                                     \
+        if (const auto status = failing(Call::CALL))                                                                 \
+            return *status;                                                                                          \
         return __real_##NAME ARGUMENTS;                                                                              \
     }
 #define ORVANTIS_POINTER_CALL(CALL, TYPE, NAME, PARAMETERS, ARGUMENTS)                                               \
@@ -112,14 +126,26 @@ int __wrap_avcodec_send_frame(AVCodecContext* context, const AVFrame* frame)
 {
     if (surroundings().atSendFrame)
         surroundings().atSendFrame();
-    const auto* plan = failing(Call::SendFrame);
-    return plan ? plan->status : __real_avcodec_send_frame(context, frame);
+    const auto status = failing(Call::SendFrame);
+    return status ? *status : __real_avcodec_send_frame(context, frame);
 }
 
 ORVANTIS_STATUS_CALL(CopyParameters, avcodec_parameters_from_context,
     (AVCodecParameters * parameters, const AVCodecContext* context), (parameters, context))
 ORVANTIS_STATUS_CALL(GetFrameBuffer, av_frame_get_buffer, (AVFrame * frame, int alignment), (frame, alignment))
 ORVANTIS_STATUS_CALL(MakeWritable, av_frame_make_writable, (AVFrame * frame), (frame))
+ORVANTIS_STATUS_CALL(CopyProperties, av_frame_copy_props, (AVFrame * to, const AVFrame* from), (to, from))
+ORVANTIS_STATUS_CALL(Convert, sws_scale,
+    (SwsContext * context, const uint8_t* const* from, const int* fromStrides, int firstRow, int rows,
+        uint8_t* const* to, const int* toStrides),
+    (context, from, fromStrides, firstRow, rows, to, toStrides))
+ORVANTIS_STATUS_CALL(SetDictionary, av_dict_set,
+    (AVDictionary * *dictionary, const char* key, const char* value, int flags), (dictionary, key, value, flags))
+ORVANTIS_STATUS_CALL(SetOption, av_opt_set, (void* object, const char* name, const char* value, int flags),
+    (object, name, value, flags))
+ORVANTIS_STATUS_CALL(SetOption, av_opt_set_int, (void* object, const char* name, int64_t value, int flags),
+    (object, name, value, flags))
+ORVANTIS_STATUS_CALL(WriteGathered, av_write_frame, (AVFormatContext * context, AVPacket* packet), (context, packet))
 ORVANTIS_STATUS_CALL(WriteTrailer, av_write_trailer, (AVFormatContext * context), (context))
 
 ORVANTIS_POINTER_CALL(FindEncoderById, const AVCodec, avcodec_find_encoder, (AVCodecID id), (id))
@@ -129,6 +155,8 @@ ORVANTIS_POINTER_CALL(
 ORVANTIS_POINTER_CALL(AllocFileContext, AVIOContext, avio_alloc_context,
     (unsigned char* buffer, int bytes, int forWriting, void* opaque, ReadBytes read, WriteBytes write, Seek seek),
     (buffer, bytes, forWriting, opaque, read, write, seek))
+ORVANTIS_POINTER_CALL(AllocMemory, void, av_malloc, (std::size_t size), (size))
+ORVANTIS_POINTER_CALL(CloneFrame, AVFrame, av_frame_clone, (const AVFrame* frame), (frame))
 ORVANTIS_POINTER_CALL(AllocFrame, AVFrame, av_frame_alloc, (), ())
 ORVANTIS_POINTER_CALL(AllocPacket, AVPacket, av_packet_alloc, (), ())
 ORVANTIS_POINTER_CALL(GetConverter, SwsContext, sws_getContext,
@@ -161,8 +189,8 @@ int __wrap_open(const char* path, int flags, ...)
 {
     if (!(flags & O_CREAT))
         return __real_open(path, flags);
-    if (const auto* plan = failing(Call::OpenFile)) {
-        errno = AVUNERROR(plan->status);
+    if (const auto status = failing(Call::OpenFile)) {
+        errno = AVUNERROR(*status);
         return -1;
     }
     std::va_list rest;
@@ -179,8 +207,8 @@ int __wrap_av_samples_alloc_array_and_samples(
 {
     if (surroundings().atAllocSamples)
         surroundings().atAllocSamples(samples);
-    if (const auto* plan = failing(Call::AllocSamples))
-        return plan->status;
+    if (const auto status = failing(Call::AllocSamples))
+        return *status;
     return __real_av_samples_alloc_array_and_samples(planes, lineSize, channels, samples, format, alignment);
 }
 
@@ -191,9 +219,9 @@ int __wrap_swr_alloc_set_opts2(SwrContext** context, const AVChannelLayout* toLa
     int toRate, const AVChannelLayout* fromLayout, AVSampleFormat fromFormat, int fromRate, int logOffset,
     void* logContext)
 {
-    if (const auto* plan = failing(Call::AllocResampler)) {
+    if (const auto status = failing(Call::AllocResampler)) {
         *context = nullptr;
-        return plan->status;
+        return *status;
     }
     return __real_swr_alloc_set_opts2(
         context, toLayout, toFormat, toRate, fromLayout, fromFormat, fromRate, logOffset, logContext);
@@ -204,9 +232,9 @@ int __real_avformat_alloc_output_context2(
 int __wrap_avformat_alloc_output_context2(
     AVFormatContext** context, const AVOutputFormat* format, const char* formatName, const char* fileName)
 {
-    if (const auto* plan = failing(Call::AllocOutputContext)) {
+    if (const auto status = failing(Call::AllocOutputContext)) {
         *context = nullptr;
-        return plan->status;
+        return *status;
     }
     const char* const muxer = surroundings().muxer;
     return __real_avformat_alloc_output_context2(context, format, muxer ? muxer : formatName, fileName);
@@ -226,8 +254,8 @@ int __wrap_avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictio
 {
     if (surroundings().atOpenCodec)
         surroundings().atOpenCodec(*context, options ? *options : nullptr);
-    if (const auto* plan = failing(Call::OpenCodec))
-        return plan->status;
+    if (const auto status = failing(Call::OpenCodec))
+        return *status;
     return __real_avcodec_open2(context, codec, options);
 }
 
@@ -236,22 +264,22 @@ int __wrap_avformat_write_header(AVFormatContext* context, AVDictionary** option
 {
     if (surroundings().atWriteHeader)
         surroundings().atWriteHeader(*context, options ? *options : nullptr);
-    if (const auto* plan = failing(Call::WriteHeader))
-        return plan->status;
+    if (const auto status = failing(Call::WriteHeader))
+        return *status;
     if (options && !surroundings().lostMuxerOption.isEmpty())
-        av_dict_set(options, surroundings().lostMuxerOption.constData(), nullptr, 0);
+        __real_av_dict_set(options, surroundings().lostMuxerOption.constData(), nullptr, 0);
     return __real_avformat_write_header(context, options);
 }
 
 int __real_avcodec_receive_packet(AVCodecContext* context, AVPacket* packet);
 int __wrap_avcodec_receive_packet(AVCodecContext* context, AVPacket* packet)
 {
-    if (const auto* plan = failing(Call::ReceivePacket))
-        return plan->status;
-    const int status = __real_avcodec_receive_packet(context, packet);
-    if (status >= 0 && surroundings().afterReceivePacket)
+    if (const auto status = failing(Call::ReceivePacket))
+        return *status;
+    const int received = __real_avcodec_receive_packet(context, packet);
+    if (received >= 0 && surroundings().afterReceivePacket)
         surroundings().afterReceivePacket(*packet);
-    return status;
+    return received;
 }
 
 int __real_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet);
@@ -259,15 +287,16 @@ int __wrap_av_interleaved_write_frame(AVFormatContext* context, AVPacket* packet
 {
     if (packet && surroundings().atWritePacket)
         surroundings().atWritePacket(*packet);
-    if (const auto* plan = failing(Call::WritePacket))
-        return plan->status;
+    if (const auto status = failing(Call::WritePacket))
+        return *status;
     return __real_av_interleaved_write_frame(context, packet);
 }
 
 void __real_avio_flush(AVIOContext* context);
 void __wrap_avio_flush(AVIOContext* context)
 {
-    failing(Call::FlushFile); // only counted: it has no status
+    if (const auto status = failing(Call::FlushFile))
+        context->error = *status; // FFmpeg drops what it has
     __real_avio_flush(context);
 }
 

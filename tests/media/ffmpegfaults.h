@@ -25,13 +25,20 @@ enum class Call {
     AllocFrame,
     GetFrameBuffer,
     GetConverter,
+    Convert,
     MakeWritable,
+    CopyProperties,
+    CloneFrame,
     SendFrame,
     ReceivePacket,
     AllocPacket,
-    WritePacket,
-    FlushFile,
+    WritePacket, ///< also the call that has the muxer write what it gathers
+    WriteGathered, ///< by av_write_frame()
+    FlushFile, ///< what was to be written is lost, and the file's context says why
     WriteTrailer,
+    AllocMemory,
+    SetDictionary,
+    SetOption, ///< by av_opt_set() or av_opt_set_int()
     AllocResampler,
     InitResampler,
     AllocFifo,
@@ -56,7 +63,7 @@ void failFrom(Call call, int status, int nth = 1);
 /// Stops failing and keeps the counter.
 void heal(Call call);
 
-/// How often the call was made since the start or reset(), failures included.
+/// How often the call was made since the start or reset(), failures included. Calls may come from several threads.
 int calls(Call call);
 
 /// What else can be other than it is. Set it before the call.
