@@ -6,6 +6,7 @@
 #include "recorderbench.h"
 #include "testregistry.h"
 
+#include <QFileInfo>
 #include <QTimer>
 
 using namespace std::chrono_literals;
@@ -31,6 +32,7 @@ private Q_SLOTS:
     void stopBeforeTheWorkerStartedIsDeferred();
     void stopBeforeFinalizationIsDeferred();
     void stopFinalizesAndReplies();
+    void fallbackEndsUnderItsOwnName();
     void stopAfterTheWorkerEndedByItselfReplies();
     void stopOfAStuckWorkerIsAnsweredWhenItEnds();
     void finishRecordingAnswersAStopThatWaits();
@@ -45,7 +47,7 @@ private:
     RecorderProbe probe() { return RecorderProbe(*recorder_); }
     QString output() const { return directory_->filePath(QStringLiteral("out.mp4")); }
     /// Makes a recorder of a numbered window and returns when it has recorded a few frames.
-    void startRecording();
+    void startRecording(const RecorderArguments& arguments = {});
     /// Makes a recorder whose worker waits at the gate with its file open.
     void startAndGetStuck();
 
@@ -78,10 +80,10 @@ void RecorderTest::make(RecorderArguments arguments)
     recorder_ = makeRecorder(arguments);
 }
 
-void RecorderTest::startRecording()
+void RecorderTest::startRecording(const RecorderArguments& arguments)
 {
     window_.emplace();
-    make({});
+    make(arguments);
     QVERIFY(bench_->launcher.waitForReceived(1, patienceMs));
     QTRY_VERIFY_WITH_TIMEOUT(probe().recordingStartedAtMs().load() > 0, patienceMs);
     const int asked = window_->asked();
@@ -169,6 +171,32 @@ void RecorderTest::stopFinalizesAndReplies()
         (QStringList{
             QStringLiteral("FFmpeg recorder finalized output \"%1\" duration %2").arg(output()).arg(durationMs),
             stoppedLine(durationMs)}));
+}
+
+/// MPEG-4 states sizes in 13 bits: a canvas that is wider is recorded as FFV1 in Matroska.
+void RecorderTest::fallbackEndsUnderItsOwnName()
+{
+    RecorderArguments arguments;
+    arguments.canvasWidth = 8192;
+    arguments.canvasHeight = 16;
+    startRecording(arguments);
+    bench_->launcher.clearReceived();
+    recorder_->stop();
+    const quint32 durationMs = probe().durationMs();
+    QVERIFY(durationMs > 0);
+    QVERIFY(bench_->launcher.waitForReceived(durationReply(durationMs).size(), patienceMs));
+    QCOMPARE(bench_->launcher.received(), durationReply(durationMs));
+    const QString path = directory_->filePath(QStringLiteral("out.mkv"));
+    const QStringList lines = bench_->log.messages();
+    QCOMPARE(lines.mid(lines.size() - 2),
+        (QStringList{QStringLiteral("FFmpeg recorder finalized output \"%1\" duration %2").arg(path).arg(durationMs),
+            stoppedLine(durationMs)}));
+
+    QVERIFY(!QFileInfo::exists(output()));
+    MediaFile file(path);
+    QCOMPARE(qint64(file.frames().size()), probe().encodedFrameCount());
+    QVERIFY2(file.isValid(), qPrintable(file.errorString()));
+    QCOMPARE(file.videoStream()->codecId, AV_CODEC_ID_FFV1);
 }
 
 void RecorderTest::stopAfterTheWorkerEndedByItselfReplies()
