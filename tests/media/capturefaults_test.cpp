@@ -1,6 +1,9 @@
 // What no platform brings about on demand, replaced at link time: an answer of the project's own rules, and a system
 // that has no thread left.
 #include "fakeaudio.h"
+#include "ffmpegfaults.h"
+#include "idlerecorder.h"
+#include "mediafile.h"
 #include "testregistry.h"
 
 #include "audioselection.h"
@@ -23,6 +26,7 @@ namespace {
 
 bool leavesNobody = false;
 bool leavesNoThread = false;
+int refusedThreads = 0;
 
 }
 
@@ -51,7 +55,7 @@ void startThreadInstead(std::thread*, ThreadState, void (*)()) __asm__("__wrap_"
 
 void startThreadInstead(std::thread* thread, ThreadState state, void (*depend)())
 {
-    if (leavesNoThread)
+    if (leavesNoThread && ++refusedThreads)
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     realStartThread(thread, std::move(state), depend);
 }
@@ -60,13 +64,31 @@ class CaptureFaultsTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { fakeplatform::reset(); }
-    void cleanup() { leavesNobody = leavesNoThread = false; }
+    void init();
+    void cleanup();
 
     void nobodyIsLeftToBeRecorded();
     void noThreadForTheWindow();
     void noThreadForTheRecording();
+    void noThreadForTheEncoder();
+    void noThreadForTheConverter();
+
+private:
+    static void recordWithoutThreads(bool isHurried);
 };
+
+void CaptureFaultsTest::init()
+{
+    fakeplatform::reset();
+    ffmpegfaults::reset();
+}
+
+void CaptureFaultsTest::cleanup()
+{
+    leavesNobody = leavesNoThread = false;
+    refusedThreads = 0;
+    ffmpegfaults::reset();
+}
 
 /// The application itself always belongs to itself, so its rule has to fail.
 void CaptureFaultsTest::nobodyIsLeftToBeRecorded()
@@ -120,6 +142,40 @@ void CaptureFaultsTest::noThreadForTheRecording()
     QCOMPARE(log.messages(QtDebugMsg).last(), QStringLiteral("FFmpeg recorder stopped, duration 0"));
     QVERIFY(recorder.finishRecording(QDeadlineTimer(0)));
     QVERIFY(!QFileInfo::exists(directory.filePath(QStringLiteral("clip.mp4"))));
+}
+
+void CaptureFaultsTest::noThreadForTheEncoder()
+{
+    recordWithoutThreads(false);
+}
+
+void CaptureFaultsTest::noThreadForTheConverter()
+{
+    recordWithoutThreads(true);
+}
+
+/// The worker's own serves for both, and the file is as it would be with them.
+void CaptureFaultsTest::recordWithoutThreads(bool isHurried)
+{
+    const QSize canvas(48, 128); // two bands
+    const QList<qint64> times = IdleRecorder::steadyTimes(3);
+    QList<QList<MediaFrame>> recorded;
+    for (const bool isWithout : {false, true}) {
+        IdleRecorder recorder(QStringLiteral("clip.mp4"), canvas);
+        ffmpegfaults::surroundings().processors = 2;
+        recorder->isBehind() = isHurried;
+        QVERIFY(recorder->openOutput());
+        leavesNoThread = isWithout;
+        QVERIFY(recorder.encode(times));
+        leavesNoThread = false;
+        QVERIFY(recorder.finish());
+        QVERIFY(recorder.wasQuiet());
+        recorded.append(MediaFile(recorder->outputPath()).frames());
+        QCOMPARE(recorded.last().size(), times.size());
+    }
+    QCOMPARE(refusedThreads, times.size() * (isHurried ? 2 : 1)); // of the encoder for each, of the converter as well
+    for (qsizetype i = 0; i < times.size(); ++i)
+        QCOMPARE(recorded[1][i].image, recorded[0][i].image);
 }
 
 ORVANTIS_TEST(CaptureFaultsTest)
