@@ -11,6 +11,7 @@
 #include <QTest>
 
 #include <array>
+#include <cerrno>
 #include <fcntl.h>
 #include <memory>
 #include <thread>
@@ -103,6 +104,7 @@ private Q_SLOTS:
     void everyLineIsFlushed();
     void fileComesBeforeStderr();
     void withoutALogFileOnlyStderrIsWritten();
+    void logFileThatTakesNoMore();
     void qtMessagesArriveThroughTheHandler();
     void linesOfManyThreadsDoNotMix();
 
@@ -252,6 +254,41 @@ void MessageHandlerTest::withoutALogFileOnlyStderrIsWritten()
     MessageHandlerImpl(QtWarningMsg, noContext, QStringLiteral("hello"));
     QCOMPARE(errors.text(), QByteArray("Warning: hello (:0, )\n"));
     QCOMPARE(contents(path_), QByteArray());
+}
+
+/// On a full disk. Once it takes something again, it gets what comes then.
+void MessageHandlerTest::logFileThatTakesNoMore()
+{
+    struct Disk {
+        bool isFull = false;
+        int refusals = 0;
+        QByteArray bytes;
+    };
+    const StderrCapture errors;
+    Disk disk;
+    cookie_io_functions_t functions = {};
+    functions.write = [](void* cookie, const char* bytes, std::size_t size) -> ssize_t {
+        auto* self = static_cast<Disk*>(cookie);
+        if (self->isFull) {
+            ++self->refusals;
+            errno = ENOSPC;
+            return 0;
+        }
+        self->bytes.append(bytes, qsizetype(size));
+        return ssize_t(size);
+    };
+    const FileHandle full(fopencookie(&disk, "w", functions));
+    QVERIFY(full);
+    logFilePtr = full.get();
+    const QByteArray line = "Debug: hello (:0, )\n";
+    for (int i = 1; i <= 4; ++i) {
+        disk.isFull = i == 2 || i == 3;
+        MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("hello"));
+        QCOMPARE(errors.text(), line.repeated(i));
+    }
+    QVERIFY(disk.refusals >= 2);
+    QVERIFY(disk.bytes.size() >= 2 * line.size() && disk.bytes.endsWith(line));
+    logFilePtr = nullptr;
 }
 
 void MessageHandlerTest::qtMessagesArriveThroughTheHandler()
