@@ -1,5 +1,6 @@
-// PipeWire's calls, refused one after the other while a capture is set up; against a server of the
-// test's own.
+// PipeWire's calls, refused one after the other while a capture is set up, and an exception in the middle of one of
+// its own; against a server of the test's own.
+#include "allocationfaults.h"
 #include "logcapture.h"
 #include "privateaudioserver.h"
 #include "recorderaudiocapture.h"
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <vector>
 
 #include <pipewire/pipewire.h>
 
@@ -127,6 +129,7 @@ private Q_SLOTS:
     void windowIsRefused();
     void audioIsRefused_data();
     void audioIsRefused();
+    void frameThatMeetsAnException();
 
 private:
     std::unique_ptr<PrivateAudioServer> server_;
@@ -216,6 +219,36 @@ void PipeWireFaultsTest::audioIsRefused()
     RecorderAudioCapture another{QString()};
     QVERIFY(another.isValid());
     QVERIFY(another.start());
+}
+
+/// Memory is refused to the thread of PipeWire that takes the frames: each is left out, its buffer goes back, and
+/// what it changed is not missing in the next one.
+void PipeWireFaultsTest::frameThatMeetsAnException()
+{
+    constexpr std::size_t areas = 3; // their list grows to four
+    VideoNode node(nodeThatSends(pattern(0)));
+    SampledWindow window(node.id());
+    QTRY_COMPARE_WITH_TIMEOUT(window.image(), opaque(pattern(0)), limitMs);
+    const LogCapture log;
+    QImage image = pattern(0);
+    image.setPixel(3, 30, qRgb(1, 2, 3));
+    {
+        const allocationfaults::Refusal refusal(4 * sizeof(QRect));
+        for (int count = 1; count <= 20; ++count) { // more than there are buffers
+            const std::vector<QRect> damage(areas, QRect(0, 29, 64, 4));
+            QVERIFY(node.send({image, {}, {}, damage}));
+            QTRY_VERIFY_WITH_TIMEOUT(refusal.count() >= count, limitMs);
+        }
+    }
+    QCOMPARE(log.messages(QtCriticalMsg),
+        QStringList{QStringLiteral("Window capture was interrupted by an exception: std::bad_alloc")});
+    QCOMPARE(window.image(), opaque(pattern(0)));
+
+    const qint64 before = window.image().cacheKey();
+    image.setPixel(3, 10, qRgb(1, 2, 3));
+    QVERIFY(node.send({image, {}, {}, std::vector{QRect(0, 9, 64, 4)}}));
+    QTRY_VERIFY_WITH_TIMEOUT(window.image().cacheKey() != before, limitMs);
+    QCOMPARE(window.image(), opaque(image));
 }
 
 ORVANTIS_TEST(PipeWireFaultsTest)

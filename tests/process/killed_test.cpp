@@ -1,4 +1,4 @@
-// kill -9 long after the window showed its last image: what had been recorded until then is on the disk.
+// kill -9, or a fault, long after the window showed its last image: what had been recorded until then is on the disk.
 #include "desktop.h"
 #include "privatexserver.h"
 #include "recordedfile.h"
@@ -14,6 +14,7 @@ namespace {
 
 constexpr int shownMs = 2500; // of recording with images
 constexpr int hiddenMs = 8000; // of recording after them, which is longer than a frame is held
+const QByteArray lastLine = "Fatal: recorder is ended by a fault of the program or for want of memory; ";
 
 }
 
@@ -25,19 +26,22 @@ private Q_SLOTS:
     void displayHangs();
 
 private:
-    static void killAndVerify(RecordingScene& scene);
+    static void killAndVerify(RecordingScene& scene, int signal);
 };
 
-void KilledTest::killAndVerify(RecordingScene& scene)
+void KilledTest::killAndVerify(RecordingScene& scene, int signal)
 {
-    scene.recorder.send(SIGKILL);
+    scene.recorder.send(signal);
     QVERIFY2(scene.recorder.waitForEnd(), scene.story());
+    QCOMPARE(scene.recorder.exitCode(), -signal);
+    QCOMPARE(scene.recorder.standardError().count(lastLine), signal == SIGSEGV ? 1 : 0);
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.plays() && !file.finished, file.description());
     // Only the last fragment is lost: 24 frames at most.
     QVERIFY2(file.ptsMs.last() >= shownMs - 24 * 41 - 100, file.description());
 }
 
+/// Two recorders of it: one is killed, the other meets a fault.
 void KilledTest::windowHidden()
 {
     PrivateXServer server;
@@ -45,12 +49,15 @@ void KilledTest::windowHidden()
     Desktop desktop(server.display());
     QVERIFY(desktop.isConnected());
     TruthWindowProcess window(server.display());
-    RecordingScene scene(server.display(), window.id());
-    QVERIFY2(scene.startRecording(), scene.story());
-    QVERIFY2(scene.waitUntilRecorded(shownMs), scene.story());
+    RecordingScene killed(server.display(), window.id());
+    RecordingScene faulty(server.display(), window.id());
+    for (RecordingScene* const scene : {&killed, &faulty})
+        QVERIFY2(scene->startRecording(), scene->story());
+    QVERIFY2(faulty.waitUntilRecorded(shownMs), faulty.story());
     desktop.unmap(window.id());
-    QVERIFY2(scene.waitUntilRecorded(shownMs + hiddenMs), scene.story());
-    killAndVerify(scene);
+    QVERIFY2(faulty.waitUntilRecorded(shownMs + hiddenMs), faulty.story());
+    killAndVerify(killed, SIGKILL);
+    killAndVerify(faulty, SIGSEGV);
 }
 
 void KilledTest::displayHangs()
@@ -63,7 +70,7 @@ void KilledTest::displayHangs()
     QVERIFY2(scene.waitUntilRecorded(shownMs), scene.story());
     QCOMPARE(::kill(pid_t(server.pid()), SIGSTOP), 0);
     const bool recorded = scene.waitUntilRecorded(shownMs + hiddenMs);
-    killAndVerify(scene);
+    killAndVerify(scene, SIGKILL);
     QCOMPARE(::kill(pid_t(server.pid()), SIGCONT), 0);
     QVERIFY2(recorded, scene.story());
 }

@@ -3,6 +3,8 @@
 
 #include "containment.h"
 
+#include <QScopeGuard>
+
 #include <array>
 #include <utility>
 
@@ -151,29 +153,31 @@ void VideoStream::onProcess(void* data)
 void VideoStream::takeBuffers()
 {
     while (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_.get())) {
+        const auto givesBack = qScopeGuard([&] {
+            if (buffer)
+                pw_stream_queue_buffer(stream_.get(), buffer);
+        });
         pointer_ = pointerOf(*buffer->buffer);
-        if (!hasFrame(*buffer->buffer) || !takeFrame(*buffer->buffer)) {
-            pw_stream_queue_buffer(stream_.get(), buffer);
-            continue;
-        }
-        if (pw_buffer* before = std::exchange(held_, buffer))
-            pw_stream_queue_buffer(stream_.get(), before);
+        if (hasFrame(*buffer->buffer) && takeFrame(*buffer->buffer))
+            std::swap(held_, buffer);
     }
     handlers_.changed();
 }
 
-/// False when the frame cannot be read.
+/// False when the frame cannot be read. What a frame changed that is left out, nobody tells any more.
 bool VideoStream::takeFrame(const spa_buffer& buffer)
 {
+    std::optional<QRegion> known = std::exchange(damage_, std::nullopt);
     if (!format_ || !frameOf(buffer, *format_))
         return false;
     const auto damage = damageOf(buffer);
-    if (!damage || waitingSince_)
-        damage_.reset();
-    for (const QRect& area : damage_ ? *damage : std::vector<QRect>())
-        *damage_ |= area;
-    if (damage_ && damage_->rectCount() > mostAreas) // nobody may look for hours
-        *damage_ = damage_->boundingRect();
+    if (known && damage && !waitingSince_) {
+        for (const QRect& area : *damage)
+            *known |= area;
+        if (known->rectCount() > mostAreas) // nobody may look for hours
+            known = known->boundingRect();
+        damage_ = std::move(known);
+    }
     waitingSince_.reset();
     renewed_ = false;
     ++version_;
