@@ -2,8 +2,8 @@
 """Holds tests/failures.txt, the list of failures, against the tests and the log texts.
 
 Fails when a failure has no test, when a test or its data row is not in the built test programs, when its log text is
-in no list of log texts or not among what its tests compare, when a listed warning or error is no failure, and when the
-table in docs/reliability.md is another one.
+in no list of log texts or not among what its tests compare, when it has none and one of its tests compares one, when a
+listed warning or error is no failure, and when the table in docs/reliability.md is another one.
 Call: check_failures.py [--write] SOURCE_DIRECTORY [TEST_PROGRAM...]
 --write puts the table into the page. A program that is not there is not asked; its tests must then be in the sources.
 """
@@ -18,7 +18,7 @@ BEGIN, END = "<!-- table of failures -->", "<!-- end of the table -->"
 CAUSES = ("warning", "critical")
 TEST = re.compile(r'(\w+)\.(\w+)(?: "([^"]*)")?')
 
-Failure = namedtuple("Failure", "group name when then text tests")
+Failure = namedtuple("Failure", "group name when then text beside tests")
 Source = namedtuple("Source", "path functions shared")
 
 
@@ -31,7 +31,7 @@ def failures_in(path):
         if line.startswith("["):
             group = line.strip("[]")
         elif not line.startswith(" "):
-            found.append({"group": group, "name": line.strip(), "tests": []})
+            found.append({"group": group, "name": line.strip(), "beside": [], "tests": []})
         else:
             key, _, value = line.strip().partition(" ")
             if key == "test":
@@ -39,6 +39,8 @@ def failures_in(path):
                 if not match:
                     raise SystemExit(f"{path}:{number}: not a test: {value}")
                 found[-1]["tests"].append(match.groups())
+            elif key == "beside":
+                found[-1]["beside"].append(value)
             elif key in ("when", "then", "text") and key not in found[-1]:
                 found[-1][key] = value
             else:
@@ -113,6 +115,14 @@ def is_compared(text, code, texts):
     return False
 
 
+def compared_texts(source, function, row, texts):
+    """The warnings and errors that a test compares itself; of its data the row's statement, when one is named."""
+    body, data = (source.functions.get(name, "").partition("\n}\n")[0] for name in (function, function + "_data"))
+    if row:
+        data = "".join(statement for statement in data.split(";\n") if f'"{row}"' in statement)
+    return [text for kind, text in texts if kind in CAUSES and is_compared(text, body + data, texts)]
+
+
 def complaints_about(failure, texts, sources, built, asked):
     if not failure.tests:
         yield "has no test"
@@ -132,6 +142,11 @@ def complaints_about(failure, texts, sources, built, asked):
         elif not any(test[:2] == (name, function) and row in (None, test[2]) for test in built):
             yield f'its test is not built: {name}.{function} "{row or ""}"'
     if level == "none":
+        for name, function, row in failure.tests:
+            source = sources.get(name)
+            for compared in compared_texts(source, function, row, texts) if source else []:
+                if not any(compared.startswith(other) for other in failure.beside):
+                    yield f"has no text, but {name}.{function} compares: {compared}"
         return
     whole = [other for kind, other in texts if kind == level and other.startswith(text)]
     if not whole:
@@ -147,7 +162,7 @@ def escaped(text):
 def table(failures):
     lines = []
     for group in dict.fromkeys(failure.group for failure in failures):
-        lines += ["", f"### {group}", "", "| when | then | text seen in the log | provoked by |", "|---|---|---|---|"]
+        lines += ["", f"### {group}", "", "| when | then | line of the log that its tests compare | provoked by |", "|---|---|---|---|"]
         for failure in failures:
             if failure.group != group:
                 continue
