@@ -15,7 +15,8 @@ namespace {
 
 constexpr int framesPerFragment = 24;
 constexpr int images = 2 * framesPerFragment + 7;
-constexpr qsizetype listStep = 131; // bytes from limit to limit in a fragment's list, of which an entry is no multiple
+constexpr qsizetype listStep
+    = 131; // bytes from limit to limit in a fragment's list, of which an entry is no multiple
 constexpr qsizetype dataStep = 19937; // and in its data
 const QSize canvas(48, 32);
 
