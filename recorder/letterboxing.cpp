@@ -2,6 +2,9 @@
 #include "letterboxing.h"
 
 #include <QPainter>
+#include <QScopeGuard>
+
+#include <utility>
 
 void drawWindow(
     QPainter& painter, const FrameGeometry& geometry, const QImage& image, const RowSet::Range& rows, bool opaqueOnly)
@@ -26,33 +29,34 @@ SharedImages::Image Letterboxing::take(const Source& source, const QSize& canvas
     }
     if (canvas_.isNull())
         return {};
+    const bool isKnown = paintedVersion_ > 0 && paintedSize_ == source.image.size();
+    if (isKnown && source.version == paintedVersion_)
+        return taken_;
     const FrameGeometry geometry(source.image.size(), QRect(), canvasSize);
-    const RowSet rows = rowsToPaint(source, geometry);
+    const bool follows = isKnown && source.version == paintedVersion_ + 1;
+    const RowSet rows = follows ? geometry.toCanvas(source.changedRows) : RowSet(0, canvas_.height());
     paintedVersion_ = 0; // until it is painted, and taken
-    images_.update(canvasSize, canvas_.format());
+    auto failure = qScopeGuard([this] { images_.forget(); }); // an exception: what it holds, nobody was given
+    SharedImages::Image taken = paint(source.image, geometry, rows);
+    failure.dismiss();
+    if (taken.image.isNull())
+        return taken;
+    taken_ = std::move(taken);
+    paintedSize_ = source.image.size();
+    paintedVersion_ = source.version;
+    return taken_;
+}
+
+SharedImages::Image Letterboxing::paint(const QImage& image, const FrameGeometry& geometry, const RowSet& rows)
+{
+    images_.update(canvas_.size(), canvas_.format());
     {
         QPainter painter(&canvas_);
         painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
         for (const RowSet::Range& range : rows.ranges())
-            drawWindow(painter, geometry, source.image, range, false);
+            drawWindow(painter, geometry, image, range, false);
     }
     for (const RowSet::Range& range : rows.ranges())
         images_.put(range.top, range.count(), reinterpret_cast<const quint32*>(canvas_.constScanLine(range.top)));
-    SharedImages::Image taken = images_.finish();
-    if (taken.image.isNull())
-        return taken;
-    paintedSize_ = source.image.size();
-    paintedVersion_ = source.version;
-    return taken;
-}
-
-/// The rows of the canvas that differ from those of the last image.
-RowSet Letterboxing::rowsToPaint(const Source& source, const FrameGeometry& geometry) const
-{
-    const bool isKnown = paintedVersion_ > 0 && paintedSize_ == source.image.size();
-    if (isKnown && source.version == paintedVersion_)
-        return {};
-    if (isKnown && source.version == paintedVersion_ + 1)
-        return geometry.toCanvas(source.changedRows);
-    return RowSet(0, canvas_.height());
+    return images_.finish();
 }

@@ -32,13 +32,16 @@ public:
     static bool saves(const QSize& imageSize, const QSize& canvasSize);
 
     /// The canvas with the window, opaque. The image is null when there is no memory for it. Throws std::bad_alloc.
+    /// An equal version gives the same again, with the rows and bytes in which it differs from the version before:
+    /// any frame of a version may be the first that is composed.
     SharedImages::Image take(const Source& source, const QSize& canvasSize);
 
 private:
-    RowSet rowsToPaint(const Source& source, const FrameGeometry& geometry) const;
+    SharedImages::Image paint(const QImage& image, const FrameGeometry& geometry, const RowSet& rows);
 
     SharedImages images_;
+    SharedImages::Image taken_; ///< the last one
     QImage canvas_; ///< the last one, painted
-    QSize paintedSize_; ///< of the image on it
-    qint64 paintedVersion_ = 0; ///< 0: what is on it is unknown
+    QSize paintedSize_; ///< of the window's image on it
+    qint64 paintedVersion_ = 0; ///< of that image; 0: what is on it is unknown
 };

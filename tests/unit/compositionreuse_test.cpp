@@ -70,6 +70,7 @@ private Q_SLOTS:
 
     void largerWindowWaitsAsTheCanvas();
     void largerWindowOfAnotherShapeIsPaintedWhole();
+    void nextFrameOfALargerWindowMakesUpForALostOne();
     void smallerWindowWaitsAsItIs();
 
     void windowThatIsTheCanvasIsNotCopied();
@@ -303,6 +304,28 @@ void CompositionReuseTest::largerWindowOfAnotherShapeIsPaintedWhole()
     RecorderProbe::CapturedFrame second = frame;
     probe_->letterbox(second);
     QCOMPARE(compose(second), composeAnew(frame));
+}
+
+/// Frames of one image follow each other, and any of them may be the first that is composed.
+void CompositionReuseTest::nextFrameOfALargerWindowMakesUpForALostOne()
+{
+    RecorderProbe::CapturedFrame frame = frameOf(speckled(QSize(1000, 560), true));
+    RecorderProbe::CapturedFrame before = frame;
+    probe_->letterbox(before);
+    compose(before);
+    for (int y = 200; y < 300; ++y)
+        memset(frame.image.scanLine(y), 0xff, size_t(frame.image.bytesPerLine()));
+    ++frame.imageVersion;
+    frame.changedRows = RowSet(200, 300);
+    RecorderProbe::CapturedFrame lost = frame;
+    probe_->letterbox(lost);
+    QVERIFY(!lost.changedRows.isEmpty());
+    RecorderProbe::CapturedFrame next = frame;
+    probe_->letterbox(next);
+    QCOMPARE(next.image.cacheKey(), lost.image.cacheKey());
+    QCOMPARE(next.changedRows, lost.changedRows);
+    QCOMPARE(next.ownBytes, lost.ownBytes);
+    QCOMPARE(compose(next), composeAnew(frame));
 }
 
 void CompositionReuseTest::smallerWindowWaitsAsItIs()
