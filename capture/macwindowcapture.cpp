@@ -183,8 +183,10 @@ SharedImages::Image MacWindowCapture::straightened(const platform::WindowSample&
     straightImages.update(sample.image.size(), QImage::Format_ARGB32);
     for (const RowSet::Range& range : rows.ranges()) {
         const QImage part = rowsOf(sample.image, range).convertToFormat(QImage::Format_ARGB32);
-        if (part.isNull())
+        if (part.isNull()) {
+            noMemory.give();
             return {};
+        }
         straightImages.put(range.top, range.count(), reinterpret_cast<const quint32*>(part.constBits()));
     }
     return straightImages.finish();

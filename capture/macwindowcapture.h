@@ -2,6 +2,7 @@
 // below (platform/screen.h) is.
 #pragma once
 
+#include "nomemorywarning.h"
 #include "rowset.h"
 #include "sharedimages.h"
 
@@ -52,8 +53,9 @@ public:
     bool isValid() const { return valid; }
 
     /// The window now, or nothing in it: invalid object, window gone or not showing (a warning, the first time only),
-    /// an image without pixels or that cannot be drawn, a system that does not answer in time (no warning). Images of
-    /// successive calls share the memory of what did not change. The bounds are only asked for when they are wanted.
+    /// no memory (the same), an image without pixels or that cannot be drawn, a system that does not answer in time
+    /// (no warning). Images of successive calls share the memory of what did not change. The bounds are only asked
+    /// for when they are wanted.
     CapturedWindow captureWindow(bool withBounds = true) const;
 
     /// The image of captureWindow(). When bounds is given and an image is returned, it receives the bounds; otherwise
@@ -70,6 +72,7 @@ private:
     quint32 windowId = 0; ///< the system's id of the window; 0 until configured
     bool valid = false;
     mutable bool warnedNoImage = false; ///< worker thread; the warning was given, never cleared
+    mutable NoMemoryWarning noMemory; ///< worker thread
 
     mutable int emptyImages = 0; ///< worker thread; so far, no more are counted once they are told of or one is not
 

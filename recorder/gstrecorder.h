@@ -27,6 +27,7 @@
 #include "framegeometry.h"
 #include "framesending.h"
 #include "letterboxing.h"
+#include "nomemorywarning.h"
 #include "packetwriting.h"
 #include "rowset.h"
 #include "wallclock.h"
@@ -314,6 +315,7 @@ private:
     bool composedMarkers = false; // it shows markers, which change with the time
     qint64 composedVersion = 0; // grows by one with each image that differs from the one before; 0 before the first
     RowSet composedChanges; // its rows that may differ from the version before
+    NoMemoryWarning noMemory; // for the next one; recordingloop.cpp
 
     // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
     AVFormatContext* formatContext = nullptr; // also holds the file handle

@@ -276,7 +276,9 @@ bool GstRecorder::drainNext(QList<QueuedFrame>& queue, qint64 limitMs)
     isBehind = !onlyDrains && queue.size() > 1 && queue.at(1).elapsedMs <= limitMs;
     const QueuedFrame queued = queue.takeFirst();
     const QImage composed = composeFrame(queued.frame, queued.elapsedMs);
-    if (!composed.isNull())
+    if (composed.isNull())
+        noMemory.give();
+    else
         prepareFrame(composed, queued.elapsedMs); // counted when it is collected
     return true;
 }

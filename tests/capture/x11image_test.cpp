@@ -3,6 +3,7 @@
 #include "x11fixture.h"
 
 #include "logcapture.h"
+#include "memorylimit.h"
 
 #include <QTest>
 
@@ -42,6 +43,7 @@ private Q_SLOTS:
     void windowTooLargeForAPixmapGivesNoImage();
     void otherDepthsBecomeRgb32_data();
     void otherDepthsBecomeRgb32();
+    void conversionWithoutMemoryIsToldOfOnce();
     void paletteWindowGivesNoImage();
 
 private:
@@ -277,6 +279,29 @@ void X11ImageTest::otherDepthsBecomeRgb32()
     QCOMPARE(image.format(), QImage::Format_RGB32);
     QCOMPARE(image.size(), QSize(101, 50));
     QVERIFY2(isFilled(image, expected), qPrintable(QString::number(image.pixel(0, 0), 16)));
+    qputenv("DISPLAY", display_->server.display());
+}
+
+/// Pixels that are not taken as they are.
+void X11ImageTest::conversionWithoutMemoryIsToldOfOnce()
+{
+    constexpr int side = 3000; // 34 MiB in 32 bits a pixel
+    DisplayForTest display(QSize(640, 480), 16);
+    QVERIFY2(display.server.isRunning(), qPrintable(display.server.errorString()));
+    WindowProcess window({.geometry = QRect(0, 0, side, side), .depth = 16, .pixel = 0xf800});
+    QVERIFY2(window.id(), qPrintable(window.errorString()));
+    const LogCapture log;
+    WindowSource source(window.id());
+    {
+        const MemoryLimit limit(rlim_t(8) << 20);
+        for (int i = 0; i < 2; ++i) {
+            QVERIFY(source.image().isNull());
+            QVERIFY(source.sample().unusable);
+        }
+    }
+    const auto line = QStringLiteral("No memory for the image of a window; the frame is left out. Told once.");
+    QCOMPARE(log.messages(QtWarningMsg).count(line), 1); // beside Qt's own
+    QVERIFY(isFilled(source.image(), 0xffff0000));
     qputenv("DISPLAY", display_->server.display());
 }
 

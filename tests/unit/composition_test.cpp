@@ -61,6 +61,7 @@ private Q_SLOTS:
     void translucentWindowStandsOnBlack();
     void nullImageGivesABlackCanvas();
     void canvasThatNoMemoryHoldsGivesNoFrame();
+    void framesWithoutACanvasAreToldOfOnce();
     void screenOriginAndScaleTakeNoPart();
 
     void pointerTipIsAtThePointer();
@@ -194,6 +195,19 @@ void CompositionTest::canvasThatNoMemoryHoldsGivesNoFrame()
     arguments.canvasHeight = 1e308;
     recorder_ = bench_->makeIdleRecorder(arguments);
     QVERIFY(RecorderProbe(*recorder_).composeFrame(greyFrame(64, 64), 0).isNull());
+}
+
+void CompositionTest::framesWithoutACanvasAreToldOfOnce()
+{
+    RecorderArguments arguments;
+    arguments.canvasWidth = 1e308;
+    arguments.canvasHeight = 1e308;
+    recorder_ = bench_->makeIdleRecorder(arguments);
+    QList<RecorderProbe::QueuedFrame> queue{{greyFrame(64, 64), 0}, {greyFrame(64, 64), 41}};
+    RecorderProbe(*recorder_).drainQueue(queue, 41, false);
+    QVERIFY(queue.isEmpty());
+    QCOMPARE(bench_->log.messages(),
+        QStringList{QStringLiteral("No memory for the image of a window; the frame is left out. Told once.")});
 }
 
 void CompositionTest::screenOriginAndScaleTakeNoPart()

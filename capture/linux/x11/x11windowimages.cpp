@@ -385,8 +385,10 @@ bool WindowImages::putPixels(const uchar* pixels, const QRect& area, const QRect
         return true;
     }
     QImage image = imageFromPixels(pixels, area.size(), layout_);
-    if (image.isNull())
+    if (image.isNull()) {
+        noMemory_.give();
         return false;
+    }
     makeBlank(image, hidden);
     images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(image.constBits()));
     return true;

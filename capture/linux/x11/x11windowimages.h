@@ -2,6 +2,7 @@
 #pragma once
 
 #include "clientshadow.h"
+#include "nomemorywarning.h"
 #include "platform/screen.h"
 #include "sharedimages.h"
 #include "unpaintedarea.h"
@@ -141,6 +142,7 @@ private:
     Clock::time_point readAt_; // shown_, or a part of it
     Clock::time_point wholeReadAt_; // all of it
     SharedImages images_;
+    NoMemoryWarning noMemory_; // for what is put into them
     std::optional<Shown> shown_; // what the last image of images_ shows; nothing when there is none now
     std::optional<QPointF> pointer_; // asked for together with the placement
 };
