@@ -10,6 +10,8 @@
 #include <QDebug>
 #include <QScopeGuard>
 
+#include <utility>
+
 MacWindowCapture::MacWindowCapture(const QString& windowIdText)
 {
     bool ok = false;
@@ -166,12 +168,13 @@ bool MacWindowCapture::takeImage(const platform::WindowSample& sample) const
         last.ownBytes = !allNew && wasOpaque ? sample.ownBytes : image.sizeInBytes();
         straightImages.forget();
     } else {
-        const SharedImages::Image taken = straightened(sample, allNew || wasOpaque ? all : rows);
+        SharedImages::Image taken = straightened(sample, allNew || wasOpaque ? all : rows);
         if (taken.image.isNull())
             return false;
-        last.image = taken.image;
-        last.changedRows = taken.changedRows;
-        last.ownBytes = taken.ownBytes;
+        // What it differs from may be an image that was lost: made, and given to nobody.
+        last.changedRows = allNew ? all : std::move(taken.changedRows);
+        last.ownBytes = allNew ? taken.image.sizeInBytes() : taken.ownBytes;
+        last.image = std::move(taken.image);
     }
     ++last.version;
     return true;

@@ -121,7 +121,7 @@ QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestamp
 
     const RowSet all(0, canvasHeight);
     const bool partly = composedFrom && source.follows(*composedFrom) && composedImage.size() == canvasSize;
-    const RowSet rows = partly ? rowsToPaint(source, geometry, frame.changedRows, overlay, !live.empty()) : all;
+    RowSet rows = partly ? rowsToPaint(source, geometry, frame.changedRows, overlay, !live.empty()) : all;
     if (rows.isEmpty()) {
         composedFrom = source;
         return composedImage;
@@ -133,11 +133,12 @@ QImage GstRecorder::composeFrame(const CapturedFrame& frame, long long timestamp
         return canvas;
     if (!isImage)
         paintRows(canvas, rows, frame, live, timestampMs);
+    // None of this needs memory: all of it is known of the image, or nothing.
     composedImage = canvas;
     composedFrom = source;
-    composedOverlay = overlay;
+    composedOverlay = std::move(overlay);
     composedMarkers = !live.empty();
-    composedChanges = rows;
+    composedChanges = std::move(rows);
     ++composedVersion;
     return canvas;
 }

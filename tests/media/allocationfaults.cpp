@@ -10,6 +10,7 @@ namespace {
 std::atomic<std::size_t> refusedBytes{0};
 std::atomic<std::thread::id> spared;
 std::atomic<int> refusals{0};
+thread_local int allocationsLeft = -1; // before the one that is refused; below 0: none is
 
 }
 
@@ -30,6 +31,16 @@ int Refusal::count() const
     return refusals;
 }
 
+RefusedOnce::RefusedOnce(int nth)
+{
+    allocationsLeft = nth;
+}
+
+RefusedOnce::~RefusedOnce()
+{
+    allocationsLeft = -1;
+}
+
 }
 
 // operator new(std::size_t) under its name for the linker.
@@ -43,6 +54,8 @@ void* __wrap__Znwm(std::size_t bytes)
         ++refusals;
         throw std::bad_alloc();
     }
+    if (allocationsLeft >= 0 && allocationsLeft-- == 0)
+        throw std::bad_alloc();
     return __real__Znwm(bytes);
 }
 }

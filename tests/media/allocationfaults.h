@@ -19,4 +19,14 @@ public:
     int count() const;
 };
 
+/// While it lives, one operator new of the thread that made it throws: the nth from then on, 0 is the next; below 0
+/// none does. One a thread at a time.
+class RefusedOnce {
+public:
+    explicit RefusedOnce(int nth);
+    ~RefusedOnce();
+    RefusedOnce(const RefusedOnce&) = delete;
+    RefusedOnce& operator=(const RefusedOnce&) = delete;
+};
+
 }

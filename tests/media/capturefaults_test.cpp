@@ -1,5 +1,6 @@
 // What no platform brings about on demand, replaced at link time: an answer of the project's own rules, and a system
 // that has no thread left.
+#include "allocationfaults.h"
 #include "fakeaudio.h"
 #include "ffmpegfaults.h"
 #include "idlerecorder.h"
@@ -72,6 +73,7 @@ private Q_SLOTS:
     void noThreadForTheRecording();
     void noThreadForTheEncoder();
     void noThreadForTheConverter();
+    void imageAfterOneThatWasLostTellsOfBoth();
 
 private:
     static void recordWithoutThreads(bool isHurried);
@@ -176,6 +178,48 @@ void CaptureFaultsTest::recordWithoutThreads(bool isHurried)
     QCOMPARE(refusedThreads, times.size() * (isHurried ? 2 : 1)); // of the encoder for each, of the converter as well
     for (qsizetype i = 0; i < times.size(); ++i)
         QCOMPARE(recorded[1][i].image, recorded[0][i].image);
+}
+
+/// Whichever allocation is refused: what the next image does not tell of is as in the last one that was given.
+void CaptureFaultsTest::imageAfterOneThatWasLostTellsOfBoth()
+{
+    QImage window(64, 400, QImage::Format_ARGB32_Premultiplied);
+    window.fill(qRgba(10, 20, 30, 100));
+    RowSet changed;
+    fakeplatform::state().image = [&](int) { return window; };
+    fakeplatform::state().changedRows = [&](int) { return changed; };
+    const MacWindowCapture capture(QStringLiteral("42"));
+    int lost = 0;
+    for (int refused = 0; lost == refused; ++refused) {
+        const auto change = [&](int top) {
+            window = window.copy();
+            changed = RowSet();
+            for (int i = 0; i < 3 + refused; ++i) { // more than before, so that every list of them has to grow
+                const int row = (top + 5 * i) % window.height();
+                memset(window.scanLine(row), 50 + refused % 40, size_t(window.bytesPerLine()));
+                changed.add(row, row + 1);
+            }
+        };
+        change(0);
+        const CapturedWindow before = capture.captureWindow();
+        change(1);
+        try {
+            const allocationfaults::RefusedOnce refusal(refused);
+            static_cast<void>(capture.captureWindow());
+        } catch (const std::bad_alloc&) {
+            ++lost;
+        }
+        const CapturedWindow after = capture.captureWindow();
+        QCOMPARE(after.image, window.convertToFormat(QImage::Format_ARGB32));
+        for (int y = 0; y < window.height() && after.version == before.version + 1; ++y) {
+            const bool isSame = memcmp(before.image.constScanLine(y), after.image.constScanLine(y),
+                                    size_t(after.image.bytesPerLine()))
+                == 0;
+            QVERIFY2(isSame || after.changedRows.contains(y),
+                qPrintable(QStringLiteral("allocation %1 row %2").arg(refused).arg(y)));
+        }
+    }
+    QVERIFY(lost > 2);
 }
 
 ORVANTIS_TEST(CaptureFaultsTest)

@@ -1,9 +1,8 @@
 // Composition and conversion touch only what changed. Beside them runs the plain way, which paints and converts every
 // frame whole; both must give the same bytes, whatever happens from frame to frame.
-#include "ffmpegfaults.h"
-#include "idlerecorder.h"
-#include "sharedimages.h"
+#include "eventfulwindow.h"
 #include "testregistry.h"
+#include "twinrecorders.h"
 
 #include <QRandomGenerator>
 #include <QTest>
@@ -12,134 +11,6 @@
 using namespace ffmpegfaults;
 
 namespace {
-
-/// A window that does everything that windows do, at random, and tells what changed as a capture does.
-class EventfulWindow {
-public:
-    EventfulWindow(const QSize& size, bool opaque, quint32 seed) : random_(seed), size_(size), opaque_(opaque)
-    {
-        repaint();
-    }
-
-    RecorderProbe::CapturedFrame next()
-    {
-        switch (random_.bounded(12)) {
-        case 0:
-            repaint();
-            break;
-        case 1:
-            break; // nothing
-        case 2:
-            frame_.windowBounds.translate(int(random_.bounded(40)) - 20, int(random_.bounded(40)) - 20);
-            break;
-        case 3:
-            frame_.windowBounds.setSize(size_ / (1 + int(random_.bounded(2))));
-            break;
-        case 4:
-            if (random_.bounded(4) == 0) {
-                size_ += QSize(int(random_.bounded(9)) - 4, int(random_.bounded(9)) - 4);
-                repaint();
-            }
-            break;
-        case 5:
-            opaque_ = opaque_ ? random_.bounded(3) > 0 : random_.bounded(3) == 0;
-            repaint();
-            break;
-        case 6:
-            movePointer();
-            break;
-        case 7:
-            ++frame_.imageVersion; // a frame was left out
-            [[fallthrough]];
-        default:
-            scribble(1 + int(random_.bounded(3)));
-        }
-        if (random_.bounded(3) == 0)
-            movePointer();
-        take();
-        return frame_;
-    }
-
-private:
-    void repaint()
-    {
-        pixels_ = QImage(size_, QImage::Format_ARGB32);
-        scribble(1, pixels_.rect());
-    }
-
-    void scribble(int areas, QRect area = QRect())
-    {
-        for (int i = 0; i < areas; ++i) {
-            const QPoint corner(int(random_.bounded(size_.width())), int(random_.bounded(size_.height())));
-            const QSize extent(1 + int(random_.bounded(size_.width())),
-                1 + int(random_.bounded(random_.bounded(3) == 0 ? size_.height() / 4 : 4)));
-            fill(area.isEmpty() ? QRect(corner, extent) & pixels_.rect() : area);
-        }
-    }
-
-    void fill(const QRect& area)
-    {
-        for (int y = area.top(); y <= area.bottom(); ++y) {
-            auto* line = reinterpret_cast<quint32*>(pixels_.scanLine(y));
-            for (int x = area.left(); x <= area.right(); ++x)
-                line[x] = random_.generate() | (opaque_ ? 0xff000000u : 0u);
-        }
-    }
-
-    void movePointer()
-    {
-        frame_.hasCursor = random_.bounded(5) > 0;
-        frame_.cursorX = frame_.windowBounds.left() + random_.bounded(1.2) * frame_.windowBounds.width();
-        frame_.cursorY = frame_.windowBounds.top() + random_.bounded(1.2) * frame_.windowBounds.height();
-    }
-
-    void take()
-    {
-        images_.update(pixels_.size(), pixels_.format());
-        images_.put(0, pixels_.height(), reinterpret_cast<const quint32*>(pixels_.constBits()));
-        const SharedImages::Image taken = images_.finish();
-        const RowSet changedRows = differentRows(taken.image);
-        if (frame_.windowBounds.isEmpty())
-            frame_.windowBounds = pixels_.rect();
-        if (!changedRows.isEmpty()) {
-            ++frame_.imageVersion;
-            frame_.changedRows = changedRows;
-        }
-        frame_.image = taken.image;
-        frame_.opaque = isOpaque();
-    }
-
-    /// From the last image; exactly those, and no row more, as a source may tell them.
-    RowSet differentRows(const QImage& image) const
-    {
-        if (image.size() != frame_.image.size())
-            return RowSet(0, image.height());
-        RowSet rows;
-        for (int y = 0; y < image.height(); ++y) {
-            if (memcmp(image.constScanLine(y), frame_.image.constScanLine(y), size_t(image.width()) * 4) != 0)
-                rows.add(y, y + 1);
-        }
-        return rows;
-    }
-
-    bool isOpaque() const
-    {
-        quint32 common = 0xff000000u;
-        for (int y = 0; y < pixels_.height(); ++y) {
-            const auto* line = reinterpret_cast<const quint32*>(pixels_.constScanLine(y));
-            for (int x = 0; x < pixels_.width(); ++x)
-                common &= line[x];
-        }
-        return common == 0xff000000u;
-    }
-
-    QRandomGenerator random_;
-    QSize size_;
-    bool opaque_;
-    QImage pixels_;
-    SharedImages images_;
-    RecorderProbe::CapturedFrame frame_;
-};
 
 /// Both recorders get the same clicks, early and late ones.
 void click(QRandomGenerator& random, RecorderProbe& one, RecorderProbe& other, qint64 nowMs)
@@ -155,24 +26,16 @@ void click(QRandomGenerator& random, RecorderProbe& one, RecorderProbe& other, q
     other.clicks().insert(key, click);
 }
 
-/// What an encoder is given: its visible bytes.
-QByteArray bytesOf(const AVFrame& frame)
+void repaint(QImage& image, const RowSet& rows, QRandomGenerator& random, bool opaque)
 {
-    QByteArray bytes(
-        av_image_get_buffer_size(AVPixelFormat(frame.format), frame.width, frame.height, 1), Qt::Uninitialized);
-    av_image_copy_to_buffer(reinterpret_cast<uint8_t*>(bytes.data()), int(bytes.size()), frame.data, frame.linesize,
-        AVPixelFormat(frame.format), frame.width, frame.height, 1);
-    return bytes;
-}
-
-/// Row by row, for a message that helps.
-int firstDifferentRow(const QImage& one, const QImage& other)
-{
-    for (int y = 0; y < one.height(); ++y) {
-        if (memcmp(one.constScanLine(y), other.constScanLine(y), size_t(one.width()) * 4) != 0)
-            return y;
+    for (const RowSet::Range& range : rows.ranges()) {
+        for (int y = range.top; y < range.end; ++y) {
+            auto* line = reinterpret_cast<quint32*>(image.scanLine(y));
+            random.fillRange(line, image.width());
+            for (int x = 0, width = image.width(); opaque && x < width; ++x)
+                line[x] |= 0xff000000u;
+        }
     }
-    return -1;
 }
 
 }
@@ -188,10 +51,13 @@ private Q_SLOTS:
 
     void changedRowsGiveTheSameBytes_data();
     void changedRowsGiveTheSameBytes();
+    void anyAllocationMayBeRefused_data();
+    void anyAllocationMayBeRefused();
     void everyBandOfRowsIsConvertedAsTheWhole_data();
     void everyBandOfRowsIsConvertedAsTheWhole();
     void bandThatIsNotConverted_data();
     void bandThatIsNotConverted();
+    void sourceThatLiesIsSeen_data();
     void sourceThatLiesIsSeen();
 };
 
@@ -226,33 +92,82 @@ void EquivalenceTest::changedRowsGiveTheSameBytes()
     QFETCH(const bool, lossless);
     if (lossless)
         surroundings().hiddenEncoders = {"mpeg4"};
-    IdleRecorder sparing(QStringLiteral("sparing.mp4"), canvas);
-    IdleRecorder plain(QStringLiteral("plain.mp4"), canvas);
-    QVERIFY(sparing->openOutput());
-    QVERIFY(plain->openOutput());
+    TwinRecorders twins(canvas);
+    QVERIFY(twins.open());
     QRandomGenerator random(11);
     EventfulWindow source(window, opaque, 3);
-    for (int i = 0; i < 100; ++i) {
+    const int count = lossless ? 30 : 70; // FFV1 takes its time
+    for (int i = 0; i < count; ++i) {
         const qint64 timeMs = i * 41;
         if (random.bounded(8) == 0)
-            click(random, *sparing, *plain, timeMs);
-        RecorderProbe::CapturedFrame frame = source.next();
-        if (random.bounded(6) == 0)
-            continue; // dropped; the next one may show the same version
-        sparing->isBehind() = i % 5 == 0;
-        RecorderProbe::CapturedFrame waiting = frame;
-        sparing->letterbox(waiting);
-        const QImage one = sparing->composeFrame(waiting, timeMs);
-        QVERIFY(sparing->encodeImage(one, timeMs));
-        frame.imageVersion = 0; // nobody knows what changed
-        const QImage other = plain->composeFrame(frame, timeMs);
-        QVERIFY2(
-            one == other, qPrintable(QStringLiteral("frame %1 row %2").arg(i).arg(firstDifferentRow(one, other))));
-        QVERIFY(plain->encodeImage(other.copy(), timeMs));
-        QVERIFY2(bytesOf(*sparing->videoFrame()) == bytesOf(*plain->videoFrame()), qPrintable(QString::number(i)));
+            click(random, twins.sparing(), twins.plain(), timeMs);
+        const EventfulWindow::Frame frame = random.bounded(20) == 0 ? source.nextWithoutImage() : source.next();
+        twins.sparing().isBehind() = i % 5 == 0;
+        const bool isHarmed = random.bounded(3) == 0; // the next frame may show the same version
+        const auto mishap = isHarmed ? Mishap(1 + random.bounded(int(Mishap::Last))) : Mishap::None;
+        const QString fault = twins.take(frame, timeMs, mishap, int(random.bounded(10)));
+        QVERIFY2(fault.isEmpty(), qPrintable(QStringLiteral("frame %1: %2").arg(i).arg(fault)));
+        QVERIFY2(twins.send(random.bounded(3) == 0), qPrintable(QString::number(i)));
     }
-    QVERIFY(sparing.finish());
-    QVERIFY(plain.finish());
+    QVERIFY(twins.finish());
+    QVERIFY(twins.wroteTheSame());
+    QCOMPARE(twins.packetCount(), count - twins.losses().size());
+    QVERIFY(twins.preparedBeside() > 5);
+    QVERIFY(twins.losses().contains(Mishap::NoMemoryToCompose));
+    QVERIFY(twins.losses().contains(Mishap::NoFrameToPrepare));
+}
+
+void EquivalenceTest::anyAllocationMayBeRefused_data()
+{
+    QTest::addColumn<QSize>("window");
+    QTest::addColumn<bool>("pointer");
+    QTest::addColumn<Mishap>("mishap");
+    const QSize same(200, 300);
+    const QSize larger(401, 599);
+    QTest::newRow("to wait") << larger << false << Mishap::NoMemoryToWait;
+    QTest::newRow("to compose") << larger << false << Mishap::NoMemoryToCompose;
+    QTest::newRow("to compose under a pointer") << same << true << Mishap::NoMemoryToCompose;
+    QTest::newRow("to take the window's image") << same << false << Mishap::NoMemoryToCompose;
+    QTest::newRow("to prepare") << same << true << Mishap::NoMemoryToPrepare;
+}
+
+/// One after the other; the frame that comes next shows what the lost one would have shown.
+void EquivalenceTest::anyAllocationMayBeRefused()
+{
+    QFETCH(const QSize, window);
+    QFETCH(const bool, pointer);
+    QFETCH(const Mishap, mishap);
+    TwinRecorders twins(QSize(200, 300));
+    QVERIFY(twins.open());
+    QRandomGenerator random(13);
+    EventfulWindow::Frame frame;
+    frame.image = QImage(window, QImage::Format_ARGB32);
+    frame.windowBounds = frame.image.rect();
+    frame.opaque = true;
+    frame.hasCursor = pointer;
+    for (int refused = 0; twins.losses().size() == refused; ++refused) {
+        frame.changedRows = RowSet(0, window.height());
+        repaint(frame.image, frame.changedRows, random, true);
+        frame.imageVersion += 2;
+        QCOMPARE(twins.take(frame, refused * 123), QString());
+        QVERIFY(twins.send(true));
+
+        RowSet changed; // more than before, so that every list of them has to grow
+        for (int i = 0; i < std::min(3 + refused, 14); ++i)
+            changed.add(i * window.height() / 20, i * window.height() / 20 + 1);
+        repaint(frame.image, changed, random, true);
+        frame.changedRows = changed;
+        ++frame.imageVersion;
+        QCOMPARE(twins.take(frame, refused * 123 + 41, mishap, refused), QString());
+        QVERIFY(twins.send(true));
+
+        const QString fault = twins.take(frame, refused * 123 + 82); // the same image again
+        QVERIFY2(fault.isEmpty(), qPrintable(QStringLiteral("allocation %1: %2").arg(refused).arg(fault)));
+        QVERIFY(twins.send(true));
+    }
+    QVERIFY(twins.losses().size() > 2);
+    QVERIFY(twins.finish());
+    QVERIFY(twins.wroteTheSame());
 }
 
 void EquivalenceTest::everyBandOfRowsIsConvertedAsTheWhole_data()
@@ -276,7 +191,7 @@ void EquivalenceTest::everyBandOfRowsIsConvertedAsTheWhole()
     for (int y = 0; y < canvas.height(); ++y)
         random.fillRange(reinterpret_cast<quint32*>(image.scanLine(y)), canvas.width());
     QVERIFY(recorder->transferPixels(image));
-    const int step = canvas.height() > 500 ? 37 : 1;
+    const int step = canvas.height() > 500 ? 67 : canvas.width() > 500 ? 3 : 1; // odd, for both ways
     for (int y = 0; y < canvas.height(); y += step) {
         random.fillRange(reinterpret_cast<quint32*>(image.scanLine(y)), canvas.width());
         recorder->isBehind() = y % 2 == 0; // both ways
@@ -314,23 +229,56 @@ void EquivalenceTest::bandThatIsNotConverted()
     QVERIFY(recorder.wasQuiet());
 }
 
-/// The check of the checks: rows that changed and are not told of are missing, and the comparison finds that.
+void EquivalenceTest::sourceThatLiesIsSeen_data()
+{
+    QTest::addColumn<QSize>("window");
+    QTest::newRow("same size") << QSize(200, 300);
+    QTest::newRow("bars") << QSize(151, 300);
+    QTest::newRow("enlarged") << QSize(105, 157);
+    QTest::newRow("shrunk") << QSize(401, 599);
+}
+
+/// The check of the checks: the comparison finds what a source does not tell.
 void EquivalenceTest::sourceThatLiesIsSeen()
 {
-    IdleRecorder sparing;
-    IdleRecorder plain;
-    EventfulWindow source(sparing.canvas(), true, 3);
-    RecorderProbe::CapturedFrame frame = source.next();
-    sparing->composeFrame(frame, 0);
-    RecorderProbe::CapturedFrame changed = frame;
-    changed.image = frame.image.copy();
-    changed.image.setPixel(50, 200, 0xff000000);
-    changed.image.setPixel(51, 200, 0xffffffff);
-    ++changed.imageVersion;
-    changed.changedRows = RowSet(100, 120);
-    const QImage one = sparing->composeFrame(changed, 41);
-    changed.imageVersion = 0;
-    QCOMPARE(firstDifferentRow(one, plain->composeFrame(changed, 41)), 200);
+    enum Lie { OtherRows, NoRows, SameVersion, Opaque };
+    QFETCH(const QSize, window);
+    const QSize canvas(200, 300);
+    TwinRecorders twins(canvas);
+    QVERIFY(twins.open());
+    QRandomGenerator random(7);
+    RowSet changed(0, window.height());
+    EventfulWindow::Frame frame;
+    frame.image = QImage(window, QImage::Format_ARGB32);
+    frame.windowBounds = frame.image.rect();
+    frame.opaque = true;
+    frame.cursorX = 50;
+    frame.cursorY = 30;
+    const int lies = FrameGeometry(window, frame.windowBounds, canvas).isUnscaled() ? 4 : 3; // scaled, all is blended
+    for (int i = 0; i < 24; ++i) {
+        repaint(frame.image, changed, random, true);
+        frame.hasCursor = random.bounded(2) == 0;
+        frame.changedRows = RowSet(0, window.height());
+        frame.imageVersion += 2;
+        QCOMPARE(twins.take(frame, i * 82), QString());
+        QVERIFY(twins.send(false));
+
+        const auto lie = Lie(random.bounded(lies));
+        const int half = window.height() / 2;
+        const int top = int(random.bounded(half - 40));
+        const bool isBelow = random.bounded(2) == 0;
+        changed = RowSet(isBelow ? top + half : top, (isBelow ? top + half : top) + 10);
+        repaint(frame.image, changed, random, lie != Opaque);
+        frame.changedRows = lie == Opaque ? changed : RowSet();
+        if (lie == OtherRows)
+            frame.changedRows.add(isBelow ? 0 : half + 20, isBelow ? half - 20 : window.height());
+        if (lie != SameVersion)
+            ++frame.imageVersion;
+        const QString fault = twins.take(frame, i * 82 + 41);
+        QVERIFY2(!fault.isEmpty(), qPrintable(QStringLiteral("lie %1 of kind %2").arg(i).arg(lie)));
+        QVERIFY(twins.send(false));
+    }
+    QVERIFY(twins.finish());
 }
 
 ORVANTIS_TEST(EquivalenceTest)

@@ -30,6 +30,9 @@ struct RecorderProbe {
         recorder.collectEncoded();
     }
     void drainDue(QList<QueuedFrame>& queue, qint64 elapsedMs) { recorder.drainDue(queue, elapsedMs); }
+    bool prepareFrame(const QImage& image, long long ptsMs) { return recorder.prepareFrame(image, ptsMs); }
+    bool sendPreparedIfFree() { return recorder.sendPreparedIfFree(); }
+    void collectEncoded() { recorder.collectEncoded(); }
     void sendPrepared()
     {
         recorder.sendPrepared();
