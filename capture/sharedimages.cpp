@@ -60,6 +60,11 @@ public:
     /// The free piece that follows a given one (null: the first), so that neighbours in an image are neighbours in
     /// memory, and few mappings show it. Its content is anything. Null when there is no memory.
     uchar* take(uchar* before);
+
+    /// The first piece of an image of which every piece may be new: where all of them fit one behind the other, so
+    /// that no mapping is needed. That may take memory while there are scattered pieces; they come together in their
+    /// turn.
+    uchar* takeFirst(std::size_t imagePieces);
     void giveBack(uchar* memory);
 
     /// Whether second lies directly behind first, in memory that can be mapped in one go.
@@ -77,7 +82,9 @@ private:
     using Chunks = std::map<uchar*, Chunk>;
 
     Chunks::iterator addChunk();
+    uchar* takeAnywhere();
     uchar* takeFrom(Chunks::iterator chunk, std::size_t first);
+    std::size_t mostScattered() const { return 2 * chunkPieces_; } // free pieces that keep their memory
     Chunks::iterator chunkOf(uchar* memory) { return std::prev(chunks_.upper_bound(memory)); }
 
     const std::size_t pieceBytes_;
@@ -111,6 +118,23 @@ uchar* PieceStore::take(uchar* before)
         if (uchar* const next = takeFrom(chunk, std::size_t(before - chunk->first) / pieceBytes_ + 1))
             return next;
     }
+    return takeAnywhere();
+}
+
+uchar* PieceStore::takeFirst(std::size_t imagePieces)
+{
+    const std::lock_guard lock(mutex_);
+    if (imagePieces != chunkPieces_)
+        return takeAnywhere();
+    auto unused
+        = std::find_if(chunks_.begin(), chunks_.end(), [](const auto& chunk) { return chunk.second.usedCount == 0; });
+    if (unused == chunks_.end() && freePieces_ < mostScattered())
+        unused = addChunk();
+    return unused != chunks_.end() ? takeFrom(unused, 0) : takeAnywhere();
+}
+
+uchar* PieceStore::takeAnywhere()
+{
     for (auto chunk = chunks_.begin(); chunk != chunks_.end(); ++chunk) {
         if (uchar* const found = takeFrom(chunk, 0))
             return found;
@@ -155,14 +179,15 @@ PieceStore::Chunks::iterator PieceStore::addChunk()
 /// One chunk without a piece in use is kept for what comes, and one more for every so many; the others are given back
 /// to the system. (A queue that is a few images shorter for a moment is about to take them again, and memory that was
 /// never touched costs most.) Where pieces that are in use lie scattered, the memory between them is given back, as
-/// far as it is more than an image takes.
+/// far as it is more than two images take: what lies between the images of a whole queue, and one that has just
+/// ended.
 void PieceStore::giveBack(uchar* memory)
 {
     const std::lock_guard lock(mutex_);
     const auto chunk = chunkOf(memory);
     chunk->second.used[std::size_t(memory - chunk->first) / pieceBytes_] = false;
     if (--chunk->second.usedCount > 0) {
-        if (++freePieces_ > chunkPieces_)
+        if (++freePieces_ > mostScattered())
             platform::emptyMemory(memory, pieceBytes_);
         return;
     }
@@ -177,28 +202,69 @@ void PieceStore::giveBack(uchar* memory)
 
 namespace {
 
-/// The addresses of one image, and the pieces that are seen there.
-struct Mapping {
+/// The pieces of one image, and the addresses at which they are seen together, unless they lie together.
+class Mapping {
+public:
+    explicit Mapping(std::vector<std::shared_ptr<Piece>> pieces) : pieces_(std::move(pieces)) { }
     ~Mapping()
     {
-        if (address)
-            platform::freeMemory(address, bytes);
+        if (address_)
+            platform::freeMemory(address_, bytes());
     }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
 
-    /// Ends it without a part in the middle, whose addresses may be somebody else's by now.
-    void giveUp(std::size_t first, std::size_t count)
-    {
-        if (first > 0)
-            platform::freeMemory(address, first);
-        if (first + count < bytes)
-            platform::freeMemory(address + first + count, bytes - first - count);
-        address = nullptr;
-    }
+    /// Where the image begins. Null when the system has no more addresses or mappings.
+    const uchar* pixels();
 
-    uchar* address = nullptr;
-    std::size_t bytes = 0;
-    std::vector<std::shared_ptr<Piece>> pieces;
+private:
+    const PieceStore& store() const { return *pieces_.front()->store; }
+    std::size_t bytes() const { return pieces_.size() * store().pieceBytes(); }
+    /// The number of pieces from one on that lie one behind the other.
+    std::size_t run(std::size_t first) const;
+    void giveUp(std::size_t first, std::size_t count);
+
+    const std::vector<std::shared_ptr<Piece>> pieces_;
+    uchar* address_ = nullptr;
 };
+
+const uchar* Mapping::pixels()
+{
+    if (run(0) == pieces_.size()) // as in most images of which everything changed
+        return pieces_.front()->memory;
+    const std::size_t pieceBytes = store().pieceBytes();
+    address_ = platform::reserveAddresses(bytes());
+    if (!address_)
+        return nullptr;
+    for (std::size_t first = 0; first < pieces_.size();) {
+        const std::size_t count = run(first);
+        const std::size_t size = count * pieceBytes;
+        if (!platform::mapAgain(pieces_[first]->memory, address_ + first * pieceBytes, size)) {
+            giveUp(first * pieceBytes, size);
+            return nullptr;
+        }
+        first += count;
+    }
+    return address_;
+}
+
+std::size_t Mapping::run(std::size_t first) const
+{
+    std::size_t end = first + 1;
+    while (end < pieces_.size() && store().follows(pieces_[end - 1]->memory, pieces_[end]->memory))
+        ++end;
+    return end - first;
+}
+
+/// Ends it without a part in the middle, whose addresses may be somebody else's by now. Both are bytes.
+void Mapping::giveUp(std::size_t first, std::size_t count)
+{
+    if (first > 0)
+        platform::freeMemory(address_, first);
+    if (first + count < bytes())
+        platform::freeMemory(address_ + first + count, bytes() - first - count);
+    address_ = nullptr;
+}
 
 /// In steps: what changed is mostly seen in the first one. Without a way out of the inner loop, so that the compiler
 /// vectorises it.
@@ -323,7 +389,10 @@ void SharedImages::putIntoPiece(
 bool SharedImages::replacePiece(std::size_t index, bool willBeWhole)
 {
     const auto piece = std::make_shared<sharedimages::Piece>(store_);
-    piece->memory = store_->take(index > 0 && pieces_[index - 1] ? pieces_[index - 1]->memory : nullptr);
+    if (index == 0 && lastIsNew_)
+        piece->memory = store_->takeFirst(pieces_.size());
+    else
+        piece->memory = store_->take(index > 0 && pieces_[index - 1] ? pieces_[index - 1]->memory : nullptr);
     if (!piece->memory)
         return false;
     if (pieces_[index] && !willBeWhole)
@@ -351,6 +420,7 @@ SharedImages::Image SharedImages::finish()
         logOutOfMemory();
         return {};
     }
+    lastIsNew_ = !lastPieces_.empty() && std::find(isNew_.begin(), isNew_.end(), false) == isNew_.end();
     lastPieces_ = pieces_;
     last_ = std::move(image);
     return {last_, changedRows_, ownBytes};
@@ -365,25 +435,10 @@ void SharedImages::logOutOfMemory()
 /// Null when the system has no more addresses or mappings.
 QImage SharedImages::mapped() const
 {
-    const std::size_t pieceBytes = store_->pieceBytes();
-    auto mapping = std::make_unique<Mapping>();
-    mapping->bytes = pieces_.size() * pieceBytes;
-    mapping->address = platform::reserveAddresses(mapping->bytes);
-    if (!mapping->address)
+    auto mapping = std::make_unique<Mapping>(pieces_);
+    const uchar* const pixels = mapping->pixels();
+    if (!pixels)
         return QImage();
-    for (std::size_t first = 0; first < pieces_.size();) {
-        std::size_t end = first + 1;
-        while (end < pieces_.size() && store_->follows(pieces_[end - 1]->memory, pieces_[end]->memory))
-            ++end;
-        const std::size_t size = (end - first) * pieceBytes;
-        if (!platform::mapAgain(pieces_[first]->memory, mapping->address + first * pieceBytes, size)) {
-            mapping->giveUp(first * pieceBytes, size);
-            return QImage();
-        }
-        first = end;
-    }
-    mapping->pieces = pieces_;
-    const uchar* const pixels = mapping->address;
     QImage image(
         pixels, size_.width(), size_.height(), qsizetype(size_.width()) * 4, format_,
         [](void* info) { delete static_cast<Mapping*>(info); }, mapping.get());

@@ -15,9 +15,10 @@ struct Piece;
 }
 
 /**
- * Makes images from pixels. Each is a plain QImage at addresses of its own, but its memory is made of pieces (64 KiB
- * or more), and those that are equal in the image before are the same memory: an image of which a corner changed
- * takes a corner. What no image uses any more is used again for the next one.
+ * Makes images from pixels. Each is a plain QImage, but its memory is made of pieces (64 KiB or more), and those that
+ * are equal in the image before are the same memory: an image of which a corner changed takes a corner. Where they do
+ * not lie one behind the other, the image has addresses of its own, which show them so. What no image uses any more
+ * is used again for the next one.
  *
  * update() begins an image; put() says what is in it; finish() gives it. What put() leaves out stays as it was in the
  * image before. Used from one thread at a time; the images themselves may go anywhere, and outlive this object.
@@ -68,6 +69,7 @@ private:
     QImage::Format format_ = QImage::Format_Invalid;
     QImage last_;
     std::vector<Piece> lastPieces_; ///< of last_; null ones have never been put
+    bool lastIsNew_ = false; ///< there was an image before it, which has none of them
     std::vector<Piece> pieces_; ///< of the image that has begun
     std::vector<bool> isNew_; ///< which of them last_ does not have
     RowSet changedRows_; ///< so far

@@ -59,14 +59,18 @@ private Q_SLOTS:
     void anotherSizeSharesNothing();
     void imageThatIsWrittenToIsAlone();
     void imagesOutliveTheirMaker();
+    void imageThatIsNewAllOverIsNotMapped();
+    void scatteredImagesComeTogether();
     void memoryIsUsedAgain();
     void memoryOfSinglePiecesIsUsedAgain();
     void memoryOfAShorterQueueIsKept();
     void memoryIsGivenBack();
     void memoryBetweenPiecesInUseIsGivenBack();
+    void memoryBetweenTheImagesOfAQueueIsKept();
     void imagesEndOnAnyThread();
-    void memoryThatRunsOutCostsThatImage_data();
     void memoryThatRunsOutCostsThatImage();
+    void imageWithoutAddressesIsCopied_data();
+    void imageWithoutAddressesIsCopied();
     void incompleteFirstImageIsNone();
 };
 
@@ -231,6 +235,48 @@ void SharedImagesTest::imagesOutliveTheirMaker()
     QCOMPARE(fakeplatform::memoryTaken().load(), before);
 }
 
+void SharedImagesTest::imageThatIsNewAllOverIsNotMapped()
+{
+    SharedImages images;
+    const std::size_t before = fakeplatform::memoryTaken();
+    const QImage first = next(images, speckled(large, 1)).image;
+    const std::size_t ofOne = fakeplatform::memoryTaken() - before;
+    QCOMPARE(ofOne, std::size_t(19 * pieceBytes)); // its memory, and no addresses beside it
+    const QImage second = next(images, speckled(large, 2)).image;
+    QCOMPARE(fakeplatform::memoryTaken() - before, 2 * ofOne);
+    QCOMPARE(first, speckled(large, 1));
+    QCOMPARE(second, speckled(large, 2));
+}
+
+/// After images of which a part changed, those of which all changes need nothing of the system any more.
+void SharedImagesTest::scatteredImagesComeTogether()
+{
+    SharedImages images;
+    std::vector<QImage> queue;
+    const auto add = [&](const QImage& from) {
+        const SharedImages::Image taken = next(images, from);
+        queue.push_back(taken.image);
+        if (queue.size() > 10)
+            queue.erase(queue.begin());
+        return taken;
+    };
+    QImage truth = speckled(large, 1);
+    for (int i = 0; i < 12; ++i) {
+        truth.setPixel(7, 40 * i, quint32(i) | 0xff000000);
+        add(truth);
+    }
+    for (quint32 i = 0; i < 25; ++i)
+        add(speckled(large, 100 + i));
+    fakeplatform::state().memoryCallsLeft = 0;
+    for (quint32 i = 0; i < 25; ++i) {
+        const SharedImages::Image taken = add(speckled(large, 200 + i));
+        QCOMPARE(taken.ownBytes, 19 * pieceBytes); // it was not copied either
+        QCOMPARE(taken.image, speckled(large, 200 + i));
+    }
+    for (quint32 i = 0; i < 10; ++i)
+        QCOMPARE(queue[i], speckled(large, 215 + i));
+}
+
 /// A queue of ten images, of which every pixel changes, goes on with the memory of eleven or twelve.
 void SharedImagesTest::memoryIsUsedAgain()
 {
@@ -265,7 +311,7 @@ void SharedImagesTest::memoryOfSinglePiecesIsUsedAgain()
     QCOMPARE(fakeplatform::memoryTaken().load(), afterTwenty);
 }
 
-/// A queue that loses two images and gets them again takes no new memory: only their addresses were given back.
+/// A queue that loses two images and gets them again takes no new memory.
 void SharedImagesTest::memoryOfAShorterQueueIsKept()
 {
     SharedImages images;
@@ -273,9 +319,8 @@ void SharedImagesTest::memoryOfAShorterQueueIsKept()
     for (int i = 0; i < 40; ++i)
         queue.push_back(next(images, speckled(large, quint32(i))).image);
     const std::size_t full = fakeplatform::memoryTaken();
-    const std::size_t ofAnImage = full / queue.size(); // its addresses and its memory
     queue.erase(queue.begin(), queue.begin() + 2);
-    QCOMPARE(full - fakeplatform::memoryTaken(), ofAnImage); // twice one half of that
+    QCOMPARE(fakeplatform::memoryTaken().load(), full);
 }
 
 void SharedImagesTest::memoryIsGivenBack()
@@ -312,6 +357,27 @@ void SharedImagesTest::memoryBetweenPiecesInUseIsGivenBack()
     QCOMPARE(next(images, speckled(large, 77)).image, speckled(large, 77));
 }
 
+/// Of every image a large part changes: what was given back for one would be taken again for the next.
+void SharedImagesTest::memoryBetweenTheImagesOfAQueueIsKept()
+{
+    SharedImages images;
+    std::vector<QImage> queue;
+    QImage all = speckled(large, 100);
+    std::size_t afterThirty = 0;
+    for (int i = 0; i < 100; ++i) {
+        const QImage fresh = speckled(large, quint32(i));
+        for (int y = 40; y < large.height(); ++y)
+            memcpy(all.scanLine(y), fresh.constScanLine(y), size_t(large.width()) * 4);
+        queue.push_back(next(images, all).image);
+        if (queue.size() > 10)
+            queue.erase(queue.begin());
+        if (i == 30)
+            afterThirty = fakeplatform::memoryEmptied();
+    }
+    QCOMPARE(fakeplatform::memoryEmptied().load(), afterThirty);
+    QCOMPARE(queue.back(), all);
+}
+
 void SharedImagesTest::imagesEndOnAnyThread()
 {
     SharedImages images;
@@ -330,16 +396,8 @@ void SharedImagesTest::imagesEndOnAnyThread()
     }
 }
 
-void SharedImagesTest::memoryThatRunsOutCostsThatImage_data()
-{
-    QTest::addColumn<int>("callsLeft");
-    for (int calls = 0; calls < 4; ++calls)
-        QTest::addRow("after %d calls", calls) << calls;
-}
-
 void SharedImagesTest::memoryThatRunsOutCostsThatImage()
 {
-    QFETCH(const int, callsLeft);
     const LogCapture log;
     SharedImages images;
     std::vector<QImage> kept; // so that nothing is free
@@ -347,22 +405,50 @@ void SharedImagesTest::memoryThatRunsOutCostsThatImage()
         kept.push_back(next(images, speckled(large, i)).image);
     const qint64 before = images.last().cacheKey();
 
-    fakeplatform::state().memoryCallsLeft = callsLeft;
-    const SharedImages::Image failed = next(images, speckled(large, 10));
+    fakeplatform::state().memoryCallsLeft = 0;
+    QVERIFY(next(images, speckled(large, 10)).image.isNull());
     fakeplatform::state().memoryCallsLeft.reset();
-    if (callsLeft == 0) { // no piece
-        QVERIFY(failed.image.isNull());
-        QCOMPARE(images.last().cacheKey(), before);
-        QCOMPARE(log.messages(QtWarningMsg),
-            QStringList{QStringLiteral("No memory for the image of a window; the frame is left out. Told once.")});
-    } else { // no addresses: an image that shares nothing
-        QCOMPARE(failed.image, speckled(large, 10));
-    }
+    QCOMPARE(images.last().cacheKey(), before);
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList{QStringLiteral("No memory for the image of a window; the frame is left out. Told once.")});
     const SharedImages::Image after = next(images, speckled(large, 11));
     QCOMPARE(after.image, speckled(large, 11));
     QCOMPARE(after.changedRows, RowSet(0, large.height()));
     for (quint32 i = 0; i < 3; ++i)
         QCOMPARE(kept[i], speckled(large, i));
+}
+
+void SharedImagesTest::imageWithoutAddressesIsCopied_data()
+{
+    QTest::addColumn<int>("callsLeft");
+    QTest::addColumn<qint64>("ownBytes");
+    const qint64 copied = pieceBytes + qint64(large.width()) * large.height() * 4;
+    constexpr int needed = 6; // the addresses, and five parts of them: two pieces, and what lies around them
+    for (int calls = 0; calls < needed; ++calls)
+        QTest::addRow("after %d calls", calls) << calls << copied;
+    QTest::newRow("none is refused") << needed << pieceBytes;
+}
+
+/// An image of pieces that do not lie together has to be shown at addresses of its own; or it shares nothing.
+void SharedImagesTest::imageWithoutAddressesIsCopied()
+{
+    QFETCH(const int, callsLeft);
+    QFETCH(const qint64, ownBytes);
+    SharedImages images;
+    QImage truth = speckled(large, 1);
+    next(images, truth);
+    const QImage first = truth.copy();
+    std::vector<QImage> kept{images.last()};
+    truth.setPixel(7, 40, 0xff010203);
+    kept.push_back(next(images, truth).image); // whose memory has room for the next one
+    truth.setPixel(7, 240, 0xff040506);
+    fakeplatform::state().memoryCallsLeft = callsLeft;
+    const SharedImages::Image taken = next(images, truth);
+    fakeplatform::state().memoryCallsLeft.reset();
+    QCOMPARE(taken.image, truth);
+    QCOMPARE(taken.ownBytes, ownBytes);
+    QVERIFY(taken.changedRows.contains(240) && !taken.changedRows.contains(40));
+    QCOMPARE(kept[0], first);
 }
 
 void SharedImagesTest::incompleteFirstImageIsNone()
