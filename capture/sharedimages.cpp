@@ -82,6 +82,7 @@ private:
     using Chunks = std::map<uchar*, Chunk>;
 
     Chunks::iterator addChunk();
+    void removeUnused(Chunks::iterator chunk);
     uchar* takeAnywhere();
     uchar* takeFrom(Chunks::iterator chunk, std::size_t first);
     std::size_t mostScattered() const { return 2 * chunkPieces_; } // free pieces that keep their memory
@@ -128,8 +129,14 @@ uchar* PieceStore::takeFirst(std::size_t imagePieces)
         return takeAnywhere();
     auto unused
         = std::find_if(chunks_.begin(), chunks_.end(), [](const auto& chunk) { return chunk.second.usedCount == 0; });
-    if (unused == chunks_.end() && freePieces_ < mostScattered())
+    if (unused == chunks_.end() && freePieces_ < mostScattered()) {
         unused = addChunk();
+        // All of it will be written to.
+        if (unused != chunks_.end() && !platform::prepareMemory(unused->first, chunkPieces_ * pieceBytes_)) {
+            removeUnused(unused);
+            return nullptr;
+        }
+    }
     return unused != chunks_.end() ? takeFrom(unused, 0) : takeAnywhere();
 }
 
@@ -195,6 +202,11 @@ void PieceStore::giveBack(uchar* memory)
     constexpr std::size_t chunksPerSpareOne = 16;
     if (++unusedChunks_ <= 1 + chunks_.size() / chunksPerSpareOne)
         return;
+    removeUnused(chunk);
+}
+
+void PieceStore::removeUnused(Chunks::iterator chunk)
+{
     --unusedChunks_;
     platform::freeMemory(chunk->first, chunkPieces_ * pieceBytes_);
     chunks_.erase(chunk);

@@ -19,6 +19,12 @@ bool mapAgain(const uchar* memory, uchar* address, std::size_t size)
         == KERN_SUCCESS;
 }
 
+// Nothing asks the system for that; each page gets its room when it is written to.
+bool prepareMemory(uchar*, std::size_t)
+{
+    return true;
+}
+
 // A hint, which the system may leave at that.
 void emptyMemory(uchar* memory, std::size_t size)
 {

@@ -12,6 +12,10 @@ namespace platform {
 /// written to. size: bytes, a multiple of 64 KiB. Null when it cannot be had. freeMemory() gives it back.
 uchar* takeMemory(std::size_t size);
 
+/// Has the system put room under a part of memory that takeMemory() gave, which is quicker than with each first write
+/// to a page of it. Aligned as for mapAgain(). False when it has no room; true also where it cannot be asked.
+bool prepareMemory(uchar* memory, std::size_t size);
+
 /// Addresses without memory, for mapAgain(). size: bytes, a multiple of 64 KiB. Null when there are none left.
 /// freeMemory() gives them back, and with them what is mapped there.
 uchar* reserveAddresses(std::size_t size);

@@ -12,6 +12,7 @@
 namespace systemmemory {
 uchar* takeMemory(std::size_t size);
 uchar* reserveAddresses(std::size_t size);
+bool prepareMemory(uchar* memory, std::size_t size);
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size);
 void emptyMemory(uchar* memory, std::size_t size);
 void freeMemory(uchar* memory, std::size_t size);
@@ -176,6 +177,11 @@ uchar* reserveAddresses(std::size_t size)
     uchar* const addresses = refusesMemory() ? nullptr : systemmemory::reserveAddresses(size);
     fakeplatform::memoryTaken() += addresses ? size : 0;
     return addresses;
+}
+
+bool prepareMemory(uchar* memory, std::size_t size)
+{
+    return !refusesMemory() && systemmemory::prepareMemory(memory, size);
 }
 
 bool mapAgain(const uchar* memory, uchar* address, std::size_t size)

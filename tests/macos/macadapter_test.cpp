@@ -104,6 +104,7 @@ void MacAdapterTest::memoryIsSeenAtTwoAddresses()
     uchar* const memory = platform::takeMemory(2 * piece);
     uchar* const addresses = platform::reserveAddresses(piece);
     QVERIFY(memory && addresses);
+    QVERIFY(platform::prepareMemory(memory, piece));
     QVERIFY(platform::mapAgain(memory + piece, addresses, piece));
     memory[piece] = 17;
     QCOMPARE(addresses[0], uchar(17));

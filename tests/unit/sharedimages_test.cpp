@@ -68,6 +68,7 @@ private Q_SLOTS:
     void memoryBetweenPiecesInUseIsGivenBack();
     void memoryBetweenTheImagesOfAQueueIsKept();
     void imagesEndOnAnyThread();
+    void memoryThatRunsOutCostsThatImage_data();
     void memoryThatRunsOutCostsThatImage();
     void imageWithoutAddressesIsCopied_data();
     void imageWithoutAddressesIsCopied();
@@ -396,8 +397,16 @@ void SharedImagesTest::imagesEndOnAnyThread()
     }
 }
 
+void SharedImagesTest::memoryThatRunsOutCostsThatImage_data()
+{
+    QTest::addColumn<int>("callsLeft");
+    QTest::newRow("no addresses") << 0;
+    QTest::newRow("no room for what was taken") << 1;
+}
+
 void SharedImagesTest::memoryThatRunsOutCostsThatImage()
 {
+    QFETCH(const int, callsLeft);
     const LogCapture log;
     SharedImages images;
     std::vector<QImage> kept; // so that nothing is free
@@ -405,9 +414,11 @@ void SharedImagesTest::memoryThatRunsOutCostsThatImage()
         kept.push_back(next(images, speckled(large, i)).image);
     const qint64 before = images.last().cacheKey();
 
-    fakeplatform::state().memoryCallsLeft = 0;
+    const std::size_t taken = fakeplatform::memoryTaken();
+    fakeplatform::state().memoryCallsLeft = callsLeft;
     QVERIFY(next(images, speckled(large, 10)).image.isNull());
     fakeplatform::state().memoryCallsLeft.reset();
+    QCOMPARE(fakeplatform::memoryTaken().load(), taken);
     QCOMPARE(images.last().cacheKey(), before);
     QCOMPARE(log.messages(QtWarningMsg),
         QStringList{QStringLiteral("No memory for the image of a window; the frame is left out. Told once.")});
