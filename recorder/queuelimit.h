@@ -20,27 +20,35 @@ inline qint64 largest(std::optional<qint64> availableBytes, qint64 queuedBytes)
     return (std::max<qint64>(0, availableBytes.value_or(assumedBytes)) + queuedBytes) / 2;
 }
 
+/// The bytes of pixels that a frame holds more than the one before it, which has that version. (What an unknown
+/// version shares, 0, nobody knows; it counts whole.)
+template <typename Frame>
+qint64 bytesBeside(qint64 versionBefore, const Frame& frame)
+{
+    if (frame.imageVersion == 0 || versionBefore == 0)
+        return frame.image.sizeInBytes();
+    if (frame.imageVersion == versionBefore + 1)
+        return frame.ownBytes;
+    return frame.imageVersion == versionBefore ? 0 : frame.image.sizeInBytes();
+}
+
 /// The bytes of pixels that the frames of a queue hold: the first one's image, and what each one has more than the
-/// one before. (What an unknown version shares, nobody knows; it counts whole.)
+/// one before. versionBefore: of a frame whose image is not counted.
 template <typename Queue>
-qint64 bytesOf(const Queue& queue)
+qint64 bytesOf(const Queue& queue, qint64 versionBefore = 0)
 {
     qint64 bytes = 0;
-    qint64 lastVersion = 0;
     for (const auto& queued : queue) {
-        const auto& frame = queued.frame;
-        const bool isNext = lastVersion != 0 && frame.imageVersion == lastVersion + 1;
-        if (isNext)
-            bytes += frame.ownBytes;
-        else if (frame.imageVersion == 0 || frame.imageVersion != lastVersion)
-            bytes += frame.image.sizeInBytes();
-        lastVersion = frame.imageVersion;
+        bytes += bytesBeside(versionBefore, queued.frame);
+        versionBefore = queued.frame.imageVersion;
     }
     return bytes;
 }
 
-/// Frames that are due and wait for the encoder hold no more than this; then captures wait for it, too.
+/// Frames that are due and wait for the encoder hold no more than this, or than so many images where that is more;
+/// then captures wait for it, too. A key frame that does not fit its buffer makes five late.
 inline constexpr qint64 mostBytesLate = qint64(64) << 20;
+inline constexpr qint64 mostImagesLate = 8;
 inline constexpr int mostFramesLate = 48; ///< two seconds
 
 /// Whether the frames at the front that are due at limitMs are so many that captures have to wait for the encoder.
@@ -50,8 +58,12 @@ bool isTooLate(const Queue& queue, qint64 limitMs)
     const auto isDue = [limitMs](const auto& queued) { return queued.elapsedMs <= limitMs; };
     const auto firstEarly = std::find_if_not(queue.begin(), queue.end(), isDue);
     const auto count = firstEarly - queue.begin();
-    return count > mostFramesLate
-        || (count > 1 && bytesOf(std::span(queue.constData(), std::size_t(count))) > mostBytesLate);
+    if (count <= 1 || count > mostFramesLate)
+        return count > 1;
+    // What the first one shares with those that are not late yet is held in any case.
+    const auto& first = queue.begin()->frame;
+    const qint64 bytes = bytesOf(std::span(queue.constData(), std::size_t(count)), first.imageVersion - 1);
+    return bytes > std::max(mostBytesLate, mostImagesLate * first.image.sizeInBytes());
 }
 
 }
