@@ -17,6 +17,9 @@ constexpr int endLimitMs = 10'000;
 inline void endWithParent(QProcess& process)
 {
     process.setChildProcessModifier([parent = ::getpid()] {
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr); // what this process blocks, the child would never hear
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent)
             ::_exit(1); // the parent was gone before the line above
