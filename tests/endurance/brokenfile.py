@@ -1,5 +1,7 @@
 """Files that a killed recorder leaves: how much of one is whole, and whether that decodes."""
+import collections
 import subprocess
+import tempfile
 
 
 def whole_mp4(content):
@@ -56,13 +58,46 @@ def whole_mkv(content):
         at = body + size[0]
 
 
-def cut_to_whole(file):
-    """Leaves out what is torn. Whether the header is there; without it there is nothing to look at."""
+def whole(file):
+    """Bytes up to the end of what is whole, and whether the header is; without it there is nothing to look at."""
     content = file.read_bytes()
-    whole, has_header = whole_mp4(content) if file.suffix == ".mp4" else whole_mkv(content)
-    if has_header and whole < len(content):
-        file.write_bytes(content[:whole])
+    return whole_mp4(content) if file.suffix == ".mp4" else whole_mkv(content)
+
+
+def cut_to_whole(file):
+    """Leaves out what is torn. Whether the header is there."""
+    length, has_header = whole(file)
+    if has_header and length < file.stat().st_size:
+        with open(file, "r+b") as opened:
+            opened.truncate(length)
     return has_header
+
+
+def packets(file):
+    """What ffprobe reads with its ordinary demuxer: (a list of stream, time and size of each packet, why it refuses
+    the file or "")."""
+    read = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "packet=stream_index,pts,size", "-of",
+                           "csv=p=0", str(file)], capture_output=True, text=True)
+    return read.stdout.split(), read.stderr.strip() if read.returncode else ""
+
+
+def refusal(file):
+    """Why a file with a header cannot be used as it was left; None when it opens and gives each packet of its whole
+    part. That something is said of the rest is no fault."""
+    length, _ = whole(file)
+    left = file.stat().st_size
+    where = f"of {left} bytes, {length} of them whole"
+    found, refused = packets(file)
+    if refused:
+        return f"{where}, it is refused: {refused}"
+    with tempfile.NamedTemporaryFile(suffix=file.suffix) as cut:
+        cut.write(file.read_bytes()[:length])
+        cut.flush()
+        expected, refused = packets(cut.name)
+    missing = collections.Counter(expected) - collections.Counter(found)
+    if refused or missing:
+        return f"{where}, it gives {len(found)} packets, {missing.total()} are missing of {len(expected)} {refused}"
+    return None
 
 
 def decoding_errors(file):
