@@ -55,18 +55,25 @@ def private_x_server(width, height):
 
 
 @contextlib.contextmanager
-def truth_window(binaries, display, width, height, painting_options):
-    """A window that shows which of its paintings it is; gives its id."""
+def truth_window_process(binaries, environment, width, height, painting_options):
+    """A window that shows which of its paintings it is; gives (its id, its process)."""
     command = [binaries / "truthwindow", "--geometry", f"{width}x{height}+0+0", *painting_options]
-    window = subprocess.Popen(with_parent(command), stdout=subprocess.PIPE, text=True,
-                              env={**os.environ, "DISPLAY": display})
+    window = subprocess.Popen(with_parent(command), stdout=subprocess.PIPE, text=True, env=environment)
     try:
         window_id = window.stdout.readline().strip()
         if window.stdout.readline().strip() != "ready":
             raise RuntimeError("the truth window did not appear")
-        yield int(window_id, 16)
+        yield int(window_id, 16), window
     finally:
         end(window)
+
+
+@contextlib.contextmanager
+def truth_window(binaries, display, width, height, painting_options):
+    """The same; gives its id."""
+    environment = {**os.environ, "DISPLAY": display}
+    with truth_window_process(binaries, environment, width, height, painting_options) as (window_id, _):
+        yield window_id
 
 
 @contextlib.contextmanager

@@ -50,9 +50,10 @@ def has_audio(file):
     return int(subprocess.run(command, capture_output=True, text=True, check=True).stdout or "0") > 0
 
 
-def truth(stage, file):
+def truth(stage, file, *options):
     """What the recorded window's own counter and clock say of the file."""
-    command = [stage.binaries / "truth-report", "--window", f"{stage.width}x{stage.height}", "--json", str(file)]
+    command = [stage.binaries / "truth-report", "--window", f"{stage.width}x{stage.height}", "--json", *options,
+               str(file)]
     return json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
 
 

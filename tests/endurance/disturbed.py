@@ -3,10 +3,13 @@
 
     disturbed.py BINARIES [--seconds S]
 
-- The recorder is stopped for S seconds (SIGSTOP), and so is the X server: frames are missing for that time and no
-  longer, the rest is recorded, and what was clicked before and after has its markers.
+- The recorder is stopped for S seconds (SIGSTOP), and so is the X server: frames are missing for that time and for no
+  other, and what was clicked before and after has its markers.
+- The audio server is stopped for S seconds: no frame is missed for it, and audio for that time only.
 - The machine's clock is set an hour ahead, and then two hours back (libfaketime, for the recorder and its launcher):
   no slot is missed for it, and each click has its marker in the frames of its time.
+
+The window flashes and beeps. Wherever a beep is heard, before and after, it is within 20 ms of its flash.
 """
 import argparse
 import concurrent.futures
@@ -20,6 +23,7 @@ import subprocess
 import sys
 import time
 
+import beeps
 import brokenfile
 import run
 
@@ -28,6 +32,8 @@ PLACE = (320, 300)  # of the window and the canvas: its plain field
 FRACTIONS = (PLACE[0] / 640, PLACE[1] / 360)
 MARKED_S = 1.0  # how long a marker lives at half its size
 MOST_GAP_S = 0.3  # a machine that is busy
+RESUMED_S = 0.5  # until audio flows again
+MOST_BENT_MS = 50
 FAKETIME = "/usr/lib/*/faketime/libfaketimeMT.so.1"  # Debian's libfaketime
 
 
@@ -38,8 +44,8 @@ class Clock:
         self.offset_s = 0
         self.file = directory / "clock"
         self.set(0)
-        self.variables = {"LD_PRELOAD": glob.glob(FAKETIME)[0], "FAKETIME_TIMESTAMP_FILE": str(self.file), "FAKETIME_NO_CACHE": "1",
-                          "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}
+        self.variables = {"LD_PRELOAD": glob.glob(FAKETIME)[0], "FAKETIME_TIMESTAMP_FILE": str(self.file),
+                          "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}
 
     def set(self, offset_s):
         self.offset_s = offset_s
@@ -49,6 +55,12 @@ class Clock:
 
     def now_ms(self):
         return int((time.time() + self.offset_s) * 1000)
+
+    @staticmethod
+    def clean_up(pid):
+        """libfaketime leaves its shared memory behind."""
+        for name in (f"faketime_shm_{pid}", f"sem.faketime_sem_{pid}"):
+            pathlib.Path("/dev/shm", name).unlink(missing_ok=True)
 
 
 class Clicked:
@@ -95,10 +107,40 @@ def unmarked(file, clicks):
     return wrong
 
 
-def gaps(file, longest_s):
+class Stop:
+    """When something was stopped, seconds of the recording as near as the launcher can tell, and what is missing for
+    it."""
+
+    def __init__(self, begin_s, end_s, frames_miss, audio_misses):
+        self.begin_s = begin_s
+        self.end_s = end_s
+        self.frames_miss = frames_miss
+        self.audio_misses = audio_misses
+
+
+def misses(file, stop):
+    """What is wrong about the frames that are missing: all of a stop's, and no others."""
     times = brokenfile.frame_times(file)
-    return [f"no frame from {before:.2f} to {after:.2f} s" for before, after in zip(times, times[1:])
-            if after - before > longest_s]
+    long = [(before, after) for before, after in zip(times, times[1:]) if after - before > MOST_GAP_S]
+    expected = [(stop.begin_s, stop.end_s)] if stop and stop.frames_miss else []
+    if len(long) == len(expected) and all(abs(there - due) <= MOST_GAP_S for gap, stopped_at in zip(long, expected)
+                                          for there, due in zip(gap, stopped_at)):
+        return []
+    return [f"no frames {spans(long)}, and there should be none {spans(expected)}"]
+
+
+def spans(times):
+    return " and ".join(f"from {begin:.2f} to {end:.2f} s" for begin, end in times) or "at no time"
+
+
+def misheard(stage, recorder, stop, duration_s):
+    """What is wrong with the beeps: where, and where there are none."""
+    heard = beeps.Heard(stage, recorder, recorder.file())
+    besides = (stop.begin_s, stop.end_s + RESUMED_S) if stop and stop.audio_misses else None
+    wrong = heard.misplaced() + heard.silences(duration_s, besides)
+    # Frames that are all late after a stop would bend the line of their times.
+    bent_ms = abs(heard.frames_drift()) * duration_s / 60
+    return wrong + ([f"the frames' times are bent by {bent_ms:.0f} ms"] if bent_ms > MOST_BENT_MS else [])
 
 
 def audio_end(file):
@@ -108,14 +150,19 @@ def audio_end(file):
     return float(output[-1].strip(",")) if output else 0.0
 
 
-def finish(recorder, clicked, longest_gap_s):
-    """Stops the recorder and gives what is wrong with what it leaves."""
+def finish(stage, recorder, clicked, stop=None):
+    """Stops the recorder. What is given tells, when it is called, what is wrong with the file: reading files beside
+    recordings would disturb those."""
     duration_s = recorder.stop() / 1000
     recorder.exit()
+    return lambda: judged(stage, recorder, clicked, stop, duration_s)
+
+
+def judged(stage, recorder, clicked, stop, duration_s):
     file = recorder.file()
     errors = brokenfile.decoding_errors(file)
     wrong = [errors] if errors else []
-    wrong += gaps(file, longest_gap_s) + unmarked(file, clicked.at_s)
+    wrong += misses(file, stop) + unmarked(file, clicked.at_s) + misheard(stage, recorder, stop, duration_s)
     for what, end in (("video", brokenfile.frame_times(file)[-1]), ("audio", audio_end(file))):
         if abs(end - duration_s) > MOST_GAP_S:
             wrong.append(f"{what} ends at {end:.2f} s of {duration_s:.2f} s")
@@ -131,25 +178,29 @@ def recording(stage, name, variables=None):
         yield recorder, Clicked(recorder)
 
 
-def stopped(stage, seconds, pid_of):
+def stopped(stage, seconds, pid_of, frames_miss=True, audio_misses=True):
     """pid_of: of a recorder, the process that is stopped."""
     with recording(stage, "stopped") as (recorder, clicked):
         clicked.click(int(time.time() * 1000))
-        os.kill(pid_of(recorder), signal.SIGSTOP)
+        pid, begin_s = pid_of(recorder), recorder.recorded_s()
+        os.kill(pid, signal.SIGSTOP)
         time.sleep(seconds)
-        os.kill(pid_of(recorder), signal.SIGCONT)
+        os.kill(pid, signal.SIGCONT)
+        stop = Stop(begin_s, recorder.recorded_s(), frames_miss, audio_misses)
         time.sleep(1)
         clicked.click(int(time.time() * 1000))
-        return finish(recorder, clicked, seconds + MOST_GAP_S)
+        return finish(stage, recorder, clicked, stop)
 
 
 def clock_that_is_set(stage):
     clock = Clock(stage.directory)
-    with recording(stage, "clock", clock.variables) as (recorder, clicked):
+    with contextlib.ExitStack() as stack:
+        recorder, clicked = stack.enter_context(recording(stage, "clock", clock.variables))
+        stack.callback(clock.clean_up, recorder.process.pid)
         for offset_s in (HOUR_S, -HOUR_S):
             clicked.click(clock.now_ms(), lambda: clock.set(offset_s))
             clicked.click(clock.now_ms())
-        return finish(recorder, clicked, MOST_GAP_S)
+        return finish(stage, recorder, clicked)
 
 
 def main():
@@ -157,11 +208,18 @@ def main():
     parser.add_argument("binaries", type=pathlib.Path)
     parser.add_argument("--seconds", type=float, default=5)
     options = parser.parse_args()
-    with run.stage(options.binaries) as stage, concurrent.futures.ThreadPoolExecutor() as beside:
-        recorder_stopped = beside.submit(stopped, stage, options.seconds, lambda recorder: recorder.process.pid)
-        clock_set = beside.submit(clock_that_is_set, stage)
-        wrong = {"recorder stopped": recorder_stopped.result(), "clock set": clock_set.result(),
-                 "X server stopped": stopped(stage, options.seconds, lambda _: stage.x_server_pid)}
+    with contextlib.ExitStack() as stack, concurrent.futures.ThreadPoolExecutor() as beside:
+        # Each server that is stopped is one of its own: nobody else is to miss it.
+        common, own_x, own_audio = (stack.enter_context(run.stage(options.binaries, beeps=True)) for _ in range(3))
+        recordings = {
+            "recorder stopped": (stopped, common, options.seconds, lambda recorder: recorder.process.pid),
+            "X server stopped": (stopped, own_x, options.seconds, lambda _: own_x.x_server_pid, True, False),
+            "audio server stopped": (stopped, own_audio, options.seconds, lambda _: own_audio.audio_server_pid(),
+                                     False),
+            "clock set": (clock_that_is_set, common)}
+        made = [beside.submit(*recording) for recording in recordings.values()]
+        judges = [recording.result() for recording in made]
+        wrong = dict(zip(recordings, beside.map(lambda judge: judge(), judges)))
     print(json.dumps(wrong))
     return 1 if any(wrong.values()) else 0
 

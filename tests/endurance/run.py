@@ -5,9 +5,11 @@ import os
 import pathlib
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "bench"))
@@ -105,29 +107,49 @@ class Run:
 
 
 class Stage:
-    """A private X server with a window that changes all the time, and where asked for a private audio server."""
+    """A private X server with a window that changes all the time, and a private audio server with a player."""
 
-    def __init__(self, binaries, directory, display, x_server_pid, window_id, environment, player):
+    def __init__(self, binaries, directory, x_server_pid, environment, size, window_id, player):
         self.binaries = binaries
         self.directory = directory
-        self.display = display
         self.x_server_pid = x_server_pid
+        self.environment = environment
+        self.width, self.height = size
         self.window_id = window_id
-        self.environment = {**environment, "DISPLAY": display}
-        self.player = player  # process id; None without audio
+        self.player = player  # process id
+        self.player_gaps = []  # (begin, end) of what a beeping window itself left out; monotonic, seconds
 
     def app_audio(self):
-        return f"app-pid:{self.player}" if self.player else ""
+        return f"app-pid:{self.player}"
+
+    def audio_server_pid(self):
+        """Of the process that listens at the server's socket."""
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(self.environment["XDG_RUNTIME_DIR"] + "/pipewire-0")
+            return struct.unpack("3i", client.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
+
+    def read_gaps(self, lines):
+        """A window's lines "gap AT LENGTH", to their end: they must not fill its pipe."""
+        for line in lines:
+            kind, *numbers = line.split()
+            if kind == "gap":
+                begin_ms, length_ms = map(float, numbers)
+                self.player_gaps.append((begin_ms / 1000, (begin_ms + length_ms) / 1000))
 
 
 @contextlib.contextmanager
-def stage(binaries, size=(640, 360), with_audio=True):
+def stage(binaries, beeps=False):
+    """beeps: the window itself is the player, and flashes and beeps in the same instants; else a tone is played."""
     with contextlib.ExitStack() as stack:
         directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="ov-endure-", dir="/tmp")))
         display, x_server_pid = stack.enter_context(desktop.private_x_server(1280, 800))
-        if with_audio:
-            environment, player = stack.enter_context(desktop.private_audio(binaries))
-        else:
-            environment, player = {**os.environ, "XDG_RUNTIME_DIR": str(directory)}, None
-        window = stack.enter_context(desktop.truth_window(binaries, display, *size, ["--fps", "60"]))
-        yield Stage(binaries, directory, display, x_server_pid, window, environment, player)
+        environment, player = stack.enter_context(desktop.private_audio(binaries))
+        environment = {**environment, "DISPLAY": display}
+        # Often enough that the beeping window's frames tell when each was painted, also when it hangs for a while.
+        options = ["--fps", "120", "--beep"] if beeps else ["--fps", "60"]
+        size = (640, 360)
+        window_id, window = stack.enter_context(
+            desktop.truth_window_process(binaries, environment, *size, options))
+        made = Stage(binaries, directory, x_server_pid, environment, size, window_id, window.pid if beeps else player)
+        threading.Thread(target=made.read_gaps, args=(window.stdout,), daemon=True).start()
+        yield made
