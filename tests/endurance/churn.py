@@ -4,13 +4,13 @@
     churn.py BINARIES [--count N] [--at-once K] [--seed S]
 
 Each recorder has to answer its stop and to end with 0. Afterwards the servers hold what they held before: clients,
-descriptors and shared memory of the X server, nodes of the audio server; and no temporary file is left.
+resources, descriptors and shared memory of the X server, objects and descriptors of the audio server; no segment or
+file of shared memory is left, and no temporary file.
 """
 import argparse
 import concurrent.futures
 import contextlib
 import json
-import os
 import pathlib
 import random
 import subprocess
@@ -19,33 +19,35 @@ import threading
 import time
 
 import brokenfile
+import held
 import run
 
 SETTLE_S = 20  # what others may take to see that a program has ended
 
 
-def descriptors(pid):
-    return len(os.listdir(f"/proc/{pid}/fd"))
+class Books:
+    """What is held now, thing by thing."""
 
+    def __init__(self, stage, recorders):
+        self.stage = stage
+        self.recorders = recorders  # process ids
+        self.shared_files = held.shared_files()
+        self.begin = self.now()
 
-def shared_segments(pid):
-    """Memory that the X server shares with its clients, mappings."""
-    lines = pathlib.Path(f"/proc/{pid}/maps").read_text().splitlines()
-    return sum("/memfd:" in line or "/SYSV" in line for line in lines)
-
-
-def audio_nodes(stage):
-    """Nodes and clients that the audio server lists, but for the one that asks."""
-    listed = subprocess.run(["pw-dump"], env=stage.environment, capture_output=True, text=True, check=True).stdout
-    kinds = [entry["type"] for entry in json.loads(listed)]
-    return sum(kind.endswith((":Node", ":Client", ":Link", ":Port")) for kind in kinds)
-
-
-def held(stage):
-    return {"X server's descriptors": descriptors(stage.x_server_pid),
-            "X server's shared segments": shared_segments(stage.x_server_pid),
-            "audio server's objects": audio_nodes(stage),
-            "temporary files": len(list(stage.directory.iterdir()))}
+    def now(self):
+        stage = self.stage
+        with held.XResources(stage.environment["DISPLAY"]) as x_resources:
+            clients, resources = x_resources.counts()
+        fresh = held.shared_files() - self.shared_files
+        return {"X server's clients": clients,
+                "X server's resources": resources,
+                "X server's descriptors": held.descriptors(stage.x_server_pid),
+                "X server's shared mappings": held.shared_mappings(stage.x_server_pid),
+                "System V segments": held.segments(self.recorders | {stage.x_server_pid}),
+                "shared memory files": len(fresh - held.in_use(fresh)),
+                "audio server's objects": held.audio_objects(stage.environment),
+                "audio server's descriptors": held.descriptors(stage.audio_server_pid()),
+                "temporary files": len(list(stage.directory.iterdir()))}
 
 
 @contextlib.contextmanager
@@ -77,15 +79,16 @@ def storms(stage, chance):
             thread.join()
 
 
-def record_one(stage, number, seed):
-    """What is wrong; None when nothing is."""
+def record_one(stage, number, seed, recorders, warms_up=False):
+    """What is wrong; None when nothing is. recorders: process ids, to which this one is added. warms_up: what is
+    played is recorded, and it is not stopped early."""
     chance = random.Random(f"{seed} {number}")
-    audio = chance.choice([stage.app_audio(), "system", ""])
+    audio = "system" if warms_up else chance.choice([stage.app_audio(), "system", ""])
     try:
         with run.Run(stage, f"churn{number}", audio=audio) as recorder:
+            recorders.add(recorder.process.pid)
             recorder.connect()
-            early = chance.random() < 0.3
-            if not early:
+            if warms_up or chance.random() >= 0.3:
                 recorder.wait_until_ready()
                 time.sleep(run.READY_DELAY_S + chance.uniform(0, 0.3))
             for _ in range(chance.randrange(0, 200)):
@@ -95,10 +98,10 @@ def record_one(stage, number, seed):
             recorder.duration()
             recorder.exit()
             file = recorder.file()
-            errors = brokenfile.decoding_errors(file) if file else "no file"
-            for path in recorder.directory.iterdir():
-                path.unlink()
-            recorder.directory.rmdir()
+            if not file:
+                return f"recording {number}: no file"
+            errors = brokenfile.decoding_errors(file)
+            recorder.remove_known_files()
             return f"recording {number}: {errors}" if errors else None
     except (OSError, RuntimeError, subprocess.TimeoutExpired) as error:
         return f"recording {number}: {error!r}"
@@ -112,15 +115,20 @@ def main():
     parser.add_argument("--seed", type=int, default=None, help="of what happens; told in the result")
     options = parser.parse_args()
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
+    recorders = set()
     with run.stage(options.binaries) as stage:
-        before = held(stage)
+        # An audio server keeps what it makes for the first one that records what is played.
+        outcomes = [record_one(stage, 0, seed, recorders, warms_up=True)]
+        books = Books(stage, recorders)
         with storms(stage, random.Random(seed)), concurrent.futures.ThreadPoolExecutor(options.at_once) as pool:
-            outcomes = list(pool.map(lambda number: record_one(stage, number, seed), range(options.count)))
+            outcomes += pool.map(lambda number: record_one(stage, number, seed, recorders),
+                                 range(1, options.count))
         deadline = time.monotonic() + SETTLE_S
-        while (after := held(stage)) != before and time.monotonic() < deadline:
+        while (after := books.now()) != books.begin and time.monotonic() < deadline:
             time.sleep(0.2)
     wrong = [outcome for outcome in outcomes if outcome]
-    wrong += [f"{what}: {before[what]} before, {after[what]} after" for what in before if before[what] != after[what]]
+    wrong += [f"{what}: {before} before, {after[what]} after" for what, before in books.begin.items()
+              if before != after[what]]
     print(json.dumps({"recordings": options.count, "seed": seed, "held": after, "wrong": wrong}))
     return 1 if wrong else 0
 

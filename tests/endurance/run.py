@@ -106,6 +106,14 @@ class Run:
         return files[0] if files else None
 
 
+    def remove_known_files(self):
+        """The directory, with what has to be in it; it complains of anything else."""
+        logs = self.directory.glob("*-orvantis-recorder-log.txt")
+        for path in (self.file(), *logs, self.directory / "orvantis-recorder", self.directory / "stderr"):
+            path.unlink()
+        self.directory.rmdir()
+
+
 class Stage:
     """A private X server with a window that changes all the time, and a private audio server with a player."""
 
