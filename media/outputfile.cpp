@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,12 +29,11 @@ int descriptorOf(void* opaque)
     return int(reinterpret_cast<std::intptr_t>(opaque));
 }
 
-/// All of it or an error. What the bytes are is constant from FFmpeg 7 on.
-template <typename Byte>
-int writeBytes(void* opaque, Byte* bytes, int size)
+/// All of it or an error.
+int writeAll(int descriptor, const uint8_t* bytes, int size)
 {
     for (int written = 0; written < size;) {
-        const ssize_t taken = ::write(descriptorOf(opaque), bytes + written, std::size_t(size - written));
+        const ssize_t taken = ::write(descriptor, bytes + written, std::size_t(size - written));
         if (taken > 0)
             written += int(taken);
         else if (taken == 0)
@@ -42,6 +42,42 @@ int writeBytes(void* opaque, Byte* bytes, int size)
             return AVERROR(errno);
     }
     return size;
+}
+
+/// Size and type of an MP4's box.
+constexpr int boxHeadBytes = 8;
+
+/// Whether an MP4's fragment begins there, with the list of its images.
+bool beginsFragment(const uint8_t* bytes, int size)
+{
+    return size > boxHeadBytes && std::memcmp(bytes + 4, "moof", 4) == 0;
+}
+
+/// The system may stop a write anywhere when the process is killed, and FFmpeg's demuxer refuses a whole file for a
+/// list that is torn. So the list gets its head last: until then zeros stand there, and everybody passes over what
+/// follows.
+int writeHeadLast(int descriptor, const uint8_t* bytes, int size)
+{
+    const off_t start = ::lseek(descriptor, 0, SEEK_CUR);
+    if (start < 0 || ::lseek(descriptor, start + boxHeadBytes, SEEK_SET) < 0)
+        return AVERROR(errno);
+    const int status = writeAll(descriptor, bytes + boxHeadBytes, size - boxHeadBytes);
+    if (status < 0)
+        return status;
+    ssize_t taken = 0;
+    do {
+        taken = ::pwrite(descriptor, bytes, boxHeadBytes, start);
+    } while (taken < 0 && errno == EINTR);
+    if (taken < 0)
+        return AVERROR(errno);
+    return taken == boxHeadBytes ? size : AVERROR(EIO);
+}
+
+/// What the bytes are is constant from FFmpeg 7 on.
+template <typename Byte>
+int writeBytes(void* opaque, Byte* bytes, int size)
+{
+    return (beginsFragment(bytes, size) ? writeHeadLast : writeAll)(descriptorOf(opaque), bytes, size);
 }
 
 int64_t seek(void* opaque, int64_t offset, int whence)

@@ -1,7 +1,9 @@
 // What a recording that did not come to its end is still good for.
+#include "filesizelimit.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
+#include "outputfile.h"
 #include "testregistry.h"
 
 #include <QFile>
@@ -43,9 +45,8 @@ int wholeFragmentFrames(const QList<Mp4Box>& boxes, qsizetype bytes)
     }));
 }
 
-/// FFmpeg's demuxer rejects a file that ends inside the list of a fragment's images; players that read while they
-/// play would stop there. A killed process leaves no such end: the list is written in one piece with the first
-/// images.
+/// FFmpeg's demuxer rejects a file that ends inside the list of a fragment's images. A killed process leaves no such
+/// end: the list gets its head last.
 bool endsInsideFragmentHeader(const QList<Mp4Box>& boxes, qsizetype bytes)
 {
     return std::any_of(boxes.cbegin(), boxes.cend(),
@@ -76,6 +77,7 @@ private Q_SLOTS:
     void cutAnywherePlaysToTheLastWholeFragment();
     void cutInTheHeaderIsRefused();
     void fragmentThatEndsIsPlayed();
+    void writeThatStopsAnywhereIsPassedOver();
     void copyOfAnOpenFilePlays();
     void headerIsOnTheDiskWithTheFirstFrame();
     void headerOnlyFileOpens();
@@ -148,6 +150,40 @@ void BrokenFileTest::fragmentThatEndsIsPlayed()
     QCOMPARE(file.packets().size(), framesPerFragment);
     QCOMPARE(checkFrames(cutPath, framesPerFragment), QString());
     QCOMPARE(file.durationMs(), framesPerFragment * 41.0);
+}
+
+/// As the system stops it when the process is killed; here there is no room for more.
+void BrokenFileTest::writeThatStopsAnywhereIsPassedOver()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder.record(IdleRecorder::steadyTimes(2 * framesPerFragment)));
+    const QByteArray bytes = contentOf(recorder->outputPath());
+    const QList<Mp4Box> boxes = mp4boxes::parse(bytes);
+    const auto list
+        = std::find_if(boxes.crbegin(), boxes.crend(), [](const Mp4Box& box) { return box.type == "moof"; });
+    const QByteArray before = bytes.left(list->offset);
+    const QByteArray fragment = bytes.mid(list->offset);
+    const QString path = recorder.filePath(QStringLiteral("stopped.mp4"));
+    for (qsizetype end = list->offset + 9; end < list->end() + 40; end += 7) {
+        AVFormatContext* container = avformat_alloc_context();
+        QVERIFY(outputfile::open(*container, path) >= 0);
+        const auto write = [&](const QByteArray& part) {
+            avio_write(container->pb, reinterpret_cast<const uchar*>(part.constData()), int(part.size()));
+            avio_flush(container->pb);
+        };
+        write(before);
+        {
+            const FileSizeLimit limit{rlim_t(end)};
+            write(fragment);
+        }
+        outputfile::close(*container);
+        avformat_free_context(container);
+        QCOMPARE(contentOf(path).size(), end);
+        MediaFile file(path);
+        QVERIFY2(file.isValid(), qPrintable(QString::number(end)));
+        const QString judgement = checkFrames(path, framesPerFragment);
+        QVERIFY2(judgement.isEmpty(), qPrintable(QStringLiteral("%1: %2").arg(end).arg(judgement)));
+    }
 }
 
 /// What a killed process leaves behind: no end was written, nothing was closed.
