@@ -68,8 +68,12 @@ int writeHeader(AVFormatContext& container)
     if (isMp4)
         setFragments(options);
     const int status = avformat_write_header(&container, options.out());
-    // FFmpeg passes options on without looking whether there was memory for each.
-    return status >= 0 && isMp4 && !hasFragments(container) ? AVERROR(ENOMEM) : status;
+    if (status < 0 || !isMp4 || hasFragments(container))
+        return status;
+    // FFmpeg passes options on without looking whether there was memory for each. Nobody could play what is there.
+    if (container.pb)
+        outputfile::returnTo(container, 0);
+    return AVERROR(ENOMEM);
 }
 
 }

@@ -270,6 +270,7 @@ void OpenFaultsTest::fileWithoutFragmentsIsNone()
     recorder->closeOutput();
     QVERIFY(recorder.isClosed());
     QCOMPARE(calls(Call::WriteTrailer), 0);
+    QCOMPARE(QFileInfo(recorder->outputPath()).size(), 0);
 }
 
 ORVANTIS_TEST(OpenFaultsTest)
