@@ -171,8 +171,9 @@ bool MacWindowCapture::takeImage(const platform::WindowSample& sample) const
         SharedImages::Image taken = straightened(sample, allNew || wasOpaque ? all : rows);
         if (taken.image.isNull())
             return false;
-        // What it differs from may be an image that was lost: made, and given to nobody.
-        last.changedRows = allNew ? all : std::move(taken.changedRows);
+        if (allNew) // what it differs from may be an image that was lost: made, and given to nobody
+            taken.changedRows = all;
+        last.changedRows = std::move(taken.changedRows);
         last.ownBytes = allNew ? taken.image.sizeInBytes() : taken.ownBytes;
         last.image = std::move(taken.image);
     }
