@@ -45,7 +45,9 @@ class Clock:
         self.file = directory / "clock"
         self.set(0)
         self.variables = {"LD_PRELOAD": glob.glob(FAKETIME)[0], "FAKETIME_TIMESTAMP_FILE": str(self.file),
-                          "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1"}
+                          "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1", "DONT_FAKE_MONOTONIC": "1",
+                          # A sanitizer wants to be the first library.
+                          "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"}
 
     def set(self, offset_s):
         self.offset_s = offset_s
