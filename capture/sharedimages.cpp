@@ -3,7 +3,6 @@
 
 #include "platform/memory.h"
 
-#include <QDebug>
 #include <QScopeGuard>
 
 #include <algorithm>
@@ -417,7 +416,7 @@ bool SharedImages::replacePiece(std::size_t index, bool willBeWhole)
 SharedImages::Image SharedImages::finish()
 {
     if (outOfMemory_)
-        logOutOfMemory();
+        noMemory_.give();
     if (outOfMemory_ || std::find(pieces_.begin(), pieces_.end(), nullptr) != pieces_.end())
         return {};
     if (changedRows_.isEmpty() && !last_.isNull())
@@ -429,19 +428,13 @@ SharedImages::Image SharedImages::finish()
         ownBytes += image.sizeInBytes();
     }
     if (image.isNull()) {
-        logOutOfMemory();
+        noMemory_.give();
         return {};
     }
     lastIsNew_ = !lastPieces_.empty() && std::find(isNew_.begin(), isNew_.end(), false) == isNew_.end();
     lastPieces_ = pieces_;
     last_ = std::move(image);
     return {last_, changedRows_, ownBytes};
-}
-
-void SharedImages::logOutOfMemory()
-{
-    if (!std::exchange(outOfMemoryLogged_, true))
-        qWarning() << "No memory for the image of a window; the frame is left out. Told once.";
 }
 
 /// Null when the system has no more addresses or mappings.

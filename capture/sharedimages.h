@@ -1,6 +1,7 @@
 // SharedImages: successive images of one window, which share the memory of what did not change.
 #pragma once
 
+#include "nomemorywarning.h"
 #include "rowset.h"
 
 #include <QImage>
@@ -60,7 +61,6 @@ private:
     void putIntoPiece(
         std::size_t index, std::size_t first, std::size_t count, const quint32* pixels, quint32 setBits);
     bool replacePiece(std::size_t index, bool willBeWhole);
-    void logOutOfMemory();
     QImage mapped() const;
     QImage copied() const;
 
@@ -74,5 +74,5 @@ private:
     std::vector<bool> isNew_; ///< which of them last_ does not have
     RowSet changedRows_; ///< so far
     bool outOfMemory_ = false;
-    bool outOfMemoryLogged_ = false;
+    NoMemoryWarning noMemory_;
 };

@@ -166,9 +166,8 @@ constexpr auto entries = std::to_array<Entry>({
     {"Recorder drops the mouse clicks farthest ahead", Meaning::Remark,
         "too many clicks were reported; some are lost"},
     {"Wall clock was set, or the machine slept", Meaning::Remark,
-        "the clock of the machine jumped, or the machine slept; the video has no gap there, and clicks are drawn in "
-        "their "
-        "places"},
+        "the clock of the machine jumped, or the machine slept; the video has no gap there, and clicks are drawn "
+        "in their places"},
     {"Captured window has changed what it counts as its shadow", Meaning::Remark, nullptr},
     {"Connection to the X server was ended", Meaning::Remark,
         "the X server has ended the connection; the recorder connects again, and frames may be missing"},

@@ -105,7 +105,6 @@ class Run:
             raise RuntimeError(f"more than one file: {files}")
         return files[0] if files else None
 
-
     def remove_known_files(self):
         """The directory, with what has to be in it; it complains of anything else."""
         logs = self.directory.glob("*-orvantis-recorder-log.txt")
