@@ -188,8 +188,8 @@ SharedImages::Image MacWindowCapture::straightened(const platform::WindowSample&
     for (const RowSet::Range& range : rows.ranges()) {
         const QImage part = rowsOf(sample.image, range).convertToFormat(QImage::Format_ARGB32);
         if (part.isNull()) {
-            noMemory.give();
-            return {};
+            straightImages.abandon();
+            break;
         }
         straightImages.put(range.top, range.count(), reinterpret_cast<const quint32*>(part.constBits()));
     }

@@ -2,7 +2,6 @@
 // below (platform/screen.h) is.
 #pragma once
 
-#include "nomemorywarning.h"
 #include "rowset.h"
 #include "sharedimages.h"
 
@@ -72,8 +71,6 @@ private:
     quint32 windowId = 0; ///< the system's id of the window; 0 until configured
     bool valid = false;
     mutable bool warnedNoImage = false; ///< worker thread; the warning was given, never cleared
-    mutable NoMemoryWarning noMemory; ///< worker thread
-
     mutable int emptyImages = 0; ///< worker thread; so far, no more are counted once they are told of or one is not
 
     std::unique_ptr<WindowSampling> sampling; ///< null while invalid

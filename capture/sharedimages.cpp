@@ -1,15 +1,11 @@
 // Images from pieces of memory that they share.
 #include "sharedimages.h"
 
+#include "piecestore.h"
 #include "platform/memory.h"
 
-#include <QScopeGuard>
-
 #include <algorithm>
-#include <bit>
 #include <cstring>
-#include <map>
-#include <mutex>
 #include <utility>
 
 #ifdef __SSE2__
@@ -17,199 +13,6 @@
 #endif
 
 namespace sharedimages {
-
-namespace {
-
-constexpr std::size_t smallestPiece = std::size_t(64) << 10; // bytes; a multiple of every system's pages
-constexpr std::size_t mostPieces = 256; // of one image; a process may only have so many mappings, 65530 on Linux
-constexpr std::size_t smallestChunk = std::size_t(1) << 20; // bytes
-
-/// Both are powers of two.
-std::size_t pieceSizeFor(std::size_t imageBytes)
-{
-    return std::max(smallestPiece, std::bit_ceil((imageBytes + mostPieces - 1) / mostPieces));
-}
-
-}
-
-/// Memory in pieces of one size. Pieces are given back from any thread.
-class PieceStore {
-public:
-    PieceStore(std::size_t pieceBytes, std::size_t imageBytes)
-        : pieceBytes_(pieceBytes), chunkPieces_((std::max(imageBytes, smallestChunk) + pieceBytes - 1) / pieceBytes)
-    {
-    }
-    ~PieceStore()
-    {
-        for (const auto& [memory, chunk] : chunks_)
-            platform::freeMemory(memory, chunkPieces_ * pieceBytes_);
-    }
-    PieceStore(const PieceStore&) = delete;
-    PieceStore& operator=(const PieceStore&) = delete;
-
-    std::size_t pieceBytes() const { return pieceBytes_; }
-
-    /// Whether images of that size are as well in this store as in a new one.
-    bool suits(std::size_t imageBytes) const
-    {
-        constexpr std::size_t mostChunks = 4; // of an image
-        return pieceSizeFor(imageBytes) == pieceBytes_ && imageBytes <= mostChunks * chunkPieces_ * pieceBytes_;
-    }
-
-    /// The free piece that follows a given one (null: the first), so that neighbours in an image are neighbours in
-    /// memory, and few mappings show it. Its content is anything. Null when there is no memory.
-    uchar* take(uchar* before);
-
-    /// The first piece of an image of which every piece may be new: where all of them fit one behind the other, so
-    /// that no mapping is needed. That may take memory while there are scattered pieces; they come together in their
-    /// turn.
-    uchar* takeFirst(std::size_t imagePieces);
-    void giveBack(uchar* memory);
-
-    /// Whether second lies directly behind first, in memory that can be mapped in one go.
-    bool follows(const uchar* first, const uchar* second) const
-    {
-        const std::lock_guard lock(mutex_);
-        return second == first + pieceBytes_ && !chunks_.contains(const_cast<uchar*>(second));
-    }
-
-private:
-    struct Chunk {
-        std::vector<bool> used; // a piece each
-        std::size_t usedCount = 0;
-    };
-    using Chunks = std::map<uchar*, Chunk>;
-
-    Chunks::iterator addChunk();
-    void removeUnused(Chunks::iterator chunk);
-    uchar* takeAnywhere();
-    uchar* takeFrom(Chunks::iterator chunk, std::size_t first);
-    std::size_t mostScattered() const { return 2 * chunkPieces_; } // free pieces that keep their memory
-    Chunks::iterator chunkOf(uchar* memory) { return std::prev(chunks_.upper_bound(memory)); }
-
-    const std::size_t pieceBytes_;
-    const std::size_t chunkPieces_;
-    mutable std::mutex mutex_;
-    Chunks chunks_; // by address
-    std::size_t unusedChunks_ = 0;
-    std::size_t freePieces_ = 0; // of chunks that are in use
-};
-
-/// One piece of memory in use.
-struct Piece {
-    explicit Piece(std::shared_ptr<PieceStore> itsStore) : store(std::move(itsStore)) { }
-    ~Piece()
-    {
-        if (memory)
-            store->giveBack(memory);
-    }
-    Piece(const Piece&) = delete;
-    Piece& operator=(const Piece&) = delete;
-
-    const std::shared_ptr<PieceStore> store;
-    uchar* memory = nullptr;
-};
-
-uchar* PieceStore::take(uchar* before)
-{
-    const std::lock_guard lock(mutex_);
-    if (before) {
-        const auto chunk = chunkOf(before);
-        if (uchar* const next = takeFrom(chunk, std::size_t(before - chunk->first) / pieceBytes_ + 1))
-            return next;
-    }
-    return takeAnywhere();
-}
-
-uchar* PieceStore::takeFirst(std::size_t imagePieces)
-{
-    const std::lock_guard lock(mutex_);
-    if (imagePieces != chunkPieces_)
-        return takeAnywhere();
-    auto unused
-        = std::find_if(chunks_.begin(), chunks_.end(), [](const auto& chunk) { return chunk.second.usedCount == 0; });
-    if (unused == chunks_.end() && freePieces_ < mostScattered()) {
-        unused = addChunk();
-        // All of it will be written to.
-        if (unused != chunks_.end() && !platform::prepareMemory(unused->first, chunkPieces_ * pieceBytes_)) {
-            removeUnused(unused);
-            return nullptr;
-        }
-    }
-    return unused != chunks_.end() ? takeFrom(unused, 0) : takeAnywhere();
-}
-
-uchar* PieceStore::takeAnywhere()
-{
-    for (auto chunk = chunks_.begin(); chunk != chunks_.end(); ++chunk) {
-        if (uchar* const found = takeFrom(chunk, 0))
-            return found;
-    }
-    const auto added = addChunk();
-    return added != chunks_.end() ? takeFrom(added, 0) : nullptr;
-}
-
-/// The first free piece of a chunk, from one on; null when there is none.
-uchar* PieceStore::takeFrom(Chunks::iterator chunk, std::size_t first)
-{
-    auto& [memory, state] = *chunk;
-    if (state.usedCount == chunkPieces_)
-        return nullptr;
-    const auto found = std::find(state.used.begin() + std::ptrdiff_t(first), state.used.end(), false);
-    if (found == state.used.end())
-        return nullptr;
-    *found = true;
-    if (state.usedCount++ == 0) {
-        --unusedChunks_;
-        freePieces_ += chunkPieces_;
-    }
-    --freePieces_;
-    return memory + std::size_t(found - state.used.begin()) * pieceBytes_;
-}
-
-/// The end of the chunks when there is no memory for another one.
-PieceStore::Chunks::iterator PieceStore::addChunk()
-{
-    const std::size_t bytes = chunkPieces_ * pieceBytes_;
-    Chunk unused{std::vector<bool>(chunkPieces_, false), 0};
-    uchar* const memory = platform::takeMemory(bytes);
-    if (!memory)
-        return chunks_.end();
-    auto release = qScopeGuard([memory, bytes] { platform::freeMemory(memory, bytes); });
-    const auto added = chunks_.emplace(memory, std::move(unused)).first;
-    release.dismiss();
-    ++unusedChunks_;
-    return added;
-}
-
-/// One chunk without a piece in use is kept for what comes, and one more for every so many; the others are given back
-/// to the system. (A queue that is a few images shorter for a moment is about to take them again, and memory that was
-/// never touched costs most.) Where pieces that are in use lie scattered, the memory between them is given back, as
-/// far as it is more than two images take: what lies between the images of a whole queue, and one that has just
-/// ended.
-void PieceStore::giveBack(uchar* memory)
-{
-    const std::lock_guard lock(mutex_);
-    const auto chunk = chunkOf(memory);
-    chunk->second.used[std::size_t(memory - chunk->first) / pieceBytes_] = false;
-    if (--chunk->second.usedCount > 0) {
-        if (++freePieces_ > mostScattered())
-            platform::emptyMemory(memory, pieceBytes_);
-        return;
-    }
-    freePieces_ -= chunkPieces_ - 1;
-    constexpr std::size_t chunksPerSpareOne = 16;
-    if (++unusedChunks_ <= 1 + chunks_.size() / chunksPerSpareOne)
-        return;
-    removeUnused(chunk);
-}
-
-void PieceStore::removeUnused(Chunks::iterator chunk)
-{
-    --unusedChunks_;
-    platform::freeMemory(chunk->first, chunkPieces_ * pieceBytes_);
-    chunks_.erase(chunk);
-}
 
 namespace {
 
@@ -334,7 +137,7 @@ void copy(quint32* to, const quint32* pixels, std::size_t count, quint32 setBits
 
 using namespace sharedimages;
 
-SharedImages::SharedImages() = default;
+SharedImages::SharedImages(const NoMemoryWarning& noMemory) : noMemory_(noMemory) { }
 
 SharedImages::~SharedImages() = default;
 
@@ -350,15 +153,14 @@ void SharedImages::forget()
 void SharedImages::update(const QSize& size, QImage::Format format)
 {
     const std::size_t bytes = std::size_t(size.width()) * std::size_t(size.height()) * 4;
-    const std::size_t pieceBytes = pieceSizeFor(bytes);
     if (size != size_ || format != format_)
         forget();
     if (!store_ || !store_->suits(bytes))
-        store_ = std::make_shared<PieceStore>(pieceBytes, bytes);
+        store_ = std::make_shared<PieceStore>(bytes);
     size_ = size;
     format_ = format;
     pieces_ = lastPieces_;
-    pieces_.resize((bytes + pieceBytes - 1) / pieceBytes);
+    pieces_.resize((bytes + store_->pieceBytes() - 1) / store_->pieceBytes());
     isNew_.assign(pieces_.size(), false);
     changedRows_ = RowSet();
     outOfMemory_ = false;

@@ -33,7 +33,9 @@ public:
         qint64 ownBytes = 0; ///< memory that the image before does not hold, too
     };
 
-    SharedImages();
+    SharedImages() : SharedImages(NoMemoryWarning()) { }
+    /// noMemory tells of the first image that is missing for want of memory.
+    explicit SharedImages(const NoMemoryWarning& noMemory);
     ~SharedImages();
     SharedImages(const SharedImages&) = delete;
     SharedImages& operator=(const SharedImages&) = delete;
@@ -45,6 +47,9 @@ public:
     /// Pixels of whole rows, without padding between them; setBits are set in every one. They are compared with what
     /// is there, and copied when they differ.
     void put(int firstRow, int rowCount, const quint32* pixels, quint32 setBits = 0);
+
+    /// In the place of pixels that could not be made, for want of memory: there will be no image.
+    void abandon() { outOfMemory_ = true; }
 
     /// The image. The very one that came last (QImage::cacheKey()) when nothing has changed.
     Image finish();

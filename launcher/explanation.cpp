@@ -39,9 +39,8 @@ constexpr const char* noAudio
       "Start it (on Linux PipeWire), or record with --audio none";
 constexpr const char* noAudioEncoder
     = "there is no audio: FFmpeg cannot encode it; install FFmpeg with its encoders, or record with --audio none";
-constexpr const char* noApplication
-    = "the process that --audio names plays nothing that could be recorded; check its "
-      "number, or take --audio system";
+constexpr const char* noApplication = "the process whose audio was wanted is not there, or is another user's; check "
+                                      "its number, or take --audio system";
 constexpr const char* audioHoles = "parts of the audio are missing in the file; where they are missing it is silent";
 constexpr const char* fallback
     = "FFmpeg has no usable encoder for MP4; the recording is lossless, large, and ends in .mkv";
@@ -153,6 +152,8 @@ constexpr auto entries = std::to_array<Entry>({
     {"Recorder composes frames early", Meaning::Remark,
         "memory is short; clicks that are reported late may not be drawn"},
     {"No memory for the image of a window", Meaning::VideoHarmed, "memory is short; frames are missing"},
+    {"No memory for what pops out of a window", Meaning::VideoHarmed,
+        "memory is short; menus and the like are missing in frames"},
     {"Window capture takes longer than", Meaning::VideoHarmed,
         "the system was slow to give images of the window; frames are missing"},
     {"No thread for the capture of the window", Meaning::Remark,

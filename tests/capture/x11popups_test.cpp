@@ -1,5 +1,7 @@
 // What pops out of a window is in its images: menus, lists and tool tips are windows of their own.
 #include "foreignclient.h"
+#include "logcapture.h"
+#include "memorylimit.h"
 #include "testregistry.h"
 #include "x11fixture.h"
 
@@ -72,6 +74,8 @@ private Q_SLOTS:
     void toldRowsAreAllThatDiffer();
     void stillPopupGivesTheSameImage();
     void connectionsEnded();
+    void withoutMemoryTheWindowIsAlone();
+    void withoutMemoryForPopupsTheWindowIsAlone();
 
 private:
     bool popUp(const QByteArray& name, const QByteArray& geometryDepthAndPixel);
@@ -436,6 +440,48 @@ void X11PopupsTest::connectionsEnded()
     QTRY_VERIFY(isWindowWith(source.image(), QRect(50, 20, 100, 50), red));
     QVERIFY(window_->send("on menu unmap"));
     QVERIFY(isFilled(source.image(), blue));
+}
+
+void X11PopupsTest::withoutMemoryTheWindowIsAlone()
+{
+    window_ = std::make_unique<WindowProcess>(WindowStart{.geometry = QRect(0, 0, 3000, 3000)}); // 34 MiB
+    QVERIFY2(window_->id(), qPrintable(window_->errorString()));
+    WindowSource source(window_->id());
+    QVERIFY(isFilled(source.image(), blue));
+    QVERIFY(popUp("menu", "150 100 100 50 24 ff0000"));
+    const LogCapture log;
+    {
+        const MemoryLimit limit(rlim_t(8) << 20);
+        for (int i = 0; i < 2; ++i)
+            QVERIFY(isFilled(source.image(), blue));
+    }
+    const auto line = QStringLiteral("No memory for what pops out of a window; it is left out. Told once.");
+    QCOMPARE(log.messages(QtWarningMsg).count(line), 1); // beside Qt's own
+    QVERIFY(isWindowWith(source.image(), QRect(150, 100, 100, 50), red));
+}
+
+/// Pixels that are not taken as they are: the image of a popup itself finds no memory. One popup after the other.
+void X11PopupsTest::withoutMemoryForPopupsTheWindowIsAlone()
+{
+    DisplayForTest display(QSize(640, 480), 16);
+    QVERIFY2(display.server.isRunning(), qPrintable(display.server.errorString()));
+    window_ = std::make_unique<WindowProcess>(WindowStart{.depth = 16, .pixel = 0xf800});
+    QVERIFY2(window_->id(), qPrintable(window_->errorString()));
+    WindowSource source(window_->id());
+    QVERIFY(isFilled(source.image(), red));
+    const LogCapture log;
+    for (const char* name : {"menu", "list"}) {
+        QVERIFY(popUp(name, "150 100 3000 3000 16 7e0")); // 34 MiB in 32 bits a pixel
+        const MemoryLimit limit(rlim_t(8) << 20);
+        QVERIFY(isFilled(source.image(), red));
+    }
+    const auto ofPopups = QStringLiteral("No memory for what pops out of a window; it is left out. Told once.");
+    QCOMPARE(log.messages(QtWarningMsg).count(ofPopups), 1); // beside Qt's own
+    const auto ofFrames = QStringLiteral("No memory for the image of a window; the frame is left out. Told once.");
+    QVERIFY(!log.contains(ofFrames));
+    QVERIFY(shows(source.image(), green));
+    window_.reset();
+    qputenv("DISPLAY", display_->server.display());
 }
 
 ORVANTIS_TEST(X11PopupsTest)

@@ -33,7 +33,7 @@ void PopupPainter::paint(platform::WindowSample& sample, const QRegion& unpainte
         return;
     auto failure = qScopeGuard([this] { // after an exception all is painted anew
         layers_.clear();
-        composed_.reset();
+        composed_.forget();
     });
     const QRect window = sample.bounds->toRect();
     followPopups(window, unpainted);
@@ -42,18 +42,16 @@ void PopupPainter::paint(platform::WindowSample& sample, const QRegion& unpainte
     const bool wereThere = !layers_.empty();
     layers_ = std::move(layers);
     if (layers_.empty()) {
-        composed_.reset();
+        composed_.forget();
         sample.changedRows = rows;
         if (wereThere)
             sample.ownBytes = sample.image.sizeInBytes();
         return;
     }
-    if (!composed_)
-        composed_ = std::make_unique<SharedImages>();
-    const QImage& last = composed_->last();
+    const QImage& last = composed_.last();
     const bool fits = wereThere && last.size() == sample.image.size() && last.format() == sample.image.format();
-    const bool composed = compose(sample.image, fits ? rows : RowSet(0, sample.image.height()));
-    const SharedImages::Image taken = composed ? composed_->finish() : SharedImages::Image();
+    compose(sample.image, fits ? rows : RowSet(0, sample.image.height()));
+    const SharedImages::Image taken = composed_.finish();
     if (taken.image.isNull()) { // no memory: the window alone
         sample.changedRows = RowSet(0, sample.image.height());
         sample.ownBytes = sample.image.sizeInBytes();
@@ -87,8 +85,8 @@ void PopupPainter::followPopups(const QRect& window, const QRegion& unpainted)
     for (const Popup& popup : finder_.popups()) {
         for (Reader& reader : readers_) {
             if (reader.window == popup.window && !reader.images)
-                reader.images
-                    = std::make_unique<WindowImages>(popup.window, now_, doubtful.translated(-popup.origin));
+                reader.images = std::make_unique<WindowImages>(
+                    popup.window, now_, doubtful.translated(-popup.origin), noMemory_);
         }
     }
 }
@@ -136,15 +134,16 @@ RowSet PopupPainter::changedRows(const platform::WindowSample& plain, const std:
     return rows.within(0, plain.image.height());
 }
 
-/// False when there is no memory.
-bool PopupPainter::compose(const QImage& plain, const RowSet& rows)
+void PopupPainter::compose(const QImage& plain, const RowSet& rows)
 {
     const quint32 opaque = plain.hasAlphaChannel() ? 0 : 0xff000000u;
-    composed_->update(plain.size(), plain.format());
+    composed_.update(plain.size(), plain.format());
     for (const RowSet::Range& range : rows.ranges()) {
         QImage band = plain.copy(0, range.top, plain.width(), range.count());
-        if (band.isNull())
-            return false;
+        if (band.isNull()) {
+            composed_.abandon();
+            return;
+        }
         QPainter painter(&band);
         painter.translate(0, -range.top);
         for (const Layer& layer : layers_) {
@@ -152,9 +151,8 @@ bool PopupPainter::compose(const QImage& plain, const RowSet& rows)
                 painter.drawImage(part.topLeft(), layer.image, part.translated(-layer.at));
         }
         painter.end();
-        composed_->put(range.top, range.count(), reinterpret_cast<const quint32*>(band.constBits()), opaque);
+        composed_.put(range.top, range.count(), reinterpret_cast<const quint32*>(band.constBits()), opaque);
     }
-    return true;
 }
 
 }

@@ -51,13 +51,14 @@ private:
     void followPopups(const QRect& window, const QRegion& unpainted);
     std::vector<Layer> takeLayers(const QRect& window);
     RowSet changedRows(const platform::WindowSample& plain, const std::vector<Layer>& layers) const;
-    bool compose(const QImage& plain, const RowSet& rows);
+    void compose(const QImage& plain, const RowSet& rows);
 
     const WindowImages::Now now_;
     PopupFinder finder_;
     std::vector<Reader> readers_; // from the lowest to the topmost
     std::vector<Layer> layers_; // of the last sample with an image
-    std::unique_ptr<SharedImages> composed_; // null without layers_
+    const NoMemoryWarning noMemory_{NoMemoryWarning::Missing::Popup};
+    SharedImages composed_{noMemory_};
 };
 
 }

@@ -64,8 +64,8 @@ void makeBlank(QImage& image, const QRegion& area)
 
 }
 
-WindowImages::WindowImages(quint32 windowId, Now now, QRegion doubtful)
-    : now_(std::move(now)), doubtful_(std::move(doubtful))
+WindowImages::WindowImages(quint32 windowId, Now now, QRegion doubtful, const NoMemoryWarning& noMemory)
+    : now_(std::move(now)), doubtful_(std::move(doubtful)), images_(noMemory)
 {
     watched_.window = windowId;
     if (!connect())
@@ -355,8 +355,8 @@ bool WindowImages::readImage(const Placement& placement, bool current, platform:
     SharedImages::Image taken;
     if (pixels && pixmapsSeen_ == pixmapsBefore) {
         images_.update(visible.size(), imageFormat(layout_));
-        if (putPixels(pixels, area, visible, unpainted))
-            taken = images_.finish();
+        putPixels(pixels, area, visible, unpainted);
+        taken = images_.finish();
         sample.unusable = taken.image.isNull();
     }
     if (taken.image.isNull())
@@ -375,23 +375,22 @@ bool WindowImages::readImage(const Placement& placement, bool current, platform:
     return true;
 }
 
-/// area: whole rows of the visible part of the window. False when there is no memory.
-bool WindowImages::putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted)
+/// area: whole rows of the visible part of the window.
+void WindowImages::putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted)
 {
     const int firstRow = area.top() - visible.top();
     const QRegion hidden = (unpainted & area).translated(-area.topLeft());
     if (isTakenAsItIs(layout_) && hidden.isEmpty()) {
         images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(pixels), opaqueBits(layout_));
-        return true;
+        return;
     }
     QImage image = imageFromPixels(pixels, area.size(), layout_);
     if (image.isNull()) {
-        noMemory_.give();
-        return false;
+        images_.abandon();
+        return;
     }
     makeBlank(image, hidden);
     images_.put(firstRow, area.height(), reinterpret_cast<const quint32*>(image.constBits()));
-    return true;
 }
 
 /// Null when the window has been given another pixmap, or the server does not answer. damageIsThere is only then

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "clientshadow.h"
-#include "nomemorywarning.h"
 #include "platform/screen.h"
 #include "sharedimages.h"
 #include "unpaintedarea.h"
@@ -74,8 +73,9 @@ public:
     static constexpr std::chrono::seconds checkInterval{1};
 
     /// doubtful: pixels of the window, without its border, that are not believed to be its own before it has painted
-    /// them, although they can be seen.
-    explicit WindowImages(quint32 windowId, Now now = &Clock::now, QRegion doubtful = QRegion());
+    /// them, although they can be seen. noMemory tells of the first image that is missing for want of memory.
+    explicit WindowImages(quint32 windowId, Now now = &Clock::now, QRegion doubtful = QRegion(),
+        const NoMemoryWarning& noMemory = NoMemoryWarning());
 
     platform::WindowSample sample();
 
@@ -115,7 +115,7 @@ private:
     QRect areaToRead(const Placement& placement, bool current, const QRegion& unpainted) const;
     bool readImage(const Placement& placement, bool current, platform::WindowSample& sample);
     const uchar* readPixels(const Placement& placement, const QRect& area, bool& damageIsThere);
-    bool putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted);
+    void putPixels(const uchar* pixels, const QRect& area, const QRect& visible, const QRegion& unpainted);
     void createDamage();
     void renewDamage();
     void endCapture();
@@ -142,7 +142,6 @@ private:
     Clock::time_point readAt_; // shown_, or a part of it
     Clock::time_point wholeReadAt_; // all of it
     SharedImages images_;
-    NoMemoryWarning noMemory_; // for what is put into them
     std::optional<Shown> shown_; // what the last image of images_ shows; nothing when there is none now
     std::optional<QPointF> pointer_; // asked for together with the placement
 };
