@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -20,9 +21,13 @@ constexpr char text[] = "Fatal: recorder is ended by a fault of the program or f
 
 volatile std::sig_atomic_t logDescriptor = -1;
 
+/// What a reader keeps waiting gets nothing: the process has to end.
 void writeText(int descriptor)
 {
-    if (descriptor >= 0 && ::write(descriptor, text, std::strlen(text)) < 0)
+    pollfd state{descriptor, POLLOUT, 0};
+    if (descriptor < 0 || ::poll(&state, 1, 0) != 1)
+        return;
+    if (::write(descriptor, text, std::strlen(text)) < 0)
         return; // there is nobody left to tell
 }
 

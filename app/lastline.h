@@ -6,8 +6,9 @@ namespace lastline {
 
 /**
  * From now on a signal of a fault (SIGSEGV, SIGABRT and their kind) first writes one line to stderr, and to the log
- * file when that was open at the last call, and then ends the process as it would have done. A signal that somebody
- * handles already, as a sanitizer does, is left alone.
+ * file when that was open at the last call, and then ends the process as it would have done; neither waits for a
+ * reader. A signal that somebody handles already, as a sanitizer does, is left alone. A stack that is exhausted
+ * leaves no room for the line.
  */
 void tellFaults();
 

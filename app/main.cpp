@@ -59,15 +59,17 @@ int recordAndFinish(GstRecorder& recorder)
     } catch (const std::exception& error) {
         lastline::tellException(error.what());
     }
-    finish(recorder, exitCode);
-    return exitCode;
+    try {
+        finish(recorder, exitCode);
+        return exitCode;
+    } catch (const std::exception& error) { // in what comes behind the end of the file
+        lastline::tellException(error.what());
+        return RecorderApplication::interruptedExitCode;
+    }
 }
 
 int record(int argc, char** argv, const QStringList& refusedPlugIns)
 {
-    // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
-    SignalNotifier::ignore(SIGPIPE);
-    SignalNotifier::ignore(SIGXFSZ);
     const QByteArray usageText = usage::text(argc, argv);
     if (usageText.isEmpty())
         startup::startLogging(startup::logFilePath(argc > 1 ? argv[1] : nullptr));
@@ -92,6 +94,9 @@ int record(int argc, char** argv, const QStringList& refusedPlugIns)
 
 int run(int argc, char** argv)
 {
+    // A launcher that closed our stderr, and a file-size limit, are errors of the call that meets them, not the end.
+    SignalNotifier::ignore(SIGPIPE);
+    SignalNotifier::ignore(SIGXFSZ);
     standardstreams::openMissing();
     standardstreams::keepErrorOutputFromBlocking();
     lastline::tellFaults();
@@ -103,7 +108,7 @@ int run(int argc, char** argv)
     int ownNameOnly = std::min(argc, 1);
     RecorderApplication application(ownNameOnly, argv);
     platform::becomeAccessory();
-    QCoreApplication::setOrganizationName(QStringLiteral("PEMLO"));
+    startup::setOrganization();
 
     const auto asksForPermissions
         = [](const char* given) { return std::strcmp(given, "--request-permissions") == 0; };

@@ -67,6 +67,14 @@ void writeLine(const QByteArray& line)
     stderrlines::write(report);
 }
 
+void writeLostLine()
+{
+    try {
+        writeLine(QByteArray::fromRawData(lostLine.data(), qsizetype(lostLine.size())));
+    } catch (const std::bad_alloc&) { // only for what would have been told beside it
+    }
+}
+
 }
 
 void MessageHandlerImpl(QtMsgType type, const QMessageLogContext& context, const QString& message)
@@ -75,7 +83,7 @@ void MessageHandlerImpl(QtMsgType type, const QMessageLogContext& context, const
         if (const char* const level = levelName(type))
             writeLine(formatted(level, message.toLocal8Bit(), context));
     } catch (const std::bad_alloc&) { // Qt calls this where nothing may be thrown
-        writeLine(QByteArray::fromRawData(lostLine.data(), qsizetype(lostLine.size())));
+        writeLostLine();
     }
     if (logFilePtr)
         std::fflush(logFilePtr);

@@ -117,6 +117,11 @@ void startup::preparePainting()
     painter.drawEllipse(QRectF(1, 1, size - 2, size - 2));
 }
 
+void startup::setOrganization()
+{
+    QCoreApplication::setOrganizationName(QStringLiteral("PEMLO"));
+}
+
 QString startup::logFilePath(const char* directory)
 {
     // Two arguments fill the two lowest markers there are: %1 and %3.

@@ -25,6 +25,9 @@ QStringList extendPluginPath(const char* executable);
 /// returned are the directories that are left out. Before the application object exists, behind extendPluginPath().
 QStringList leaveOutSharedDirectory();
 
+/// Names whom Qt takes for the program's maker. Behind the application object.
+void setOrganization();
+
 /// The name of this run's log file in a directory (argument 1, UTF-8; may be null for a missing argument).
 QString logFilePath(const char* directory);
 

@@ -37,7 +37,9 @@ Environment:
 
 Exit codes:
   0        the launcher said "exit"; the permission is held; too few arguments
-  2        the window capture could not be set up; the permission is not held
+  1        memory was refused; the file is finished first, where there is one
+  2        the window capture could not be set up; the system has no thread for
+           the recording; the permission is not held
   3        the launcher is gone, and ORVANTIS_END_WITH_LAUNCHER=1 was set
   128 + n  ended by signal n
 )";

@@ -5,6 +5,7 @@
 #include "avcompat.h"
 #include "averror.h"
 #include "encoderchoice.h"
+#include "ffmpeglog.h"
 #include "outputfile.h"
 #include "privatefile.h"
 
@@ -98,7 +99,7 @@ QByteArray GstRecorder::outputFileName() const
 
 bool GstRecorder::openOutput()
 {
-    av_log_set_level(AV_LOG_ERROR); // what encoders tell beyond errors is no business of the launcher's
+    ffmpeglog::tellErrors();
     privatefile::makeDirectories(QFile::encodeName(QFileInfo(outputPath).absolutePath()));
     if (!allocateContainer())
         return false;

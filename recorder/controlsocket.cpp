@@ -14,6 +14,8 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cerrno>
+#include <sys/socket.h>
 
 using namespace std::chrono_literals;
 
@@ -25,6 +27,11 @@ constexpr int attemptMs = 100; // an attempt that fails at once still lasts this
 constexpr auto exitDelay = 1000ms;
 constexpr int launcherGoneExitCode = 3;
 constexpr quint32 rootUserId = 0; // root can control every process anyway
+#ifdef MSG_NOSIGNAL
+constexpr int sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+#else
+constexpr int sendFlags = MSG_DONTWAIT; // Qt has the socket send no signal
+#endif
 
 /// The launcher has asked for it in the environment.
 bool endsWithLauncher()
@@ -163,10 +170,21 @@ void GstRecorder::sendDuration()
     sendReply(QJsonDocument(reply).toJson(QJsonDocument::Compact) + '\n');
 }
 
+/// Past the socket object: where the launcher has hung up, that would throw away the lines that are still to be read.
 void GstRecorder::sendReply(const QByteArray& bytes)
 {
     if (!controlSocket || controlSocket->state() != QLocalSocket::ConnectedState)
         return;
-    controlSocket->write(bytes);
-    controlSocket->flush();
+    ssize_t sent = -1;
+    do
+        sent
+            = ::send(int(controlSocket->socketDescriptor()), bytes.constData(), std::size_t(bytes.size()), sendFlags);
+    while (sent < 0 && errno == EINTR);
+    if (sent < 0 && errno != EAGAIN)
+        return; // nobody reads it any more; the event loop finds the end of the connection behind its last line
+    const qsizetype taken = std::max<qsizetype>(sent, 0);
+    if (taken < bytes.size()) { // a launcher that does not read
+        controlSocket->write(bytes.constData() + taken, bytes.size() - taken);
+        controlSocket->flush();
+    }
 }

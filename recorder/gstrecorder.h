@@ -7,8 +7,8 @@
 // runRecordingLoop() and with it all capture, composition and FFmpeg work. (The window is sampled on a thread of
 // windowCapture's, for which the worker waits within bounds; a frame is encoded on one of frameSending's, which it
 // waits for when too much is late; half of a frame may be converted on one of bandConversion's, which it waits for.)
-// They share only the atomics below, the click map under clickMutex, and durationMs, which the main thread reads
-// after the worker has finished.
+// They share only the atomics below, what clickMutex guards (the click map, and the clocks that give its keys), and
+// durationMs, which the main thread reads after the worker has finished.
 //
 // The road of one frame: captureWindowFrame() -> delay queue (3000 ms, so that late clicks still reach it)
 // -> composeFrame() -> prepareFrame(), sendPrepared(), finishEncoding() -> packet in the file.
@@ -287,7 +287,8 @@ private:
     bool exceptionLogged = false; // worker; the first exception was logged
     quint32 durationMs = 0; // written by the worker, read by stop() after the worker has finished
 
-    // Flags between the threads: release stores, acquire loads; each is written by one side only.
+    // Flags between the threads: release stores, acquire loads. Each is written by the thread that is named; without
+    // a worker the main thread sets its flags.
     std::atomic<bool> stopRequested{false}; // main; only ever set
     std::atomic<bool> paused{false}; // main, controlsocket.cpp; remembered, acted upon by nothing
     std::atomic<bool> frameComeSent{false}; // worker; the exchange that finds false emits frameCome()

@@ -14,7 +14,7 @@ inline constexpr int warmupCaptures = 3; ///< the first images after a redirect 
 inline constexpr qint64 settleMs = 0; ///< never holds back a capture; logged
 inline constexpr qint64 readyDelayMs = 500; ///< from the readiness byte to the first recorded frame
 inline constexpr qint64 holdMs = 3000; ///< clicks reported this late still reach their frames
-inline constexpr int queueReserve = 81; ///< holdMs in frames, and some: steady recording does not reallocate
+inline constexpr int queueReserve = 81; ///< holdMs in frames, and some
 inline constexpr int mostFramesAPass = 2; ///< prepared for the encoder beside one capture
 inline constexpr quint32 blackFrameDurationMs = 41;
 

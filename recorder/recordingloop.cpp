@@ -116,7 +116,7 @@ void GstRecorder::useIdleTime(LoopState& loop, qint64 nowMs)
     if (sleepMs >= longestIdleSleepMs && recordingClock.isValid() && sendPreparedIfFree()
         && drainNext(loop.queue, recordingClock.elapsed() - holdMs))
         return;
-    if (preparedMs)
+    if (preparedMs && frameSending.isUnderWay())
         frameSending.waitFor(std::chrono::milliseconds(sleepMs));
     else
         QThread::msleep(ulong(sleepMs));
@@ -169,10 +169,14 @@ void GstRecorder::rehearse(const CapturedFrame& frame)
         fillVideoFrame(composed);
 }
 
+/// Without memory for it, which throws, it is still to be announced.
 void GstRecorder::announceFrameCome()
 {
-    if (!frameComeSent.exchange(true, std::memory_order_acq_rel))
-        Q_EMIT frameCome();
+    if (frameComeSent.exchange(true, std::memory_order_acq_rel))
+        return;
+    auto failure = qScopeGuard([this] { frameComeSent.store(false, std::memory_order_release); });
+    Q_EMIT frameCome();
+    failure.dismiss();
 }
 
 void GstRecorder::recordFrame(LoopState& loop, CapturedFrame&& frame)

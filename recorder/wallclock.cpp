@@ -36,7 +36,11 @@ qint64 WallClock::correctionFor(qint64 timestampMs, qint64 elapsedMs) const
     };
     if (!canBeOf(*startedAtMs_ - jump_->byMs))
         return 0;
-    // No click of the new time is older than the jump: that decides for a small one.
-    const bool isBeforeJump = jump_->byMs > 0 && timestampMs <= jump_->noticedAtMs - jump_->byMs;
+    // Both times may fit a small jump. No click of the new time is older than the jump, none of the old one is
+    // younger.
+    const qint64 oldTimeOfJumpMs = jump_->noticedAtMs - jump_->byMs;
+    if (std::abs(jump_->byMs) <= latestClickMs && timestampMs > oldTimeOfJumpMs)
+        return 0;
+    const bool isBeforeJump = jump_->byMs > 0 && timestampMs <= oldTimeOfJumpMs;
     return isBeforeJump || !canBeOf(*startedAtMs_) ? -jump_->byMs : 0;
 }

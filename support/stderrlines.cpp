@@ -7,6 +7,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -46,8 +47,12 @@ ssize_t writeOnce(const char* bytes, std::size_t size)
         return ::send(errorOutput, bytes, size, MSG_DONTWAIT);
     if (S_ISREG(status.st_mode) || (::fcntl(errorOutput, F_GETFL) & O_NONBLOCK) != 0)
         return ::write(errorOutput, bytes, size);
+    if (!hasRoom()) {
+        errno = EAGAIN;
+        return -1;
+    }
     // A pipe that has room at all has room for PIPE_BUF bytes.
-    return hasRoom() ? ::write(errorOutput, bytes, std::min<std::size_t>(size, PIPE_BUF)) : -1;
+    return ::write(errorOutput, bytes, std::min<std::size_t>(size, PIPE_BUF));
 }
 
 /// How many bytes of the text are taken.
@@ -64,18 +69,38 @@ qsizetype writeAtOnce(const QByteArray& text)
     return written;
 }
 
+/// Behind the rest of the one before. False when nothing is taken of it, or when it has to end after its beginning.
+bool writeNext(Output& to, const QByteArray& text)
+{
+    to.rest.remove(0, writeAtOnce(to.rest));
+    const qsizetype written = to.rest.isEmpty() ? writeAtOnce(text) : 0;
+    if (written == 0)
+        return false;
+    try {
+        to.rest = text.mid(written);
+        return true;
+    } catch (const std::bad_alloc&) { // the beginning stands there, and is to mix with nothing
+        to.rest = QByteArray::fromRawData("\n", 1);
+        return false;
+    }
+}
+
 }
 
 quint64 stderrlines::write(const QByteArray& line)
 {
     Output& to = output();
     const std::lock_guard lock(to.mutex);
-    to.rest.remove(0, writeAtOnce(to.rest));
-    const qsizetype written = to.rest.isEmpty() ? writeAtOnce(line) : 0;
-    if (written == 0) {
+    if (!writeNext(to, line))
         ++to.dropped;
-        return 0;
-    }
-    to.rest = line.mid(written);
-    return to.rest.isEmpty() ? std::exchange(to.dropped, 0) : 0;
+    else if (to.rest.isEmpty())
+        return std::exchange(to.dropped, 0);
+    return 0;
+}
+
+void stderrlines::writeBeside(const QByteArray& text)
+{
+    Output& to = output();
+    const std::lock_guard lock(to.mutex);
+    writeNext(to, text);
 }

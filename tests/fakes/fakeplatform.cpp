@@ -138,6 +138,7 @@ QString mainBundleString(const char*)
 
 std::optional<quint32> peerUserId(qintptr)
 {
+    ++state().peerUserIdCalls;
     return state().peerUserId;
 }
 

@@ -33,6 +33,7 @@ struct State {
     std::vector<quint32> openedWindows; ///< ids, in the order of opening
 
     std::optional<quint32> peerUserId = 1000;
+    int peerUserIdCalls = 0;
     quint32 ownUserId = 1000;
     std::optional<qint64> availableMemory;
     /// So many calls of the seam of the memory succeed, and then none; nothing set: all.

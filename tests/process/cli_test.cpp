@@ -93,6 +93,7 @@ void CliTest::tenthArgumentMissing()
     QCOMPARE(log.size(), 10 + 4); // the arguments with the executable, identity, environment, library paths, and:
     QCOMPARE(log.last().level, "Debug");
     QCOMPARE(log.last().text, QStringLiteral("invalid param count"));
+    QCOMPARE(scene.recorder.standardOutput(), QByteArray());
     QVERIFY(!scene.launcher.isConnected());
     QVERIFY(!QFile::exists(scene.command.output));
 }

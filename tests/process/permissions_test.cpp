@@ -6,6 +6,10 @@
 #include <QDir>
 #include <QTest>
 
+#include <array>
+#include <fcntl.h>
+#include <unistd.h>
+
 class PermissionsTest : public QObject {
     Q_OBJECT
 
@@ -16,6 +20,8 @@ private Q_SLOTS:
     void held();
     void refused_data();
     void refused();
+    void withoutAReaderOfItsLines_data();
+    void withoutAReaderOfItsLines();
     void capitalsDoNotSelectIt();
 
 private:
@@ -79,6 +85,28 @@ void PermissionsTest::refused()
         "macOS screen recording preflight before request false\n"
         "macOS screen recording request result false preflight after request false\n"
         "recorder permission preflight completed screenCaptureAllowed false\n");
+}
+
+void PermissionsTest::withoutAReaderOfItsLines_data()
+{
+    QTest::addColumn<bool>("held");
+    QTest::newRow("held") << true;
+    QTest::newRow("refused") << false;
+}
+
+void PermissionsTest::withoutAReaderOfItsLines()
+{
+    QFETCH(const bool, held);
+    RecordingScene scene(held ? server_.display() : QByteArray(), 1);
+    std::array<int, 2> ends{};
+    QCOMPARE(::pipe2(ends.data(), O_CLOEXEC), 0);
+    ::close(ends[0]);
+    scene.recorder.setStandardError(ends[1]);
+    const bool started = scene.recorder.start({QStringLiteral("--request-permissions")});
+    ::close(ends[1]);
+    QVERIFY(started);
+    QVERIFY(scene.recorder.waitForEnd());
+    QCOMPARE(scene.recorder.exitCode(), held ? 0 : 2);
 }
 
 void PermissionsTest::capitalsDoNotSelectIt()

@@ -32,6 +32,7 @@ private Q_SLOTS:
     void keyBeforeTheRecordingStartsIsZero();
     void clockThatIsSetMovesNoClick_data();
     void clockThatIsSetMovesNoClick();
+    void clockThatWasSetLongAgoMovesNoClick();
     void clockThatDriftsIsFollowed();
     void clicksOfOneTimeGetFollowingKeys();
     void clicksBeforeTheStartGetFollowingKeys();
@@ -152,6 +153,22 @@ void ClickMapTest::clockThatIsSetMovesNoClick()
     bench_->recorder->addClick(10, 20, -1, -1, startedAtMs + 30); // stamped before, and under way
     QCOMPARE(keys(), (QList<qint64>{30, 40}));
     QCOMPARE(bench_->log.countStartingWith(QStringLiteral("Wall clock was set, or the machine slept")), 1);
+}
+
+/// A click may be later than is promised, and fit the time before the jump.
+void ClickMapTest::clockThatWasSetLongAgoMovesNoClick()
+{
+    constexpr qint64 startedAtMs = 1700000000000;
+    constexpr qint64 byMs = 3000;
+    WallClock clock;
+    QElapsedTimer recordingClock;
+    recordingClock.start();
+    clock.start(startedAtMs);
+    clock.now = [&] { return startedAtMs + byMs + recordingClock.elapsed(); };
+    QCOMPARE(clock.follow(recordingClock), byMs);
+    const qint64 elapsedMs = 600000;
+    QCOMPARE(clock.correctionFor(startedAtMs + byMs + elapsedMs - 6000, elapsedMs), 0);
+    QCOMPARE(clock.correctionFor(startedAtMs, 20), -byMs); // stamped before
 }
 
 /// In steps that are too small to be corrected each.

@@ -118,6 +118,7 @@ void ControlConnectTest::serverOfAnotherUserIsNotObeyed()
                                .arg(probe.controlSocket()->errorString());
     QCOMPARE(bench.log.messages(QtWarningMsg).mid(0, 2), (QStringList{foreign, unable}));
     QCOMPARE(bench.log.count(foreign), 1);
+    QCOMPARE(fakeplatform::state().peerUserIdCalls, 50); // an attempt each
     QCOMPARE(bench.log.count(unable), 1);
 
     Q_EMIT recorder->frameCome();

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void onlyAServerOfTheSameUserOrOfRootIsOurs();
     void onlyASocketIsRead();
     void lastLinesOfALauncherThatHangsUpAreObeyed();
+    void linesBeforeTheReplyToALauncherThatIsGoneAreObeyed();
     void launcherGoneInMidRecording();
 
 private:
@@ -226,6 +227,18 @@ void ControlSocketTest::lastLinesOfALauncherThatHangsUpAreObeyed()
         probe().controlSocket()->state(), QLocalSocket::LocalSocketState::UnconnectedState, patienceMs);
     QCOMPARE(clicks(), QStringLiteral("1 1 0 0 1"));
     QVERIFY(!probe().stopRequested().load()); // its line has no end
+}
+
+/// The main thread was busy with the stop while they came.
+void ControlSocketTest::linesBeforeTheReplyToALauncherThatIsGoneAreObeyed()
+{
+    QVERIFY(bench_->launcher.send("click|1|1|0|0\n" + pauseLine));
+    bench_->launcher.disconnectClient();
+    bench_->recorder->stop();
+    QVERIFY(probe().stopAcknowledged());
+    QTRY_VERIFY_WITH_TIMEOUT(probe().paused().load(), patienceMs);
+    QTRY_COMPARE_WITH_TIMEOUT(
+        probe().controlSocket()->state(), QLocalSocket::LocalSocketState::UnconnectedState, patienceMs);
 }
 
 void ControlSocketTest::launcherGoneInMidRecording()

@@ -9,10 +9,12 @@
 #include <QFile>
 #include <QTest>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <functional>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,6 +55,7 @@ class LastLineTest : public QObject {
 private Q_SLOTS:
     void fault_data();
     void fault();
+    void faultWhileNobodyReads();
     void handlerOfSomebodyElseStays();
     void endNow();
     void exception();
@@ -89,6 +92,28 @@ void LastLineTest::fault()
     QCOMPARE(WTERMSIG(status), number);
     QCOMPARE(contents(log), hasLog ? lastLine : QByteArray());
     QCOMPARE(contents(errors), lastLine);
+}
+
+/// A launcher's socket that is full: the process ends all the same.
+void LastLineTest::faultWhileNobodyReads()
+{
+    const PrivateTempDir directory;
+    const QByteArray log = directory.filePath(QStringLiteral("log")).toLocal8Bit();
+    const int status = statusOfChild([&] {
+        std::signal(SIGABRT, SIG_DFL);
+        std::array<int, 2> ends{};
+        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0)
+            ::_exit(failed);
+        while (::send(ends[0], "x", 1, MSG_DONTWAIT) == 1) { }
+        ::dup2(ends[0], STDERR_FILENO);
+        logFilePtr = std::fopen(log.constData(), "w");
+        lastline::tellFaults();
+        ::alarm(20); // seconds; the end of one that waits
+        std::raise(SIGABRT);
+    });
+    QVERIFY(WIFSIGNALED(status));
+    QCOMPARE(WTERMSIG(status), SIGABRT);
+    QCOMPARE(contents(log), lastLine);
 }
 
 void LastLineTest::handlerOfSomebodyElseStays()

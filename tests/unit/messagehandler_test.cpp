@@ -5,6 +5,7 @@
 #include "memorylimit.h"
 #include "privatetempdir.h"
 #include "stderrcapture.h"
+#include "stderrlines.h"
 
 #include <QDebug>
 #include <QSet>
@@ -111,6 +112,8 @@ private Q_SLOTS:
     void pipeThatNobodyReads();
     void droppedLinesAreReportedOnce();
     void longLineArrivesInPieces();
+    void longLineWithoutMemoryForItsRestIsCutOff();
+    void callThatWasInterruptedBeforeIsNotRepeatedForEver();
     void linesOfManyThreadsInAFullPipe();
     void withoutStandardErrorOnlyTheFileIsWritten();
 
@@ -382,6 +385,31 @@ void MessageHandlerTest::longLineArrivesInPieces()
     // Whole, and the report of those that were dropped meanwhile behind the first line that was taken again.
     QVERIFY(shown.startsWith(expected + "Debug: next (:0, )\n"));
     QVERIFY2(shown.mid(expected.size()).contains("earlier lines (:0, )\n"), shown.mid(expected.size()));
+}
+
+void MessageHandlerTest::longLineWithoutMemoryForItsRestIsCutOff()
+{
+    const StderrPipe errors;
+    const QByteArray line(qsizetype(32) << 20, 'x');
+    {
+        const MemoryLimit limit(rlim_t(8) << 20);
+        QCOMPARE(stderrlines::write(line), 0u);
+    }
+    const QByteArray beginning = errors.take();
+    QVERIFY(!beginning.isEmpty() && line.startsWith(beginning));
+    QCOMPARE(stderrlines::write("next\n"), 1u);
+    QCOMPARE(errors.take(), QByteArray("\nnext\n"));
+}
+
+/// A signal comes to a thread that then logs.
+void MessageHandlerTest::callThatWasInterruptedBeforeIsNotRepeatedForEver()
+{
+    const StderrPipe errors;
+    flood();
+    const qsizetype before = contents(path_).size();
+    errno = EINTR;
+    MessageHandlerImpl(QtDebugMsg, noContext, QStringLiteral("terminated"));
+    QCOMPARE(contents(path_).mid(before), QByteArray("Debug: terminated (:0, )\n"));
 }
 
 void MessageHandlerTest::linesOfManyThreadsInAFullPipe()

@@ -7,6 +7,9 @@
 #include "recorderbench.h"
 #include "testregistry.h"
 
+#include <QDateTime>
+
+#include <atomic>
 #include <new>
 
 namespace {
@@ -28,6 +31,7 @@ private Q_SLOTS:
     void captureThatThrowsCostsItsFrame_data();
     void captureThatThrowsCostsItsFrame();
     void captureThatAlwaysThrows();
+    void readinessThatThrowsIsAnnouncedAgain();
     void audioThatThrowsCostsNoFrame();
     void audioThatThrowsWhenItStarts();
     void audioThatCannotBeConfigured();
@@ -128,6 +132,30 @@ void RecorderExceptionsTest::captureThatAlwaysThrows()
     QVERIFY(isBlack(frames_.first().image));
     QCOMPARE(probe().durationMs(), 41u);
     QCOMPARE(bench_->log.countStartingWith(interruptedStart), 1); // said once
+}
+
+/// No memory for the event that brings it to the main thread.
+void RecorderExceptionsTest::readinessThatThrowsIsAnnouncedAgain()
+{
+    std::atomic<bool> isShown{false};
+    window_->beforeImage = [&](int) { return isShown.load(); };
+    make();
+    std::atomic<int> announced{0};
+    std::atomic<qint64> announcedAtMs{0};
+    QVERIFY(recorder_->disconnect(SIGNAL(frameCome())));
+    const auto announce = [&] {
+        if (announced++ == 0)
+            throw std::bad_alloc();
+        announcedAtMs = QDateTime::currentMSecsSinceEpoch();
+        QMetaObject::invokeMethod(recorder_.get(), "onFrameCome", Qt::QueuedConnection);
+    };
+    connect(recorder_.get(), &GstRecorder::frameCome, recorder_.get(), announce, Qt::DirectConnection);
+    isShown = true;
+    QTRY_VERIFY_WITH_TIMEOUT(probe().recordingStartedAtMs().load() > 0, patienceMs);
+    QTRY_COMPARE_WITH_TIMEOUT(bench_->launcher.received(), QByteArray("1"), patienceMs);
+    QCOMPARE(announced.load(), 2);
+    QVERIFY(probe().recordingStartedAtMs().load() - announcedAtMs.load() >= 490); // the delay of the first frame
+    stopAndVerify();
 }
 
 void RecorderExceptionsTest::audioThatThrowsCostsNoFrame()

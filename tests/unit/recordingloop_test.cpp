@@ -300,7 +300,6 @@ void RecordingLoopTest::unchangedWindowIsRecordedAllTheSame()
         QCOMPARE(frame.number, 255);
 }
 
-/// The launcher's clicks and the worker's first frame meet at the clock.
 /// The memory that is there holds ten frames: no more are kept, each reaches the file, and the log says it once.
 void RecordingLoopTest::framesAreComposedEarlyForWantOfMemory()
 {
@@ -319,6 +318,7 @@ void RecordingLoopTest::framesAreComposedEarlyForWantOfMemory()
     QVERIFY2(lines.first().endsWith(QStringLiteral("MiB 0 limit 0")), qPrintable(lines.first()));
 }
 
+/// The launcher's clicks and the worker's first frame meet at the clock.
 void RecordingLoopTest::clicksArriveWhileTheClockStarts()
 {
     make();

@@ -56,6 +56,7 @@ private Q_SLOTS:
     void pluginDirectoryOfARelativeExecutable();
     void pluginPathIsUtf8();
 
+    void organization();
     void stampIsSafeInAFileName();
     void stampsOfOneMillisecondDiffer();
     void logPath_data();
@@ -204,6 +205,15 @@ void StartupTest::pluginPathIsUtf8()
     const QString executables = makeDirectory(QStringLiteral("B\u00fcndel/MacOS"));
     startup::extendPluginPath((executables + QStringLiteral("/recorder")).toLocal8Bit().constData());
     QCOMPARE(qgetenv("QT_PLUGIN_PATH"), executables.toUtf8() + "/../PlugIns");
+}
+
+void StartupTest::organization()
+{
+    const QString before = QCoreApplication::organizationName();
+    startup::setOrganization();
+    const QString name = QCoreApplication::organizationName();
+    QCoreApplication::setOrganizationName(before);
+    QCOMPARE(name, QStringLiteral("PEMLO"));
 }
 
 void StartupTest::stampIsSafeInAFileName()
