@@ -17,16 +17,21 @@ def packet_times_ms(file):
 
 def missed_slots(times_ms, slot_ms):
     """Slots without a frame. A slot begins when its frame is due; after a gap the next frame begins them anew."""
-    missed = 0
+    return sum(slots for _, slots in gaps_with_missed_slots(times_ms, slot_ms))
+
+
+def gaps_with_missed_slots(times_ms, slot_ms):
+    """(when the gap ends, slots that are missed in it)"""
+    gaps = []
     due = times_ms[0]
     for time_ms in times_ms[1:]:
         due += slot_ms
         late_slots = int((time_ms - due) // slot_ms)
         if late_slots > 0:
-            missed += late_slots
+            gaps.append((time_ms, late_slots))
             due = time_ms
         due = min(due, time_ms)
-    return missed
+    return gaps
 
 
 def missed_late_percent(times_ms, slot_ms, from_s):

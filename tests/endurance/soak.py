@@ -94,7 +94,8 @@ def main():
         misheard, audio = heard(stage, recorder, duration_ms)
     seen = {what: sorted({look[what] for look in held}) for what in MOST_CHANGE}
     changed = {what: values for what, values in seen.items() if values[-1] - values[0] > MOST_CHANGE[what]}
-    missed = recorded.missed_slots(times_ms, SLOT_MS)
+    gaps = recorded.gaps_with_missed_slots(times_ms, SLOT_MS)
+    missed = sum(slots for _, slots in gaps)
     usual, highest = growth(kib)
     most = MOST_GROWTH if options.every_slot else MOST_GROWTH_WHEN_LATE
     wrong = [errors] if errors else []
@@ -104,6 +105,8 @@ def main():
     wrong += [f"not constant: {changed}"] if changed else []
     wrong += [f"{missed} slots missed"] if missed and options.every_slot else []
     print(json.dumps({"minutes": round(duration_ms / 60000, 2), "frames": len(times_ms), "missedSlots": missed,
+                      "missedAtS": [round(time_ms / 1000, 1) for time_ms, _ in gaps[:20]],
+                      "longestGapMs": round(recorded.longest_gap_ms(times_ms)),
                       "memoryKiB": [round(min(kib)), round(max(kib))], "growthPercent": round(usual * 100, 2),
                       "highestPercent": round(highest * 100, 2),
                       **audio, **held[-1], "wrong": wrong}))
