@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int badUsage = 2;
-constexpr int usualLimitS = 200; // the longest way: 60 s for the duration, 60 s for SIGTERM, and before it readiness
+constexpr int usualLimitS = 200; // the longest way: 60 s for the duration, 70 s for SIGTERM, and before it readiness
 
 const auto help = QStringLiteral(
     "Runs a launcher against recorders that behave well and badly, and prints what it did right and wrong.\n"

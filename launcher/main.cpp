@@ -73,7 +73,7 @@ int record(const Options& options)
     if (options.window.by == WindowWish::By::Click && !options.quiet)
         stderrlines::write(asksTheDesktop(options.window)
                 ? "choose the window to record in the desktop's dialogue\n"
-                : "click the window to record; another mouse button cancels\n");
+                : "click the window to record; another mouse button or Escape cancels\n");
     const Target target = chooseTarget(options);
     if (!target.error.isEmpty()) {
         Outcome refused;

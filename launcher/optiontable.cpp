@@ -32,7 +32,7 @@ const auto tail = QStringLiteral("\n"
                                  "       an error\n"
                                  "  8    recorded, but not as asked: the warnings say what is wrong\n"
                                  "  130  interrupted twice: the recorder was killed; or interrupted in the\n"
-                                 "       countdown\n"
+                                 "       countdown, or while --select waits\n"
                                  "--verify, --share-only and --explain end with 0, or with 2 when the file cannot\n"
                                  "be read; --verify and --share-only with 8 when something is wrong with it;\n"
                                  "--share-only with 7 when the copy cannot be written, with 130 when interrupted.\n");
@@ -76,7 +76,7 @@ const QList<OptionGroup>& optionGroups()
             {
                 {"list", "", "Show the windows that there are, with --json as JSON, and record nothing."},
                 {"select", "",
-                    "Record the window that is clicked next (Escape: none); on Wayland, the one that is chosen in "
+                    "Record the window that is clicked next (Escape cancels); on Wayland, the one that is chosen in "
                     "the "
                     "desktop's dialogue."},
                 {"again", "",

@@ -3,11 +3,13 @@
 
     installed_test.py BUILD_DIRECTORY NODE
 """
+import json
 import pathlib
 import re
 import subprocess
 import sys
 import tempfile
+import tomllib
 import unittest
 
 BUILD, NODE = sys.argv[1:]
@@ -29,6 +31,14 @@ class Installed(unittest.TestCase):
                                      check=True).stdout
             self.assertRegex(version, f"^{name} [0-9.]+\n$")
 
+    def test_clients_have_the_programs_version(self):
+        version = subprocess.run([self.prefix / "bin" / "orvantis-recorder", "--version"], capture_output=True,
+                                 text=True, check=True).stdout.split()[1]
+        clients = self.prefix / "share" / "orvantis-recorder" / "clients"
+        package = json.loads((clients / "node" / "package.json").read_text(encoding="utf-8"))
+        project = tomllib.loads((clients / "python" / "pyproject.toml").read_text(encoding="utf-8"))
+        self.assertEqual([package["version"], project["project"]["version"]], [version, version])
+
     def test_files(self):
         """All of them, but for the clients' and the pages', which are whole folders."""
         found = {str(path.relative_to(self.prefix)) for path in self.prefix.rglob("*") if path.is_file()}
@@ -39,7 +49,7 @@ class Installed(unittest.TestCase):
             "share/man/man1/orvantis-recorder.1", "share/man/man1/record-window.1",
             "share/man/man1/launcher-check.1", "share/man/man1/recorder-check.1",
             "share/doc/orvantis-recorder/README.md", "share/doc/orvantis-recorder/CHANGELOG.md",
-            "share/doc/orvantis-recorder/LICENSE"})
+            "share/doc/orvantis-recorder/CONTRIBUTING.md", "share/doc/orvantis-recorder/LICENSE"})
 
     def test_pages_link_to_what_is_there(self):
         documentation = self.prefix / "share" / "doc" / "orvantis-recorder"

@@ -27,7 +27,8 @@ function deferred() {
     return result;
 }
 
-// A log file is named after the millisecond of the start, so two recorders must not start into one directory at once.
+// A log file is named after the moment of the start, to the microsecond: two recorders do not start into one directory
+// at once.
 const turns = new Map();
 
 async function inTurn(directory, start) {

@@ -14,8 +14,8 @@ _turns: weakref.WeakKeyDictionary[asyncio.AbstractEventLoop, Locks] = weakref.We
 
 
 def turn(directory: Path) -> asyncio.Lock:
-    """A log file is named after the millisecond of the start: two recorders must not start into one directory at
-    once."""
+    """A log file is named after the moment of the start, to the microsecond: two recorders do not start into one
+    directory at once."""
     return _turns.setdefault(asyncio.get_running_loop(), {}).setdefault(directory, asyncio.Lock())
 
 
