@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 namespace {
 
@@ -11,7 +12,9 @@ constexpr qint64 framesPerMs = 48;
 constexpr qint64 nsPerMs = 1000000;
 
 constexpr qint64 toleranceFrames = 12 * framesPerMs; ///< by which a time stamp may be wrong
-constexpr qint64 mostFrames = 10000 * framesPerMs; ///< queued, and in one delivery
+constexpr qint64 mostFrames = AudioTimeline::mostMs * framesPerMs; ///< in one delivery
+constexpr qint64 mostQueued = mostFrames + 1000 * framesPerMs; ///< so that the audio goes on where a delivery ends
+constexpr qint64 mostAheadNs = AudioTimeline::mostMs * nsPerMs; ///< of its arrival a block can end
 
 // How long no block must have come for the rest to be silence, and how long a reader may keep coming when the audio
 // is just not there yet; each in time and in blocks, of which both have to pass.
@@ -47,6 +50,9 @@ void AudioTimeline::start(qint64 startMs, bool inMidstream)
     fadedIn_ = 0;
     arrivedNs_ = startMs * nsPerMs;
     blockNs_ = 0;
+    ahead_.clear();
+    aheadFrames_ = 0;
+    missed_ = false;
     waitingSinceMs_.reset();
 }
 
@@ -63,12 +69,49 @@ double AudioTimeline::frameAt(qint64 ns) const
     return double(sinceStartNs) * double(framesPerMs) / double(nsPerMs);
 }
 
+/// It cannot be queued: the silence before it would take too much memory.
+bool AudioTimeline::isFarAhead(const Block& block, std::size_t samples) const
+{
+    return frameAt(block.startNs) + double(samples / 2) > double(delivered_ + mostQueued);
+}
+
 void AudioTimeline::append(const Block& block, std::span<const float> stereo)
 {
     const auto frames = qint64(stereo.size() / 2);
-    const double startFrame = frameAt(block.startNs);
-    if (frames == 0 || std::abs(startFrame + double(frames) - double(delivered_)) > double(mostFrames))
+    const qint64 endNs = block.startNs + frames * nsPerMs / framesPerMs;
+    if (frames == 0 || endNs - block.arrivedNs > mostAheadNs || frameAt(endNs) < double(delivered_ - mostFrames))
         return;
+    if (!ahead_.empty() || isFarAhead(block, stereo.size()))
+        keepApart(block, stereo);
+    else
+        place(block, stereo);
+}
+
+void AudioTimeline::keepApart(const Block& block, std::span<const float> stereo)
+{
+    const auto frames = qint64(stereo.size() / 2);
+    if (aheadFrames_ + frames > mostFrames) {
+        missed_ = true;
+        return;
+    }
+    ahead_.push_back({block, {stereo.begin(), stereo.end()}});
+    aheadFrames_ += frames;
+}
+
+void AudioTimeline::placeNear()
+{
+    while (!ahead_.empty() && !isFarAhead(ahead_.front().block, ahead_.front().stereo.size())) {
+        const FarBlock next = std::move(ahead_.front());
+        ahead_.pop_front();
+        aheadFrames_ -= qint64(next.stereo.size() / 2);
+        place(next.block, next.stereo);
+    }
+}
+
+void AudioTimeline::place(const Block& block, std::span<const float> stereo)
+{
+    const auto frames = qint64(stereo.size() / 2);
+    const double startFrame = frameAt(block.startNs);
     arrivedNs_ = std::max(arrivedNs_, block.arrivedNs);
     blockNs_ = frames * nsPerMs / framesPerMs;
 
@@ -167,11 +210,9 @@ std::optional<std::vector<float>> AudioTimeline::deliver(qint64 untilMs, bool la
     if (!prepare(untilMs, last))
         return std::nullopt;
     waitingSinceMs_.reset();
-    const qint64 wanted = framesUntil(untilMs);
-    const qint64 tooMany = wanted - mostFrames;
-    if (tooMany > 0)
-        skip(tooMany);
-    return take(std::min(wanted, mostFrames));
+    std::vector<float> audio = take(framesUntil(untilMs));
+    placeNear();
+    return audio;
 }
 
 bool AudioTimeline::isStalled(qint64 untilMs) const

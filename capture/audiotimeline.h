@@ -5,6 +5,8 @@
 
 #include <QtGlobal>
 
+#include <algorithm>
+#include <deque>
 #include <optional>
 #include <span>
 #include <vector>
@@ -19,6 +21,9 @@
  * No such place makes a click. Audio that ends is followed by its own mirror image, which fades out within 5 ms, and
  * audio that begins fades in as long, except at the very start; where both meet that is a crossfade. Everything else
  * is delivered bit for bit as it came, unless the speed is being corrected.
+ *
+ * What is queued is bounded: what lies further ahead than the next delivery can reach is kept apart until the reader
+ * comes near, as long as that is no more than mostMs.
  */
 class AudioTimeline {
 public:
@@ -36,24 +41,42 @@ public:
     /// even what is there from the start on fades in.
     void start(qint64 startMs, bool inMidstream = false);
 
-    /// stereo: two samples a frame. A block of no frames, or of a time that is far off, is left out.
+    /// The longest delivery. A reader that was away for longer comes to the present in several turns.
+    static constexpr qint64 mostMs = 10000;
+    /// The instant that the reader's next turn delivers up to.
+    static qint64 turnEnd(qint64 deliveredMs, qint64 untilMs) { return std::min(untilMs, deliveredMs + mostMs); }
+
+    /// stereo: two samples a frame. A block of no frames, or whose time is far from when it became known, is left
+    /// out.
     void append(const Block& block, std::span<const float> stereo);
 
     /// The audio from the end of the last delivery up to this instant, 48 frames for each millisecond; nothing when
     /// there is no such time, or while its audio is on its way. When no block has come for a while, the rest of it is
-    /// silence; the last time it is silence at once. Of more than 10 seconds only the last 10 are delivered.
+    /// silence; the last time it is silence at once. See turnEnd() for an instant that is far away.
     std::optional<std::vector<float>> deliver(qint64 untilMs, bool last = false);
 
     /// Whether deliver() would hand out something now. One call of either is a turn of the reader.
     bool prepare(qint64 untilMs, bool last = false);
 
     /// There is no audio left beyond the last delivery.
-    bool isEmpty() const { return !running_ && queue_.empty(); }
+    bool isEmpty() const { return !running_ && queue_.empty() && ahead_.empty(); }
+
+    /// Since the start a block was left out because the reader had been away for too long.
+    bool hasMissed() const { return missed_; }
 
 private:
+    struct FarBlock {
+        Block block;
+        std::vector<float> stereo;
+    };
+
     qint64 queuedFrames() const { return qint64(queue_.size() / 2); }
     qint64 framesUntil(qint64 untilMs) const;
     double frameAt(qint64 ns) const;
+    bool isFarAhead(const Block& block, std::size_t samples) const;
+    void keepApart(const Block& block, std::span<const float> stereo);
+    void placeNear();
+    void place(const Block& block, std::span<const float> stereo);
     void beginRun(double startFrame, std::span<const float>& stereo);
     void endRun();
     void appendEcho();
@@ -78,6 +101,10 @@ private:
     qint64 fadedIn_ = 0; // frames of the run; as many as a seam has when it is in
     qint64 arrivedNs_ = 0; // the last block, at first the start
     qint64 blockNs_ = 0; // length of the last block
+
+    std::deque<FarBlock> ahead_; // in the order in which they came
+    qint64 aheadFrames_ = 0;
+    bool missed_ = false;
 
     // While audio is awaited:
     std::optional<qint64> waitingSinceMs_;

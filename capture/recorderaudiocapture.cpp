@@ -212,6 +212,18 @@ void RecorderAudioCapturePrivate::stop()
     started = false;
 }
 
+qint64 RecorderAudioCapturePrivate::deliverUntil(qint64 monotonicMs, bool last)
+{
+    if (!stream || !started)
+        return monotonicMs;
+    const platform::AudioDelivery delivery = stream->deliverUntil(monotonicMs, last);
+    if (delivery.missed && !missedLogged) {
+        qWarning() << "Audio was not taken in time; some of it is left out. Told once.";
+        missedLogged = true; // unless there was no memory for the line
+    }
+    return delivery.untilMs;
+}
+
 RecorderAudioCapturePrivate::~RecorderAudioCapturePrivate()
 {
     stop();
@@ -256,10 +268,9 @@ void RecorderAudioCapture::stop()
         d->stop();
 }
 
-void RecorderAudioCapture::deliverUntil(qint64 monotonicMs, bool last)
+qint64 RecorderAudioCapture::deliverUntil(qint64 monotonicMs, bool last)
 {
-    if (d && d->stream && d->started)
-        d->stream->deliverUntil(monotonicMs, last);
+    return d ? d->deliverUntil(monotonicMs, last) : monotonicMs;
 }
 
 int RecorderAudioCapture::sampleRate() const

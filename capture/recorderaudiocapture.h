@@ -45,8 +45,9 @@ public:
 
     /// Asks a platform that meters its audio out to queue what belongs before this instant (milliseconds of the
     /// monotonic clock), and, the last time, not to wait for what is on its way; see
-    /// platform::AudioStream::deliverUntil(). Does nothing while not started.
-    void deliverUntil(qint64 monotonicMs, bool last = false);
+    /// platform::AudioStream::deliverUntil(). Does nothing while not started. Returns how far that came: an earlier
+    /// instant when there is more, for which it is called again once what is queued was taken.
+    qint64 deliverUntil(qint64 monotonicMs, bool last = false);
     /// Takes every queued chunk, in the order of arrival.
     QList<Chunk> readAvailable();
 

@@ -23,6 +23,7 @@ public:
 
     bool start();
     void stop();
+    qint64 deliverUntil(qint64 monotonicMs, bool last);
 
     /// Converts one delivered buffer and queues the chunk (audiosampleintake.cpp). null is ignored.
     void handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer) noexcept;
@@ -43,6 +44,7 @@ public:
     bool started = false; ///< between a successful start and the next stop
     bool unsupportedFormatLogged = false;
     bool lossLogged = false;
+    bool missedLogged = false;
 
 private:
     void takeIn(const platform::AudioSampleBuffer* buffer);

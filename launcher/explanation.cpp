@@ -162,6 +162,8 @@ constexpr auto entries = std::to_array<Entry>({
         "the system has too many threads; close other programs, and record again"},
     {"No memory for audio that was delivered", Meaning::AudioHarmed,
         "memory is short; pieces of the audio are missing"},
+    {"Audio was not taken in time", Meaning::AudioHarmed,
+        "the recorder was held up, mostly by a disk that did not answer; pieces of the audio are missing"},
     {"Output file was closed with an error", Meaning::VideoHarmed,
         "the disk or the network did not take all of the file; record to another place"},
     {"Recorder drops the mouse clicks farthest ahead", Meaning::Remark,

@@ -47,6 +47,7 @@ void AudioMeter::start(qint64 startMs)
     latencyKnown_ = false;
     endNs_.reset();
     startMs_ = deliveredMs_ = startMs;
+    missed_ = false;
 }
 
 void AudioMeter::append(std::optional<qint64> startNs, qint64 arrivedNs, std::span<const qint16> stereo)
@@ -57,8 +58,10 @@ void AudioMeter::append(std::optional<qint64> startNs, qint64 arrivedNs, std::sp
         block.stereo.push_back(float(sample) / fullScale);
     const std::lock_guard lock(mutex_);
     const auto frames = qint64(stereo.size() / 2);
-    if (incomingFrames_ + frames > mostFrames)
+    if (incomingFrames_ + frames > mostFrames) {
+        refused_ = true;
         return;
+    }
     incoming_.push_back(std::move(block));
     incomingFrames_ += frames;
 }
@@ -67,6 +70,7 @@ std::vector<AudioMeter::Incoming> AudioMeter::takeIncoming()
 {
     const std::lock_guard lock(mutex_);
     incomingFrames_ = 0;
+    missed_ = std::exchange(refused_, false) || missed_;
     return std::exchange(incoming_, {});
 }
 
@@ -83,10 +87,12 @@ std::optional<std::vector<qint16>> AudioMeter::deliver(qint64 untilMs, bool last
             return std::nullopt;
         holdBack();
     }
-    const auto audio = timeline_.deliver(untilMs, last);
+    missed_ = missed_ || timeline_.hasMissed();
+    const qint64 endMs = AudioTimeline::turnEnd(deliveredMs_, untilMs);
+    const auto audio = timeline_.deliver(endMs, last || endMs < untilMs);
     if (!audio)
         return std::nullopt;
-    deliveredMs_ = untilMs;
+    deliveredMs_ = endMs;
     std::vector<qint16> samples(audio->size());
     std::transform(audio->begin(), audio->end(), samples.begin(), sampleOf);
     return samples;

@@ -24,11 +24,16 @@ public:
     /// The first delivery starts at this instant. What has been appended is forgotten.
     void start(qint64 startMs);
 
-    /// startNs: when its first sample is heard, where that is known. Left out when nobody reads.
+    /// startNs: when its first sample is heard, where that is known. Left out, and noted, when nobody reads.
     void append(std::optional<qint64> startNs, qint64 arrivedNs, std::span<const qint16> stereo);
 
-    /// See AudioTimeline::deliver().
+    /// See AudioTimeline::deliver(). One turn: where deliveredMs() is then before the instant there is more.
     std::optional<std::vector<qint16>> deliver(qint64 untilMs, bool last);
+
+    /// The end of the last delivery.
+    qint64 deliveredMs() const { return deliveredMs_; }
+    /// Since the start audio was left out because the reader had been away for too long.
+    bool hasMissed() const { return missed_; }
 
 private:
     struct Incoming {
@@ -47,8 +52,10 @@ private:
     std::mutex mutex_; ///< guards what append() shares with the reader
     std::vector<Incoming> incoming_;
     qint64 incomingFrames_ = 0;
+    bool refused_ = false; ///< a block, for want of room
 
     // The reader's:
+    bool missed_ = false;
     AudioTimeline timeline_{0};
     std::vector<Incoming> first_; ///< until it is known how late they are
     bool latencyKnown_ = false;

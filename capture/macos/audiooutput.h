@@ -30,7 +30,7 @@ struct platform::AudioOutput::Impl {
     /// out.
     void take(CMSampleBufferRef _Nullable block) noexcept;
     /// On the reader's thread.
-    void deliverUntil(qint64 untilMs, bool last);
+    AudioDelivery deliverUntil(qint64 untilMs, bool last);
 
     const AudioReceiver receiver;
     macos::AudioMeter meter;
@@ -38,6 +38,7 @@ struct platform::AudioOutput::Impl {
 
 private:
     void takeBlock(CMSampleBufferRef block);
+    void handOver(std::vector<qint16> audio);
     void handOut(const AudioSampleBuffer* _Nullable buffer);
 
     std::mutex receiverMutex_; ///< it is given one buffer at a time

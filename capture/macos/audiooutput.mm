@@ -113,12 +113,17 @@ void AudioOutput::Impl::takeBlock(CMSampleBufferRef block)
         {reinterpret_cast<const qint16*>(chunk->pcm.constData()), std::size_t(chunk->frames) * 2});
 }
 
-void AudioOutput::Impl::deliverUntil(qint64 untilMs, bool last)
+AudioDelivery AudioOutput::Impl::deliverUntil(qint64 untilMs, bool last)
 {
     auto audio = meter.deliver(untilMs, last);
-    if (!audio)
-        return;
-    const auto memory = std::make_shared<const std::vector<qint16>>(std::move(*audio));
+    if (audio)
+        handOver(std::move(*audio));
+    return {audio ? meter.deliveredMs() : untilMs, meter.hasMissed()};
+}
+
+void AudioOutput::Impl::handOver(std::vector<qint16> audio)
+{
+    const auto memory = std::make_shared<const std::vector<qint16>>(std::move(audio));
     AudioSampleBuffer buffer;
     buffer.description = stereoOfSigned16();
     buffer.frames = qint64(memory->size() / 2);

@@ -248,10 +248,12 @@ void AudioStream::stopCapture(AudioCompletion completion)
     }
 }
 
-void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
+AudioDelivery AudioStream::deliverUntil(qint64 monotonicMs, bool last)
 {
+    AudioDelivery delivery{monotonicMs};
     if (impl_->started && impl_->output)
-        impl_->output->impl().deliverUntil(monotonicMs, last);
+        delivery = impl_->output->impl().deliverUntil(monotonicMs, last);
+    return delivery;
 }
 
 }

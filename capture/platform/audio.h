@@ -91,6 +91,15 @@ private:
 /// platform's or before the call returns, or never when the system does not answer.
 using AudioCompletion = std::function<void(std::optional<QString> error)>;
 
+/// What AudioStream::deliverUntil() has done.
+struct AudioDelivery {
+    /// How far it came: mostly the instant that was asked for, also when there was nothing to deliver. An earlier one
+    /// when it has delivered 10 seconds, the most at a time: then there is more, for the next call.
+    qint64 untilMs = 0;
+    /// Since the start audio was left out, as it was not asked for until there was no room for more.
+    bool missed = false;
+};
+
 /**
  * A stream of audio. Made, started, stopped and destroyed on one thread (another than the platform's own). Making it
  * never fails; what fails is told by addStreamOutput() or startCapture(). The output (and delegate) and the queue
@@ -120,7 +129,7 @@ public:
      * reference of QElapsedTimer::msecsSinceReference()). The last time, what has not arrived is silence instead:
      * it is not asked for later.
      */
-    void deliverUntil(qint64 monotonicMs, bool last = false);
+    AudioDelivery deliverUntil(qint64 monotonicMs, bool last = false);
 
 private:
     struct Impl;

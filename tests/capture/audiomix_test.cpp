@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 using namespace pipewire;
 
@@ -22,6 +23,35 @@ void push(BlockQueue& queue, qint64 atMs, qint64 ms, float value)
     const std::vector<float> samples(std::size_t(ms) * 96, value);
     const qint64 atNs = (startMs + atMs) * nsPerMs;
     QVERIFY(queue.push({atNs, atNs, ms * 48}, samples.data()));
+}
+
+constexpr qint64 blockMs = 20;
+
+/// Blocks of 20 ms from one instant to the other, as they come while nobody reads. Returns how long those are that
+/// found room.
+qint64 pushUnread(BlockQueue& queue, qint64 fromMs, qint64 toMs, float value)
+{
+    const std::vector<float> samples(std::size_t(blockMs) * 96, value);
+    qint64 keptMs = 0;
+    for (qint64 ms = fromMs; ms < toMs; ms += blockMs) {
+        const qint64 atNs = (startMs + ms) * nsPerMs;
+        keptMs += queue.push({atNs, atNs, blockMs * 48}, samples.data()) ? blockMs : 0;
+    }
+    return keptMs;
+}
+
+/// All up to an instant, as the recorder asks for it: in turns, none of which is longer than 10 s. Nothing when one
+/// of them delivers nothing.
+std::optional<std::vector<float>> deliverAll(AudioMix& mix, const BlockQueues& queues, qint64 untilMs)
+{
+    std::vector<float> all;
+    while (mix.deliveredMs() < startMs + untilMs) {
+        const auto audio = mix.deliver(queues, startMs + untilMs, false);
+        if (!audio || audio->size() > 10'000 * 96)
+            return std::nullopt;
+        all.insert(all.end(), audio->begin(), audio->end());
+    }
+    return all;
 }
 
 /// Nothing unless all frames from one to the other, seams left out, have that value.
@@ -46,6 +76,11 @@ private Q_SLOTS:
     void streamThatComesLaterFadesIn();
     void streamThatGoesIsHeardToTheEnd();
     void beginsAnew();
+    void readerThatWasAway_data();
+    void readerThatWasAway();
+    void audioOnBothSidesOfAnAbsence();
+    void nothingIsMissed_data();
+    void nothingIsMissed();
 };
 
 void AudioMixTest::addsWhatIsHeardAtTheSameTime()
@@ -122,6 +157,105 @@ void AudioMixTest::beginsAnew()
     const auto audio = mix.deliver(queues, startMs + 1050, false);
     QVERIFY(audio && audio->size() == 50 * 96);
     QCOMPARE(valueOf(audio, 0, 50 * 48), std::optional(0.5F));
+}
+
+void AudioMixTest::readerThatWasAway_data()
+{
+    QTest::addColumn<int>("awayMs");
+    QTest::newRow("longer than the queue holds") << 8000;
+    QTest::newRow("longer than one delivery") << 12000;
+    QTest::newRow("much longer") << 61000;
+}
+
+/// What found room is heard in its place, silence stands for the rest, and then it goes on.
+void AudioMixTest::readerThatWasAway()
+{
+    QFETCH(const int, awayMs);
+    const BlockQueues queues{std::make_shared<BlockQueue>()};
+    AudioMix mix(0);
+    mix.start(startMs);
+    const qint64 keptMs = pushUnread(*queues[0], 0, awayMs, 0.25F);
+    QVERIFY(keptMs > 5000 && keptMs < awayMs);
+    const auto audio = deliverAll(mix, queues, awayMs);
+    QVERIFY(audio && qint64(audio->size()) == awayMs * 96);
+    QCOMPARE(valueOf(audio, 0, keptMs * 48), std::optional(0.25F));
+    QCOMPARE(valueOf(audio, keptMs * 48 + seamFrames, awayMs * 48), std::optional(0.F));
+    QVERIFY(mix.hasMissed());
+    push(*queues[0], awayMs, 100, 0.5F);
+    const auto next = deliverAll(mix, queues, awayMs + 90);
+    QVERIFY(next && next->size() == 90 * 96);
+    QCOMPARE(valueOf(next, seamFrames, 90 * 48), std::optional(0.5F));
+}
+
+/// A player that paused in the meantime: all of it is there.
+void AudioMixTest::audioOnBothSidesOfAnAbsence()
+{
+    const BlockQueues queues{std::make_shared<BlockQueue>()};
+    AudioMix mix(0);
+    mix.start(startMs);
+    QCOMPARE(pushUnread(*queues[0], 0, 1000, 0.25F), 1000);
+    QCOMPARE(pushUnread(*queues[0], 14000, 15000, 0.5F), 1000);
+    const auto audio = deliverAll(mix, queues, 14990);
+    QVERIFY(audio && audio->size() == 14990 * 96);
+    QCOMPARE(valueOf(audio, 0, 1000 * 48), std::optional(0.25F));
+    QCOMPARE(valueOf(audio, 1000 * 48 + seamFrames, 14000 * 48), std::optional(0.F));
+    QCOMPARE(valueOf(audio, 14000 * 48 + seamFrames, 14990 * 48), std::optional(0.5F));
+    QVERIFY(!mix.hasMissed());
+}
+
+void AudioMixTest::nothingIsMissed_data()
+{
+    using Happens = std::function<void(AudioMix&, BlockQueues&)>;
+    QTest::addColumn<Happens>("happens"); // until 20 s after the start
+    QTest::newRow("it was full before the start") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        pushUnread(*queues[0], -10'000, 0, 0.25F);
+        mix.start(startMs);
+    });
+    QTest::newRow("it was full before it was started again") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        mix.start(startMs - 20'000);
+        mix.deliver(queues, startMs - 19'000, false);
+        pushUnread(*queues[0], -19'000, 0, 0.25F);
+        mix.start(startMs);
+    });
+    QTest::newRow("the audio begins late") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        mix.start(startMs);
+        deliverAll(mix, queues, 15'000);
+        pushUnread(*queues[0], 15'000, 20'000, 0.25F);
+    });
+    QTest::newRow("the audio pauses") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        mix.start(startMs);
+        pushUnread(*queues[0], 0, 2'000, 0.25F);
+        deliverAll(mix, queues, 18'000);
+        pushUnread(*queues[0], 18'000, 20'000, 0.25F);
+    });
+    QTest::newRow("another stream comes late") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        mix.start(startMs);
+        pushUnread(*queues[0], 0, 1'000, 0.25F);
+        deliverAll(mix, queues, 16'000);
+        queues.push_back(std::make_shared<BlockQueue>());
+        pushUnread(*queues[1], 16'000, 20'000, 0.25F);
+    });
+    QTest::newRow("the reader is away as long as the queue holds") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        mix.start(startMs);
+        deliverAll(mix, queues, 15'000);
+        pushUnread(*queues[0], 15'000, 20'000, 0.25F);
+    });
+    QTest::newRow("there is no stream") << Happens([](AudioMix& mix, BlockQueues& queues) {
+        queues.clear();
+        mix.start(startMs);
+        mix.deliver(queues, startMs + 15'000, false);
+    });
+}
+
+void AudioMixTest::nothingIsMissed()
+{
+    using Happens = std::function<void(AudioMix&, BlockQueues&)>;
+    QFETCH(const Happens, happens);
+    BlockQueues queues{std::make_shared<BlockQueue>()};
+    AudioMix mix(0);
+    happens(mix, queues);
+    mix.deliver(queues, startMs + 20'000, false);
+    QVERIFY(!mix.hasMissed());
 }
 
 ORVANTIS_TEST(AudioMixTest)

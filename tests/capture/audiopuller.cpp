@@ -140,14 +140,28 @@ bool AudioPuller::stopCapture()
 
 void AudioPuller::fetch()
 {
+    fetchUntil(monotonicMs(), false);
+}
+
+int AudioPuller::fetchTheLast(int laterMs)
+{
+    return fetchUntil(monotonicMs() + laterMs, true);
+}
+
+int AudioPuller::fetchUntil(qint64 untilMs, bool last)
+{
     const std::size_t before = audio_.size();
-    const qint64 now = monotonicMs();
-    stream_->deliverUntil(now);
+    int turns = 1;
+    platform::AudioDelivery delivery = stream_->deliverUntil(untilMs, last);
+    for (; delivery.untilMs < untilMs; ++turns)
+        delivery = stream_->deliverUntil(untilMs, last);
+    missed_ = delivery.missed;
     if (audio_.size() == before)
-        return;
+        return turns;
     if (!std::exchange(delivered_, true))
-        startMs_ = std::clamp(now - qint64(audio_.size() / 96), earliestStartMs_, latestStartMs_);
-    surplusMs_ = qint64(audio_.size() / 96) - (now - startMs_);
+        startMs_ = std::clamp(untilMs - qint64(audio_.size() / 96), earliestStartMs_, latestStartMs_);
+    surplusMs_ = qint64(audio_.size() / 96) - (untilMs - startMs_);
+    return turns;
 }
 
 void AudioPuller::append(const platform::AudioSampleBuffer& buffer)

@@ -34,6 +34,8 @@ public:
 
     /// Fetches for that long.
     void pull(int ms);
+    /// Fetches up to so much later than now, as if the recording ended then. Returns how many deliveries that took.
+    int fetchTheLast(int laterMs);
 
     /// A piece of what is captured, channels alternating.
     struct Piece {
@@ -51,6 +53,9 @@ public:
     /// Milliseconds of audio that are missing or too many, by the clock, at the last delivery.
     qint64 surplusMs() const { return surplusMs_; }
 
+    /// Audio was left out, by the last delivery, because nobody had fetched it.
+    bool hasMissed() const { return missed_; }
+
     int timesStopped() const { return timesStopped_; }
     bool stopCapture();
     bool startCapture(); ///< after stopCapture()
@@ -60,6 +65,7 @@ private:
     bool start(const std::set<qint64>* wanted);
     bool waitFor(void (platform::AudioStream::*request)(platform::AudioCompletion));
     void fetch();
+    int fetchUntil(qint64 untilMs, bool last);
     void append(const platform::AudioSampleBuffer& buffer);
 
     std::vector<float> audio_;
@@ -69,6 +75,7 @@ private:
     qint64 startMs_ = 0;
     bool delivered_ = false; // since the start
     qint64 surplusMs_ = 0;
+    bool missed_ = false;
     std::atomic<int> timesStopped_ = 0;
     bool capturing_ = false;
     QString error_;

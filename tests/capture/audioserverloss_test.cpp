@@ -98,6 +98,7 @@ private Q_SLOTS:
     void serverDiesBeforeTheStart();
     void serverStopsBeforeTheLookUp();
     void serverStopsAndGoesOn();
+    void readerThatWasAway();
     void defaultSinkChanges();
     void quantumStays();
     void volumeThatSomebodyChanges();
@@ -184,6 +185,7 @@ void AudioServerLossTest::serverStopsAndGoesOn()
     QVERIFY(hearsNothing({puller.get()})); // the recording's audio goes on all the same
     server_->server.continueDaemon();
     QVERIFY(hears({puller.get()}, tone));
+    QVERIFY(!puller->hasMissed());
     QCOMPARE(puller->timesStopped(), 0);
 
     server_->server.stopDaemon();
@@ -192,6 +194,29 @@ void AudioServerLossTest::serverStopsAndGoesOn()
     puller.reset();
     QVERIFY(ending.elapsed() < limitMs);
     server_->server.continueDaemon();
+}
+
+/// What found room meanwhile is heard, the rest is told to be missing, and then it goes on in step.
+void AudioServerLossTest::readerThatWasAway()
+{
+    constexpr int awayMs = 6500; // the queue holds five seconds
+    constexpr int keptMs = 4500;
+    ToneProcess player(ToneProcess::tone(QStringLiteral("wanted"), tone));
+    AudioPuller puller;
+    QVERIFY(hears({&puller}, tone));
+    QVERIFY(!puller.hasMissed());
+    const auto before = std::ptrdiff_t(puller.audio().size());
+    QTest::qWait(awayMs);
+    puller.pull(100);
+    QVERIFY(puller.hasMissed());
+    QCOMPARE(puller.surplusMs(), qint64(0));
+    const auto begin = puller.audio().begin() + before;
+    const AudioPuller::Piece kept{{begin, begin + keptMs * 96}, double(puller.startMs()) + double(before) / 96};
+    const QString faults = faultsOf(kept, tone, player);
+    QVERIFY2(faults.isEmpty(), qPrintable(faults));
+    QVERIFY(hears({&puller}, tone));
+    QCOMPARE(puller.fetchTheLast(15'000), 2); // ten seconds at a time
+    QCOMPARE(puller.surplusMs(), qint64(0));
 }
 
 void AudioServerLossTest::defaultSinkChanges()

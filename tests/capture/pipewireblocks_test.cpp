@@ -81,6 +81,7 @@ void PipewireBlocksTest::leavesOutWhatFindsNoRoom()
     QVERIFY(!queue.push({0, 0, std::numeric_limits<qint64>::max()}, most.data()));
     QVERIFY(queue.push({0, 0, mostFrames}, most.data()));
     QVERIFY(!queue.push({1, 1, 1}, most.data()));
+    QVERIFY(queue.hasRefusedSince(1) && !queue.hasRefusedSince(2));
     QVERIFY(queue.pop(samples));
     QCOMPARE(samples, most);
 
@@ -134,6 +135,7 @@ void PipewireBlocksTest::leavesOutEmptyBlocks()
     const std::vector<float> source = numbered(1, 1);
     QVERIFY(!queue.push({0, 0, 0}, source.data()));
     QVERIFY(!queue.push({0, 0, -1}, source.data()));
+    QVERIFY(!queue.hasRefusedSince(0));
     QVERIFY(!queue.pop(samples));
 }
 

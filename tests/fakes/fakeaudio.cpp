@@ -190,11 +190,12 @@ void AudioStream::stopCapture(AudioCompletion completion)
         completion(std::nullopt);
 }
 
-void AudioStream::deliverUntil(qint64 monotonicMs, bool last)
+AudioDelivery AudioStream::deliverUntil(qint64 monotonicMs, bool last)
 {
     audio().lastDeliveries += last;
     if (audio().deliverUntil)
         audio().deliverUntil(monotonicMs);
+    return audio().delivery ? audio().delivery(monotonicMs) : AudioDelivery{monotonicMs};
 }
 
 }

@@ -30,6 +30,8 @@ struct AudioState {
     std::function<void(platform::AudioCompletion)> stop; ///< unset: succeeds at once
     /// Called with the instant; it may call deliver().
     std::function<void(qint64)> deliverUntil;
+    /// What it is told then. Unset: that all of it was delivered.
+    std::function<platform::AudioDelivery(qint64)> delivery;
     /// No wait is longer than this, whatever is asked for.
     std::chrono::milliseconds longestWait{100};
 

@@ -9,6 +9,7 @@
 
 #include <QTest>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -45,6 +46,7 @@ private Q_SLOTS:
 
     void metersTheAudioByTheClock();
     void withoutAClockNothingIsMeteredOrAligned();
+    void longStallIsCaughtUpInTurns();
 
     void lateBurstIsPlacedBackFromNow();
     void audioFasterThanTheClockIsDroppedWhereItOverlaps();
@@ -91,6 +93,35 @@ void AudioEncodingTest::withoutAClockNothingIsMeteredOrAligned()
     QVERIFY(recorder.turn(5000, testaudio::noise(480, 1000)));
     QCOMPARE(metered, 0);
     QCOMPARE(recorder.present(), 1480);
+}
+
+/// Five seconds of audio, then silence: the platform hands out ten seconds at a time, and each is put in its place.
+void AudioEncodingTest::longStallIsCaughtUpInTurns()
+{
+    constexpr qint64 stallMs = 25000;
+    constexpr qint64 audioMs = 5000;
+    QVERIFY(useExactEncoder());
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    qint64 deliveredMs = 0;
+    QList<qint64> turns;
+    fakeplatform::audio().delivery = [&](qint64 instant) {
+        const qint64 untilMs = std::min(instant - setclock::referenceMs, deliveredMs + 10000);
+        auto samples = testaudio::frames(deliveredMs * 48, (untilMs - deliveredMs) * 48,
+            [](qint64 place) { return place < audioMs * 48 ? testaudio::noiseAt(place) : qint16(0); });
+        fakeplatform::deliverStereo(samples);
+        deliveredMs = untilMs;
+        turns.append(untilMs);
+        return platform::AudioDelivery{setclock::referenceMs + untilMs};
+    };
+    QVERIFY(recorder.turn(stallMs));
+    QCOMPARE(turns, (QList<qint64>{10000, 20000, stallMs}));
+    QCOMPARE(recorder.present(), stallMs * 48);
+    QVERIFY(recorder.finishAudio());
+    std::vector<qint16> expected;
+    appendNoise(expected, 0, audioMs * 48);
+    expected.resize(stallMs * 48, 0);
+    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
 }
 
 /// Half a second's audio in ten blocks at once: it ended now, so it began half a second ago.

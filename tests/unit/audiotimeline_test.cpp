@@ -44,6 +44,7 @@ private Q_SLOTS:
     void senselessBlocksAreLeftOut();
     void timeThatStandsOrRunsBackDeliversNothing();
     void longPauseOfTheReaderIsBounded();
+    void audioFarAheadIsBounded();
     void hourOfAudioNeverPilesUp();
     void beginsAnew();
     void foreignClockIsFollowed_data();
@@ -239,7 +240,7 @@ void AudioTimelineTest::senselessBlocksAreLeftOut()
 {
     AudioTimeline timeline = started();
     append(timeline, 0, 0);
-    append(timeline, 3600 * 48000, 480); // in an hour
+    timeline.append({atFrame(3600 * 48000), atFrame(0)}, numbered(1, 480)); // in an hour
     append(timeline, 0, 480);
     append(timeline, -3600 * 48000, 480);
     append(timeline, 480, 48 * 11000); // longer than anything is kept
@@ -259,14 +260,50 @@ void AudioTimelineTest::timeThatStandsOrRunsBackDeliversNothing()
     QCOMPARE(left(timeline.deliver(startMs + 21)), range(20 * 48 + 1, 48));
 }
 
+/// It comes back in turns, and gets what is there, before and behind the silence.
 void AudioTimelineTest::longPauseOfTheReaderIsBounded()
 {
+    constexpr qint64 pauseMs = 25000;
     AudioTimeline timeline = started();
     append(timeline, 0, 4800);
-    QCOMPARE(left(timeline.deliver(startMs + 3600 * 1000)), std::vector<qint64>(10000 * 48, 0));
-    appendAt(timeline, atFrame(3600 * 48000), 1, 960);
-    QCOMPARE(
-        differenceButSeams(left(timeline.deliver(startMs + 3600 * 1000 + 15)), range(1, 15 * 48), {0}), QString());
+    append(timeline, pauseMs * 48, 960);
+    append(timeline, pauseMs * 48 + 960, 960);
+    std::vector<qint64> all;
+    for (qint64 ms = 0; ms < pauseMs + 35;) {
+        ms = AudioTimeline::turnEnd(ms, pauseMs + 35);
+        const std::vector<qint64> turn = left(timeline.deliver(startMs + ms));
+        QVERIFY(turn.size() <= 10000 * 48);
+        all = joined(std::move(all), turn);
+        QCOMPARE(qint64(all.size()), ms * 48);
+    }
+    auto expected = joined(range(1, 4800), std::vector<qint64>(pauseMs * 48 - 4800, 0));
+    expected = joined(expected, range(pauseMs * 48 + 1, 35 * 48));
+    QCOMPARE(differenceButSeams(all, expected, {4800, pauseMs * 48}), QString());
+    QVERIFY(!timeline.hasMissed());
+    QVERIFY(!timeline.deliver(startMs + pauseMs + 60, true)->empty());
+    QVERIFY(timeline.isEmpty());
+}
+
+/// What lies ahead of that is bounded, too, and what is lost is told.
+void AudioTimelineTest::audioFarAheadIsBounded()
+{
+    constexpr qint64 second = 48000;
+    AudioTimeline timeline = started();
+    const auto appendSecond = [&timeline](qint64 number) { append(timeline, number * second, second); };
+    for (qint64 number = 12; number < 22; ++number)
+        appendSecond(number);
+    QVERIFY(!timeline.hasMissed());
+    QVERIFY(!timeline.isEmpty());
+    appendSecond(22);
+    QVERIFY(timeline.hasMissed());
+    std::vector<qint64> all;
+    for (const qint64 ms : {10000, 20000, 23000})
+        all = joined(std::move(all), left(timeline.deliver(startMs + ms, true)));
+    auto expected = joined(std::vector<qint64>(12 * second, 0), range(12 * second + 1, 10 * second));
+    expected = joined(expected, std::vector<qint64>(second, 0));
+    QCOMPARE(differenceButSeams(all, expected, {12 * second, 22 * second}), QString());
+    timeline.start(startMs);
+    QVERIFY(!timeline.hasMissed());
 }
 
 /// A reader that comes every 10 to 100 ms, and once a minute only after 3 s.

@@ -9,6 +9,7 @@
 
 #include <QTest>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -85,6 +86,8 @@ private Q_SLOTS:
     void streamEndsByItself();
     void streamEndsWithoutError();
     void meteringOnlyWhileStarted();
+    void meteringInTurns();
+    void audioThatIsNotTakenInTimeIsToldOnce();
     void nullPrivateObject();
     void everythingIsReleased();
 };
@@ -558,6 +561,34 @@ void RecorderAudioCaptureTest::meteringOnlyWhileStarted()
     QCOMPARE(asked.size(), 2U);
 }
 
+void RecorderAudioCaptureTest::meteringInTurns()
+{
+    audio().delivery
+        = [](qint64 monotonicMs) { return platform::AudioDelivery{std::min<qint64>(monotonicMs, 10000)}; };
+    const auto capture = displayCapture();
+    QCOMPARE(capture->deliverUntil(20000), qint64(20000));
+    QVERIFY(capture->start());
+    QCOMPARE(capture->deliverUntil(20000), qint64(10000));
+    QCOMPARE(capture->deliverUntil(9000), qint64(9000));
+}
+
+void RecorderAudioCaptureTest::audioThatIsNotTakenInTimeIsToldOnce()
+{
+    bool missed = false;
+    audio().delivery = [&missed](qint64 monotonicMs) { return platform::AudioDelivery{monotonicMs, missed}; };
+    const auto capture = displayCapture();
+    QVERIFY(capture->start());
+    const LogCapture log;
+    capture->deliverUntil(1);
+    QCOMPARE(log.messages(), QStringList());
+    missed = true;
+    capture->deliverUntil(2);
+    capture->deliverUntil(3);
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList(QStringLiteral("Audio was not taken in time; some of it is left out. Told once.")));
+    QCOMPARE(log.messages().size(), 1);
+}
+
 void RecorderAudioCaptureTest::nullPrivateObject()
 {
     const LogCapture log;
@@ -565,7 +596,7 @@ void RecorderAudioCaptureTest::nullPrivateObject()
     QVERIFY(!capture.isValid());
     QVERIFY(!capture.start());
     capture.stop();
-    capture.deliverUntil(1);
+    QCOMPARE(capture.deliverUntil(1), qint64(1));
     QCOMPARE(capture.readAvailable().size(), 0);
     QCOMPARE(capture.sampleRate(), 48000);
     QCOMPARE(capture.channelCount(), 2);

@@ -159,12 +159,17 @@ void AudioStream::stopCapture(AudioCompletion completion)
     impl_->capture.setActive(false, std::move(completion));
 }
 
-void AudioStream::deliverUntil(qint64 untilMs, bool last)
+AudioDelivery AudioStream::deliverUntil(qint64 untilMs, bool last)
 {
+    AudioDelivery delivery{untilMs};
     if (!impl_->started || !impl_->output)
-        return;
-    if (auto audio = impl_->mix.deliver(impl_->capture.queues(), untilMs, last))
+        return delivery;
+    if (auto audio = impl_->mix.deliver(impl_->capture.queues(), untilMs, last)) {
         impl_->deliver(std::move(*audio));
+        delivery.untilMs = impl_->mix.deliveredMs();
+    }
+    delivery.missed = impl_->mix.hasMissed();
+    return delivery;
 }
 
 }

@@ -6,10 +6,17 @@
 
 namespace pipewire {
 
+namespace {
+
+constexpr qint64 nsPerMs = 1000000;
+
+}
+
 void AudioMix::start(qint64 startMs)
 {
-    deliveredMs_ = startMs;
+    startMs_ = deliveredMs_ = startMs;
     delivered_ = false;
+    missed_ = false;
     std::erase_if(voices_, [](const Voice& voice) { return voice.ended; });
     for (Voice& voice : voices_)
         voice.timeline.start(startMs);
@@ -29,6 +36,7 @@ void AudioMix::follow(const BlockQueues& queues)
     for (Voice& voice : voices_) {
         while (const auto taken = voice.queue->pop(block_))
             voice.timeline.append({taken->startNs, taken->arrivedNs, taken->discontinuous}, block_);
+        missed_ = missed_ || voice.timeline.hasMissed() || voice.queue->hasRefusedSince(startMs_ * nsPerMs);
     }
     std::erase_if(voices_, [](const Voice& voice) { return voice.ended && voice.timeline.isEmpty(); });
 }
@@ -36,20 +44,22 @@ void AudioMix::follow(const BlockQueues& queues)
 std::optional<std::vector<float>> AudioMix::deliver(const BlockQueues& queues, qint64 untilMs, bool last)
 {
     follow(queues);
-    bool isThere = untilMs > deliveredMs_;
+    const qint64 endMs = voices_.empty() ? untilMs : AudioTimeline::turnEnd(deliveredMs_, untilMs);
+    const bool isOver = last || endMs < untilMs; // nothing of it is still awaited
+    bool isThere = endMs > deliveredMs_;
     for (Voice& voice : voices_)
-        isThere = voice.timeline.prepare(untilMs, last || voice.ended) && isThere;
+        isThere = voice.timeline.prepare(endMs, isOver || voice.ended) && isThere;
     if (!isThere)
         return std::nullopt;
     std::optional<std::vector<float>> mix;
     for (Voice& voice : voices_) {
-        std::optional<std::vector<float>> audio = voice.timeline.deliver(untilMs, last || voice.ended);
+        std::optional<std::vector<float>> audio = voice.timeline.deliver(endMs, isOver || voice.ended);
         if (mix && audio)
             std::transform(mix->begin(), mix->end(), audio->begin(), mix->begin(), std::plus<>());
         else if (audio)
             mix = std::move(audio);
     }
-    deliveredMs_ = untilMs;
+    deliveredMs_ = endMs;
     delivered_ = true;
     return mix;
 }

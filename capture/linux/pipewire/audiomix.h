@@ -20,8 +20,14 @@ public:
 
     void start(qint64 startMs);
 
-    /// See AudioTimeline::deliver(). queues: of the streams that there are now; they do not change their order.
+    /// See AudioTimeline::deliver(). queues: of the streams that there are now; they do not change their order. One
+    /// turn: where deliveredMs() is then before the instant there is more.
     std::optional<std::vector<float>> deliver(const BlockQueues& queues, qint64 untilMs, bool last);
+
+    /// The end of the last delivery.
+    qint64 deliveredMs() const { return deliveredMs_; }
+    /// Since the start audio was left out because the reader had been away for too long.
+    bool hasMissed() const { return missed_; }
 
 private:
     struct Voice {
@@ -32,7 +38,9 @@ private:
     void follow(const BlockQueues& queues);
 
     int holdBackMs_;
-    qint64 deliveredMs_ = 0; // the end of the last delivery
+    qint64 startMs_ = 0;
+    qint64 deliveredMs_ = 0;
+    bool missed_ = false;
     bool delivered_ = false; // since the start
     std::vector<Voice> voices_;
     std::vector<float> block_; // its samples

@@ -5,6 +5,8 @@
 
 #include <spa/utils/ringbuffer.h>
 
+#include <atomic>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -21,8 +23,8 @@ struct AudioBlock {
 
 /**
  * One thread puts blocks in, one takes them out. Neither waits for the other, and putting in needs no memory from the
- * system. Holds about 5 seconds; what finds no room is left out. Each block lies in the ring with its samples behind
- * it.
+ * system. Holds about 5 seconds; what finds no room is left out, and noted. Each block lies in the ring with its
+ * samples behind it.
  */
 class BlockQueue {
 public:
@@ -35,8 +37,12 @@ public:
         quint32 index = 0;
         const qint32 used = spa_ringbuffer_get_write_index(&ring_, &index);
         const qint64 room = qint64(byteCapacity) - used - qint64(sizeof(block));
-        if (block.frames <= 0 || block.frames > room / qint64(frameBytes))
+        if (block.frames <= 0)
             return false;
+        if (block.frames > room / qint64(frameBytes)) {
+            refusedNs_.store(block.arrivedNs, std::memory_order_relaxed);
+            return false;
+        }
         const auto bytes = quint32(block.frames) * quint32(frameBytes);
         write(index, &block, sizeof(block));
         write(index + quint32(sizeof(block)), samples, bytes);
@@ -59,6 +65,9 @@ public:
         return block;
     }
 
+    /// Whether a block that has arrived since then found no room. Any thread.
+    bool hasRefusedSince(qint64 ns) const { return refusedNs_.load(std::memory_order_relaxed) >= ns; }
+
 private:
     void write(quint32 index, const void* from, quint32 bytes)
     {
@@ -69,6 +78,7 @@ private:
         spa_ringbuffer_read_data(&ring_, memory_.get(), byteCapacity, index % byteCapacity, to, bytes);
     }
 
+    std::atomic<qint64> refusedNs_{std::numeric_limits<qint64>::min()}; // when the last of them arrived
     spa_ringbuffer ring_{};
     std::unique_ptr<char[]> memory_ = std::make_unique<char[]>(byteCapacity);
 };
