@@ -63,6 +63,7 @@ private Q_SLOTS:
     void questionWithoutAnAnswerIsAskedAgain();
     void questionsWithoutAnAnswerHoldUpNoOther();
     void nodesThatHaveGoneAreNotAskedFor();
+    void noAnswerTakesNoDecisionAway();
     void questionThatThrowsIsAskedAgain();
     void filterThatThrowsIsAskedAgain();
 };
@@ -252,6 +253,40 @@ void NodeDecisionsTest::nodesThatHaveGoneAreNotAskedFor()
     const int before = asked;
     QTest::qWait(50);
     QCOMPARE(asked.load(), before);
+}
+
+/// A player that makes its stream anew, with the same id, while it is asked about the one before: that is answered,
+/// and the second question meets a server that hangs.
+void NodeDecisionsTest::noAnswerTakesNoDecisionAway()
+{
+    SlowQuestion first;
+    std::atomic<int> second = 0;
+    std::atomic<int> decided = 0;
+    int asked = 0;
+    NodeDecisions decisions(
+        [&](qint64 pid) -> Verdict {
+            if (pid == 8)
+                return [] { return std::optional(true); };
+            if (++asked == 1)
+                return first.question();
+            return [&second]() -> std::optional<bool> {
+                ++second;
+                return std::nullopt;
+            };
+        },
+        [&decided] { ++decided; }, {1ms, 1ms});
+    decisions.of(50, 9);
+    first.asked.acquire();
+    decisions.keepNodesOf(graphOf({}));
+    QCOMPARE(decisions.of(50, 9), std::optional<bool>());
+    QCOMPARE(asked, 2);
+    first.answered.release();
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 1, limitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(second.load() > 0, limitMs);
+    decisions.of(51, 8);
+    QTRY_COMPARE_WITH_TIMEOUT(decided.load(), 2, limitMs); // what was being asked then is over
+    QCOMPARE(decisions.of(50, 9), std::optional(true));
+    QCOMPARE(second.load(), 1);
 }
 
 void NodeDecisionsTest::questionThatThrowsIsAskedAgain()

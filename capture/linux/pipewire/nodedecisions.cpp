@@ -69,6 +69,8 @@ void NodeDecisions::Shared::settle(Waiting question, std::optional<bool> answer)
         const auto waiting = answers.find(question.key);
         if (waiting == answers.end())
             return; // the node has gone
+        if (!answer && waiting->second)
+            return; // a question that was asked of the same node before knew it
         waiting->second = answer;
         if (!answer) {
             question.due = Clock::now() + question.pause;
