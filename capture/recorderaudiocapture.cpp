@@ -8,6 +8,7 @@
 #include <QDebug>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace {
@@ -226,7 +227,10 @@ qint64 RecorderAudioCapturePrivate::deliverUntil(qint64 monotonicMs, bool last)
 
 RecorderAudioCapturePrivate::~RecorderAudioCapturePrivate()
 {
-    stop();
+    try {
+        stop();
+    } catch (const std::exception&) { // no memory; a stream that runs ends with its object, too
+    }
     stream.reset(); // no callback after this
     output.reset();
     queue.reset();

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <thread>
 
 using fakeplatform::audio;
@@ -81,6 +82,7 @@ private Q_SLOTS:
     void startAfterStop();
     void chunksSurviveStop();
     void destructionStops();
+    void destructionWithoutMemoryForTheStop();
     void destructionWhileAStartIsPending();
 
     void streamEndsByItself();
@@ -492,6 +494,18 @@ void RecorderAudioCaptureTest::destructionStops()
     capture.reset();
     QCOMPARE(audio().stops, 1);
     QCOMPARE(audio().waits.back(), twoSeconds);
+    QVERIFY(!fakeplatform::deliverStereo({1, 2}));
+}
+
+/// A recording that ends for want of memory still answers its launcher.
+void RecorderAudioCaptureTest::destructionWithoutMemoryForTheStop()
+{
+    auto capture = displayCapture();
+    QVERIFY(capture->start());
+    audio().stop = [](const platform::AudioCompletion&) { throw std::bad_alloc(); };
+    capture.reset();
+    QCOMPARE(audio().stops, 1);
+    QCOMPARE(audio().liveStreams + audio().liveOutputs + audio().liveQueues, 0);
     QVERIFY(!fakeplatform::deliverStereo({1, 2}));
 }
 
