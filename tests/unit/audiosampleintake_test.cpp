@@ -87,6 +87,7 @@ private Q_SLOTS:
     void frameCounts();
     void failingBufferListAddsNoChunk();
     void memoryForTheBufferListIsMissing();
+    void memoryForTheLargestBufferIsMissing();
     void bufferListIsReleased();
     void unsupportedBuffersAreNotFetched();
     void deliveriesAndReadsMeet();
@@ -385,6 +386,22 @@ void AudioSampleIntakeTest::memoryForTheBufferListIsMissing()
     const AudioSampleBuffer next = oneFloatFrame();
     QVERIFY(fakeplatform::deliver(&next));
     QCOMPARE(intake.capture->readAvailable().size(), 1);
+    QCOMPARE(intake.log.messages(),
+        QStringList{QStringLiteral("No memory for audio that was delivered; it is left out. Told once.")});
+}
+
+/// As many frames as there can be are not too many: what is missing is only the memory, which is told of.
+void AudioSampleIntakeTest::memoryForTheLargestBufferIsMissing()
+{
+    const Intake intake;
+    AudioSampleBuffer buffer = oneFloatFrame(std::numeric_limits<qint32>::max());
+    buffer.description = AudioStreamDescription{linearPcm, interleavedFloat, 4, 1, 32};
+    {
+        const MemoryLimit limit(rlim_t(4) << 30); // the chunk takes 8 GiB
+        QVERIFY(fakeplatform::deliver(&buffer));
+        QVERIFY(fakeplatform::deliver(&buffer));
+    }
+    QCOMPARE(intake.capture->readAvailable().size(), 0);
     QCOMPARE(intake.log.messages(),
         QStringList{QStringLiteral("No memory for audio that was delivered; it is left out. Told once.")});
 }
