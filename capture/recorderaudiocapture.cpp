@@ -6,8 +6,10 @@
 #include "recorderaudiocapture_p.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -38,6 +40,25 @@ constexpr platform::AudioStreamConfiguration streamConfiguration{
     .channelCount = outputChannels,
     .excludesCurrentProcessAudio = false,
 };
+
+/// When the clock showed 0, in milliseconds of the monotonic clock.
+qint64 monotonicStartMs(const QElapsedTimer& clock)
+{
+    using namespace std::chrono;
+    constexpr int attempts = 3; // the thread may be stopped between the clocks
+    nanoseconds start{};
+    nanoseconds least = nanoseconds::max();
+    for (int i = 0; i < attempts; ++i) {
+        const nanoseconds before(clock.nsecsElapsed());
+        const nanoseconds now = steady_clock::now().time_since_epoch();
+        const nanoseconds took = nanoseconds(clock.nsecsElapsed()) - before;
+        if (took >= least)
+            continue;
+        least = took;
+        start = now - before - took / 2;
+    }
+    return duration_cast<milliseconds>(start).count();
+}
 
 /// Where a completion leaves its result. Shared by the waiting function and the completion: one that comes after the
 /// wait was given up still finds it alive.
@@ -194,6 +215,7 @@ bool RecorderAudioCapturePrivate::start()
         return false;
     }
     started = true;
+    clockStartMs.reset();
     qDebug() << "macOS ScreenCaptureKit audio capture started"
              << "sample rate" << outputSampleRate << "channels" << outputChannels;
     return true;
@@ -275,6 +297,15 @@ void RecorderAudioCapture::stop()
 qint64 RecorderAudioCapture::deliverUntil(qint64 monotonicMs, bool last)
 {
     return d ? d->deliverUntil(monotonicMs, last) : monotonicMs;
+}
+
+qint64 RecorderAudioCapture::deliverUntil(const QElapsedTimer& clock, qint64 elapsedMs, bool last)
+{
+    if (!d)
+        return elapsedMs;
+    if (!d->clockStartMs)
+        d->clockStartMs = monotonicStartMs(clock);
+    return d->deliverUntil(*d->clockStartMs + elapsedMs, last) - *d->clockStartMs;
 }
 
 int RecorderAudioCapture::sampleRate() const

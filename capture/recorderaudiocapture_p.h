@@ -45,6 +45,7 @@ public:
     bool unsupportedFormatLogged = false;
     bool lossLogged = false;
     bool missedLogged = false;
+    std::optional<qint64> clockStartMs; ///< of the reader's clock, on the monotonic one; unset until it is shown
 
 private:
     void takeIn(const platform::AudioSampleBuffer* buffer);

@@ -58,12 +58,11 @@ bool GstRecorder::encodePendingAudio(bool last)
         return true;
     const bool clockRuns = recordingClock.isValid();
     const qint64 elapsedMs = clockRuns ? recordingClock.elapsed() : 0; // the present, for this whole call
-    const qint64 startMs = clockRuns ? recordingClock.msecsSinceReference() : 0;
     for (;;) {
         // A platform that meters its audio out by our clock hands over exactly what belongs before this instant. If
         // it ran by a clock of its own, every call would pad or cut a few samples out of continuous audio: clicks.
         // After a long stall it comes to the present in several turns.
-        const qint64 untilMs = clockRuns ? audioCapture->deliverUntil(startMs + elapsedMs, last) - startMs : elapsedMs;
+        const qint64 untilMs = clockRuns ? audioCapture->deliverUntil(recordingClock, elapsedMs, last) : elapsedMs;
 
         const QList<RecorderAudioCapture::Chunk> chunks = audioCapture->readAvailable();
         const bool aligned = clockRuns && !chunks.isEmpty();

@@ -125,9 +125,8 @@ public:
      * thread, the audio from the end of the last delivery (at first: from the start of the capture) up to this
      * instant, in whole milliseconds, so that the reader finds exactly as much audio as its clock has advanced. It
      * delivers nothing while audio of that time is still on its way. A platform that delivers on its own does
-     * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock, the
-     * reference of QElapsedTimer::msecsSinceReference()). The last time, what has not arrived is silence instead:
-     * it is not asked for later.
+     * nothing here. The instant is in milliseconds of the monotonic clock (std::chrono::steady_clock). The last time,
+     * what has not arrived is silence instead: it is not asked for later.
      */
     AudioDelivery deliverUntil(qint64 monotonicMs, bool last = false);
 

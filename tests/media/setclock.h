@@ -11,7 +11,8 @@ namespace setclock {
 /// What every timer answers as elapsed, milliseconds. Nothing: the real time.
 std::optional<qint64>& elapsedMs();
 
-/// When every timer was started, on the monotonic clock in milliseconds, while elapsedMs() is set.
+/// When every timer says that it was started, while elapsedMs() is set: on a clock of Qt's that is not the monotonic
+/// one, as on a Mac that has slept.
 inline constexpr qint64 referenceMs = 5000000;
 
 }
