@@ -139,7 +139,7 @@ void RecorderAudioCapturePrivate::handleAudioSampleBuffer(const platform::AudioS
 
 void RecorderAudioCapturePrivate::tellOfLoss() noexcept
 {
-    if (std::exchange(lossLogged, true))
+    if (lossLogged.exchange(true))
         return;
     try {
         qWarning() << "No memory for audio that was delivered; it is left out. Told once.";

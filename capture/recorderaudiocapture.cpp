@@ -244,6 +244,8 @@ qint64 RecorderAudioCapturePrivate::deliverUntil(qint64 monotonicMs, bool last)
         qWarning() << "Audio was not taken in time; some of it is left out. Told once.";
         missedLogged = true; // unless there was no memory for the line
     }
+    if (delivery.outOfMemory)
+        tellOfLoss();
     return delivery.untilMs;
 }
 

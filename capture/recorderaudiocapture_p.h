@@ -5,12 +5,13 @@
 #include "platform/audio.h"
 #include "recorderaudiocapture.h"
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
 /**
- * Threads: everything belongs to the thread that made it, except chunks (under mutex), unsupportedFormatLogged and
- * lossLogged (only touched by handleAudioSampleBuffer(), which the platform calls from one thread at a time).
+ * Threads: everything belongs to the thread that made it, except chunks (under mutex), unsupportedFormatLogged (only
+ * touched by handleAudioSampleBuffer(), which the platform calls from one thread at a time) and lossLogged.
  */
 class RecorderAudioCapturePrivate {
 public:
@@ -43,7 +44,7 @@ public:
     bool valid = false; ///< the configuration succeeded
     bool started = false; ///< between a successful start and the next stop
     bool unsupportedFormatLogged = false;
-    bool lossLogged = false;
+    std::atomic<bool> lossLogged{false};
     bool missedLogged = false;
     std::optional<qint64> clockStartMs; ///< of the reader's clock, on the monotonic one; unset until it is shown
 

@@ -8,7 +8,9 @@
 
 #import <ScreenCaptureKit/ScreenCaptureKit.h>
 
+#include <atomic>
 #include <mutex>
+#include <vector>
 
 #pragma clang assume_nonnull begin
 
@@ -27,7 +29,7 @@ struct platform::AudioOutput::Impl {
     explicit Impl(AudioReceiver receiver);
 
     /// On the system's queue, whose code does not expect exceptions. A block for which there is no memory is left
-    /// out.
+    /// out, which the next delivery tells.
     void take(CMSampleBufferRef _Nullable block) noexcept;
     /// On the reader's thread.
     AudioDelivery deliverUntil(qint64 untilMs, bool last);
@@ -41,6 +43,7 @@ private:
     void handOver(std::vector<qint16> audio);
     void handOut(const AudioSampleBuffer* _Nullable buffer);
 
+    std::atomic<bool> outOfMemory_{false}; ///< a block was left out
     std::mutex receiverMutex_; ///< it is given one buffer at a time
 };
 

@@ -93,6 +93,7 @@ void AudioOutput::Impl::take(CMSampleBufferRef block) noexcept
         else
             handOut(nullptr);
     } catch (const std::exception&) {
+        outOfMemory_ = true;
     }
 }
 
@@ -104,10 +105,13 @@ void AudioOutput::Impl::takeBlock(CMSampleBufferRef block)
         return;
     }
     const auto list = buffer.bufferList();
-    const auto chunk = list ? audiointake::toChunk(*buffer.description, buffer.frames, list->buffers)
-                            : std::optional<RecorderAudioCapture::Chunk>();
-    if (!chunk)
+    if (!list)
         return;
+    const auto chunk = audiointake::toChunk(*buffer.description, buffer.frames, list->buffers);
+    if (!chunk) {
+        outOfMemory_ = true;
+        return;
+    }
     const macos::ClockReading now = macos::readClocks();
     meter.append(steadyTime(macos::hostTimeNs(block), now), now.steadyNs,
         {reinterpret_cast<const qint16*>(chunk->pcm.constData()), std::size_t(chunk->frames) * 2});
@@ -118,7 +122,7 @@ AudioDelivery AudioOutput::Impl::deliverUntil(qint64 untilMs, bool last)
     auto audio = meter.deliver(untilMs, last);
     if (audio)
         handOver(std::move(*audio));
-    return {audio ? meter.deliveredMs() : untilMs, meter.hasMissed()};
+    return {audio ? meter.deliveredMs() : untilMs, meter.hasMissed(), outOfMemory_};
 }
 
 void AudioOutput::Impl::handOver(std::vector<qint16> audio)

@@ -98,6 +98,8 @@ struct AudioDelivery {
     qint64 untilMs = 0;
     /// Since the start audio was left out, as it was not asked for until there was no room for more.
     bool missed = false;
+    /// Audio was left out, as there was no memory for it when it came.
+    bool outOfMemory = false;
 };
 
 /**

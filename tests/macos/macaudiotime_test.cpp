@@ -1,5 +1,6 @@
 // Audio that the system delivers when it likes, on the recording clock: a steady tone stays one.
 #include "macaudio.h"
+#include "memorylimit.h"
 #include "simulatedaudio.h"
 #include "testregistry.h"
 
@@ -16,6 +17,8 @@ constexpr double usualMs = 10000;
 constexpr qint64 startMs = 7200000; // any instant
 
 const QString notTakenLine = QStringLiteral("Audio was not taken in time; some of it is left out. Told once.");
+
+const QString noMemoryLine = QStringLiteral("No memory for audio that was delivered; it is left out. Told once.");
 
 /// So many frames of one value, left and right.
 QByteArray pcmOf(qint16 value, qsizetype frames)
@@ -62,6 +65,7 @@ private Q_SLOTS:
     void toneStaysWhole_data();
     void toneStaysWhole();
     void blockWithoutMemoryIsLeftOut();
+    void blockOfTooManySamplesIsLeftOut();
     void audioThatNobodyReadsIsBounded();
     void audioThatNobodyReadBeforeTheStart();
     void pauseIsTheOnlyBreak_data();
@@ -145,9 +149,26 @@ void MacAudioTimeTest::blockWithoutMemoryIsLeftOut()
     RecorderAudioCapture capture{QString()};
     QVERIFY(capture.start());
     macsim::setHostClockRead([] { throw std::bad_alloc(); });
-    QVERIFY(macsim::deliver(loudAudio));
+    for (int blocks = 0; blocks < 2; ++blocks) {
+        QVERIFY(macsim::deliver(loudAudio));
+        QVERIFY(!isHeard(capture));
+    }
     macsim::setHostClockRead(nullptr);
+    QCOMPARE(bench_->log.count(noMemoryLine), 1);
+}
+
+void MacAudioTimeTest::blockOfTooManySamplesIsLeftOut()
+{
+    RecorderAudioCapture capture{QString()};
+    QVERIFY(capture.start());
+    macsim::Audio audio = loudAudio;
+    audio.frames = std::numeric_limits<qint32>::max();
+    {
+        const MemoryLimit limit(rlim_t(4) << 30); // they take 8 GiB
+        QVERIFY(macsim::deliver(audio));
+    }
     QVERIFY(!isHeard(capture));
+    QCOMPARE(bench_->log.count(noMemoryLine), 1);
 }
 
 /// The reader comes back in turns: what was there first is heard, what came later was not kept.

@@ -90,6 +90,7 @@ private Q_SLOTS:
     void meteringOnlyWhileStarted();
     void meteringInTurns();
     void audioThatIsNotTakenInTimeIsToldOnce();
+    void audioThatFoundNoMemoryIsToldOnce();
     void nullPrivateObject();
     void everythingIsReleased();
 };
@@ -601,6 +602,18 @@ void RecorderAudioCaptureTest::audioThatIsNotTakenInTimeIsToldOnce()
     QCOMPARE(log.messages(QtWarningMsg),
         QStringList(QStringLiteral("Audio was not taken in time; some of it is left out. Told once.")));
     QCOMPARE(log.messages().size(), 1);
+}
+
+void RecorderAudioCaptureTest::audioThatFoundNoMemoryIsToldOnce()
+{
+    audio().delivery = [](qint64 monotonicMs) { return platform::AudioDelivery{monotonicMs, false, true}; };
+    const auto capture = displayCapture();
+    QVERIFY(capture->start());
+    const LogCapture log;
+    capture->deliverUntil(1);
+    capture->deliverUntil(2);
+    QCOMPARE(log.messages(),
+        QStringList(QStringLiteral("No memory for audio that was delivered; it is left out. Told once.")));
 }
 
 void RecorderAudioCaptureTest::nullPrivateObject()
