@@ -1,4 +1,5 @@
-// Converts one delivered buffer into one queued chunk. Runs on the platform's delivery thread, one buffer at a time.
+// Converts one delivered buffer into one queued chunk. Runs where the platform delivers it, mostly on the reader's
+// thread, one buffer at a time.
 #include "audiosampleintake.h"
 
 #include "recorderaudiocapture_p.h"

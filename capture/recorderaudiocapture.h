@@ -12,9 +12,9 @@ class QElapsedTimer;
 class RecorderAudioCapturePrivate;
 
 /**
- * Made, started, read, stopped and destroyed by the recording worker. Audio arrives on threads of the platform and is
- * queued as chunks in one fixed format, which the accessors name. Every call is harmless on an object that could not
- * be configured.
+ * Made, started, read, stopped and destroyed by the recording worker. Audio is handed over in deliverUntil(), or by a
+ * thread of the platform, and queued as chunks in one fixed format, which the accessors name. Every call is harmless
+ * on an object that could not be configured.
  */
 class RecorderAudioCapture {
 public:

@@ -29,7 +29,8 @@ public:
 
     /// The window now; throws what the source throws. Nothing when the system has not answered in time. Its late
     /// answer is thrown away, as the moment that it shows has gone, and nothing new is asked for before it has come:
-    /// the rows that it named are then missing in what follows. One that takes long is logged, once.
+    /// the rows that it named are then missing in what follows. One that takes long is logged, once. Without a thread
+    /// the caller waits for each sample to its end, and nothing is logged.
     std::optional<platform::WindowSample> sample(bool withBounds);
 
 private:

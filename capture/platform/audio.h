@@ -63,11 +63,12 @@ struct AudioFilter {
     std::optional<std::vector<std::size_t>> excludedApplications;
 };
 
-/// Who receives what a stream delivers. Both are called on the stream's queue or another thread of the platform's,
-/// the first one never by two threads at once; neither after the AudioStream has been destroyed.
+/// Who receives what a stream delivers. Neither is called after the AudioStream has been destroyed.
 struct AudioReceiver {
+    /// On the reader's thread, in AudioStream::deliverUntil(); on the stream's queue where a platform delivers on its
+    /// own, or leaves it to the receiver what a buffer is worth. Never by two threads at once.
     std::function<void(const AudioSampleBuffer* buffer)> handleSampleBuffer;
-    /// The stream ended by itself. The error is nothing when the system gives none.
+    /// The stream ended by itself. The error is nothing when the system gives none. On a thread of the platform's.
     std::function<void(const std::optional<QString>& error)> streamStopped;
 };
 
