@@ -1,4 +1,5 @@
 // What can be captured on the Mac, as ScreenCaptureKit tells of it, and the executables of running applications.
+#include "containment.h"
 #include "nativecontent.h"
 #include "nstext.h"
 #include "platform/audio.h"
@@ -54,10 +55,12 @@ void requestAudioContent(bool excludeDesktopWindows, bool onScreenWindowsOnly, A
                                    onScreenWindowsOnly:onScreenWindowsOnly
                                      completionHandler:^(SCShareableContent* content, NSError* error) {
                                          @autoreleasepool {
-                                             if (error)
-                                                 completion(nullptr, macos::errorText(error));
-                                             else
-                                                 completion(snapshot(content), std::nullopt);
+                                             macos::contain([&] {
+                                                 if (error)
+                                                     completion(nullptr, macos::errorText(error));
+                                                 else
+                                                     completion(snapshot(content), std::nullopt);
+                                             });
                                          }
                                      }];
     }

@@ -1,11 +1,11 @@
 #include "audiooutput.h"
 
 #include "audiosampleintake.h"
+#include "containment.h"
 #include "hostclock.h"
 #include "nstext.h"
 #include "samplebuffer.h"
 
-#include <exception>
 #include <utility>
 
 @implementation MacScreenAudioOutput
@@ -42,7 +42,7 @@
     @autoreleasepool {
         @synchronized(self) {
             if (_owner)
-                _owner->receiver.streamStopped(macos::errorText(error));
+                macos::contain([&] { _owner->receiver.streamStopped(macos::errorText(error)); });
         }
     }
 }
@@ -87,14 +87,14 @@ AudioOutput::Impl::Impl(AudioReceiver theReceiver)
 
 void AudioOutput::Impl::take(CMSampleBufferRef block) noexcept
 {
-    try {
+    const bool done = macos::contain([&] {
         if (block)
             takeBlock(block);
         else
             handOut(nullptr);
-    } catch (const std::exception&) {
+    });
+    if (!done)
         outOfMemory_ = true;
-    }
 }
 
 void AudioOutput::Impl::takeBlock(CMSampleBufferRef block)

@@ -1,5 +1,6 @@
 // Streams of audio on the Mac, as ScreenCaptureKit captures it.
 #include "audiooutput.h"
+#include "containment.h"
 #include "dispatchhandles.h"
 #include "hostclock.h"
 #include "nativecontent.h"
@@ -145,9 +146,11 @@ void CaptureSession::stop(const std::shared_ptr<CaptureSession>& session, AudioC
     kept->enter(Phase::Stopping);
     [kept->stream.get() stopCaptureWithCompletionHandler:^(NSError* error) {
         @autoreleasepool {
-            kept->stopped();
-            if (completion)
-                completion(errorText(error));
+            macos::contain([&] {
+                kept->stopped();
+                if (completion)
+                    completion(errorText(error));
+            });
         }
     }];
 }
@@ -228,9 +231,11 @@ void AudioStream::startCapture(AudioCompletion completion)
         session->enter(CaptureSession::Phase::Starting);
         [session->stream.get() startCaptureWithCompletionHandler:^(NSError* error) {
             @autoreleasepool {
-                if (session->started(!error))
-                    CaptureSession::stop(session, nullptr);
-                completion(errorText(error));
+                macos::contain([&] {
+                    if (session->started(!error))
+                        CaptureSession::stop(session, nullptr);
+                    completion(errorText(error));
+                });
             }
         }];
     }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <new>
 
 using macsim::answers;
 
@@ -41,6 +42,7 @@ private Q_SLOTS:
     void outputMayGoFirst();
     void delegateThatIsNotTheOutput();
     void destructionWaitsForTheDelegate();
+    void exceptionsStayOutOfTheSystem();
 
 private:
     std::optional<MacBench> bench_;
@@ -316,6 +318,28 @@ void MacStreamTest::destructionWaitsForTheDelegate()
     destruction.wait();
     end.wait();
     QVERIFY(leftBefore);
+}
+
+/// For want of memory mostly: the system's code does not expect them.
+void MacStreamTest::exceptionsStayOutOfTheSystem()
+{
+    std::atomic<int> thrown = 0;
+    const auto throws = [&thrown](auto&&...) {
+        ++thrown;
+        throw std::bad_alloc();
+    };
+    platform::requestAudioContent(true, false, throws);
+    macsim::settle();
+    QCOMPARE(thrown.load(), 1);
+    Rig rig({[](const platform::AudioSampleBuffer*) {}, throws});
+    rig.stream->startCapture(throws);
+    macsim::settle();
+    QCOMPARE(thrown.load(), 2);
+    QVERIFY(macsim::endStreams(macsim::Error("gone")));
+    QCOMPARE(thrown.load(), 3);
+    rig.stream->stopCapture(throws);
+    macsim::settle();
+    QCOMPARE(thrown.load(), 4);
 }
 
 ORVANTIS_TEST(MacStreamTest)
