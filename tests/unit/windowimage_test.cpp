@@ -5,7 +5,18 @@
 #include "fakeplatform.h"
 #include "logcapture.h"
 
+#include <QSemaphore>
 #include <QTest>
+
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+/// What comes in place of an image.
+enum class Gap { NoImage, Exception, LateAnswer };
+
+}
 
 class WindowImageTest : public QObject {
     Q_OBJECT
@@ -34,6 +45,7 @@ private Q_SLOTS:
     void unchangedImageIsSharedNotConverted_data();
     void unchangedImageIsSharedNotConverted();
     void changedImageIsTakenAnew();
+    void imageAfterAGapIsTakenAnew_data();
     void imageAfterAGapIsTakenAnew();
     void versionKeepsItsRows();
 
@@ -295,15 +307,56 @@ void WindowImageTest::changedImageIsTakenAnew()
         QCOMPARE(images[i].pixel(0, 0), qRgba(i, 0, 0, 255));
 }
 
+void WindowImageTest::imageAfterAGapIsTakenAnew_data()
+{
+    QTest::addColumn<Gap>("gap");
+    QTest::addColumn<bool>("opaque");
+    QTest::newRow("no image") << Gap::NoImage << true;
+    QTest::newRow("no image of a translucent window") << Gap::NoImage << false;
+    QTest::newRow("an exception") << Gap::Exception << true;
+    QTest::newRow("an answer that comes late") << Gap::LateAnswer << true;
+}
+
+/// A row changes in what is lost, and the source does not name it again.
 void WindowImageTest::imageAfterAGapIsTakenAnew()
 {
-    const QImage source = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7));
-    fakeplatform::state().image = [source](int index) { return index == 1 ? QImage() : source; };
+    QFETCH(const Gap, gap);
+    QFETCH(const bool, opaque);
+    QImage before = fakeplatform::solidImage(8, 6, qRgb(9, 8, 7));
+    if (!opaque) {
+        before.convertTo(QImage::Format_ARGB32_Premultiplied);
+        before.setPixel(0, 0, 0);
+    }
+    QImage after = before;
+    after.setPixel(3, 4, qRgb(1, 2, 3));
+    const auto isLate = std::make_shared<QSemaphore>(); // the answer may end after the test
+    fakeplatform::state().image = [gap, before, after, isLate](int index) {
+        if (index != 1)
+            return index == 0 ? before : after;
+        if (gap == Gap::Exception)
+            throw std::runtime_error("no image");
+        if (gap == Gap::LateAnswer)
+            isLate->acquire();
+        return gap == Gap::NoImage ? QImage() : after;
+    };
+    fakeplatform::state().changedRows = [](int index) {
+        return index == 0 ? RowSet(0, 6) : index == 1 ? RowSet(4, 5) : RowSet();
+    };
     const MacWindowCapture capture(QStringLiteral("42"));
     const LogCapture log;
-    QVERIFY(!capture.capture(nullptr).isNull());
-    QVERIFY(capture.capture(nullptr).isNull());
-    QCOMPARE(capture.capture(nullptr).pixel(0, 0), qRgba(9, 8, 7, 255));
+    const CapturedWindow first = capture.captureWindow();
+    QCOMPARE(first.image.pixel(3, 4), qRgb(9, 8, 7));
+    if (gap == Gap::Exception)
+        QVERIFY_THROWS_EXCEPTION(std::runtime_error, capture.captureWindow());
+    else
+        QVERIFY(capture.captureWindow().image.isNull());
+    isLate->release();
+    CapturedWindow next;
+    while (next.image.isNull())
+        next = capture.captureWindow();
+    QCOMPARE(next.image.pixel(3, 4), qRgb(1, 2, 3));
+    QCOMPARE(next.changedRows, RowSet(0, 6));
+    QCOMPARE(next.version, first.version + 1);
 }
 
 /// The frame that had the change first may have been dropped.
