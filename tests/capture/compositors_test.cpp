@@ -1,4 +1,5 @@
 // Windows that real compositors hand out, against a window that every pixel of is known.
+#include "childprocess.h"
 #include "logcapture.h"
 #include "nodeimages.h"
 #include "sampledwindow.h"
@@ -8,8 +9,11 @@
 #include "waylandwindow.h"
 
 #include <QElapsedTimer>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTest>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -60,6 +64,8 @@ private Q_SLOTS:
     void coveredAndMinimised();
     void shadow_data() { kinds(); }
     void shadow();
+    void shadowOfGtk_data();
+    void shadowOfGtk();
     void pointer_data() { kinds(); }
     void pointer();
     void scaledDisplay_data();
@@ -195,6 +201,39 @@ void CompositorsTest::shadow()
     show(QSize(400, 300), {QStringLiteral("shadow"), QStringLiteral("20")});
     QVERIFY2(goesOn(3), qPrintable(QStringLiteral("%1").arg(window_->image().width())));
     QCOMPARE(window_->image().size(), QSize(400, 300));
+}
+
+void CompositorsTest::shadowOfGtk_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::newRow("mutter") << int(Kind::Mutter);
+}
+
+/// As a toolkit draws it, around a window that is light. What it has in place of alpha is lost, and it would be
+/// black.
+void CompositorsTest::shadowOfGtk()
+{
+    QProcess dialogue;
+    QProcessEnvironment environment = desktop_->environment();
+    environment.insert(QStringLiteral("GDK_BACKEND"), QStringLiteral("wayland"));
+    dialogue.setProcessEnvironment(environment);
+    childprocess::endWithParent(dialogue);
+    dialogue.start(QStringLiteral("zenity"), {QStringLiteral("--info"), QStringLiteral("--text=light")});
+    const auto end = qScopeGuard([&] { childprocess::end(dialogue); });
+    QVERIFY2(dialogue.waitForStarted(), qPrintable(dialogue.errorString()));
+    cast_ = std::make_unique<WindowCast>(*desktop_, QString());
+    QVERIFY2(cast_->node() != 0, qPrintable(cast_->errorString()));
+    window_ = std::make_unique<SampledWindow>(cast_->node());
+    const auto isLight = [&] {
+        const QImage image = window_->image();
+        const QPoint middle = image.rect().center();
+        const auto pixels = {QPoint(0, middle.y()), QPoint(image.width() - 1, middle.y()), QPoint(middle.x(), 0),
+            QPoint(middle.x(), image.height() - 1)};
+        return !image.isNull() && std::all_of(pixels.begin(), pixels.end(), [&](const QPoint& pixel) {
+            return qGray(image.pixel(pixel)) > 100;
+        });
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(isLight(), limitMs);
 }
 
 /// Told beside the image, which never has it painted in.

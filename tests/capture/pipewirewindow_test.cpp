@@ -13,6 +13,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -40,6 +41,21 @@ QImage opaque(const QImage& image)
     return image.convertToFormat(QImage::Format_RGB32);
 }
 
+/// The pattern, and in place of what is around the window a shadow.
+QImage withShadow(const QRect& window)
+{
+    QImage image = pattern(1);
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const int outside
+                = std::max({window.left() - x, x - window.right(), window.top() - y, y - window.bottom()});
+            if (outside > 0)
+                image.setPixel(x, y, qRgba(0, 0, 0, std::max(0, 0x50 - 16 * outside)));
+        }
+    }
+    return image;
+}
+
 QRect boundsOf(const QSize& ofSize)
 {
     return QRect(QPoint(int(wayland::nowhere), int(wayland::nowhere)), ofSize);
@@ -65,6 +81,7 @@ private Q_SLOTS:
     void pointerOnly();
     void corruptedFrame();
     void shadowIsCutOff();
+    void shadowThatChangesIsLogged();
     void boundsAreNowhere();
     void damagedRowsOnly();
     void wrongDamageIsFoundOut();
@@ -239,19 +256,28 @@ void PipeWireWindowTest::corruptedFrame()
 
 void PipeWireWindowTest::shadowIsCutOff()
 {
-    QImage image(size, QImage::Format_ARGB32);
-    image.fill(0x20000000);
     const QRect inside(6, 4, 50, 38);
-    for (int y = inside.top(); y <= inside.bottom(); ++y) {
-        for (int x = inside.left(); x <= inside.right(); ++x)
-            image.setPixel(x, y, pattern(1).pixel(x, y));
-    }
     VideoNode::Options options;
-    options.atStart = NodeFrame{image, {}, QPoint(10, 10), {}};
+    options.atStart = NodeFrame{withShadow(inside), {}, QPoint(10, 10), {}};
     start(options);
     QCOMPARE(window_->image(), opaque(pattern(1).copy(inside)));
     QCOMPARE(window_->bounds()->toRect(), boundsOf(inside.size()));
     QCOMPARE(window_->sample().pointer, QPointF(wayland::nowhere + 4, wayland::nowhere + 6));
+}
+
+/// Not as often as it changes, nor before it does.
+void PipeWireWindowTest::shadowThatChangesIsLogged()
+{
+    const LogCapture log;
+    start();
+    for (const QRect& inside : {QRect(6, 4, 50, 38), QRect(7, 4, 50, 38)}) {
+        QVERIFY(node_->send({withShadow(inside), {}, {}, {}}));
+        QVERIFY(shows(opaque(pattern(1).copy(inside))));
+    }
+    QCOMPARE(log.messages(QtWarningMsg),
+        QStringList(
+            QStringLiteral("Captured window has changed what it counts as its shadow, which is cut off; left, "
+                           "right, top, bottom: 6 8 4 6 changes not logged before: 0")));
 }
 
 /// A launcher cannot know where a window is; a global position of 0, 0 or any other must not be taken for one in it.

@@ -27,7 +27,7 @@ namespace {
 
 constexpr int numberRows = 8; // as in compositorfixture.h
 constexpr uint32_t opaque = 0xff000000U;
-constexpr uint32_t shadowPixel = 0x40000000U;
+constexpr int darkestShadow = 0x60; // its alpha beside the window; at its own edge it is nearly gone
 
 /// Memory that the compositor reads.
 struct Buffer {
@@ -196,8 +196,9 @@ uint32_t Window::pixelAt(int x, int y) const
 {
     const int columns = width * scale;
     const int rows = height * scale;
-    if (x < 0 || y < 0 || x >= columns || y >= rows)
-        return shadowPixel;
+    const int outside = std::max({-x, x + 1 - columns, -y, y + 1 - rows});
+    if (outside > 0)
+        return uint32_t(darkestShadow - darkestShadow * outside / (shadow * scale + 1)) << 24U;
     if (y < numberRows * scale)
         return opaque | number;
     if (y < rows / 2)

@@ -177,12 +177,15 @@ platform::WindowSample NodeImages::sample()
             sample.bounds = QRectF(origin, shown_->visible.size());
             if (const auto pointer = stream->pointer())
                 sample.pointer = origin + *pointer - QPointF(shown_->visible.topLeft());
-            return sample;
         }
     }
-    shown_.reset();
-    logNoFrame();
-    return {};
+    if (sample.image.isNull()) {
+        shown_.reset();
+        logNoFrame();
+        return {};
+    }
+    shadowLog_.note(shown_->shadow, now_());
+    return sample;
 }
 
 /// The recorder takes a window that gives no image at first for one that is gone.
@@ -228,7 +231,8 @@ bool NodeImages::isCurrent(const VideoStream& stream) const
 /// Brings images_ and shown_ up to date, but for the version. False when there is no memory.
 bool NodeImages::readImage(const VideoStream::Frame& frame, platform::WindowSample& sample)
 {
-    const QRect visible = withoutShadow(frame.view, frame.crop);
+    const QMargins shadow = shadowIn(frame.view, frame.crop);
+    const QRect visible = frame.crop.marginsRemoved(shadow);
     const RowSet rows = rowsToRead(frame, visible);
     images_.update(visible.size(), frame.view.order.imageFormat());
     for (const RowSet::Range& range : rows.ranges()) {
@@ -240,7 +244,7 @@ bool NodeImages::readImage(const VideoStream::Frame& frame, platform::WindowSamp
         return false;
     const bool isPartial = rows.count() < visible.height();
     const auto comparedAt = isPartial ? shown_->comparedAt : now_();
-    shown_ = Shown{visible, 0, comparedAt, isPartial};
+    shown_ = Shown{visible, shadow, 0, comparedAt, isPartial};
     sample.changedRows = taken.changedRows;
     sample.ownBytes = taken.ownBytes;
     return true;

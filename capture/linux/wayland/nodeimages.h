@@ -1,6 +1,7 @@
 // NodeImages: one window that a compositor hands out as a node of PipeWire, as images.
 #pragma once
 
+#include "clientshadow.h"
 #include "nodeconnection.h"
 #include "platform/screen.h"
 #include "sharedimages.h"
@@ -48,6 +49,7 @@ private:
     class Node;
     struct Shown {
         QRect visible; // of the frame
+        QMargins shadow; // around it
         qint64 version = 0; // the frame's
         Clock::time_point comparedAt; // all of it
         bool isPartial = false; // only what the node says is new was compared since
@@ -68,6 +70,7 @@ private:
     bool awaited_ = false;
     bool endLogged_ = false;
     bool lateLogged_ = false;
+    x11::ShadowLog shadowLog_;
     SharedImages images_;
     std::vector<quint32> pixels_; // on their way to images_
     std::optional<Shown> shown_; // what the last image of images_ shows; nothing when there is none now

@@ -1,18 +1,20 @@
 // Conversion of pixels, and the search for a shadow.
 #include "videopixels.h"
 
-#include <QMargins>
+#include "clientshadow.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <optional>
 
 namespace wayland {
 
 namespace {
 
 constexpr int largestShadow = 128; // pixels on a side, as for windows of X11
-constexpr int faintest = 0x80; // a shadow's alpha at the edge is less
+constexpr int faintest = 0x20; // a shadow's alpha at the edge is less
+constexpr int leastRises = 3; // lines that are stronger than all before them; a smoothed edge has one or two
 constexpr int pixelBytes = 4;
 static_assert(std::endian::native == std::endian::little, "PixelOrder::isNative() and pixelFrom() count on it");
 
@@ -27,49 +29,67 @@ quint32 pixelFrom(const uint8_t* bytes, const PixelOrder& order)
         | quint32(bytes[order.blue]);
 }
 
-/// What a line of pixels is, at the edge of a part.
-enum class Line { Window, Shadow, FaintShadow };
+enum class Side { Left, Top, Right, Bottom };
 
-Line lineKind(const PixelView& view, const QRect& line)
+/// A line of pixels along one side of an area, by its distance from that side.
+QRect lineAlong(Side side, const QRect& area, int distance)
 {
-    int most = 0;
+    switch (side) {
+    case Side::Left:
+        return QRect(area.left() + distance, area.top(), 1, area.height());
+    case Side::Top:
+        return QRect(area.left(), area.top() + distance, area.width(), 1);
+    case Side::Right:
+        return QRect(area.right() - distance, area.top(), 1, area.height());
+    case Side::Bottom:
+        break;
+    }
+    return QRect(area.left(), area.bottom() - distance, area.width(), 1);
+}
+
+/// The strongest alpha of a line that can be one of a shadow; nothing for one of a window.
+std::optional<int> shadowAlpha(const PixelView& view, const QRect& line)
+{
+    int strongest = 0;
     for (int y = line.top(); y <= line.bottom(); ++y) {
         for (int x = line.left(); x <= line.right(); ++x) {
             const uint8_t* pixel = pixelAt(view, x, y);
             const int alpha = pixel[view.order.fourth];
             if (alpha == 0xff || pixel[view.order.red] || pixel[view.order.green] || pixel[view.order.blue])
-                return Line::Window;
-            most = std::max(most, alpha);
+                return std::nullopt;
+            strongest = std::max(strongest, alpha);
         }
     }
-    return most < faintest ? Line::FaintShadow : Line::Shadow;
+    return strongest;
 }
 
-bool hasOpaquePixel(const PixelView& view, const QRect& line)
+bool isMostlyOpaque(const PixelView& view, const QRect& line)
 {
+    int opaque = 0;
     for (int y = line.top(); y <= line.bottom(); ++y) {
-        for (int x = line.left(); x <= line.right(); ++x) {
-            if (pixelAt(view, x, y)[view.order.fourth] == 0xff)
-                return true;
-        }
+        for (int x = line.left(); x <= line.right(); ++x)
+            opaque += pixelAt(view, x, y)[view.order.fourth] == 0xff ? 1 : 0;
     }
-    return false;
+    return opaque * 2 > line.width() * line.height();
 }
 
-/// How many lines at one side are shadow. lineAt: a line by its distance from that side.
-template <typename LineAt>
-int shadowDepth(const PixelView& view, int lines, const LineAt& lineAt)
+/// How many lines at one side look like a shadow.
+int shadowDepth(const PixelView& view, const QRect& part, Side side)
 {
-    const int most = std::min(largestShadow, (lines - 1) / 2);
-    int depth = 0;
-    for (; depth <= most; ++depth) {
-        const Line kind = lineKind(view, lineAt(depth));
-        if (kind == Line::Window)
-            break;
-        if (depth == 0 && kind == Line::Shadow)
+    const bool isColumn = side == Side::Left || side == Side::Right;
+    const int most = std::min(largestShadow, ((isColumn ? part.width() : part.height()) - 1) / 2);
+    int strongest = 0;
+    int rises = 0;
+    for (int depth = 0; depth <= most; ++depth) {
+        const std::optional<int> alpha = shadowAlpha(view, lineAlong(side, part, depth));
+        if (!alpha)
+            return rises >= leastRises ? depth : 0;
+        if (*alpha < strongest - 1 || (depth == 0 && *alpha >= faintest)) // 1 for rounding
             return 0;
+        rises += *alpha > strongest ? 1 : 0;
+        strongest = std::max(strongest, *alpha);
     }
-    return depth <= most && hasOpaquePixel(view, lineAt(depth)) ? depth : 0;
+    return 0;
 }
 
 }
@@ -90,20 +110,16 @@ void copyRows(const PixelView& view, const QRect& part, int firstRow, int rowCou
     }
 }
 
-QRect withoutShadow(const PixelView& view, const QRect& part)
+QMargins shadowIn(const PixelView& view, const QRect& part)
 {
-    const int right = part.right();
-    const int bottom = part.bottom();
-    QMargins shadow;
-    shadow.setTop(shadowDepth(
-        view, part.height(), [&](int depth) { return QRect(part.left(), part.top() + depth, part.width(), 1); }));
-    shadow.setBottom(shadowDepth(
-        view, part.height(), [&](int depth) { return QRect(part.left(), bottom - depth, part.width(), 1); }));
-    shadow.setLeft(shadowDepth(
-        view, part.width(), [&](int depth) { return QRect(part.left() + depth, part.top(), 1, part.height()); }));
-    shadow.setRight(shadowDepth(
-        view, part.width(), [&](int depth) { return QRect(right - depth, part.top(), 1, part.height()); }));
-    return part.marginsRemoved(shadow);
+    const QMargins found(shadowDepth(view, part, Side::Left), shadowDepth(view, part, Side::Top),
+        shadowDepth(view, part, Side::Right), shadowDepth(view, part, Side::Bottom));
+    const QRect window = part.marginsRemoved(found);
+    const auto bounded = [&](Side side, int depth) {
+        return depth > 0 && isMostlyOpaque(view, lineAlong(side, window, 0)) ? quint32(depth) : 0U;
+    };
+    return x11::boundedShadow(bounded(Side::Left, found.left()), bounded(Side::Right, found.right()),
+        bounded(Side::Top, found.top()), bounded(Side::Bottom, found.bottom()), part.size());
 }
 
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QImage>
+#include <QMargins>
 #include <QRect>
 
 #include <cstdint>
@@ -38,9 +39,11 @@ struct PixelView {
 /// Some rows of a part of the view, one behind the other, as QImage's 32-bit formats have them.
 void copyRows(const PixelView& view, const QRect& part, int firstRow, int rowCount, std::vector<quint32>& pixels);
 
-/// The part without the shadow that a client has drawn around its window. The fourth byte tells it, also where that
-/// is padding: a shadow is black, translucent, and ends before the edge of the part; within it some pixel in each row
-/// and column of the edge is opaque. The whole part when there is no such shadow, or it would be larger than any is.
-QRect withoutShadow(const PixelView& view, const QRect& part);
+/// The shadow that a client has drawn around its window in the part. The fourth byte tells it, also where that is
+/// padding. On each side by itself: lines that are black and translucent, hardly to be seen at the edge, stronger
+/// from line to line, and behind them one that is opaque in most pixels, as windows are but for their corners.
+/// Neither the background of a translucent window nor the smoothed edge of a letter on it is like that. All of them
+/// together are no shadow when they are more than x11::boundedShadow() allows.
+QMargins shadowIn(const PixelView& view, const QRect& part);
 
 }
