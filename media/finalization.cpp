@@ -1,5 +1,6 @@
 // The one teardown of the media output. Idempotent and driven by the pointers: whatever openOutput() left,
-// whole or half made, is finished and released; a second call finds nothing.
+// whole or half made, is finished and released, also when a line of the log finds no memory; a second call finds
+// nothing.
 #include "gstrecorder.h"
 
 #include "averror.h"
@@ -7,6 +8,8 @@
 #include "recorderaudiocapture.h"
 
 #include <QDebug>
+
+#include <utility>
 
 namespace {
 
@@ -54,10 +57,10 @@ void GstRecorder::closeOutput()
 
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
-        if (headerWritten)
-            writeTrailer();
+        if (std::exchange(headerWritten, false)) // first: a muxer whose trailer failed must not be asked again
+            attempt([this] { writeTrailer(); });
         if (!(formatContext->oformat->flags & AVFMT_NOFILE))
-            outputfile::close(*formatContext);
+            attempt([this] { outputfile::close(*formatContext); });
     }
 
     // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.
@@ -78,5 +81,4 @@ void GstRecorder::closeOutput()
     keyFrameIsDue = false;
     audioSamplesWritten = 0;
     audioPcmLogged = false;
-    headerWritten = false;
 }

@@ -138,9 +138,10 @@ void outputfile::close(AVFormatContext& container)
         return;
     avio_flush(container.pb);
     // A file of a network, or one that has its quota, may tell here only what it did not take.
-    if (::close(descriptorOf(container.pb->opaque)) != 0)
-        qWarning() << "Output file was closed with an error; what was written last may be missing:"
-                   << avErrorString(AVERROR(errno));
+    const int status = ::close(descriptorOf(container.pb->opaque)) == 0 ? 0 : AVERROR(errno);
     av_freep(&container.pb->buffer);
     avio_context_free(&container.pb);
+    if (status < 0)
+        qWarning() << "Output file was closed with an error; what was written last may be missing:"
+                   << avErrorString(status);
 }

@@ -9,7 +9,9 @@
 #include <fcntl.h>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <optional>
+#include <utility>
 
 namespace ffmpegfaults {
 
@@ -200,6 +202,18 @@ int __wrap_open(const char* path, int flags, ...)
     return __real_open(path, flags, mode);
 }
 
+int __real_close(int descriptor);
+int __wrap_close(int descriptor);
+int __wrap_close(int descriptor)
+{
+    const auto status = failing(Call::CloseFile);
+    const int result = __real_close(descriptor);
+    if (!status)
+        return result;
+    errno = AVUNERROR(*status);
+    return -1;
+}
+
 int __real_av_samples_alloc_array_and_samples(
     uint8_t*** planes, int* lineSize, int channels, int samples, AVSampleFormat format, int alignment);
 int __wrap_av_samples_alloc_array_and_samples(
@@ -315,6 +329,8 @@ const AVPixFmtDescriptor* __wrap_av_pix_fmt_desc_get(AVPixelFormat format)
 int __real_av_strerror(int status, char* text, std::size_t size);
 int __wrap_av_strerror(int status, char* text, std::size_t size)
 {
+    if (std::exchange(surroundings().noMemoryForErrorText, false))
+        throw std::bad_alloc();
     const QByteArray& instead = surroundings().errorText;
     if (instead.isEmpty())
         return __real_av_strerror(status, text, size);

@@ -20,6 +20,7 @@ enum class Call {
     NewStream,
     CopyParameters,
     OpenFile, ///< the C library's open(), of a file that may be made
+    CloseFile, ///< its close(), of whatever; it is closed all the same
     AllocFileContext,
     WriteHeader,
     AllocFrame,
@@ -74,6 +75,7 @@ struct Surroundings {
     const char* muxer = nullptr; ///< the muxer that every container gets, null: the one asked for
     bool hardwareFormatsOnly = false; ///< every pixel format counts as a hardware format
     QByteArray errorText; ///< FFmpeg's text for every status, copied without its end when it does not fit
+    bool noMemoryForErrorText = false; ///< for the next one
     int processors = 0; ///< what QThread::idealThreadCount() answers, 0: the real number
 
     /// A muxer's option for which FFmpeg has no memory, which it does not tell.
