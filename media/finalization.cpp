@@ -66,6 +66,7 @@ void GstRecorder::closeOutput()
     // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.
     av_frame_free(&videoFrame);
     videoFrameVersion = 0;
+    preparedMs.reset();
     avcodec_free_context(&videoCodecContext);
     avcodec_free_context(&audioCodecContext);
     av_audio_fifo_free(audioFifo);
@@ -78,6 +79,7 @@ void GstRecorder::closeOutput()
 
     // 4. Book-keeping. encodedFrameCount, durationMs, outputPath and videoEncoderName are still asked for.
     writtenBytes = {};
+    ptsBeforeMs = AV_NOPTS_VALUE;
     keyFrameIsDue = false;
     audioSamplesWritten = 0;
     audioPcmLogged = false;

@@ -28,12 +28,39 @@ private Q_SLOTS:
     void init() { reset(); }
     void cleanup() { reset(); }
 
+    void preparedFrameIsForgotten_data();
+    void preparedFrameIsForgotten();
+
     void trailerFails();
     void trailerFailsInTheDestructor();
     void trailerFailsAndItsLineFindsNoMemory();
     void fileDoesNotCloseAndItsLineFindsNoMemory();
     void muxerThatKeepsBytesToItself();
 };
+
+void CloseFaultsTest::preparedFrameIsForgotten_data()
+{
+    QTest::addColumn<bool>("opensAgain");
+    QTest::newRow("a frame comes after the end") << false;
+    QTest::newRow("a frame comes to the next output") << true;
+}
+
+void CloseFaultsTest::preparedFrameIsForgotten()
+{
+    QFETCH(const bool, opensAgain);
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QVERIFY(recorder->prepareFrame(testimages::walking(recorder.canvas(), 0), 7));
+    recorder->closeOutput();
+    QVERIFY(recorder.isClosed());
+    QVERIFY(!opensAgain || recorder->openOutput());
+    QList<qint64> ticks;
+    surroundings().atWritePacket = [&](const AVPacket& packet) { ticks.append(packet.pts); };
+    QCOMPARE(recorder.encode({41}, 1), opensAgain);
+    QCOMPARE(calls(Call::SendFrame), opensAgain ? 1 : 0);
+    QCOMPARE(ticks, opensAgain ? QList<qint64>{41 * 16} : QList<qint64>());
+    QVERIFY(recorder.wasQuiet());
+}
 
 void CloseFaultsTest::trailerFails()
 {

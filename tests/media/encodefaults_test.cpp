@@ -79,6 +79,7 @@ private Q_SLOTS:
 
     void busyEncoderHoldsUpNoCapture();
     void busyEncoderIsWaitedForWhenTooMuchIsLate();
+    void closingWaitsForTheEncoder();
 
     void drainingFails_data();
     void drainingFails();
@@ -252,6 +253,30 @@ void EncodeFaultsTest::busyEncoderIsWaitedForWhenTooMuchIsLate()
     releaser.join();
     QVERIFY(!hadReturned);
     QVERIFY(queue.size() < waiting);
+}
+
+/// It still reads the frame, and what closing frees.
+void EncodeFaultsTest::closingWaitsForTheEncoder()
+{
+    IdleRecorder recorder;
+    QVERIFY(recorder->openOutput());
+    QList<RecorderProbe::QueuedFrame> queue = queueOf({0}, recorder.canvas());
+    BusyEncoder encoder;
+    recorder->drainDue(queue, pacing::holdMs);
+    QTRY_VERIFY(encoder.isBusy());
+    std::atomic<bool> hasReturned{false};
+    bool hadReturned = true;
+    std::thread releaser([&] {
+        QThread::msleep(100); // long enough for a call that does not wait
+        hadReturned = hasReturned;
+        encoder.release();
+    });
+    recorder->closeOutput();
+    hasReturned = true;
+    releaser.join();
+    QVERIFY(!hadReturned);
+    QVERIFY(recorder.isClosed());
+    QVERIFY(recorder.wasQuiet());
 }
 
 void EncodeFaultsTest::drainingFails_data()
