@@ -301,9 +301,10 @@ bool GstRecorder::writeAudioPackets(const char* receiveError, const char* writeE
     }
 }
 
+/// A capture whose stop throws is given up: what its own end tries is the last.
 void GstRecorder::stopAudioCapture()
 {
-    if (audioCapture)
-        audioCapture->stop();
     audioStarted = false;
+    if (audioCapture && !attempt([this] { audioCapture->stop(); }))
+        audioCapture.reset();
 }

@@ -47,7 +47,7 @@ void GstRecorder::writeTrailer()
 void GstRecorder::closeOutput()
 {
     // 1. No more audio, no more conversions.
-    attempt([this] { stopAudioCapture(); });
+    stopAudioCapture();
     if (frameSending.isUnderWay())
         frameSending.finish();
     sws_freeContext(swsContext);

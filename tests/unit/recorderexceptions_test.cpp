@@ -34,6 +34,7 @@ private Q_SLOTS:
     void readinessThatThrowsIsAnnouncedAgain();
     void audioThatThrowsCostsNoFrame();
     void audioThatThrowsWhenItStarts();
+    void audioThatThrowsWhenItStops();
     void audioThatCannotBeConfigured();
 
 private:
@@ -178,6 +179,24 @@ void RecorderExceptionsTest::audioThatThrowsWhenItStarts()
     make();
     waitForImages(26);
     stopAndVerify();
+    const int first = frames_.first().number;
+    QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
+    QCOMPARE(bench_->log.messages(QtCriticalMsg), QStringList{interruptedStart + QStringLiteral("std::bad_alloc")});
+}
+
+/// It is tried again once, by the end of the capture.
+void RecorderExceptionsTest::audioThatThrowsWhenItStops()
+{
+    fakeplatform::audio().lookup = fakeplatform::contentOf({});
+    fakeplatform::audio().stop = [](const platform::AudioCompletion&) { throw std::bad_alloc(); };
+    make();
+    waitForImages(26);
+    QVERIFY(probe().audioCapture());
+    stopAndVerify();
+    QVERIFY(!probe().audioStarted());
+    QVERIFY(!probe().audioCapture());
+    QCOMPARE(fakeplatform::audio().stops, 2);
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
     const int first = frames_.first().number;
     QCOMPARE(text(numbersOf(frames_)), text(sequence(first, window_->asked() - first)));
     QCOMPARE(bench_->log.messages(QtCriticalMsg), QStringList{interruptedStart + QStringLiteral("std::bad_alloc")});
