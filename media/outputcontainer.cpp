@@ -8,6 +8,7 @@
 #include "ffmpeglog.h"
 #include "outputfile.h"
 #include "privatefile.h"
+#include "recorderaudiocapture.h"
 
 #include <QDebug>
 #include <QDir>
@@ -109,7 +110,9 @@ bool GstRecorder::openOutput()
         return false;
     if (!createVideoStream())
         return false;
-    attempt([this] { openAudioOutput(); }); // without audio the recording goes on
+    // Without audio the recording goes on.
+    if (!attempt([this] { openAudioOutput(); }) && !audioCodecContext)
+        audioCapture.reset(); // nobody will read it
     if (!openFileAndWriteHeader() || !allocateVideoFrame())
         return false;
 

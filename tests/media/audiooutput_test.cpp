@@ -6,6 +6,8 @@
 
 #include <QTest>
 
+#include <new>
+
 using namespace ffmpegfaults;
 
 namespace {
@@ -48,6 +50,7 @@ private Q_SLOTS:
     void earlierCaptureIsDestroyed();
     void audioFails_data();
     void audioFails();
+    void openingIsInterrupted();
     void parametersAreNotCopied();
     void parametersAreNotCopiedAndTheHeaderRefused();
 };
@@ -314,6 +317,27 @@ void AudioOutputTest::audioFails()
     QCOMPARE(recorder.log().messages(QtWarningMsg), QStringList{warning});
     QVERIFY(recorder.isClosed());
     QCOMPARE(openDescriptors(), descriptors);
+    MediaFile file(recorder->outputPath());
+    QCOMPARE(file.streams().size(), 1);
+    QCOMPARE(file.frames().size(), 2);
+}
+
+/// Nobody would read a capture without an encoder, so it is not started.
+void AudioOutputTest::openingIsInterrupted()
+{
+    RecorderWithAudio recorder;
+    recorder.giveAudio();
+    surroundings().atOpenCodec = [](const AVCodecContext& context, const AVDictionary*) {
+        if (context.codec_type == AVMEDIA_TYPE_AUDIO)
+            throw std::bad_alloc();
+    };
+    QVERIFY(recorder->openOutput());
+    QCOMPARE(recorder.criticals(),
+        QStringList{QStringLiteral("Recorder worker was interrupted by an exception: std::bad_alloc")});
+    QVERIFY(recorder.isSilent());
+    QCOMPARE(fakeplatform::audio().liveStreams, 0);
+    QVERIFY(recorder.encode({0, 41}));
+    QVERIFY(recorder.finishAudio());
     MediaFile file(recorder->outputPath());
     QCOMPARE(file.streams().size(), 1);
     QCOMPARE(file.frames().size(), 2);
