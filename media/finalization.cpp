@@ -25,7 +25,8 @@ bool leaveOutIndex(AVFormatContext& container)
 
 }
 
-void GstRecorder::writeTrailer()
+/// False after a line in the log.
+bool GstRecorder::writeTrailer()
 {
     const int gathered = writeGathered(*formatContext, writtenBytes);
     const bool errorIsExpected = writtenBytes.someLost && leaveOutIndex(*formatContext);
@@ -35,13 +36,15 @@ void GstRecorder::writeTrailer()
     status = gathered < 0 ? gathered : status;
     if (status < 0) {
         qWarning() << "Unable to write FFmpeg output trailer:" << avErrorString(status);
-        return;
+        return false;
     }
     // The mp4 muxer gathers a fragment in memory, and keeps to itself when it was refused some.
     const qint64 size = formatContext->pb ? avio_tell(formatContext->pb) : writtenBytes.inPackets;
-    if (!writtenBytes.someLost && size < writtenBytes.inPackets)
-        qCritical() << "FFmpeg output is smaller than its packets; bytes:" << size << "instead of at least"
-                    << writtenBytes.inPackets;
+    if (writtenBytes.someLost || size >= writtenBytes.inPackets)
+        return true;
+    qCritical() << "FFmpeg output is smaller than its packets; bytes:" << size << "instead of at least"
+                << writtenBytes.inPackets;
+    return false;
 }
 
 void GstRecorder::closeOutput()
@@ -57,10 +60,13 @@ void GstRecorder::closeOutput()
 
     // 2. Trailer, exactly when there is a header; then the file.
     if (formatContext) {
-        if (std::exchange(headerWritten, false)) // first: a muxer whose trailer failed must not be asked again
-            attempt([this] { writeTrailer(); });
+        bool isTold = false;
+        if (std::exchange(headerWritten, false)) { // first: a muxer whose trailer failed must not be asked again
+            isTold = true; // also of what throws
+            attempt([&] { isTold = !writeTrailer(); });
+        }
         if (!(formatContext->oformat->flags & AVFMT_NOFILE))
-            attempt([this] { outputfile::close(*formatContext); });
+            attempt([&] { outputfile::close(*formatContext, isTold); });
     }
 
     // 3. Frame, encoders, sample queue, container with its streams. The calls null what they are given by address.

@@ -132,7 +132,7 @@ void outputfile::returnTo(AVFormatContext& container, int64_t place)
     [[maybe_unused]] const int status = ::ftruncate(descriptorOf(container.pb->opaque), off_t(place));
 }
 
-void outputfile::close(AVFormatContext& container)
+void outputfile::close(AVFormatContext& container, bool isTold)
 {
     if (!container.pb)
         return;
@@ -141,7 +141,7 @@ void outputfile::close(AVFormatContext& container)
     const int status = ::close(descriptorOf(container.pb->opaque)) == 0 ? 0 : AVERROR(errno);
     av_freep(&container.pb->buffer);
     avio_context_free(&container.pb);
-    if (status < 0)
+    if (status < 0 && !isTold)
         qWarning() << "Output file was closed with an error; what was written last may be missing:"
                    << avErrorString(status);
 }

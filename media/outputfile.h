@@ -16,7 +16,8 @@ int open(AVFormatContext& container, const QString& path);
 /// forgotten.
 void returnTo(AVFormatContext& container, int64_t place);
 
-/// Writes what is left, and closes the file. Harmless without one.
-void close(AVFormatContext& container);
+/// Writes what is left, and closes the file; when the system did not take all of it, the log says so, unless the
+/// reader is told already. Harmless without a file.
+void close(AVFormatContext& container, bool isTold = false);
 
 }

@@ -259,7 +259,7 @@ private:
     // ==== finalization.cpp: trailer and release (worker, or the destructor's thread after it) ================
 
     void closeOutput();
-    void writeTrailer();
+    bool writeTrailer();
 
     // ==== data, in the order of construction =================================================================
 

@@ -34,6 +34,8 @@ private Q_SLOTS:
     void trailerFails();
     void trailerFailsInTheDestructor();
     void trailerFailsAndItsLineFindsNoMemory();
+    void fileThatDoesNotClose_data();
+    void fileThatDoesNotClose();
     void fileDoesNotCloseAndItsLineFindsNoMemory();
     void muxerThatKeepsBytesToItself();
 };
@@ -112,6 +114,35 @@ void CloseFaultsTest::trailerFailsAndItsLineFindsNoMemory()
     QCOMPARE(openDescriptors(), descriptors);
     QCOMPARE(recorder.criticals(), QStringList{interruptedLine});
     QCOMPARE(recorder.warnings(), QStringList{QStringLiteral("Unable to write FFmpeg output trailer:")});
+}
+
+void CloseFaultsTest::fileThatDoesNotClose_data()
+{
+    QTest::addColumn<bool>("trailerFails");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("alone") << false
+                           << QStringLiteral("Output file was closed with an error; what was written last may be "
+                                             "missing: \"Disk quota exceeded\"");
+    QTest::newRow("after a trailer that failed")
+        << true << QStringLiteral("Unable to write FFmpeg output trailer: \"Disk quota exceeded\"");
+}
+
+/// What the system tells only then is told, too, unless something is told already.
+void CloseFaultsTest::fileThatDoesNotClose()
+{
+    QFETCH(const bool, trailerFails);
+    QFETCH(const QString, warning);
+    IdleRecorder recorder;
+    const qsizetype descriptors = openDescriptors();
+    QVERIFY(recordUpToTheEnd(recorder));
+    if (trailerFails)
+        failOnce(Call::WriteTrailer, AVERROR(EDQUOT));
+    failOnce(Call::CloseFile, AVERROR(EDQUOT));
+    recorder->closeOutput();
+    QCOMPARE(recorder.warnings(), QStringList{warning});
+    QVERIFY(recorder.criticals().isEmpty());
+    QVERIFY(recorder.isClosed());
+    QCOMPARE(openDescriptors(), descriptors);
 }
 
 /// Nor is a number closed twice, which may be another file's by then.
