@@ -7,6 +7,7 @@
 #include "encoderchoice.h"
 #include "ffmpeglog.h"
 #include "outputfile.h"
+#include "packetwriting.h"
 #include "privatefile.h"
 #include "recorderaudiocapture.h"
 
@@ -62,14 +63,14 @@ bool hasFragments(const AVFormatContext& container)
 }
 
 /// FFmpeg's status.
-int writeHeader(AVFormatContext& container)
+int writeHeader(AVFormatContext& container, WrittenBytes& written)
 {
     AvOptions options;
     const bool isMp4
         = QString::fromLatin1(container.oformat->name).contains(QLatin1String("mp4"), Qt::CaseInsensitive);
     if (isMp4)
         setFragments(options);
-    const int status = avformat_write_header(&container, options.out());
+    const int status = beginContainer(container, options.out(), written);
     if (status < 0 || !isMp4 || hasFragments(container))
         return status;
     // FFmpeg passes options on without looking whether there was memory for each. Nobody could play what is there.
@@ -251,7 +252,7 @@ bool GstRecorder::openFileAndWriteHeader()
             return false;
         }
     }
-    const int status = writeHeader(*formatContext);
+    const int status = writeHeader(*formatContext, writtenBytes);
     if (status < 0) {
         qCritical() << "Unable to write FFmpeg output header:" << avErrorString(status);
         return false;

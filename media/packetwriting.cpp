@@ -10,7 +10,7 @@ namespace {
 
 /// What FFmpeg has taken goes to the file. FFmpeg drops everything after a write that failed, and a part of something
 /// lies in the file: it is cut off at once, since the process may end at any time, and what follows is tried in its
-/// stead. Not when not even the header is in the file.
+/// stead.
 int settle(AVFormatContext& container, int status, WrittenBytes& written)
 {
     if (!container.pb)
@@ -22,11 +22,16 @@ int settle(AVFormatContext& container, int status, WrittenBytes& written)
         return status;
     }
     written.someLost = true;
-    if (written.whole > 0)
-        outputfile::returnTo(container, written.whole);
+    outputfile::returnTo(container, written.whole);
     return status < 0 ? status : error;
 }
 
+}
+
+int beginContainer(AVFormatContext& container, AVDictionary** options, WrittenBytes& written)
+{
+    container.flush_packets = 1;
+    return settle(container, avformat_write_header(&container, options), written);
 }
 
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,

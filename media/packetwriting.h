@@ -11,6 +11,12 @@ struct WrittenBytes {
     bool someLost = false; ///< a write has failed since the header
 };
 
+/// Writes the header, and sees to it that the file has taken it: without it nobody could play what follows. From then
+/// on each packet goes to the file by itself, also when one call writes several, so that each fragment of an MP4
+/// begins a write of its own. Takes and replaces the muxer's options. Returns FFmpeg's status; nothing is left in the
+/// file when the disk refused some of it. Worker thread.
+int beginContainer(AVFormatContext& container, AVDictionary** options, WrittenBytes& written);
+
 /**
  * Brings the packet's times from the encoder's time base to the stream's, writes it, and flushes, so that the file on
  * disk stays current while the recording runs. A packet without a duration lasts missingDuration, in the encoder's

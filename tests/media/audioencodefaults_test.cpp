@@ -303,14 +303,16 @@ void AudioEncodeFaultsTest::everyPacketIsFlushed()
 {
     RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
+    const int before = calls(Call::FlushFile);
+    const auto flushes = [before] { return calls(Call::FlushFile) - before; };
     QVERIFY(recorder.turn(500, testaudio::noise(0, 24000)));
     QVERIFY(calls(Call::WritePacket) > 20);
-    QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket));
+    QCOMPARE(flushes(), calls(Call::WritePacket));
     failOnce(Call::WritePacket, AVERROR(EIO));
     QVERIFY(!recorder.turn(600, testaudio::noise(0, 4800)));
-    QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket)); // also after a failure
+    QCOMPARE(flushes(), calls(Call::WritePacket)); // also after a failure
     QVERIFY(recorder->drainAudioEncoder());
-    QCOMPARE(calls(Call::FlushFile), calls(Call::WritePacket));
+    QCOMPARE(flushes(), calls(Call::WritePacket));
 }
 
 void AudioEncodeFaultsTest::containerWithoutFileIsNotFlushed()

@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <numbers>
+#include <unistd.h>
 
 using namespace ffmpegfaults;
 
@@ -85,6 +87,35 @@ QByteArray contentOf(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+/// Notes where in the file FFmpeg has something written. One at a time.
+class WriteWatch {
+public:
+    WriteWatch(AVIOContext& file, QList<qint64>& places)
+    {
+        watched() = {file.write_packet, &places};
+        file.write_packet = &note;
+    }
+
+private:
+    using Write = decltype(AVIOContext::write_packet);
+    struct Watched {
+        Write write = nullptr;
+        QList<qint64>* places = nullptr;
+    };
+    static Watched& watched()
+    {
+        static Watched instance;
+        return instance;
+    }
+    /// What the bytes are is constant from FFmpeg 7 on.
+    template <typename Byte>
+    static int note(void* descriptor, Byte* bytes, int size)
+    {
+        watched().places->append(::lseek(int(reinterpret_cast<std::intptr_t>(descriptor)), 0, SEEK_CUR));
+        return watched().write(descriptor, bytes, size);
+    }
+};
+
 /// Where the last whole packet of this kind ends.
 double wholePacketsEndMs(MediaFile& file, AVMediaType type)
 {
@@ -113,6 +144,8 @@ private Q_SLOTS:
     void audioThatComesAfterTheLastTurnIsLeftOut();
     void unfinishedFilePlaysWithAudio();
     void cutFilePlaysWithAudio();
+    void everyFragmentBeginsAWrite_data();
+    void everyFragmentBeginsAWrite();
     void fullVolumeIsNotDistorted();
 };
 
@@ -278,6 +311,40 @@ void AudioFileTest::cutFilePlaysWithAudio()
         QCOMPARE(judgeTones(*audio, 200, audio->durationMs() - 50), QString());
     }
     QCOMPARE(fragments, 11);
+}
+
+void AudioFileTest::everyFragmentBeginsAWrite_data()
+{
+    QTest::addColumn<int>("frames"); // that wait in memory for audio
+    QTest::addColumn<bool>("comes");
+    QTest::newRow("no audio before the end") << 5 * 24 << false;
+    QTest::newRow("audio that comes late") << 9 * 24 << true;
+}
+
+/// Also when many frames are written at once. Only then its list gets its head last, and no killed process leaves one
+/// that is torn.
+void AudioFileTest::everyFragmentBeginsAWrite()
+{
+    QFETCH(const int, frames);
+    QFETCH(const bool, comes);
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    QList<qint64> places;
+    const WriteWatch watch(*recorder->formatContext()->pb, places);
+    for (int i = 0; i < frames; ++i)
+        QVERIFY(recorder->encodeImage(testimages::noise(recorder.canvas(), quint32(i)), i * 41));
+    QVERIFY(!comes || recorder.turn(frames * 41, tones(0, 4800)));
+    QVERIFY(recorder.finishAudio());
+    QVERIFY(recorder.wasQuiet());
+    const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+    int fragments = 0;
+    for (const Mp4Box& box : boxes) {
+        if (box.type != "moof")
+            continue;
+        ++fragments;
+        QVERIFY2(places.contains(box.offset), qPrintable(QStringLiteral("fragment %1").arg(fragments)));
+    }
+    QVERIFY(fragments >= frames / 24);
 }
 
 /// A square wave of full scale overshoots in the encoder, which takes it back a little; it does not wrap around.

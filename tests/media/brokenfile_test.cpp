@@ -79,7 +79,8 @@ private Q_SLOTS:
     void fragmentThatEndsIsPlayed();
     void writeThatStopsAnywhereIsPassedOver();
     void copyOfAnOpenFilePlays();
-    void headerIsOnTheDiskWithTheFirstFrame();
+    void headerIsOnTheDiskBeforeTheFirstFrame();
+    void fallbackHeaderIsOnTheDiskBeforeTheFirstFrame();
     void headerOnlyFileOpens();
     void fallbackCutAnywherePlaysToTheLastWholeCluster();
     void fallbackCopyOfAnOpenFilePlays();
@@ -204,14 +205,28 @@ void BrokenFileTest::copyOfAnOpenFilePlays()
     }
 }
 
-void BrokenFileTest::headerIsOnTheDiskWithTheFirstFrame()
+void BrokenFileTest::headerIsOnTheDiskBeforeTheFirstFrame()
 {
     IdleRecorder recorder;
     QVERIFY(recorder->openOutput());
-    QVERIFY(recorder.encode({0}));
-    const QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+    const QByteArray header = contentOf(recorder->outputPath());
+    const QList<Mp4Box> boxes = mp4boxes::parse(header);
     QCOMPARE(mp4boxes::types(boxes), (QList<QByteArray>{"ftyp", "moov"}));
     QVERIFY(boxes.constLast().whole);
+    QCOMPARE(boxes.constLast().end(), header.size());
+    QVERIFY(recorder.encode({0}));
+    QCOMPARE(contentOf(recorder->outputPath()), header);
+}
+
+void BrokenFileTest::fallbackHeaderIsOnTheDiskBeforeTheFirstFrame()
+{
+    IdleRecorder recorder(QStringLiteral("clip.mp4"), QSize(8192, 16));
+    QVERIFY(recorder->openOutput());
+    const QByteArray header = contentOf(recorder->outputPath());
+    QVERIFY(header.startsWith("\x1a\x45\xdf\xa3"));
+    QVERIFY(header.contains("\x16\x54\xae\x6b")); // the streams
+    QVERIFY(recorder.encode({0}));
+    QCOMPARE(contentOf(recorder->outputPath()), header);
 }
 
 void BrokenFileTest::headerOnlyFileOpens()

@@ -77,7 +77,7 @@ void prepare(const Kind& kind)
     if (kind.isHurried)
         surroundings().processors = 2;
     if (kind.losesBytes)
-        failOnce(Call::FlushFile, AVERROR(ENOSPC), 2);
+        failOnce(Call::FlushFile, AVERROR(ENOSPC), 3); // of the second packet; the first flush is the header's
 }
 
 /// A short recording whose failures are left as they are.
@@ -155,7 +155,7 @@ private Q_SLOTS:
 
 private:
     void failAt(const Kind& kind, Call call, int nth, bool fromThenOn);
-    void verifyEnd(RecorderWithAudio& recorder, Call call, int nth);
+    void verifyEnd(RecorderWithAudio& recorder, Call call);
     static void verifyFile(const QString& path, bool mayLackSomething, const QStringList& lines);
 
     const QStringList texts_ = listedTexts();
@@ -207,7 +207,7 @@ void FailureSweepTest::anyCallFails_data()
     }
 }
 
-void FailureSweepTest::verifyEnd(RecorderWithAudio& recorder, Call call, int nth)
+void FailureSweepTest::verifyEnd(RecorderWithAudio& recorder, Call call)
 {
     const QStringList lines = recorder.warnings() + recorder.criticals();
     for (const QString& line : lines) {
@@ -217,8 +217,7 @@ void FailureSweepTest::verifyEnd(RecorderWithAudio& recorder, Call call, int nth
     }
     QVERIFY(recorder.isClosed());
     QCOMPARE(fakeplatform::audio().liveStreams, 0);
-    const bool isHeaderLost = call == Call::FlushFile && nth == 1; // it waits for the first flush
-    const bool canBeOpened = calls(Call::WriteTrailer) > 0 && !isHeaderLost && hasContent(recorder->outputPath());
+    const bool canBeOpened = calls(Call::WriteTrailer) > 0 && hasContent(recorder->outputPath());
     heal(call); // the reader makes the same calls
     const bool says
         = std::any_of(lines.begin(), lines.end(), [](const QString& line) { return line != fallbackLine; });
@@ -255,7 +254,7 @@ void FailureSweepTest::failAt(const Kind& kind, Call call, int nth, bool fromThe
     record(recorder, kind);
     QVERIFY(calls(call) >= nth);
     QCOMPARE(openDescriptors(), descriptors);
-    verifyEnd(recorder, call, nth);
+    verifyEnd(recorder, call);
     if (QTest::currentTestFailed())
         QFAIL(qPrintable(QStringLiteral("the failure was number %1").arg(nth)));
 }
