@@ -42,6 +42,7 @@ private Q_SLOTS:
     void missingDuration_data();
     void missingDuration();
     void missingDurationOfAFlushedPacket();
+    void missingDurationIsNeverNothing();
     void everyPacketIsFlushed();
     void containerWithoutFileIsNotFlushed();
 };
@@ -297,6 +298,22 @@ void AudioEncodeFaultsTest::missingDurationOfAFlushedPacket()
     QVERIFY(recorder->drainAudioEncoder());
     QVERIFY(!durations.isEmpty());
     QCOMPARE(durations, QList<qint64>(durations.size(), 1024));
+}
+
+/// Ten samples at the end are less than half a millisecond, in which Matroska counts.
+void AudioEncodeFaultsTest::missingDurationIsNeverNothing()
+{
+    surroundings().hiddenEncoders = {"mpeg4"};
+    QVERIFY(RecorderWithAudio::useEncoder("pcm_s32le"));
+    RecorderWithAudio recorder;
+    QVERIFY(recorder.openAndStart());
+    recorder->recordingClock().invalidate();
+    QVERIFY(recorder.turn(0, testaudio::noise(0, 1024 + 10)));
+    QCOMPARE(recorder.queued(), 10);
+    QList<qint64> durations;
+    surroundings().atWritePacket = [&](const AVPacket& packet) { durations.append(packet.duration); };
+    QVERIFY(recorder->drainAudioEncoder());
+    QCOMPARE(durations, QList<qint64>{1});
 }
 
 void AudioEncodeFaultsTest::everyPacketIsFlushed()

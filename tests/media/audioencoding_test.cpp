@@ -21,6 +21,8 @@ namespace {
 
 using Chunk = RecorderAudioCapture::Chunk;
 
+constexpr qint64 rightNoise = 1'000'000; // its place behind that on the left
+
 const auto pcmLine = QStringLiteral("Unix audio capture received PCM");
 
 Chunk chunkOf(const std::vector<qint16>& samples)
@@ -36,10 +38,21 @@ qint64 monotonicMs()
 }
 
 /// Lossless audio from now on.
-bool useExactEncoder()
+bool useExactEncoder(const char* name = "flac")
 {
     surroundings().hiddenEncoders = {"mpeg4"};
-    return RecorderWithAudio::useEncoder("flac");
+    return RecorderWithAudio::useEncoder(name);
+}
+
+/// Noise that is another one on the right.
+std::vector<qint16> sidedNoise(qint64 first, qint64 count)
+{
+    std::vector<qint16> samples;
+    for (qint64 i = first; i < first + count; ++i) {
+        samples.push_back(testaudio::noiseAt(i));
+        samples.push_back(testaudio::noiseAt(rightNoise + i));
+    }
+    return samples;
 }
 
 }
@@ -56,6 +69,7 @@ private Q_SLOTS:
     void longStallIsCaughtUpInTurns();
 
     void lateBurstIsPlacedBackFromNow();
+    void audioFasterThanTheClockIsDroppedWhereItOverlaps_data();
     void audioFasterThanTheClockIsDroppedWhereItOverlaps();
     void audioAheadOfTheClockStays();
     void gapBetweenBatchesIsSilent();
@@ -155,22 +169,40 @@ void AudioEncodingTest::lateBurstIsPlacedBackFromNow()
     QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
 }
 
-/// Twice as fast as the clock: of every chunk the part is left out whose time has audio already.
+void AudioEncodingTest::audioFasterThanTheClockIsDroppedWhereItOverlaps_data()
+{
+    QTest::addColumn<QByteArray>("encoder");
+    QTest::addColumn<bool>("planar");
+    QTest::newRow("interleaved") << QByteArray("flac") << false;
+    QTest::newRow("planar") << QByteArray("alac") << true;
+}
+
+/// Twice as fast as the clock: of every chunk the part is left out whose time has audio already, on both sides.
 void AudioEncodingTest::audioFasterThanTheClockIsDroppedWhereItOverlaps()
 {
-    QVERIFY(useExactEncoder());
+    QFETCH(const QByteArray, encoder);
+    QFETCH(const bool, planar);
+    QVERIFY(useExactEncoder(encoder.constData()));
     RecorderWithAudio recorder;
     QVERIFY(recorder.openAndStart());
-    std::vector<qint16> expected;
-    appendNoise(expected, 0, 480);
-    QVERIFY(recorder.turn(10, testaudio::noise(0, 480)));
+    QCOMPARE(av_sample_fmt_is_planar(recorder->audioCodecContext()->sample_fmt) != 0, planar);
+    std::vector<qint16> left;
+    std::vector<qint16> right;
+    const auto expect = [&](qint64 first, qint64 count) {
+        appendNoise(left, first, count);
+        appendNoise(right, rightNoise + first, count);
+    };
+    expect(0, 480);
+    QVERIFY(recorder.turn(10, sidedNoise(0, 480)));
     for (qint64 i = 1; i < 200; ++i) {
-        QVERIFY(recorder.turn(10 + i * 5, testaudio::noise(i * 480, 480)));
+        QVERIFY(recorder.turn(10 + i * 5, sidedNoise(i * 480, 480)));
         QCOMPARE(recorder.present(), 480 + i * 240);
-        appendNoise(expected, i * 480 + 240, 240);
+        expect(i * 480 + 240, 240);
     }
     QVERIFY(recorder.finishAudio());
-    QVERIFY(holdsThenSilence(exactSamples(recorder->outputPath()), expected));
+    const auto [seenLeft, seenRight] = exactSides(recorder->outputPath());
+    QVERIFY(holdsThenSilence(seenLeft, left));
+    QVERIFY(holdsThenSilence(seenRight, right));
 }
 
 /// A block that is longer than the recording is kept whole, and what comes next waits for the clock.

@@ -5,21 +5,31 @@
 #include "recorderwithaudio.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 #include <vector>
 
-/// The left channel of a lossless 16-bit file; the right one is the same or the list is empty.
-inline std::vector<qint16> exactSamples(const QString& path)
+/// Left and right of a lossless 16-bit file; both are empty when that fails.
+inline std::array<std::vector<qint16>, 2> exactSides(const QString& path)
 {
     MediaFile file(path);
     const std::optional<MediaAudio> audio = file.audio();
-    if (!audio || audio->channels.size() != 2 || audio->channels[0] != audio->channels[1])
-        return {};
-    std::vector<qint16> samples;
-    for (const float value : audio->channels[0])
-        samples.push_back(qint16(std::lround(value * 32768.0F)));
-    return samples;
+    std::array<std::vector<qint16>, 2> sides;
+    if (!audio || audio->channels.size() != 2)
+        return sides;
+    for (int side = 0; side < 2; ++side) {
+        for (const float value : audio->channels[side])
+            sides[std::size_t(side)].push_back(qint16(std::lround(value * 32768.0F)));
+    }
+    return sides;
+}
+
+/// The left channel; the right one is the same or the list is empty.
+inline std::vector<qint16> exactSamples(const QString& path)
+{
+    const auto [left, right] = exactSides(path);
+    return left == right ? left : std::vector<qint16>();
 }
 
 /// What the test expects of the whole audio: these samples, then silence.

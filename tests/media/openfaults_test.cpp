@@ -1,4 +1,5 @@
 // Every way in which opening the output fails: the log line, the result, and that nothing stays behind.
+#include "encoderchoice.h"
 #include "ffmpegfaults.h"
 #include "idlerecorder.h"
 #include "mediafile.h"
@@ -45,6 +46,7 @@ private Q_SLOTS:
     void nameThatFindsAForbiddenEncoderIsSkipped_data();
     void nameThatFindsAForbiddenEncoderIsSkipped();
     void encoderWithHardwareFormatsOnlyIsSkipped();
+    void encoderWithoutAListNeedsNoSoftwareFormat();
     void everythingFailsAtOnce();
     void failedOpeningCanBeClosedByTheDestructor();
     void fileWithoutFragmentsIsNone_data();
@@ -219,6 +221,15 @@ void OpenFaultsTest::encoderWithHardwareFormatsOnlyIsSkipped()
         (QStringList{
             QStringLiteral("Skipping video encoder with no software input format: \"mpeg4\""), fallbackWarning}));
     QCOMPARE(recorder->videoEncoderName(), QStringLiteral("ffv1"));
+}
+
+/// It does not say what it takes; the usual format is tried.
+void OpenFaultsTest::encoderWithoutAListNeedsNoSoftwareFormat()
+{
+    surroundings().hardwareFormatsOnly = true;
+    const auto format = encoderchoice::inputPixelFormat(std::nullopt);
+    QVERIFY(format.has_value());
+    QCOMPARE(int(*format), int(AV_PIX_FMT_YUV420P));
 }
 
 void OpenFaultsTest::everythingFailsAtOnce()
