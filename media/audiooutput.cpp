@@ -1,5 +1,5 @@
-// The file's audio stream: capture, encoder, resampler, sample queue, stream. Worker thread. Whatever fails here is
-// logged and costs the audio, not the recording.
+// The file's audio stream: capture, encoder, resampler, sample queue, stream. Worker thread. What fails here is
+// logged and costs the audio, not the recording; but FFmpeg writes no header for a stream without parameters.
 #include "gstrecorder.h"
 
 #include "audioencoderchoice.h"

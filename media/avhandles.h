@@ -79,7 +79,7 @@ public:
     AvSampleBuffer(const AvSampleBuffer&) = delete;
     AvSampleBuffer& operator=(const AvSampleBuffer&) = delete;
 
-    /// Once, with room for so many samples a channel. FFmpeg's status; the samples are not set.
+    /// Once, with room for so many samples a channel, which are silence at first. FFmpeg's status.
     int allocate(int channels, int samples, AVSampleFormat format)
     {
         return av_samples_alloc_array_and_samples(&planes_, nullptr, channels, samples, format, 0);

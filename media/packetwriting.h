@@ -21,7 +21,8 @@ int beginContainer(AVFormatContext& container, AVDictionary** options, WrittenBy
  * Brings the packet's times from the encoder's time base to the stream's, writes it, and flushes, so that the file on
  * disk stays current while the recording runs. A packet without a duration lasts missingDuration, in the encoder's
  * time base. The packet is empty afterwards. Returns FFmpeg's status; an error is that of this write, and costs what
- * was written by it (of an MP4 a fragment), not what follows. Worker thread.
+ * was written by it (of an MP4 a fragment). What follows is written all the same; frames up to the next key frame may
+ * have lost what they build upon. Worker thread.
  */
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,
     int64_t missingDuration, WrittenBytes& written);

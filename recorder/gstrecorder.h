@@ -318,7 +318,8 @@ private:
     RowSet composedChanges; // its rows that may differ from the version before
     NoMemoryWarning noMemory; // for the next one; recordingloop.cpp
 
-    // Media output: worker. Null or owned; only closeOutput() releases (and a rejected encoder candidate).
+    // Media output: worker. Null or owned; only closeOutput() releases them, and the fallback the first container
+    // (outputcontainer.cpp).
     AVFormatContext* formatContext = nullptr; // also holds the file handle
     AVCodecContext* videoCodecContext = nullptr;
     AVStream* videoStream = nullptr; // owned by formatContext
@@ -334,7 +335,7 @@ private:
     QString videoEncoderName; // FFmpeg's name of the opened encoder
     bool headerWritten = false; // decides the trailer, and only that
     WrittenBytes writtenBytes; // what has reached the file
-    qint64 encodedFrameCount = 0; // frames that the encoder accepted, videoencoding.cpp
+    qint64 encodedFrameCount = 0; // frames whose packets, as far as ready, were written; videoencoding.cpp
 
     // Its audio, null or zero without: opened in audiooutput.cpp, filled in audioencoding.cpp. Same owner.
     AVCodecContext* audioCodecContext = nullptr; // set only when the whole set-up succeeded
