@@ -70,9 +70,9 @@ double AudioTimeline::frameAt(qint64 ns) const
 }
 
 /// It cannot be queued: the silence before it would take too much memory.
-bool AudioTimeline::isFarAhead(const Block& block, std::size_t samples) const
+bool AudioTimeline::isFarAhead(const Block& block, qint64 frames) const
 {
-    return frameAt(block.startNs) + double(samples / 2) > double(delivered_ + mostQueued);
+    return frameAt(block.startNs) + double(frames) > double(delivered_ + mostQueued);
 }
 
 void AudioTimeline::append(const Block& block, std::span<const float> stereo)
@@ -81,7 +81,7 @@ void AudioTimeline::append(const Block& block, std::span<const float> stereo)
     const qint64 endNs = block.startNs + frames * nsPerMs / framesPerMs;
     if (frames == 0 || endNs - block.arrivedNs > mostAheadNs || frameAt(endNs) < double(delivered_ - mostFrames))
         return;
-    if (!ahead_.empty() || isFarAhead(block, stereo.size()))
+    if (!ahead_.empty() || isFarAhead(block, frames))
         keepApart(block, stereo);
     else
         place(block, stereo);
@@ -100,10 +100,13 @@ void AudioTimeline::keepApart(const Block& block, std::span<const float> stereo)
 
 void AudioTimeline::placeNear()
 {
-    while (!ahead_.empty() && !isFarAhead(ahead_.front().block, ahead_.front().stereo.size())) {
+    while (!ahead_.empty()) {
+        const auto frames = qint64(ahead_.front().stereo.size() / 2);
+        if (isFarAhead(ahead_.front().block, frames))
+            return;
         const FarBlock next = std::move(ahead_.front());
         ahead_.pop_front();
-        aheadFrames_ -= qint64(next.stereo.size() / 2);
+        aheadFrames_ -= frames;
         place(next.block, next.stereo);
     }
 }

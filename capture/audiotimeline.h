@@ -73,7 +73,7 @@ private:
     qint64 queuedFrames() const { return qint64(queue_.size() / 2); }
     qint64 framesUntil(qint64 untilMs) const;
     double frameAt(qint64 ns) const;
-    bool isFarAhead(const Block& block, std::size_t samples) const;
+    bool isFarAhead(const Block& block, qint64 frames) const;
     void keepApart(const Block& block, std::span<const float> stereo);
     void placeNear();
     void place(const Block& block, std::span<const float> stereo);
