@@ -21,9 +21,15 @@ def missed_slots(times_ms, slot_ms):
 
 
 def gaps_with_missed_slots(times_ms, slot_ms):
-    """(when the gap ends, slots that are missed in it)"""
+    """(when the gap ends, slots that are missed in it)
+
+    In an MP4 with audio the first frame lies before its time by what the audio encoder begins with (21 ms of AAC), so
+    the slots are those of the second one, unless one is missed before it.
+    """
     gaps = []
     due = times_ms[0]
+    if len(times_ms) > 1 and times_ms[1] - due < 2 * slot_ms:
+        due = times_ms[1] - slot_ms
     for time_ms in times_ms[1:]:
         due += slot_ms
         late_slots = int((time_ms - due) // slot_ms)

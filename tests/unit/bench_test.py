@@ -48,6 +48,14 @@ class Slots(unittest.TestCase):
         self.assertEqual(recorded.missed_slots(times(100), SLOT_MS), 0)
         self.assertEqual(recorded.missed_slots(times(100, without=(7, 8, 50)), SLOT_MS), 3)
 
+    def test_first_frame_before_its_time_misses_nothing(self):
+        moved = [0] + [time_ms + 21 for time_ms in times(100)[1:]]
+        moved[30] += 31
+        self.assertEqual(recorded.gaps_with_missed_slots(moved, SLOT_MS), [])
+        del moved[50]
+        self.assertEqual([slots for _, slots in recorded.gaps_with_missed_slots(moved, SLOT_MS)], [1])
+        self.assertEqual(recorded.missed_slots(times(100, without=(1, 50)), SLOT_MS), 2)
+
     def test_only_what_was_missed_late_counts_as_late(self):
         early = times(1464, without=range(10, 60))
         self.assertEqual(recorded.missed_late_percent(early, SLOT_MS, 4), 0)
