@@ -19,7 +19,7 @@ class StderrSocket {
 public:
     StderrSocket()
     {
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()) != 0)
+        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_.data()) != 0)
             qFatal("No socket for stderr");
         saved_ = ::dup(STDERR_FILENO);
         ::dup2(ends_[1], STDERR_FILENO);

@@ -99,7 +99,7 @@ void LastLineTest::faultWhileNobodyReads()
 {
     const PrivateTempDir directory;
     const QByteArray log = directory.filePath(QStringLiteral("log")).toLocal8Bit();
-    const int status = statusOfChild([&] {
+    int status = statusOfChild([&] {
         std::signal(SIGABRT, SIG_DFL);
         std::array<int, 2> ends{};
         if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0)
