@@ -157,7 +157,11 @@ void StandardStreamsTest::nobodyReadsStandardError()
     // Others have the same open file: their writes must go on as they did.
     QCOMPARE(::fcntl(line.recordersEnd(), F_GETFL) & O_NONBLOCK, 0);
     QVERIFY(scene.stopAndExit());
-    QCOMPARE(scene.log().last().text, QStringLiteral("recorder exiting 0"));
+    QList<LogLine> log = scene.log();
+    if (log.last().text.startsWith(
+            QStringLiteral("stderr has not taken "))) // a short line may fit where others did not
+        log.removeLast();
+    QCOMPARE(log.last().text, QStringLiteral("recorder exiting 0"));
     const Playback file = playBack(scene.command.output);
     QVERIFY2(file.isWhole(), file.description());
     if (kind == Line::Kind::Pipe)
