@@ -1,6 +1,8 @@
 // How late blocks are, when those without a time were heard, and the samples as the timeline wants them.
 #include "audiometer.h"
 
+#include <QScopeGuard>
+
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -89,7 +91,12 @@ std::optional<std::vector<qint16>> AudioMeter::deliver(qint64 untilMs, bool last
     }
     missed_ = missed_ || timeline_.hasMissed();
     const qint64 endMs = AudioTimeline::turnEnd(deliveredMs_, untilMs);
+    auto lost = qScopeGuard([this, endMs] { // of a turn that finds no memory a part may have been taken
+        deliveredMs_ = endMs;
+        timeline_.start(endMs, true);
+    });
     const auto audio = timeline_.deliver(endMs, last || endMs < untilMs);
+    lost.dismiss();
     if (!audio)
         return std::nullopt;
     deliveredMs_ = endMs;

@@ -27,7 +27,8 @@ public:
     /// startNs: when its first sample is heard, where that is known. Left out, and noted, when nobody reads.
     void append(std::optional<qint64> startNs, qint64 arrivedNs, std::span<const qint16> stereo);
 
-    /// See AudioTimeline::deliver(). One turn: where deliveredMs() is then before the instant there is more.
+    /// See AudioTimeline::deliver(). One turn: where deliveredMs() is then before the instant there is more. A turn
+    /// for which there is no memory is lost, and std::bad_alloc tells of it: the next one goes on behind it.
     std::optional<std::vector<qint16>> deliver(qint64 untilMs, bool last);
 
     /// The end of the last delivery.

@@ -1,6 +1,7 @@
 // The audio of several streams as one.
 #include "audiomix.h"
 
+#include "refusedallocation.h"
 #include "testregistry.h"
 
 #include <QTest>
@@ -79,6 +80,8 @@ private Q_SLOTS:
     void readerThatWasAway_data();
     void readerThatWasAway();
     void audioOnBothSidesOfAnAbsence();
+    void turnWithoutMemoryIsTheOnlyLoss_data();
+    void turnWithoutMemoryIsTheOnlyLoss();
     void nothingIsMissed_data();
     void nothingIsMissed();
 };
@@ -201,6 +204,33 @@ void AudioMixTest::audioOnBothSidesOfAnAbsence()
     QCOMPARE(valueOf(audio, 1000 * 48 + seamFrames, 14000 * 48), std::optional(0.F));
     QCOMPARE(valueOf(audio, 14000 * 48 + seamFrames, 14990 * 48), std::optional(0.5F));
     QVERIFY(!mix.hasMissed());
+}
+
+void AudioMixTest::turnWithoutMemoryIsTheOnlyLoss_data()
+{
+    QTest::addColumn<int>("stream");
+    QTest::newRow("the first stream has none") << 1;
+    QTest::newRow("the second stream has none") << 2;
+}
+
+/// After a long absence.
+void AudioMixTest::turnWithoutMemoryIsTheOnlyLoss()
+{
+    QFETCH(const int, stream);
+    const BlockQueues queues{std::make_shared<BlockQueue>(), std::make_shared<BlockQueue>()};
+    AudioMix mix(0);
+    mix.start(startMs);
+    {
+        const RefusedAllocation refused(1 << 20, stream); // each takes 3.84 MB in ten seconds
+        QVERIFY_THROWS_EXCEPTION(std::bad_alloc, mix.deliver(queues, startMs + 25'000, false));
+    }
+    QCOMPARE(mix.deliveredMs(), startMs + 10'000);
+    QVERIFY(deliverAll(mix, queues, 25'000));
+    push(*queues[0], 25'000, 100, 0.25F);
+    push(*queues[1], 25'000, 100, 0.25F);
+    const auto next = deliverAll(mix, queues, 25'090);
+    QVERIFY(next && next->size() == 90 * 96);
+    QCOMPARE(valueOf(next, seamFrames, 90 * 48), std::optional(0.5F));
 }
 
 void AudioMixTest::nothingIsMissed_data()

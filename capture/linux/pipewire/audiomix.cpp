@@ -1,6 +1,8 @@
 // Following the streams, adding their audio.
 #include "audiomix.h"
 
+#include <QScopeGuard>
+
 #include <algorithm>
 #include <functional>
 
@@ -51,6 +53,13 @@ std::optional<std::vector<float>> AudioMix::deliver(const BlockQueues& queues, q
         isThere = voice.timeline.prepare(endMs, isOver || voice.ended) && isThere;
     if (!isThere)
         return std::nullopt;
+    deliveredMs_ = endMs;
+    delivered_ = true;
+    // Some voices may be ahead of the others when one finds no memory: the turn is lost for all of them.
+    auto lost = qScopeGuard([this] {
+        for (Voice& voice : voices_)
+            voice.timeline.start(deliveredMs_, true);
+    });
     std::optional<std::vector<float>> mix;
     for (Voice& voice : voices_) {
         std::optional<std::vector<float>> audio = voice.timeline.deliver(endMs, isOver || voice.ended);
@@ -59,8 +68,7 @@ std::optional<std::vector<float>> AudioMix::deliver(const BlockQueues& queues, q
         else if (audio)
             mix = std::move(audio);
     }
-    deliveredMs_ = endMs;
-    delivered_ = true;
+    lost.dismiss();
     return mix;
 }
 

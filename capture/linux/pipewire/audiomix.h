@@ -21,7 +21,8 @@ public:
     void start(qint64 startMs);
 
     /// See AudioTimeline::deliver(). queues: of the streams that there are now; they do not change their order. One
-    /// turn: where deliveredMs() is then before the instant there is more.
+    /// turn: where deliveredMs() is then before the instant there is more. A turn for which there is no memory is
+    /// lost, and std::bad_alloc tells of it: the next one goes on behind it.
     std::optional<std::vector<float>> deliver(const BlockQueues& queues, qint64 untilMs, bool last);
 
     /// The end of the last delivery.
