@@ -305,8 +305,7 @@ qint64 RecorderAudioCapture::deliverUntil(const QElapsedTimer& clock, qint64 ela
 {
     if (!d)
         return elapsedMs;
-    if (!d->clockStartMs)
-        d->clockStartMs = monotonicStartMs(clock);
+    d->clockStartMs = RecorderAudioCapturePrivate::clockStart(d->clockStartMs, monotonicStartMs(clock));
     return d->deliverUntil(*d->clockStartMs + elapsedMs, last) - *d->clockStartMs;
 }
 

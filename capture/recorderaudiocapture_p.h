@@ -6,6 +6,7 @@
 #include "recorderaudiocapture.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -25,6 +26,14 @@ public:
     bool start();
     void stop();
     qint64 deliverUntil(qint64 monotonicMs, bool last);
+
+    /// Where the reader's clock has its 0 on the monotonic one, in milliseconds: what was found first, so that no
+    /// reading's error moves the audio, until the reader's clock has stood still while the system slept.
+    static qint64 clockStart(std::optional<qint64> found, qint64 measured)
+    {
+        constexpr qint64 largestErrorMs = 20; // of a reading: the thread may be stopped between the clocks
+        return found && std::abs(measured - *found) <= largestErrorMs ? *found : measured;
+    }
 
     /// Converts one delivered buffer and queues the chunk (audiosampleintake.cpp). null is ignored.
     void handleAudioSampleBuffer(const platform::AudioSampleBuffer* buffer) noexcept;

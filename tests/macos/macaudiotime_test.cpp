@@ -1,6 +1,7 @@
 // Audio that the system delivers when it likes, on the recording clock: a steady tone stays one.
 #include "macaudio.h"
 #include "memorylimit.h"
+#include "refusedallocation.h"
 #include "simulatedaudio.h"
 #include "testregistry.h"
 
@@ -67,6 +68,7 @@ private Q_SLOTS:
     void blockWithoutMemoryIsLeftOut();
     void blockOfTooManySamplesIsLeftOut();
     void audioThatNobodyReadsIsBounded();
+    void turnWithoutMemoryIsTheOnlyLoss();
     void audioThatNobodyReadBeforeTheStart();
     void pauseIsTheOnlyBreak_data();
     void pauseIsTheOnlyBreak();
@@ -192,6 +194,36 @@ void MacAudioTimeTest::audioThatNobodyReadsIsBounded()
     QCOMPARE(heard, pcmOf(1000, heard.size() / 4));
     QVERIFY(all.endsWith(QByteArray((awayMs - keptMs - aroundMs) * 48 * 4, '\0')));
     QCOMPARE(bench_->log.count(notTakenLine), 1);
+}
+
+/// After a long absence, whichever part of the turn has none; what comes behind it is given all the same.
+void MacAudioTimeTest::turnWithoutMemoryIsTheOnlyLoss()
+{
+    int refusals = 0;
+    for (bool isRefused = true; isRefused; ++refusals) {
+        RecorderAudioCapture capture{QString()};
+        macsim::setClocks(startMs * 1000000, startMs * 1000000);
+        QVERIFY(capture.start());
+        for (const qint64 ms : {0, 15000}) {
+            macsim::Audio audio = loudAudio;
+            audio.timeNs = (startMs + ms) * 1000000;
+            audio.timeFlags = 1;
+            macsim::setClocks((startMs + ms) * 1000000, (startMs + ms) * 1000000);
+            QVERIFY(macsim::deliver(audio));
+        }
+        try {
+            const RefusedAllocation refused(1 << 20, refusals + 1);
+            capture.deliverUntil(startMs + 25000, true);
+            isRefused = RefusedAllocation::happened();
+        } catch (const std::bad_alloc&) {
+        }
+        capture.readAvailable();
+        qsizetype chunks = 0;
+        for (qint64 untilMs = startMs; untilMs < startMs + 20000; chunks += capture.readAvailable().size())
+            untilMs = capture.deliverUntil(startMs + 20000, true);
+        QVERIFY2(chunks > 0, qPrintable(QString::number(refusals)));
+    }
+    QVERIFY(refusals > 3);
 }
 
 void MacAudioTimeTest::audioThatNobodyReadBeforeTheStart()

@@ -91,6 +91,7 @@ private Q_SLOTS:
     void meteringInTurns();
     void audioThatIsNotTakenInTimeIsToldOnce();
     void audioThatFoundNoMemoryIsToldOnce();
+    void clockThatStoodStillIsFoundAgain();
     void nullPrivateObject();
     void everythingIsReleased();
 };
@@ -614,6 +615,16 @@ void RecorderAudioCaptureTest::audioThatFoundNoMemoryIsToldOnce()
     capture->deliverUntil(2);
     QCOMPARE(log.messages(),
         QStringList(QStringLiteral("No memory for audio that was delivered; it is left out. Told once.")));
+}
+
+/// While the system slept; the errors of readings are none.
+void RecorderAudioCaptureTest::clockThatStoodStillIsFoundAgain()
+{
+    const auto start = &RecorderAudioCapturePrivate::clockStart;
+    QCOMPARE(start({}, 1000), 1000);
+    QCOMPARE(start(1000, 1020), 1000);
+    QCOMPARE(start(1000, 980), 1000);
+    QCOMPARE(start(1000, 6000), 6000);
 }
 
 void RecorderAudioCaptureTest::nullPrivateObject()
