@@ -8,25 +8,29 @@
 #include <QDebug>
 #include <QDir>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr int bufferBytes = 256 * 1024;
 
-/// FFmpeg keeps a pointer for us; the descriptor is put into it.
-void* asOpaque(int descriptor)
-{
-    return reinterpret_cast<void*>(std::intptr_t(descriptor)); // NOLINT(performance-no-int-to-ptr)
-}
+struct File {
+    Descriptor descriptor;
+    int64_t fragmentStart = 0; // where the last write of a list began
+};
 
-int descriptorOf(void* opaque)
+/// FFmpeg keeps a pointer for us.
+File& fileOf(void* opaque)
 {
-    return int(reinterpret_cast<std::intptr_t>(opaque));
+    return *static_cast<File*>(opaque);
 }
 
 /// All of it or an error.
@@ -56,9 +60,11 @@ bool beginsFragment(const uint8_t* bytes, int size)
 /// The system may stop a write anywhere when the process is killed, and FFmpeg's demuxer refuses a whole file for a
 /// list that is torn. So the list gets its head last: until then zeros stand there, and everybody passes over what
 /// follows.
-int writeHeadLast(int descriptor, const uint8_t* bytes, int size)
+int writeHeadLast(File& file, const uint8_t* bytes, int size)
 {
+    const int descriptor = file.descriptor.number();
     const off_t start = ::lseek(descriptor, 0, SEEK_CUR);
+    file.fragmentStart = std::max<int64_t>(start, 0);
     if (start < 0 || ::lseek(descriptor, start + boxHeadBytes, SEEK_SET) < 0)
         return AVERROR(errno);
     const int status = writeAll(descriptor, bytes + boxHeadBytes, size - boxHeadBytes);
@@ -77,27 +83,29 @@ int writeHeadLast(int descriptor, const uint8_t* bytes, int size)
 template <typename Byte>
 int writeBytes(void* opaque, Byte* bytes, int size)
 {
-    return (beginsFragment(bytes, size) ? writeHeadLast : writeAll)(descriptorOf(opaque), bytes, size);
+    File& file = fileOf(opaque);
+    return beginsFragment(bytes, size) ? writeHeadLast(file, bytes, size)
+                                       : writeAll(file.descriptor.number(), bytes, size);
 }
 
 int64_t seek(void* opaque, int64_t offset, int whence)
 {
+    const int descriptor = fileOf(opaque).descriptor.number();
     if (whence & AVSEEK_SIZE) {
         struct stat status = {};
-        return ::fstat(descriptorOf(opaque), &status) == 0 ? int64_t(status.st_size) : int64_t(AVERROR(errno));
+        return ::fstat(descriptor, &status) == 0 ? int64_t(status.st_size) : int64_t(AVERROR(errno));
     }
-    const off_t place = ::lseek(descriptorOf(opaque), off_t(offset), whence & ~AVSEEK_FORCE);
+    const off_t place = ::lseek(descriptor, off_t(offset), whence & ~AVSEEK_FORCE);
     return place >= 0 ? int64_t(place) : int64_t(AVERROR(errno));
 }
 
-AVIOContext* makeContext(int descriptor)
+AVIOContext* makeContext(File& file)
 {
     auto* const buffer = static_cast<unsigned char*>(av_malloc(bufferBytes));
     if (!buffer)
         return nullptr;
     constexpr int forWriting = 1;
-    AVIOContext* context
-        = avio_alloc_context(buffer, bufferBytes, forWriting, asOpaque(descriptor), nullptr, &writeBytes, &seek);
+    AVIOContext* context = avio_alloc_context(buffer, bufferBytes, forWriting, &file, nullptr, &writeBytes, &seek);
     if (!context) {
         av_free(buffer);
         return nullptr;
@@ -110,26 +118,34 @@ AVIOContext* makeContext(int descriptor)
 
 int outputfile::open(AVFormatContext& container, const QString& path)
 {
-    const privatefile::Opened file = privatefile::openEmpty(QDir::toNativeSeparators(path).toUtf8());
-    if (file.refusal)
-        qWarning() << "Recorder does not write to the file that is there:" << path << file.refusal;
-    Descriptor descriptor(file.descriptor);
+    const privatefile::Opened opened = privatefile::openEmpty(QDir::toNativeSeparators(path).toUtf8());
+    if (opened.refusal)
+        qWarning() << "Recorder does not write to the file that is there:" << path << opened.refusal;
+    Descriptor descriptor(opened.descriptor);
     if (!descriptor.isValid())
-        return AVERROR(file.error);
-    container.pb = makeContext(descriptor.number());
+        return AVERROR(opened.error);
+    std::unique_ptr<File> file(new (std::nothrow) File{std::move(descriptor)});
+    container.pb = file ? makeContext(*file) : nullptr;
     if (!container.pb)
         return AVERROR(ENOMEM);
-    descriptor.release(); // close() finds it in the context
+    [[maybe_unused]] const File* const kept = file.release(); // close() finds it in the context
     container.flags |= AVFMT_FLAG_CUSTOM_IO;
     return 0;
 }
 
+int64_t outputfile::lastFragmentStart(const AVFormatContext& container)
+{
+    return fileOf(container.pb->opaque).fragmentStart;
+}
+
 void outputfile::returnTo(AVFormatContext& container, int64_t place)
 {
+    File& file = fileOf(container.pb->opaque);
+    file.fragmentStart = std::min(file.fragmentStart, place);
     container.pb->error = 0;
     avio_seek(container.pb, place, SEEK_SET);
     // What cannot be cut off is written over, as far as there is something to write.
-    [[maybe_unused]] const int status = ::ftruncate(descriptorOf(container.pb->opaque), off_t(place));
+    [[maybe_unused]] const int status = ::ftruncate(file.descriptor.number(), off_t(place));
 }
 
 void outputfile::close(AVFormatContext& container, bool isTold)
@@ -138,7 +154,8 @@ void outputfile::close(AVFormatContext& container, bool isTold)
         return;
     avio_flush(container.pb);
     // A file of a network, or one that has its quota, may tell here only what it did not take.
-    const int status = ::close(descriptorOf(container.pb->opaque)) == 0 ? 0 : AVERROR(errno);
+    const std::unique_ptr<File> file(&fileOf(container.pb->opaque));
+    const int status = ::close(file->descriptor.release()) == 0 ? 0 : AVERROR(errno);
     av_freep(&container.pb->buffer);
     avio_context_free(&container.pb);
     if (status < 0 && !isTold)

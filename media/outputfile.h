@@ -12,6 +12,10 @@ namespace outputfile {
 /// that is there is not used, the log says why. Worker thread.
 int open(AVFormatContext& container, const QString& path);
 
+/// Where the last fragment of an MP4 begins that the file was given, in bytes; 0 when it had none. Before it all is
+/// whole.
+int64_t lastFragmentStart(const AVFormatContext& container);
+
 /// Goes back to a place, in bytes from the beginning, and cuts off what is behind it. An error of earlier writes is
 /// forgotten.
 void returnTo(AVFormatContext& container, int64_t place);

@@ -22,6 +22,7 @@ int settle(AVFormatContext& container, int status, WrittenBytes& written)
         return status;
     }
     written.someLost = true;
+    written.whole = std::max(written.whole, outputfile::lastFragmentStart(container)); // one call may write several
     outputfile::returnTo(container, written.whole);
     return status < 0 ? status : error;
 }

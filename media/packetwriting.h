@@ -6,7 +6,7 @@
 
 /// What has reached the file.
 struct WrittenBytes {
-    int64_t whole = 0; ///< of the file, up to the end of the last write that succeeded as a whole
+    int64_t whole = 0; ///< of the file, up to the end of what succeeded as a whole: a write, a fragment of an MP4
     int64_t inPackets = 0; ///< that the container has taken without an error
     bool someLost = false; ///< a write has failed since the header
 };
@@ -21,8 +21,8 @@ int beginContainer(AVFormatContext& container, AVDictionary** options, WrittenBy
  * Brings the packet's times from the encoder's time base to the stream's, writes it, and flushes, so that the file on
  * disk stays current while the recording runs. A packet without a duration lasts missingDuration, in the encoder's
  * time base. The packet is empty afterwards. Returns FFmpeg's status; an error is that of this write, and costs what
- * was written by it (of an MP4 a fragment). What follows is written all the same; frames up to the next key frame may
- * have lost what they build upon. Worker thread.
+ * was written by it (of an MP4 the fragment that failed, and what of this write comes behind it). What follows is
+ * written all the same; frames up to the next key frame may have lost what they build upon. Worker thread.
  */
 int writePacket(AVPacket& packet, const AVCodecContext& encoder, AVFormatContext& container, const AVStream& stream,
     int64_t missingDuration, WrittenBytes& written);

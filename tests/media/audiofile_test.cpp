@@ -1,6 +1,7 @@
 // Recordings with audio, decoded again: every encoder, other rates, and files that did not come to their end.
 #include "audioanalysis.h"
 #include "ffmpegfaults.h"
+#include "filesizelimit.h"
 #include "mediafile.h"
 #include "mp4boxes.h"
 #include "recorderwithaudio.h"
@@ -13,7 +14,7 @@
 #include <cmath>
 #include <cstdint>
 #include <numbers>
-#include <unistd.h>
+#include <optional>
 
 using namespace ffmpegfaults;
 
@@ -92,7 +93,7 @@ class WriteWatch {
 public:
     WriteWatch(AVIOContext& file, QList<qint64>& places)
     {
-        watched() = {file.write_packet, &places};
+        watched() = {file.write_packet, file.seek, &places};
         file.write_packet = &note;
     }
 
@@ -100,6 +101,7 @@ private:
     using Write = decltype(AVIOContext::write_packet);
     struct Watched {
         Write write = nullptr;
+        decltype(AVIOContext::seek) seek = nullptr;
         QList<qint64>* places = nullptr;
     };
     static Watched& watched()
@@ -109,10 +111,10 @@ private:
     }
     /// What the bytes are is constant from FFmpeg 7 on.
     template <typename Byte>
-    static int note(void* descriptor, Byte* bytes, int size)
+    static int note(void* file, Byte* bytes, int size)
     {
-        watched().places->append(::lseek(int(reinterpret_cast<std::intptr_t>(descriptor)), 0, SEEK_CUR));
-        return watched().write(descriptor, bytes, size);
+        watched().places->append(watched().seek(file, 0, SEEK_CUR));
+        return watched().write(file, bytes, size);
     }
 };
 
@@ -146,6 +148,7 @@ private Q_SLOTS:
     void cutFilePlaysWithAudio();
     void everyFragmentBeginsAWrite_data();
     void everyFragmentBeginsAWrite();
+    void fullDiskCostsNoFragmentThatWasWritten();
     void fullVolumeIsNotDistorted();
 };
 
@@ -345,6 +348,38 @@ void AudioFileTest::everyFragmentBeginsAWrite()
         QVERIFY2(places.contains(box.offset), qPrintable(QStringLiteral("fragment %1").arg(fragments)));
     }
     QVERIFY(fragments >= frames / 24);
+}
+
+/// Frames waited for audio, and the disk gets full while they are written at once.
+void AudioFileTest::fullDiskCostsNoFragmentThatWasWritten()
+{
+    const auto fragments = [](RecorderWithAudio& recorder) {
+        QList<Mp4Box> boxes = mp4boxes::parseFile(recorder->outputPath());
+        boxes.removeIf([](const Mp4Box& box) { return box.type != "moof"; });
+        return boxes;
+    };
+    const auto record = [](RecorderWithAudio& recorder, const QList<Mp4Box>& whole) {
+        if (!recorder.openAndStart())
+            return false;
+        for (int i = 0; i < 5 * 24; ++i) {
+            if (!recorder->encodeImage(testimages::noise(recorder.canvas(), quint32(i)), i * 41))
+                return false;
+        }
+        std::optional<FileSizeLimit> limit;
+        if (!whole.isEmpty())
+            limit.emplace(rlim_t(whole[60].offset + 1000));
+        return recorder.finishAudio();
+    };
+    RecorderWithAudio unlimited;
+    QVERIFY(record(unlimited, {}));
+    const QList<Mp4Box> whole = fragments(unlimited);
+    QVERIFY(whole.size() > 100); // noise: each image is a key frame, with a fragment of its own
+
+    RecorderWithAudio recorder;
+    QVERIFY(record(recorder, whole));
+    QCOMPARE(recorder.criticals(), QStringList());
+    QCOMPARE(fragments(recorder).size(), 60);
+    QCOMPARE(MediaFile(recorder->outputPath()).frames().size(), 60);
 }
 
 /// A square wave of full scale overshoots in the encoder, which takes it back a little; it does not wrap around.
