@@ -36,11 +36,11 @@ qint64 WallClock::correctionFor(qint64 timestampMs, qint64 elapsedMs) const
     };
     if (!canBeOf(*startedAtMs_ - jump_->byMs))
         return 0;
-    // Both times may fit a small jump. No click of the new time is older than the jump, none of the old one is
-    // younger.
-    const qint64 oldTimeOfJumpMs = jump_->noticedAtMs - jump_->byMs;
-    if (std::abs(jump_->byMs) <= latestClickMs && timestampMs > oldTimeOfJumpMs)
+    // A late click of a clock that was set forward by little may fit the old time, too, for ever. None of the new
+    // time is older than the jump. One that was set back cannot be mistaken: in the old time it would be later still.
+    const bool wasSetForward = jump_->byMs > 0;
+    const bool isBeforeJump = timestampMs <= jump_->noticedAtMs - jump_->byMs;
+    if (wasSetForward && !isBeforeJump && jump_->byMs <= latestClickMs)
         return 0;
-    const bool isBeforeJump = jump_->byMs > 0 && timestampMs <= oldTimeOfJumpMs;
-    return isBeforeJump || !canBeOf(*startedAtMs_) ? -jump_->byMs : 0;
+    return (wasSetForward && isBeforeJump) || !canBeOf(*startedAtMs_) ? -jump_->byMs : 0;
 }

@@ -22,8 +22,8 @@ public:
     /// By how many milliseconds it was set since the last look; 0 when it was not, and before start().
     qint64 follow(const QElapsedTimer& recordingClock);
     /// What has to be added to the present start of the recording for a click of this time, that arrives when so much
-    /// is recorded: not 0 only when it was stamped before the last jump, or, where that was larger than a click is
-    /// late, by a launcher that goes on in the time before it.
+    /// is recorded: not 0 only when it was stamped before the last jump, or by a launcher that goes on in the time
+    /// before it. After a small jump forward such a launcher cannot be told from one whose clicks are late.
     qint64 correctionFor(qint64 timestampMs, qint64 elapsedMs) const;
 
 private:

@@ -33,6 +33,7 @@ private Q_SLOTS:
     void clockThatIsSetMovesNoClick_data();
     void clockThatIsSetMovesNoClick();
     void clockThatWasSetLongAgoMovesNoClick();
+    void clockThatWasSetBackMovesNoClick();
     void clockThatDriftsIsFollowed();
     void clicksOfOneTimeGetFollowingKeys();
     void clicksBeforeTheStartGetFollowingKeys();
@@ -169,6 +170,22 @@ void ClickMapTest::clockThatWasSetLongAgoMovesNoClick()
     const qint64 elapsedMs = 600000;
     QCOMPARE(clock.correctionFor(startedAtMs + byMs + elapsedMs - 6000, elapsedMs), 0);
     QCOMPARE(clock.correctionFor(startedAtMs, 20), -byMs); // stamped before
+}
+
+/// By a launcher whose time does not follow: a browser adds what has passed to the time of its start.
+void ClickMapTest::clockThatWasSetBackMovesNoClick()
+{
+    constexpr qint64 startedAtMs = 1700000000000;
+    constexpr qint64 byMs = -2000;
+    WallClock clock;
+    QElapsedTimer recordingClock;
+    recordingClock.start();
+    clock.start(startedAtMs);
+    clock.now = [&] { return startedAtMs + byMs + recordingClock.elapsed(); };
+    QCOMPARE(clock.follow(recordingClock), byMs);
+    constexpr qint64 elapsedMs = 60000;
+    QCOMPARE(clock.correctionFor(startedAtMs + elapsedMs - 20, elapsedMs), -byMs);
+    QCOMPARE(clock.correctionFor(startedAtMs + byMs + elapsedMs - 20, elapsedMs), 0); // in the new time
 }
 
 /// In steps that are too small to be corrected each.
