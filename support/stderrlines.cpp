@@ -20,7 +20,8 @@ constexpr int errorOutput = STDERR_FILENO;
 
 struct Output {
     std::mutex mutex;
-    QByteArray rest; // of a line whose beginning was taken
+    QByteArray rest; // a line whose beginning was taken
+    qsizetype restTaken = 0; // bytes of it; removing them might need memory
     quint64 dropped = 0; // lines since the last report
 };
 
@@ -55,10 +56,9 @@ ssize_t writeOnce(const char* bytes, std::size_t size)
     return ::write(errorOutput, bytes, std::min<std::size_t>(size, PIPE_BUF));
 }
 
-/// How many bytes of the text are taken.
-qsizetype writeAtOnce(const QByteArray& text)
+/// From this byte of the text on. Up to which one it is taken.
+qsizetype writeAtOnce(const QByteArray& text, qsizetype written)
 {
-    qsizetype written = 0;
     while (written < text.size()) {
         const ssize_t size = writeOnce(text.constData() + written, std::size_t(text.size() - written));
         if (size > 0)
@@ -72,10 +72,14 @@ qsizetype writeAtOnce(const QByteArray& text)
 /// Behind the rest of the one before. False when nothing is taken of it, or when it has to end after its beginning.
 bool writeNext(Output& to, const QByteArray& text)
 {
-    to.rest.remove(0, writeAtOnce(to.rest));
-    const qsizetype written = to.rest.isEmpty() ? writeAtOnce(text) : 0;
-    if (written == 0)
+    to.restTaken = writeAtOnce(to.rest, to.restTaken);
+    if (to.restTaken < to.rest.size())
         return false;
+    to.rest = QByteArray();
+    to.restTaken = 0;
+    const qsizetype written = writeAtOnce(text, 0);
+    if (written == 0 || written == text.size())
+        return written > 0;
     try {
         to.rest = text.mid(written);
         return true;

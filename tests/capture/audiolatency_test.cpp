@@ -341,7 +341,10 @@ void AudioLatencyTest::eachSinkHasItsLatency()
     }
     QTest::qWait(300);
     QVERIFY2(first.latencies() == toldFirst, text(first.latencies()));
-    QVERIFY2(second.latencies().size() == toldSecond.size() + 1, text(second.latencies()));
+    // Until the recorder has followed the sink, the server may tell the middle of both.
+    std::vector<int> change = second.latencies();
+    change.erase(change.begin(), change.begin() + std::ptrdiff_t(toldSecond.size()));
+    QVERIFY2((change == std::vector{400} || change == std::vector{300, 400}), text(second.latencies()));
 }
 
 /// A player to another sink takes another stream of the recorder's.

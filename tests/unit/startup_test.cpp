@@ -236,7 +236,8 @@ void StartupTest::stampsOfOneMillisecondDiffer()
         const QString second = TimeStamp::RawUTC();
         return first != second && first.chopped(threeDigitsAndZ) == second.chopped(threeDigitsAndZ);
     };
-    QTRY_VERIFY(differ());
+    bool found = false; // a millisecond may end between the two
+    QTRY_VERIFY(found = found || differ());
 }
 
 void StartupTest::logPath_data()
