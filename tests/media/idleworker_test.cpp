@@ -9,10 +9,14 @@
 #include "testregistry.h"
 
 #include <QTest>
-#include <QThread>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <thread>
+#include <utility>
+
+using namespace std::chrono_literals;
 
 class IdleWorkerTest : public QObject {
     Q_OBJECT
@@ -33,14 +37,20 @@ void IdleWorkerTest::sleepsBesideAFrameThatIsPrepared()
     ffmpegfaults::reset();
     std::atomic<int> images{0};
     std::atomic<int> turns{0};
+    std::atomic<std::chrono::steady_clock::time_point> lastImage{};
     fakeplatform::state().image = [&](int number) {
         ++images;
+        lastImage = std::chrono::steady_clock::now();
         return fakeplatform::solidImage(160, 96, qRgb(number % 256, 120, 150));
     };
     fakeplatform::audio().lookup = fakeplatform::contentOf({});
     fakeplatform::audio().deliverUntil = [&](qint64) { ++turns; };
     ffmpegfaults::surroundings().processors = 2; // the encoder has a thread of its own
-    ffmpegfaults::surroundings().atSendFrame = [] { QThread::msleep(35); };
+    // Until shortly before the next image is due, 41 ms after this one. The first time one image longer, so that from
+    // then on there is always a frame behind the encoder's.
+    ffmpegfaults::surroundings().atSendFrame = [&, isFirst = true]() mutable {
+        std::this_thread::sleep_until(lastImage.load() + (std::exchange(isFirst, false) ? 78ms : 37ms));
+    };
     LauncherServer launcher;
     const auto recorder = std::make_unique<GstRecorder>(QStringLiteral("qt-window-capture"),
         directory.filePath(QStringLiteral("out.mp4")), QStringLiteral("42"), 0, 0, 160, 96, 1.0, QString(), nullptr);
