@@ -10,5 +10,5 @@ enum class ExitCode {
     NoDuration = 6, ///< the recorder never confirmed the end of the recording
     BadEnd = 7, ///< confirmed, but there is no file or the recorder's exit code is not 0
     NotAsAsked = 8, ///< recorded, but Outcome::warnings has something
-    Killed = 130, ///< SignalNotifier::insisted(), or interrupted in the countdown, or while --select waits
+    Killed = 130, ///< SignalNotifier::insisted(), or interrupted in the countdown
 };

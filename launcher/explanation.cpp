@@ -39,8 +39,8 @@ constexpr const char* noAudio
       "Start it (on Linux PipeWire), or record with --audio none";
 constexpr const char* noAudioEncoder
     = "there is no audio: FFmpeg cannot encode it; install FFmpeg with its encoders, or record with --audio none";
-constexpr const char* noApplication = "the process whose audio was wanted is not there, or is another user's; check "
-                                      "its number, or take --audio system";
+constexpr const char* noApplication = "the process whose audio was wanted is not there, is another user's, or, on a "
+                                      "Mac, is no application; check its number, or take --audio system";
 constexpr const char* audioHoles = "parts of the audio are missing in the file; where they are missing it is silent";
 constexpr const char* fallback
     = "FFmpeg has no usable encoder for MP4; the recording is lossless, large, and ends in .mkv";
