@@ -83,7 +83,7 @@ def kill_one(stage, number, instant):
         file, torn, lost = recorder.file(), False, None
         whole, has_header = brokenfile.whole(file) if file else (0, False)
         if not has_header:
-            wrong = "no file with a header" if recorded > MOST_LOST_S else None
+            wrong = f"no file with a header after {recorded:.2f} s" if recorded > MOST_LOST_S else None
         elif (file.suffix == ".mkv") != lossless:
             wrong = f"{file.name} is not the container that was to be tried"
         else:
