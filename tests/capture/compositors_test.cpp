@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr int limitMs = 20'000; // against hanging
+constexpr int limitMs = 60'000; // against hanging
 using Kind = WaylandDesktop::Kind;
 
 /// As waylandwindow draws it.

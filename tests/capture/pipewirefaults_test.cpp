@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int limitMs = 20'000; // against hanging
+constexpr int limitMs = 60'000; // against hanging
 const QSize size(64, 48);
 const auto cannotBeReached = QStringLiteral("\"PipeWire cannot be reached: Cannot allocate memory\"");
 

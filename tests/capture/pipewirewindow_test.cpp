@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr int limitMs = 20'000; // against hanging
+constexpr int limitMs = 60'000; // against hanging; a busy machine took 24 s to show a still node
 const QSize size(64, 48);
 
 /// Different in every pixel; opaque.
