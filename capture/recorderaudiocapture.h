@@ -50,8 +50,8 @@ public:
     /// instant when there is more, for which it is called again once what is queued was taken.
     qint64 deliverUntil(qint64 monotonicMs, bool last = false);
     /// The same by a clock of the caller's, always the same one, which runs: the instant, and what is returned, are
-    /// what it shows. Its start is looked up on the monotonic clock with the first call after a start, as it may go
-    /// by another one (Qt's does, before 6.6 on macOS).
+    /// what it shows. It may go by another clock than the monotonic one, and stand still while the system sleeps
+    /// (Qt's does, before 6.6 on macOS): so its start is looked up there with each call.
     qint64 deliverUntil(const QElapsedTimer& clock, qint64 elapsedMs, bool last = false);
     /// Takes every queued chunk, in the order of arrival.
     QList<Chunk> readAvailable();

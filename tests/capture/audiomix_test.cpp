@@ -1,7 +1,7 @@
 // The audio of several streams as one.
 #include "audiomix.h"
 
-#include "refusedallocation.h"
+#include "allocationfaults.h"
 #include "testregistry.h"
 
 #include <QTest>
@@ -209,8 +209,8 @@ void AudioMixTest::audioOnBothSidesOfAnAbsence()
 void AudioMixTest::turnWithoutMemoryIsTheOnlyLoss_data()
 {
     QTest::addColumn<int>("stream");
-    QTest::newRow("the first stream has none") << 1;
-    QTest::newRow("the second stream has none") << 2;
+    QTest::newRow("the first stream has none") << 0;
+    QTest::newRow("the second stream has none") << 1;
 }
 
 /// After a long absence.
@@ -221,7 +221,7 @@ void AudioMixTest::turnWithoutMemoryIsTheOnlyLoss()
     AudioMix mix(0);
     mix.start(startMs);
     {
-        const RefusedAllocation refused(1 << 20, stream); // each takes 3.84 MB in ten seconds
+        const allocationfaults::RefusedOnce refused(stream, 1 << 20); // each takes 3.84 MB in ten seconds
         QVERIFY_THROWS_EXCEPTION(std::bad_alloc, mix.deliver(queues, startMs + 25'000, false));
     }
     QCOMPARE(mix.deliveredMs(), startMs + 10'000);

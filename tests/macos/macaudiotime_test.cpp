@@ -1,7 +1,7 @@
 // Audio that the system delivers when it likes, on the recording clock: a steady tone stays one.
+#include "allocationfaults.h"
 #include "macaudio.h"
 #include "memorylimit.h"
-#include "refusedallocation.h"
 #include "simulatedaudio.h"
 #include "testregistry.h"
 
@@ -212,9 +212,9 @@ void MacAudioTimeTest::turnWithoutMemoryIsTheOnlyLoss()
             QVERIFY(macsim::deliver(audio));
         }
         try {
-            const RefusedAllocation refused(1 << 20, refusals + 1);
+            const allocationfaults::RefusedOnce refused(refusals, 1 << 20);
             capture.deliverUntil(startMs + 25000, true);
-            isRefused = RefusedAllocation::happened();
+            isRefused = refused.happened();
         } catch (const std::bad_alloc&) {
         }
         capture.readAvailable();

@@ -625,6 +625,21 @@ void RecorderAudioCaptureTest::clockThatStoodStillIsFoundAgain()
     QCOMPARE(start(1000, 1020), 1000);
     QCOMPARE(start(1000, 980), 1000);
     QCOMPARE(start(1000, 6000), 6000);
+
+    std::vector<qint64> asked;
+    audio().deliverUntil = [&asked](qint64 monotonicMs) { asked.push_back(monotonicMs); };
+    const auto capture = displayCapture();
+    QVERIFY(capture->start());
+    QElapsedTimer clock;
+    clock.start();
+    QElapsedTimer thatStoodStill;
+    thatStoodStill.start();
+    while (clock.elapsed() < 50)
+        thatStoodStill.start();
+    capture->deliverUntil(clock, 100, false);
+    capture->deliverUntil(thatStoodStill, 100, false);
+    QCOMPARE(asked.size(), std::size_t(2));
+    QVERIFY(asked[1] - asked[0] >= 40);
 }
 
 void RecorderAudioCaptureTest::nullPrivateObject()

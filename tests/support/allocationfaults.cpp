@@ -11,6 +11,7 @@ std::atomic<std::size_t> refusedBytes{0};
 std::atomic<std::thread::id> spared;
 std::atomic<int> refusals{0};
 thread_local int allocationsLeft = -1; // before the one that is refused; below 0: none is
+thread_local std::size_t leastRefusedBytes = 0;
 
 }
 
@@ -31,14 +32,20 @@ int Refusal::count() const
     return refusals;
 }
 
-RefusedOnce::RefusedOnce(int nth)
+RefusedOnce::RefusedOnce(int nth, std::size_t leastBytes)
 {
+    leastRefusedBytes = leastBytes;
     allocationsLeft = nth;
 }
 
 RefusedOnce::~RefusedOnce()
 {
     allocationsLeft = -1;
+}
+
+bool RefusedOnce::happened() const
+{
+    return allocationsLeft < 0;
 }
 
 }
@@ -54,7 +61,7 @@ void* __wrap__Znwm(std::size_t bytes)
         ++refusals;
         throw std::bad_alloc();
     }
-    if (allocationsLeft >= 0 && allocationsLeft-- == 0)
+    if (allocationsLeft >= 0 && bytes >= leastRefusedBytes && allocationsLeft-- == 0)
         throw std::bad_alloc();
     return __real__Znwm(bytes);
 }

@@ -19,14 +19,17 @@ public:
     int count() const;
 };
 
-/// While it lives, one operator new of the thread that made it throws: the nth from then on, 0 is the next; below 0
-/// none does. One a thread at a time.
+/// While it lives, one operator new of the thread that made it throws: the nth from then on of at least so many
+/// bytes, 0 is the next; below 0 none does. One a thread at a time.
 class RefusedOnce {
 public:
-    explicit RefusedOnce(int nth);
+    explicit RefusedOnce(int nth, std::size_t leastBytes = 0);
     ~RefusedOnce();
     RefusedOnce(const RefusedOnce&) = delete;
     RefusedOnce& operator=(const RefusedOnce&) = delete;
+
+    /// It threw.
+    bool happened() const;
 };
 
 }
